@@ -1,0 +1,8 @@
+find_package(Threads REQUIRED)
+find_package(PkgConfig REQUIRED)
+find_package(CURL 7.80 REQUIRED)
+find_package(OpenSSL 3.0 REQUIRED)
+find_package(ICU REQUIRED COMPONENTS i18n uc)
+find_package(fmt 9 REQUIRED)
+find_package(nlohmann_json 3.11 REQUIRED)
+pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)

@@ -1,0 +1,211 @@
+#include "foundation/DispatchQueue.h"
+
+#include "foundation/Mutex.h"
+
+#include <atomic>
+#include <deque>
+#include <exception>
+#include <stdexcept>
+#include <thread>
+
+namespace sentrova {
+
+// The queue hands itself from one holder to the next: the thread that calls `sync`, or its own worker. Whoever holds
+// it runs exactly the block at the head, then passes it on.
+class DispatchQueue::State : public std::enable_shared_from_this<State> {
+  public:
+    explicit State(std::string label) : label_(std::move(label)) {}
+
+    const std::string& label() const { return label_; }
+
+    bool isCurrent() const { return holder_.load(std::memory_order_relaxed) == std::this_thread::get_id(); }
+
+    void async(Block block) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        if (closed_) {
+            return;
+        }
+        waiting_.push_back({std::move(block), nullptr});
+        if (!held_) {
+            passOnLocked();
+        }
+    }
+
+    void sync(const Block& block) EXCLUDES(mutex_) {
+        if (isCurrent()) {
+            throw std::logic_error("sync on the queue \"" + label_ + "\" from one of its own blocks");
+        }
+        MutexLock lock(mutex_);
+        if (held_ || !waiting_.empty()) {
+            Turn turn;
+            waiting_.push_back({nullptr, &turn});
+            while (!turn.come) {
+                turn.changed.wait(lock);
+            }
+        }
+        held_ = true;
+        holder_ = std::this_thread::get_id();
+        lock.unlock();
+
+        std::exception_ptr thrown;
+        try {
+            block();
+        } catch (...) {
+            thrown = std::current_exception();
+        }
+
+        lock.lock();
+        holder_ = std::thread::id();
+        held_ = false;
+        passOnLocked();
+        lock.unlock();
+        if (thrown) {
+            std::rethrow_exception(thrown);
+        }
+    }
+
+    void close() EXCLUDES(mutex_) {
+        std::deque<Item> dropped;
+        std::thread worker;
+        {
+            MutexLock lock(mutex_);
+            closed_ = true;
+            dropped.swap(waiting_);
+            worker = std::move(worker_);
+            workerChanged_.notifyAll();
+        }
+        if (worker.joinable()) {
+            if (worker.get_id() == std::this_thread::get_id()) {
+                // The queue goes with the last block that held it; its thread ends after that block.
+                worker.detach();
+            } else {
+                worker.join();
+            }
+        }
+    }
+
+  private:
+    struct Turn {
+        Condition changed;
+        bool come = false;
+    };
+
+    // Either a block for the worker or the turn of a thread that waits in `sync`.
+    struct Item {
+        Block block;
+        Turn* turn;
+    };
+
+    void passOnLocked() REQUIRES(mutex_) {
+        if (waiting_.empty()) {
+            return;
+        }
+        held_ = true;
+        if (auto* turn = waiting_.front().turn) {
+            waiting_.pop_front();
+            turn->come = true;
+            turn->changed.notifyOne();
+            return;
+        }
+        workerCalled_ = true;
+        if (!workerStarted_) {
+            workerStarted_ = true;
+            worker_ = std::thread([self = shared_from_this()] { self->work(); });
+        }
+        workerChanged_.notifyOne();
+    }
+
+    void work() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        for (;;) {
+            while (!workerCalled_ && !closed_) {
+                workerChanged_.wait(lock);
+            }
+            if (closed_) {
+                return;
+            }
+            workerCalled_ = false;
+            Block block = std::move(waiting_.front().block);
+            waiting_.pop_front();
+            holder_ = std::this_thread::get_id();
+            lock.unlock();
+
+            runGuarded(label_, block);
+            // Before the queue is passed on: what the block captured belongs to its turn.
+            block = nullptr;
+
+            lock.lock();
+            holder_ = std::thread::id();
+            held_ = false;
+            passOnLocked();
+        }
+    }
+
+    const std::string label_;
+    std::atomic<std::thread::id> holder_{};
+
+    Mutex mutex_;
+    std::deque<Item> waiting_ GUARDED_BY(mutex_);
+    bool held_ GUARDED_BY(mutex_) = false;
+    bool closed_ GUARDED_BY(mutex_) = false;
+    bool workerCalled_ GUARDED_BY(mutex_) = false;
+    bool workerStarted_ GUARDED_BY(mutex_) = false;
+    Condition workerChanged_;
+    std::thread worker_ GUARDED_BY(mutex_);
+};
+
+namespace {
+std::atomic<DispatchQueue::ExceptionHandler> exceptionHandler{nullptr};
+}  // namespace
+
+DispatchQueue::DispatchQueue(std::string label) : state_(std::make_shared<State>(std::move(label))) {}
+
+DispatchQueue::~DispatchQueue() {
+    state_->close();
+}
+
+const std::string& DispatchQueue::label() const {
+    return state_->label();
+}
+
+void DispatchQueue::async(Block block) {
+    state_->async(std::move(block));
+}
+
+void DispatchQueue::sync(const Block& block) {
+    state_->sync(block);
+}
+
+void DispatchQueue::after(Clock::Duration delay, Block block) {
+    Clock::shared().after(delay, [weak = std::weak_ptr(state_), block = std::move(block)]() mutable {
+        if (const auto state = weak.lock()) {
+            state->async(std::move(block));
+        }
+    });
+}
+
+bool DispatchQueue::isCurrent() const {
+    return state_->isCurrent();
+}
+
+void DispatchQueue::setExceptionHandler(ExceptionHandler handler) {
+    exceptionHandler = handler;
+}
+
+void DispatchQueue::reportException(std::string_view where, std::string_view what) {
+    if (auto* const handler = exceptionHandler.load()) {
+        handler(where, what);
+    }
+}
+
+void runGuarded(std::string_view where, const std::function<void()>& function) {
+    try {
+        function();
+    } catch (const std::exception& exception) {
+        DispatchQueue::reportException(where, exception.what());
+    } catch (...) {
+        DispatchQueue::reportException(where, "an exception without a text");
+    }
+}
+
+}  // namespace sentrova

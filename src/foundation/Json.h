@@ -1,0 +1,38 @@
+// JSON texts (RFC 8259) from and into values.
+//
+// Safe from any thread.
+
+#pragma once
+
+#include "foundation/Result.h"
+#include "foundation/Value.h"
+
+#include <cstddef>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace sentrova {
+
+class Json {
+  public:
+    // What a text may be at the most before it is refused: texts come from the network.
+    struct Limits {
+        std::size_t bytes = 16 * 1024 * 1024;
+        std::size_t depth = 128;
+    };
+
+    // The value of the text: UTF-8, a dictionary or array outermost. An integer beyond 64 bits becomes a real. Of equal
+    // keys the last one counts. Fails, with the reason, on anything else.
+    static Result<Value> parse(std::string_view text, const Limits& limits);
+    static Result<Value> parse(std::string_view text) { return parse(text, Limits()); }
+
+    // Whether the value can be written: a dictionary or array outermost, and below it no dates, no data, no infinite
+    // numbers, no text that is not UTF-8.
+    static bool isValidObject(const Value& value);
+
+    // The value as compact JSON; fails, naming the culprit, on what isValidObject refuses.
+    static Result<std::string> write(const Value& value);
+};
+
+}  // namespace sentrova

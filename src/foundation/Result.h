@@ -1,0 +1,53 @@
+// A value, or the error that there is instead of it.
+
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <variant>
+
+namespace sentrova {
+
+// What went wrong: the domain says whose code it is, the description is for the log.
+struct Error {
+    std::string domain;
+    std::int64_t code = 0;
+    std::string description;
+
+    friend bool operator==(const Error&, const Error&) = default;
+};
+
+// The domain of error numbers of the host's C library (errno).
+inline constexpr const char* kPosixErrorDomain = "NSPOSIXErrorDomain";
+
+// The error for an errno value, described in the host's words.
+Error posixError(int number);
+
+template <class T>
+class [[nodiscard]] Result {
+  public:
+    Result(T value) : content_(std::in_place_index<0>, std::move(value)) {}      // NOLINT(google-explicit-constructor)
+    Result(Error error) : content_(std::in_place_index<1>, std::move(error)) {}  // NOLINT(google-explicit-constructor)
+
+    explicit operator bool() const { return content_.index() == 0; }
+
+    // Only for a result that holds a value.
+    const T& operator*() const& { return std::get<0>(content_); }
+    T& operator*() & { return std::get<0>(content_); }
+    T&& operator*() && { return std::get<0>(std::move(content_)); }
+    const T* operator->() const { return &std::get<0>(content_); }
+    T* operator->() { return &std::get<0>(content_); }
+
+    // Only for a result that holds none.
+    const Error& error() const { return std::get<1>(content_); }
+
+    // The value, without the reason where there is none.
+    std::optional<T> optional() && { return *this ? std::optional<T>(std::get<0>(std::move(content_))) : std::nullopt; }
+
+  private:
+    std::variant<T, Error> content_;
+};
+
+}  // namespace sentrova

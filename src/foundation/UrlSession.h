@@ -1,0 +1,82 @@
+// HTTP requests, asynchronously. The interface of the process's session, so that tests can put another in its place.
+
+#pragma once
+
+#include "foundation/Result.h"
+#include "foundation/Value.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace sentrova {
+
+struct UrlRequest {
+    std::string url;
+    std::string method = "GET";
+    // In the order in which they were set; a name that is set again keeps its place.
+    std::vector<std::pair<std::string, std::string>> headers;
+    // How long the exchange may make no progress.
+    std::chrono::seconds timeout{60};
+
+    void setHeader(const std::string& name, const std::string& value);
+};
+
+struct UrlResponse {
+    std::int64_t statusCode = 0;
+};
+
+inline constexpr const char* kUrlErrorDomain = "NSURLErrorDomain";
+
+// The platform's codes within kUrlErrorDomain.
+enum class UrlErrorCode : std::int64_t {
+    badUrl = -1000,
+    timedOut = -1001,
+    cannotFindHost = -1003,
+    cannotConnectToHost = -1004,
+    dataLengthExceedsMaximum = -1103,
+    networkConnectionLost = -1005,
+    badServerResponse = -1011,
+    secureConnectionFailed = -1200,
+    unknown = -1,
+};
+
+// A question of the server's that the session's owner answers.
+struct UrlAuthenticationChallenge {
+    enum class Method { serverTrust, clientCertificate, httpBasic, httpDigest, ntlm, negotiate, other };
+    Method method = Method::other;
+    std::string host;
+};
+
+enum class UrlChallengeDisposition { useCredential };
+
+class UrlSessionDelegate {
+  public:
+    using ChallengeCompletion = std::function<void(UrlChallengeDisposition)>;
+
+    virtual ~UrlSessionDelegate() = default;
+
+    // Called on the network thread. Not calling the completion leaves the request to its time-out.
+    virtual void didReceiveChallenge(const UrlAuthenticationChallenge& challenge,
+                                     const ChallengeCompletion& completionHandler) = 0;
+};
+
+class UrlSession {
+  public:
+    // What came of a request: an answer with its body, or an error and neither. Called once, on the session's delegate
+    // queue, one completion after another.
+    using Completion = std::function<void(const std::optional<Data>& data, const std::optional<UrlResponse>& response,
+                                          const std::optional<Error>& error)>;
+
+    virtual ~UrlSession() = default;
+
+    // Starts sending the body with the request. Returns at once, also when the request cannot be sent: that, too, is
+    // told to the completion. A redirect is an answer like any other; it is not followed.
+    virtual void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) = 0;
+};
+
+}  // namespace sentrova
