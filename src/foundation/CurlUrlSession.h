@@ -11,10 +11,23 @@
 
 namespace sentrova {
 
-// One thread drives all sockets. Connections are kept alive and reused, with at most six to a host; further requests
-// wait for one of them in the order in which they came. An answer longer than maximumAnswer fails with
-// dataLengthExceedsMaximum. A request that makes no progress for its time-out fails with timedOut, and so does one that
-// is not complete after the total time; both are measured by Clock::shared().
+// One thread drives all sockets and sleeps while there is nothing to do. Requests go straight to their server over
+// HTTP/1.1, whatever the environment says about proxies; cookies are not kept. Connections are kept alive and reused,
+// with at most six to a scheme, host and port; further requests wait for one of them in the order in which they came.
+// How many wait is the callers' business.
+//
+// A request times out when its exchange has made no progress (connected, sent or received anything) for its time-out,
+// or is not complete after the total time; both are measured by Clock::shared(), from the moment at which the request's
+// turn has come. An answer longer than maximumAnswer fails with dataLengthExceedsMaximum, one that is cut short with
+// networkConnectionLost.
+//
+// A request that went out on a kept-alive connection which the server had closed meanwhile is sent once more on
+// another, for there is no telling that case from a server that read it and closed. So a server may see a request
+// twice; a second loss is reported.
+//
+// The server's certificate is put to the delegate and nobody else; so is a demand for a client certificate, and an
+// answer 401 or 407 that offers a way to authenticate. A request whose challenge is not answered waits for its
+// time-out, without its connection; the answer may still come within that time.
 class CurlUrlSession final : public UrlSession {
   public:
     struct Configuration {
@@ -27,7 +40,8 @@ class CurlUrlSession final : public UrlSession {
     CurlUrlSession(std::shared_ptr<UrlSessionDelegate> delegate, const Configuration& configuration);
     explicit CurlUrlSession(std::shared_ptr<UrlSessionDelegate> delegate)
         : CurlUrlSession(std::move(delegate), Configuration()) {}
-    // Abandons the requests under way; their completions are not called.
+    // Abandons the requests under way and those that wait; their completions are not called. Not from the delegate's
+    // function.
     ~CurlUrlSession() override;
 
     void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override;

@@ -1,6 +1,7 @@
 // Dates as text, in Unicode date patterns ("yyyy-MM-dd HH:mm:ss Z"), in the device's time zone.
 //
-// Safe from any thread. A change of the device's time zone is noticed within a second.
+// Patterns give the same text in every locale: English names, the Gregorian calendar, the digits 0 to 9. Parts of a
+// millisecond are cut off. Safe from any thread. A change of the device's time zone is noticed within a second.
 
 #pragma once
 
@@ -14,9 +15,11 @@ namespace sentrova {
 
 class DateFormat {
   public:
+    // Empty when the pattern is none.
     static std::string format(std::string_view pattern, Date date);
 
-    // Nothing when the text does not follow the pattern.
+    // Nothing when the text does not follow the pattern from its first to its last character, or names no real date.
+    // What the pattern leaves out is that of 1 January 2000, 00:00.
     static std::optional<Date> parse(std::string_view pattern, std::string_view text);
 
     // Date and time in their long styles, for people: "15 November 2026 at 15:58:40 UTC" in the locale's form.

@@ -8,7 +8,6 @@
 #include "foundation/Value.h"
 
 #include <cstddef>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -28,7 +27,7 @@ class Json {
     static Result<Value> parse(std::string_view text) { return parse(text, Limits()); }
 
     // Whether the value can be written: a dictionary or array outermost, and below it no dates, no data, no infinite
-    // numbers, no text that is not UTF-8.
+    // numbers, no text that is not UTF-8, no nesting beyond what parse accepts.
     static bool isValidObject(const Value& value);
 
     // The value as compact JSON; fails, naming the culprit, on what isValidObject refuses.

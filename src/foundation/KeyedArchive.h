@@ -18,7 +18,7 @@ class KeyedArchive {
   public:
     using Content = std::map<std::int64_t, Dictionary>;
 
-    // The entries may hold strings, numbers and booleans; anything else fails, naming it.
+    // The entries may hold strings, numbers and booleans; anything else, and text that is not UTF-8, fails, naming it.
     static Result<Data> archive(const Content& content);
 
     // Fails with the reason on anything but the archive of a dictionary (mutable or not) from whole numbers to

@@ -22,6 +22,9 @@ struct Error {
 // The domain of error numbers of the host's C library (errno).
 inline constexpr const char* kPosixErrorDomain = "NSPOSIXErrorDomain";
 
+// The domain of the platform's own data formats: property lists, JSON and archives.
+inline constexpr const char* kCocoaErrorDomain = "NSCocoaErrorDomain";
+
 // The error for an errno value, described in the host's words.
 Error posixError(int number);
 

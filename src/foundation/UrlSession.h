@@ -18,7 +18,8 @@ namespace sentrova {
 struct UrlRequest {
     std::string url;
     std::string method = "GET";
-    // In the order in which they were set; a name that is set again keeps its place.
+    // In the order in which they were set; a name that is set again keeps its place. The "Content-Length" sent is the
+    // body's true length in every case.
     std::vector<std::pair<std::string, std::string>> headers;
     // How long the exchange may make no progress.
     std::chrono::seconds timeout{60};
@@ -36,6 +37,7 @@ inline constexpr const char* kUrlErrorDomain = "NSURLErrorDomain";
 enum class UrlErrorCode : std::int64_t {
     badUrl = -1000,
     timedOut = -1001,
+    unsupportedUrl = -1002,
     cannotFindHost = -1003,
     cannotConnectToHost = -1004,
     dataLengthExceedsMaximum = -1103,
@@ -44,6 +46,9 @@ enum class UrlErrorCode : std::int64_t {
     secureConnectionFailed = -1200,
     unknown = -1,
 };
+
+// The error of that code, described in a sentence for people.
+Error urlError(UrlErrorCode code);
 
 // A question of the server's that the session's owner answers.
 struct UrlAuthenticationChallenge {
@@ -60,7 +65,8 @@ class UrlSessionDelegate {
 
     virtual ~UrlSessionDelegate() = default;
 
-    // Called on the network thread. Not calling the completion leaves the request to its time-out.
+    // Called on the network thread, at most once for each method of a request; must not block. The completion may be
+    // called at once or later, from any thread. Not calling it leaves the request to its time-out.
     virtual void didReceiveChallenge(const UrlAuthenticationChallenge& challenge,
                                      const ChallengeCompletion& completionHandler) = 0;
 };

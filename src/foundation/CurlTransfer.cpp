@@ -1,0 +1,345 @@
+#include "foundation/CurlTransfer.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <stdexcept>
+#include <string_view>
+
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
+namespace sentrova {
+
+namespace {
+
+// The library sends a request again by itself when the kept-alive connection that it went out on turns out to have been
+// closed by the server. The server may all the same have read it, so that is done once and not more often.
+constexpr int kMostSendings = 2;
+
+std::uint64_t nextId() {
+    static std::atomic<std::uint64_t> last{0};
+    return ++last;
+}
+
+CurlTransfer& transferOf(void* self) {
+    return *static_cast<CurlTransfer*>(self);
+}
+
+bool isToken(std::string_view text) {
+    constexpr std::string_view kMarks = "!#$%&'*+-.^_`|~";
+    return !text.empty() && std::ranges::all_of(text, [&](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               kMarks.find(c) != std::string_view::npos;
+    });
+}
+
+bool fitsOnALine(std::string_view text) {
+    return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+bool isSendable(const UrlRequest& request) {
+    return isToken(request.method) && std::ranges::all_of(request.headers, [](const auto& header) {
+               return isToken(header.first) && fitsOnALine(header.second);
+           });
+}
+
+UrlErrorCode errorCodeFor(CURLcode code) {
+    switch (code) {
+        case CURLE_URL_MALFORMAT:
+            return UrlErrorCode::badUrl;
+        case CURLE_COULDNT_RESOLVE_HOST:
+            return UrlErrorCode::cannotFindHost;
+        case CURLE_COULDNT_CONNECT:
+            return UrlErrorCode::cannotConnectToHost;
+        case CURLE_OPERATION_TIMEDOUT:
+            return UrlErrorCode::timedOut;
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+            return UrlErrorCode::networkConnectionLost;
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+        case CURLE_SSL_SHUTDOWN_FAILED:
+        case CURLE_SSL_CLIENTCERT:
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return UrlErrorCode::secureConnectionFailed;
+        case CURLE_UNSUPPORTED_PROTOCOL:  // of the answer: the URL's scheme has been checked
+        case CURLE_WEIRD_SERVER_REPLY:
+            return UrlErrorCode::badServerResponse;
+        default:
+            return UrlErrorCode::unknown;
+    }
+}
+
+}  // namespace
+
+CurlTransfer::CurlTransfer(Address address, UrlRequest request, std::string body, UrlSession::Completion completion,
+                           const Limits& limits)
+    : id_(nextId()),
+      address_(std::move(address)),
+      request_(std::move(request)),
+      body_(std::move(body)),
+      limits_(limits),
+      completion_(std::move(completion)) {}
+
+Result<CurlTransfer::Address> CurlTransfer::addressOf(const UrlRequest& request) {
+    if (!isSendable(request)) {
+        return Error{kUrlErrorDomain, static_cast<std::int64_t>(UrlErrorCode::unknown),
+                     "The request's method or one of its headers cannot be sent."};
+    }
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), curl_url_cleanup);
+    // A user name in it could only have come there by a damaged host name.
+    constexpr unsigned kStrictness = CURLU_NON_SUPPORT_SCHEME | CURLU_DISALLOW_USER;
+    if (!fitsOnALine(request.url) ||
+        curl_url_set(parsed.get(), CURLUPART_URL, request.url.c_str(), kStrictness) != CURLUE_OK) {
+        return urlError(UrlErrorCode::badUrl);
+    }
+    const auto part = [&](CURLUPart which) {
+        char* text = nullptr;
+        curl_url_get(parsed.get(), which, &text, CURLU_DEFAULT_PORT);
+        const std::unique_ptr<char, void (*)(void*)> owned(text, curl_free);
+        return std::string(text ? text : "");
+    };
+    const std::string scheme = part(CURLUPART_SCHEME);
+    if (!curl_strequal(scheme.c_str(), "http") && !curl_strequal(scheme.c_str(), "https")) {
+        return urlError(UrlErrorCode::unsupportedUrl);
+    }
+    const std::string host = part(CURLUPART_HOST);
+    return Address{part(CURLUPART_URL), host, scheme + "://" + host + ":" + part(CURLUPART_PORT)};
+}
+
+CurlTransfer::HeaderList CurlTransfer::headerList() const {
+    HeaderList list;
+    const auto append = [&](const std::string& line) {
+        auto* const longer = curl_slist_append(list.get(), line.c_str());
+        if (!longer) {
+            throw std::bad_alloc();
+        }
+        static_cast<void>(list.release());
+        list.reset(longer);
+    };
+    const auto isGiven = [this](const char* name) {
+        return std::ranges::any_of(request_.headers,
+                                   [&](const auto& header) { return curl_strequal(header.first.c_str(), name); });
+    };
+    for (const auto& [name, value] : request_.headers) {
+        const std::string sent = curl_strequal(name.c_str(), "Content-Length") ? std::to_string(body_.size()) : value;
+        // A name with a semicolon is how the library is asked for a header without a value, one with nothing after its
+        // colon how it is asked for no such header.
+        append(sent.empty() ? name + ";" : name + ": " + sent);
+    }
+    for (const char* const unasked : {"Accept", "Content-Type", "Expect"}) {
+        if (!isGiven(unasked)) {
+            append(std::string(unasked) + ":");
+        }
+    }
+    return list;
+}
+
+template <class T>
+void CurlTransfer::set(CURLoption option, T value) {
+    if (const auto code = curl_easy_setopt(handle_.get(), option, value); code != CURLE_OK) {
+        throw std::runtime_error("option " + std::to_string(option) + ": " + curl_easy_strerror(code));
+    }
+}
+
+CURL* CurlTransfer::begin(Session& session) {
+    session_ = &session;
+    handle_.reset(curl_easy_init());
+    if (!handle_) {
+        throw std::bad_alloc();
+    }
+    timesSent_ = 0;
+    bytesMoved_ = 0;
+    headComplete_ = false;
+    answer_.clear();
+    challenge_.reset();
+    setUpRequest();
+    setUpCallbacks();
+    setUpSecurity();
+    noteProgress();
+    if (!began_) {
+        began_ = lastProgress_;
+    }
+    underWay_ = true;
+    return handle_.get();
+}
+
+void CurlTransfer::setUpRequest() {
+    headers_ = headerList();
+    set(CURLOPT_URL, address_.url.c_str());
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    // An empty name: no proxy, whatever the environment says.
+    set(CURLOPT_PROXY, "");
+    set(CURLOPT_POST, 1L);
+    set(CURLOPT_CUSTOMREQUEST, request_.method.c_str());
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_.size()));
+    set(CURLOPT_POSTFIELDS, body_.c_str());
+    set(CURLOPT_HTTPHEADER, headers_.get());
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    // The session measures the time; this only keeps the library's own, shorter limit for connecting out of the way.
+    set(CURLOPT_CONNECTTIMEOUT_MS,
+        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(limits_.totalTime).count()));
+    set(CURLOPT_NOSIGNAL, 1L);
+    // A request that is given up while its host is looked up must not make all others wait for the look-up.
+    set(CURLOPT_QUICK_EXIT, 1L);
+}
+
+void CurlTransfer::setUpCallbacks() {
+    set(CURLOPT_PRIVATE, this);
+    set(CURLOPT_PREREQFUNCTION, &CurlTransfer::aboutToSend);
+    set(CURLOPT_PREREQDATA, this);
+    set(CURLOPT_NOPROGRESS, 0L);
+    set(CURLOPT_XFERINFOFUNCTION, &CurlTransfer::progressed);
+    set(CURLOPT_XFERINFODATA, this);
+    set(CURLOPT_HEADERFUNCTION, &CurlTransfer::receivedHeader);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, &CurlTransfer::receivedBody);
+    set(CURLOPT_WRITEDATA, this);
+}
+
+void CurlTransfer::setUpSecurity() {
+    // The delegate alone decides on the certificate, from within the handshake.
+    set(CURLOPT_SSL_VERIFYPEER, 0L);
+    set(CURLOPT_SSL_VERIFYHOST, 0L);
+    set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    // A resumed session would bring no certificate to ask about.
+    set(CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    set(CURLOPT_SSL_CTX_FUNCTION, &CurlTransfer::setUpTls);
+    set(CURLOPT_SSL_CTX_DATA, this);
+}
+
+CURLcode CurlTransfer::setUpTls(CURL*, void* context, void* self) {
+    auto* const tls = static_cast<SSL_CTX*>(context);
+    SSL_CTX_set_verify(tls, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_cert_verify_callback(
+        tls,
+        [](X509_STORE_CTX* store, void* transfer) {
+            const bool accepted = transferOf(transfer).passes(Method::serverTrust);
+            X509_STORE_CTX_set_error(store, accepted ? X509_V_OK : X509_V_ERR_APPLICATION_VERIFICATION);
+            return accepted ? 1 : 0;
+        },
+        self);
+    // Called only when the server asks for a certificate, be it required or not.
+    SSL_CTX_set_cert_cb(
+        tls, [](SSL*, void* transfer) { return transferOf(transfer).passes(Method::clientCertificate) ? 1 : 0; }, self);
+    // The connection outlives the transfer that these callbacks belong to: after the handshake they must stay silent.
+    SSL_CTX_set_options(tls, SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_post_handshake_auth(tls, 0);
+    return CURLE_OK;
+}
+
+bool CurlTransfer::passes(Method method) {
+    if (granted_.contains(method)) {
+        return true;
+    }
+    if (session_->putChallenge(*this, method)) {
+        granted_.insert(method);
+        return true;
+    }
+    challenge_ = method;
+    return false;
+}
+
+int CurlTransfer::aboutToSend(void* self, char*, char*, int, int) {
+    auto& transfer = transferOf(self);
+    transfer.noteProgress();
+    return ++transfer.timesSent_ > kMostSendings ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+}
+
+int CurlTransfer::progressed(void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+    auto& transfer = transferOf(self);
+    if (const auto moved = received + sent; moved != transfer.bytesMoved_) {
+        transfer.bytesMoved_ = moved;
+        transfer.noteProgress();
+    }
+    return 0;
+}
+
+std::size_t CurlTransfer::receivedHeader(char* line, std::size_t size, std::size_t count, void* self) {
+    auto& transfer = transferOf(self);
+    transfer.noteProgress();
+    const std::string_view text(line, size * count);
+    if (text.starts_with("HTTP/")) {
+        transfer.headComplete_ = false;
+    } else if (text == "\r\n" || text == "\n") {
+        transfer.headComplete_ = true;
+    }
+    return text.size();
+}
+
+std::size_t CurlTransfer::receivedBody(char* bytes, std::size_t size, std::size_t count, void* self) {
+    auto& transfer = transferOf(self);
+    const std::string_view text(bytes, size * count);
+    if (text.size() > transfer.limits_.maximumAnswer - transfer.answer_.size()) {
+        transfer.tooLong_ = true;
+        return CURL_WRITEFUNC_ERROR;
+    }
+    transfer.answer_.insert(transfer.answer_.end(), text.begin(), text.end());
+    return text.size();
+}
+
+void CurlTransfer::ended(CURLcode code) {
+    underWay_ = false;
+    outcome_.reset();
+    if (challenge_) {
+        return;
+    }
+    outcome_ = answerOrError(code);
+    if (const auto method = challengeOfAnswer()) {
+        passes(*method);
+    }
+}
+
+CurlTransfer::Outcome CurlTransfer::answerOrError(CURLcode code) const {
+    if (tooLong_) {
+        return {{}, {}, urlError(UrlErrorCode::dataLengthExceedsMaximum)};
+    }
+    // The library takes the end of the connection for the end of the headers; and an abort is the third sending.
+    if ((code == CURLE_OK && !headComplete_) || code == CURLE_ABORTED_BY_CALLBACK) {
+        return {{}, {}, urlError(UrlErrorCode::networkConnectionLost)};
+    }
+    if (code != CURLE_OK) {
+        return {{}, {}, urlError(errorCodeFor(code))};
+    }
+    long status = 0;
+    curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
+    return {answer_, UrlResponse{status}, {}};
+}
+
+// The strongest of the methods that an answer asks for; none for an answer that needs nobody's word.
+std::optional<CurlTransfer::Method> CurlTransfer::challengeOfAnswer() const {
+    if (!outcome_->response) {
+        return std::nullopt;
+    }
+    const auto status = outcome_->response->statusCode;
+    if (status != 401 && status != 407) {
+        return std::nullopt;
+    }
+    long offered = 0;
+    curl_easy_getinfo(handle_.get(), status == 401 ? CURLINFO_HTTPAUTH_AVAIL : CURLINFO_PROXYAUTH_AVAIL, &offered);
+    struct Scheme {
+        unsigned long bit;
+        Method method;
+    };
+    constexpr std::array kSchemes = {Scheme{CURLAUTH_NEGOTIATE, Method::negotiate}, Scheme{CURLAUTH_NTLM, Method::ntlm},
+                                     Scheme{CURLAUTH_DIGEST, Method::httpDigest},
+                                     Scheme{CURLAUTH_BASIC, Method::httpBasic}};
+    const auto scheme = std::ranges::find_if(
+        kSchemes, [&](const Scheme& each) { return (static_cast<unsigned long>(offered) & each.bit) != 0; });
+    return scheme == kSchemes.end() ? std::nullopt : std::optional(scheme->method);
+}
+
+Clock::Monotonic CurlTransfer::due() const {
+    // No time-out reaches beyond the total time, which also keeps a huge one from overflowing.
+    return std::min(lastProgress_ + std::min(request_.timeout, limits_.totalTime), *began_ + limits_.totalTime);
+}
+
+}  // namespace sentrova

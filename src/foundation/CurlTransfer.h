@@ -1,0 +1,142 @@
+// One exchange of a CurlUrlSession: what is to be sent, the handle that sends it, and what has come of it.
+
+#pragma once
+
+#include "foundation/Clock.h"
+#include "foundation/UrlSession.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+#include <curl/curl.h>
+
+namespace sentrova {
+
+// Made on any thread, then used on the network thread alone.
+class CurlTransfer {
+  public:
+    using Method = UrlAuthenticationChallenge::Method;
+
+    // What a transfer needs of its session. Called on the network thread, also from within the network library.
+    class Session {
+      public:
+        virtual ~Session() = default;
+        // Puts a challenge to the delegate; returns whether that has answered it already.
+        virtual bool putChallenge(const CurlTransfer& transfer, Method method) = 0;
+        // The monotonic time at which the network thread last woke up.
+        virtual Clock::Monotonic now() const = 0;
+    };
+
+    struct Limits {
+        std::size_t maximumAnswer;
+        std::chrono::seconds totalTime;
+    };
+
+    // What the completion is told.
+    struct Outcome {
+        std::optional<Data> data;
+        std::optional<UrlResponse> response;
+        std::optional<Error> error;
+    };
+
+    struct Address {
+        std::string url;
+        std::string host;
+        // Scheme, host and port: what shares its connections.
+        std::string origin;
+    };
+
+    // Where the request goes. Fails when it cannot be sent: on a URL that does not parse, on a scheme other than http
+    // and https, and on a method or a header that would break out of its line.
+    static Result<Address> addressOf(const UrlRequest& request);
+
+    CurlTransfer(Address address, UrlRequest request, std::string body, UrlSession::Completion completion,
+                 const Limits& limits);
+    CurlTransfer(const CurlTransfer&) = delete;
+    CurlTransfer& operator=(const CurlTransfer&) = delete;
+    // The handle must have left the multi handle.
+    ~CurlTransfer() = default;
+
+    std::uint64_t id() const { return id_; }
+    const std::string& host() const { return address_.host; }
+    const std::string& origin() const { return address_.origin; }
+    UrlSession::Completion takeCompletion() { return std::move(completion_); }
+
+    // Makes the handle to be driven, a new one at each call; it points back here by CURLOPT_PRIVATE. Throws
+    // std::runtime_error when the library cannot do what is asked of it. The session must outlive the transfer.
+    CURL* begin(Session& session);
+    // To be told when the handle has come to its end and has been removed.
+    void ended(CURLcode code);
+    // The handle while it is being driven, else null.
+    CURL* underWay() const { return underWay_ ? handle_.get() : nullptr; }
+
+    // The delegate's answer to a challenge.
+    void grant(Method method) { granted_.insert(method); }
+    // Whether the exchange stands still until a challenge is answered.
+    bool isHeld() const { return challenge_ && !granted_.contains(*challenge_); }
+    // What has come of it. Null after the end: it is to begin again, a challenge having been answered.
+    std::optional<Outcome>& outcome() { return outcome_; }
+
+    // When it will have timed out, unless it makes progress before.
+    Clock::Monotonic due() const;
+
+  private:
+    struct HandleDeleter {
+        void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+    };
+    struct ListDeleter {
+        void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+    };
+    using HeaderList = std::unique_ptr<curl_slist, ListDeleter>;
+
+    HeaderList headerList() const;
+    template <class T>
+    void set(CURLoption option, T value);
+    void setUpRequest();
+    void setUpCallbacks();
+    void setUpSecurity();
+
+    // Puts the challenge unless it has been answered before; returns whether the exchange may go on.
+    bool passes(Method method);
+    void noteProgress() { lastProgress_ = session_->now(); }
+    Outcome answerOrError(CURLcode code) const;
+    std::optional<Method> challengeOfAnswer() const;
+
+    // The library's callbacks, with the transfer as their last or first argument.
+    static int aboutToSend(void* self, char*, char*, int, int);
+    static int progressed(void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent);
+    static std::size_t receivedHeader(char* line, std::size_t size, std::size_t count, void* self);
+    static std::size_t receivedBody(char* bytes, std::size_t size, std::size_t count, void* self);
+    static CURLcode setUpTls(CURL*, void* context, void* self);
+
+    const std::uint64_t id_;
+    const Address address_;
+    const UrlRequest request_;
+    const std::string body_;
+    const Limits limits_;
+    UrlSession::Completion completion_;
+
+    Session* session_ = nullptr;
+    HeaderList headers_;
+    std::unique_ptr<CURL, HandleDeleter> handle_;
+    bool underWay_ = false;
+    std::optional<Clock::Monotonic> began_;
+    Clock::Monotonic lastProgress_;
+    curl_off_t bytesMoved_ = 0;
+
+    int timesSent_ = 0;
+    bool headComplete_ = false;
+    bool tooLong_ = false;
+    Data answer_;
+
+    std::set<Method> granted_;
+    // The challenge that ended the exchange.
+    std::optional<Method> challenge_;
+    std::optional<Outcome> outcome_;
+};
+
+}  // namespace sentrova

@@ -1,0 +1,366 @@
+#include "foundation/CurlUrlSession.h"
+
+#include "foundation/Clock.h"
+#include "foundation/CurlTransfer.h"
+#include "foundation/DispatchQueue.h"
+#include "foundation/Mutex.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <deque>
+#include <exception>
+#include <limits>
+#include <map>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <curl/curl.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr const char* kThreadName = "network thread";
+
+// The longest wait that the library takes, 24 days; it ends early for sockets, mail and the library's own due times.
+constexpr int kNoTimeLimit = std::numeric_limits<int>::max();
+
+// What other threads have for the network thread. Safe from any thread; what comes in wakes the network thread.
+class Mailbox {
+  public:
+    struct Answer {
+        std::uint64_t transfer;
+        CurlTransfer::Method method;
+
+        friend bool operator==(const Answer&, const Answer&) = default;
+    };
+    struct Mail {
+        std::vector<std::unique_ptr<CurlTransfer>> transfers;
+        std::vector<Answer> answers;
+        bool stop = false;
+    };
+
+    explicit Mailbox(CURLM* sleeper) : sleeper_(sleeper) {}
+
+    void post(std::unique_ptr<CurlTransfer> transfer) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        mail_.transfers.push_back(std::move(transfer));
+        wakeLocked();
+    }
+
+    void post(Answer answer) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        if (sleeper_) {
+            mail_.answers.push_back(answer);
+            wakeLocked();
+        }
+    }
+
+    void postStop() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        mail_.stop = true;
+        wakeLocked();
+    }
+
+    void wake() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        wakeLocked();
+    }
+
+    Mail take() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return std::exchange(mail_, {});
+    }
+
+    // Takes one answer out of turn; returns whether it is there.
+    bool take(const Answer& answer) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return std::erase(mail_.answers, answer) > 0;
+    }
+
+    // Nobody is to be woken any more.
+    void close() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        sleeper_ = nullptr;
+    }
+
+  private:
+    void wakeLocked() REQUIRES(mutex_) {
+        if (sleeper_) {
+            curl_multi_wakeup(sleeper_);
+        }
+    }
+
+    Mutex mutex_;
+    Mail mail_ GUARDED_BY(mutex_);
+    CURLM* sleeper_ GUARDED_BY(mutex_);
+};
+
+// A write to a connection that the server has closed must not end the process.
+void blockBrokenPipeSignal() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+CURLM* makeMultiHandle() {
+    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+    auto* const multi = initialised == CURLE_OK ? curl_multi_init() : nullptr;
+    if (!multi) {
+        throw std::runtime_error("The network library cannot be initialised.");
+    }
+    return multi;
+}
+
+}  // namespace
+
+// Everything below the queue and the mailbox belongs to the network thread.
+class CurlUrlSession::Engine final : public CurlTransfer::Session {
+  public:
+    Engine(std::shared_ptr<UrlSessionDelegate> delegate, const Configuration& configuration)
+        : delegate_(std::move(delegate)), configuration_(configuration) {
+        // Room for the connections to the address in use and to the one before it.
+        curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 2L * configuration.maximumConnectionsPerHost);
+        thread_ = std::thread([this] { run(); });
+    }
+
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    ~Engine() override {
+        mailbox_->postStop();
+        thread_.join();
+    }
+
+    void add(const UrlRequest& request, std::string body, Completion completion) {
+        auto address = CurlTransfer::addressOf(request);
+        if (!address) {
+            complete(std::move(completion), {{}, {}, address.error()});
+            return;
+        }
+        mailbox_->post(std::make_unique<CurlTransfer>(
+            *std::move(address), request, std::move(body), std::move(completion),
+            CurlTransfer::Limits{configuration_.maximumAnswer, configuration_.totalTime}));
+    }
+
+    bool putChallenge(const CurlTransfer& transfer, CurlTransfer::Method method) override {
+        if (!delegate_) {
+            return false;
+        }
+        const Mailbox::Answer answer{transfer.id(), method};
+        // This is called by C code, which no exception may pass.
+        runGuarded(kThreadName, [&] {
+            delegate_->didReceiveChallenge({method, transfer.host()},
+                                           [mailbox = std::weak_ptr(mailbox_), answer](UrlChallengeDisposition) {
+                                               if (const auto open = mailbox.lock()) {
+                                                   open->post(answer);
+                                               }
+                                           });
+        });
+        return mailbox_->take(answer);
+    }
+
+    Clock::Monotonic now() const override { return now_; }
+
+  private:
+    // The requests to one server: those under way, and those that wait for one of them to end.
+    struct Line {
+        int active = 0;
+        std::deque<std::unique_ptr<CurlTransfer>> waiting;
+    };
+    struct MultiDeleter {
+        void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+    };
+
+    void run() {
+        blockBrokenPipeSignal();
+        while (!stopped_) {
+            runGuarded(kThreadName, [this] { turn(); });
+        }
+        cancelTimer();
+        for (const auto& [id, transfer] : active_) {
+            withdraw(*transfer);
+        }
+        active_.clear();
+        lines_.clear();
+        mailbox_->close();
+        multi_.reset();
+    }
+
+    void turn() {
+        curl_multi_poll(multi_.get(), nullptr, 0, kNoTimeLimit, nullptr);
+        auto mail = mailbox_->take();
+        stopped_ = mail.stop;
+        if (stopped_) {
+            return;
+        }
+        // Taken before anything is sent, so that progress counts from no later than it was made.
+        now_ = Clock::shared().monotonicTime();
+        for (auto& transfer : mail.transfers) {
+            auto& line = lines_[transfer->origin()];
+            line.waiting.push_back(std::move(transfer));
+        }
+        for (const auto& answer : mail.answers) {
+            accept(answer);
+        }
+        int running = 0;
+        curl_multi_perform(multi_.get(), &running);
+        collectEnded();
+        expireOverdue();
+        advanceLines();
+        armTimer();
+    }
+
+    // Starts what may start; the library then asks to be driven at once.
+    void advanceLines() {
+        for (auto& [origin, line] : lines_) {
+            while (!line.waiting.empty() && line.active < configuration_.maximumConnectionsPerHost) {
+                ++line.active;
+                auto& transfer = *line.waiting.front();
+                active_.emplace(transfer.id(), std::move(line.waiting.front()));
+                line.waiting.pop_front();
+                drive(transfer);
+            }
+        }
+        std::erase_if(lines_,
+                      [](const auto& entry) { return entry.second.active == 0 && entry.second.waiting.empty(); });
+    }
+
+    void drive(CurlTransfer& transfer) {
+        try {
+            if (const auto code = curl_multi_add_handle(multi_.get(), transfer.begin(*this)); code != CURLM_OK) {
+                throw std::runtime_error(curl_multi_strerror(code));
+            }
+        } catch (const std::exception& exception) {
+            DispatchQueue::reportException(kThreadName, exception.what());
+            finish(transfer, {{}, {}, urlError(UrlErrorCode::unknown)});
+        }
+    }
+
+    void withdraw(CurlTransfer& transfer) {
+        if (auto* const handle = transfer.underWay()) {
+            curl_multi_remove_handle(multi_.get(), handle);
+        }
+    }
+
+    void collectEnded() {
+        int left = 0;
+        while (const auto* message = curl_multi_info_read(multi_.get(), &left)) {
+            // The message goes with the handle.
+            auto* const handle = message->easy_handle;
+            const auto code = message->data.result;
+            CurlTransfer* transfer = nullptr;
+            curl_easy_getinfo(handle, CURLINFO_PRIVATE, &transfer);
+            curl_multi_remove_handle(multi_.get(), handle);
+            transfer->ended(code);
+            settle(*transfer);
+        }
+    }
+
+    // Goes on with a transfer that is not under way.
+    void settle(CurlTransfer& transfer) {
+        if (transfer.isHeld()) {
+            return;
+        }
+        if (auto& outcome = transfer.outcome()) {
+            finish(transfer, std::move(*outcome));
+        } else {
+            drive(transfer);
+        }
+    }
+
+    void accept(const Mailbox::Answer& answer) {
+        const auto found = active_.find(answer.transfer);
+        if (found == active_.end()) {
+            return;
+        }
+        auto& transfer = *found->second;
+        transfer.grant(answer.method);
+        if (!transfer.underWay()) {
+            settle(transfer);
+        }
+    }
+
+    void finish(CurlTransfer& transfer, CurlTransfer::Outcome outcome) {
+        complete(transfer.takeCompletion(), std::move(outcome));
+        --lines_[transfer.origin()].active;
+        active_.erase(transfer.id());
+    }
+
+    void complete(Completion completion, CurlTransfer::Outcome outcome) {
+        completions_.async([completion = std::move(completion), outcome = std::move(outcome)] {
+            completion(outcome.data, outcome.response, outcome.error);
+        });
+    }
+
+    void expireOverdue() {
+        std::vector<CurlTransfer*> overdue;
+        for (const auto& [id, transfer] : active_) {
+            if (transfer->due() <= now_) {
+                overdue.push_back(transfer.get());
+            }
+        }
+        for (auto* const transfer : overdue) {
+            withdraw(*transfer);
+            finish(*transfer, {{}, {}, urlError(UrlErrorCode::timedOut)});
+        }
+    }
+
+    // One timer, for the transfer that is due first. Progress only puts that off, so a timer that comes too early finds
+    // nothing overdue and is set anew.
+    void armTimer() {
+        const auto first = std::ranges::min_element(active_, {}, [](const auto& entry) { return entry.second->due(); });
+        if (first == active_.end()) {
+            cancelTimer();
+            return;
+        }
+        const auto due = first->second->due();
+        if (timer_ && timerDue_ > now_ && timerDue_ <= due) {
+            return;
+        }
+        cancelTimer();
+        timerDue_ = due;
+        timer_ = Clock::shared().schedule(due, [mailbox = std::weak_ptr(mailbox_)] {
+            if (const auto open = mailbox.lock()) {
+                open->wake();
+            }
+        });
+    }
+
+    void cancelTimer() {
+        if (timer_) {
+            Clock::shared().cancel(*timer_);
+            timer_.reset();
+        }
+    }
+
+    const std::shared_ptr<UrlSessionDelegate> delegate_;
+    const Configuration configuration_;
+    DispatchQueue completions_{"url session delegate queue"};
+
+    std::unique_ptr<CURLM, MultiDeleter> multi_{makeMultiHandle()};
+    const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>(multi_.get());
+    std::map<std::string, Line> lines_;
+    // Those whose turn has come, by id: driven by the multi handle, or held by a challenge.
+    std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> active_;
+    std::optional<Clock::TimerId> timer_;
+    Clock::Monotonic timerDue_;
+    Clock::Monotonic now_;
+    bool stopped_ = false;
+    std::thread thread_;
+};
+
+CurlUrlSession::CurlUrlSession(std::shared_ptr<UrlSessionDelegate> delegate, const Configuration& configuration)
+    : engine_(std::make_unique<Engine>(std::move(delegate), configuration)) {}
+
+CurlUrlSession::~CurlUrlSession() = default;
+
+void CurlUrlSession::uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) {
+    engine_->add(request, std::move(body), std::move(completionHandler));
+}
+
+}  // namespace sentrova

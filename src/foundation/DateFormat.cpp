@@ -1,0 +1,187 @@
+#include "foundation/DateFormat.h"
+
+#include "foundation/Clock.h"
+#include "foundation/Mutex.h"
+#include "foundation/ProcessWide.h"
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <map>
+#include <memory>
+
+#include <fmt/format.h>
+#include <unicode/gregocal.h>
+#include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
+
+namespace sentrova {
+
+namespace {
+
+icu::UnicodeString unicode(std::string_view text) {
+    return icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
+}
+
+// What the device's time zone depends on; equal as long as nobody has changed it.
+struct ZoneSource {
+    std::string variable;
+    dev_t device = 0;
+    ino_t file = 0;
+    std::time_t changed = 0;
+
+    static ZoneSource present() {
+        ZoneSource source;
+        if (const auto* variable = std::getenv("TZ")) {
+            source.variable = variable;
+            // Set but empty is not the same as not set.
+            source.variable += '\n';
+        }
+        struct stat status = {};
+        if (::stat("/etc/localtime", &status) == 0) {
+            source.device = status.st_dev;
+            source.file = status.st_ino;
+            source.changed = status.st_ctime;
+        }
+        return source;
+    }
+
+    friend bool operator==(const ZoneSource&, const ZoneSource&) = default;
+};
+
+// Formatters by pattern, ready to use: making one takes a thousand times as long as using it.
+class Formatters {
+  public:
+    Formatters() : source_(ZoneSource::present()), zone_(icu::TimeZone::detectHostTimeZone()) {}
+
+    std::string format(std::string_view pattern, UDate date) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        const auto* formatter = formatterLocked(pattern);
+        if (!formatter) {
+            return {};
+        }
+        icu::UnicodeString text;
+        formatter->format(date, text);
+        std::string result;
+        return text.toUTF8String(result);
+    }
+
+    std::optional<UDate> parse(std::string_view pattern, std::string_view text) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        const auto* formatter = formatterLocked(pattern);
+        UErrorCode status = U_ZERO_ERROR;
+        icu::GregorianCalendar calendar(*zone_, icu::Locale("en_US_POSIX"), status);
+        if (!formatter || U_FAILURE(status)) {
+            return std::nullopt;
+        }
+        // A pattern without a day means the platform's reference day.
+        calendar.clear();
+        calendar.set(2000, UCAL_JANUARY, 1);
+        calendar.setLenient(false);
+        icu::ParsePosition position(0);
+        const auto whole = unicode(text);
+        formatter->parse(whole, calendar, position);
+        const auto date = calendar.getTime(status);
+        if (position.getIndex() != whole.length() || position.getErrorIndex() >= 0 || U_FAILURE(status)) {
+            return std::nullopt;
+        }
+        return date;
+    }
+
+    std::string longStyle(UDate date) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        followZoneLocked();
+        const std::unique_ptr<icu::DateFormat> formatter(
+            icu::DateFormat::createDateTimeInstance(icu::DateFormat::kLong, icu::DateFormat::kLong));
+        if (!formatter) {
+            return {};
+        }
+        formatter->setTimeZone(*zone_);
+        icu::UnicodeString text;
+        formatter->format(date, text);
+        std::string result;
+        return text.toUTF8String(result);
+    }
+
+  private:
+    // More patterns than the agent has; a caller with ever new ones must not fill the memory.
+    static constexpr std::size_t kMaximumPatterns = 32;
+    static constexpr std::chrono::seconds kZoneCheckInterval{1};
+
+    // The formatter, set to the device's present zone; null for a pattern that is none.
+    const icu::SimpleDateFormat* formatterLocked(std::string_view pattern) REQUIRES(mutex_) {
+        followZoneLocked();
+        if (const auto known = formatters_.find(pattern); known != formatters_.end()) {
+            return known->second.get();
+        }
+        // A fixed locale: stored texts and file names keep their form and their digits on every device.
+        UErrorCode status = U_ZERO_ERROR;
+        auto formatter = std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale("en_US_POSIX"), status);
+        if (U_FAILURE(status)) {
+            return nullptr;
+        }
+        formatter->setTimeZone(*zone_);
+        formatter->setLenient(false);
+        formatter->setBooleanAttribute(UDAT_PARSE_PARTIAL_LITERAL_MATCH, false, status);
+        if (formatters_.size() >= kMaximumPatterns) {
+            formatters_.clear();
+        }
+        return formatters_.emplace(pattern, std::move(formatter)).first->second.get();
+    }
+
+    void followZoneLocked() REQUIRES(mutex_) {
+        const auto now = Clock::shared().monotonicTime();
+        // Another clock than before may also be behind it.
+        if (now >= checked_ && now - checked_ < kZoneCheckInterval) {
+            return;
+        }
+        checked_ = now;
+        auto source = ZoneSource::present();
+        if (source == source_) {
+            return;
+        }
+        source_ = std::move(source);
+        zone_.reset(icu::TimeZone::detectHostTimeZone());
+        formatters_.clear();
+    }
+
+    Mutex mutex_;
+    std::map<std::string, std::unique_ptr<icu::SimpleDateFormat>, std::less<>> formatters_ GUARDED_BY(mutex_);
+    ZoneSource source_ GUARDED_BY(mutex_);
+    std::unique_ptr<icu::TimeZone> zone_ GUARDED_BY(mutex_);
+    Clock::Monotonic checked_ GUARDED_BY(mutex_) = Clock::shared().monotonicTime();
+};
+
+ProcessWide<Formatters> theFormatters;
+
+// Rounded down: a millisecond that has not come yet must not show.
+UDate milliseconds(Date date) {
+    return static_cast<UDate>(std::chrono::floor<std::chrono::milliseconds>(date).time_since_epoch().count());
+}
+
+}  // namespace
+
+std::string DateFormat::format(std::string_view pattern, Date date) {
+    return theFormatters.get().format(pattern, milliseconds(date));
+}
+
+std::optional<Date> DateFormat::parse(std::string_view pattern, std::string_view text) {
+    constexpr double kMillisecondsInSecond = 1000;
+    const auto date = theFormatters.get().parse(pattern, text);
+    return date ? std::optional(dateFromEpoch(*date / kMillisecondsInSecond)) : std::nullopt;
+}
+
+std::string DateFormat::longStyle(Date date) {
+    return theFormatters.get().longStyle(milliseconds(date));
+}
+
+std::string DateFormat::universal(Date date) {
+    const auto day = std::chrono::floor<std::chrono::days>(date);
+    const std::chrono::year_month_day calendar(day);
+    const std::chrono::hh_mm_ss time(std::chrono::floor<std::chrono::seconds>(date - day));
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000", static_cast<int>(calendar.year()),
+                       static_cast<unsigned>(calendar.month()), static_cast<unsigned>(calendar.day()),
+                       time.hours().count(), time.minutes().count(), time.seconds().count());
+}
+
+}  // namespace sentrova

@@ -1,0 +1,79 @@
+// The files and folders of the host, behind one interface, so that a test can make any single call fail.
+//
+// Paths are bytes as the host takes them. What this creates is for its owner only. Safe from any thread.
+
+#pragma once
+
+#include "foundation/FileDescriptor.h"
+#include "foundation/Result.h"
+#include "foundation/Value.h"
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sentrova {
+
+struct FileStatus {
+    std::uint64_t size = 0;
+    // What the content takes up on the volume.
+    std::uint64_t allocatedSize = 0;
+    Date modificationDate;
+    uid_t owner = 0;
+    gid_t group = 0;
+    mode_t permissions = 0;
+    bool isFolder = false;
+    bool isRegular = false;
+    bool isSymbolicLink = false;
+    // Tells a file from another that took its name.
+    std::uint64_t identity = 0;
+};
+
+// What a call that has no other result answers when it succeeded.
+struct Done {};
+
+class FileSystem {
+  public:
+    // Files the agent reads whole are configuration and spool; nothing of its own comes near this.
+    static constexpr std::size_t kMaximumRead = 256 * 1024 * 1024;
+
+    virtual ~FileSystem() = default;
+
+    static FileSystem& shared();
+    // Puts another file system in the host's place (null: the host's again), kept alive by the caller.
+    static void install(FileSystem* fileSystem);
+
+    // The status of what the path names, symbolic links followed; linkStatus is that of the link itself.
+    virtual Result<FileStatus> status(const std::string& path);
+    virtual Result<FileStatus> linkStatus(const std::string& path);
+    virtual Result<FileDescriptor> openForReading(const std::string& path);
+    virtual Result<Data> read(const std::string& path);
+
+    // Writes a temporary file beside the target and renames it, so that the path names either the old content or the
+    // new one, whole. With `flush` it also survives a loss of power.
+    enum class Durability { renamed, flushed };
+    virtual Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
+                                         Durability durability);
+    // Appends in one write; makes the file when there is none. A symbolic link is not followed.
+    virtual Result<Done> append(const std::string& path, std::string_view text);
+    virtual Result<Done> createFile(const std::string& path);
+    // Without its parent folders.
+    virtual Result<Done> createFolder(const std::string& path);
+    // A folder is removed with everything in it.
+    virtual Result<Done> remove(const std::string& path);
+    // Fails when the destination exists.
+    virtual Result<Done> move(const std::string& from, const std::string& to);
+    // The names in a folder, hidden ones included, in the order the host gives.
+    virtual Result<std::vector<std::string>> names(const std::string& folder);
+
+    bool exists(const std::string& path) { return static_cast<bool>(status(path)); }
+
+    // Whether the name is that of a temporary file of writeAtomically, left behind by a process that was killed.
+    static bool isTemporaryName(std::string_view name);
+};
+
+}  // namespace sentrova

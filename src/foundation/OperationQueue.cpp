@@ -1,0 +1,253 @@
+#include "foundation/OperationQueue.h"
+
+#include "foundation/DispatchQueue.h"
+#include "foundation/Mutex.h"
+
+#include <algorithm>
+#include <atomic>
+#include <limits>
+#include <list>
+#include <thread>
+
+namespace sentrova {
+
+namespace {
+
+class BlockOperation final : public Operation {
+  public:
+    explicit BlockOperation(std::function<void()> block) : block_(std::move(block)) {}
+
+    bool isFinished() const override { return finished_; }
+    bool isExecuting() const override { return executing_; }
+    bool isCancelled() const override { return cancelled_; }
+
+    void start() override {
+        if (!cancelled_) {
+            change(kIsExecuting, executing_, true);
+            runGuarded("BlockOperation", block_);
+            change(kIsExecuting, executing_, false);
+        }
+        change(kIsFinished, finished_, true);
+    }
+
+    void cancel() override { change(kIsCancelled, cancelled_, true); }
+
+  private:
+    void change(const char* key, std::atomic<bool>& flag, bool value) {
+        willChangeValueForKey(key);
+        flag = value;
+        didChangeValueForKey(key);
+    }
+
+    const std::function<void()> block_;
+    std::atomic<bool> finished_ = false;
+    std::atomic<bool> executing_ = false;
+    std::atomic<bool> cancelled_ = false;
+};
+
+}  // namespace
+
+class OperationQueue::State : public std::enable_shared_from_this<State> {
+  public:
+    void setLimit(int count) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        limit_ = static_cast<std::size_t>(std::max(count, 1));
+        startWorkersLocked();
+    }
+
+    void add(const std::shared_ptr<Operation>& operation) EXCLUDES(mutex_) {
+        Entry entry{operation, false, {}};
+        const auto follow = [this, &entry](const std::shared_ptr<Operation>& source, const char* key, auto reaction) {
+            entry.subscriptions.push_back(
+                source->observe(key, [weak = weak_from_this(), reaction](const KeyValueChange&) {
+                    if (const auto self = weak.lock()) {
+                        reaction(*self);
+                    }
+                }));
+        };
+        follow(operation, Operation::kIsFinished, [raw = operation.get()](State& self) { self.checkFinished(raw); });
+        const auto dependencies = operation->dependencies();
+        for (const auto& dependency : dependencies) {
+            follow(dependency, Operation::kIsFinished, [](State& self) { self.checkReady(); });
+        }
+        if (!dependencies.empty()) {
+            follow(operation, Operation::kIsCancelled, [](State& self) { self.checkReady(); });
+        }
+        {
+            MutexLock lock(mutex_);
+            entries_.push_back(std::move(entry));
+        }
+        // It may have been finished before the subscription stood.
+        if (operation->isFinished()) {
+            checkFinished(operation.get());
+        } else {
+            checkReady();
+        }
+    }
+
+    std::vector<std::shared_ptr<Operation>> operations() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        std::vector<std::shared_ptr<Operation>> list;
+        list.reserve(entries_.size());
+        std::ranges::transform(entries_, std::back_inserter(list), &Entry::operation);
+        return list;
+    }
+
+    std::size_t count() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return entries_.size();
+    }
+
+    void waitUntilEmpty() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        while (!entries_.empty()) {
+            changed_.wait(lock);
+        }
+    }
+
+    void close() EXCLUDES(mutex_) {
+        std::list<Entry> dropped;
+        MutexLock lock(mutex_);
+        closed_ = true;
+        dropped.swap(entries_);
+        const std::size_t own = workingFor_ == this ? 1 : 0;
+        while (workers_ > own) {
+            changed_.wait(lock);
+        }
+        lock.unlock();
+    }
+
+  private:
+    struct Entry {
+        std::shared_ptr<Operation> operation;
+        bool started;
+        std::vector<Subscription> subscriptions;
+    };
+
+    void checkReady() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        startWorkersLocked();
+    }
+
+    void checkFinished(const Operation* operation) EXCLUDES(mutex_) {
+        if (!operation->isFinished()) {
+            return;
+        }
+        Entry done;
+        MutexLock lock(mutex_);
+        const auto entry = std::ranges::find(entries_, operation, [](const Entry& e) { return e.operation.get(); });
+        if (entry == entries_.end()) {
+            return;
+        }
+        // Let go of after the lock: it may be the last reference.
+        done = std::move(*entry);
+        running_ -= done.started ? 1 : 0;
+        entries_.erase(entry);
+        changed_.notifyAll();
+        // A worker inside start() looks for more by itself as soon as that returns.
+        if (workingFor_ != this) {
+            startWorkersLocked();
+        }
+        lock.unlock();
+    }
+
+    bool isReady(const Entry& entry) const {
+        if (entry.started) {
+            return false;
+        }
+        return entry.operation->isCancelled() ||
+               std::ranges::all_of(entry.operation->dependencies(),
+                                   [](const auto& dependency) { return dependency->isFinished(); });
+    }
+
+    std::shared_ptr<Operation> takeReadyLocked() REQUIRES(mutex_) {
+        if (closed_ || running_ >= limit_) {
+            return nullptr;
+        }
+        const auto entry = std::ranges::find_if(entries_, [this](const Entry& e) { return isReady(e); });
+        if (entry == entries_.end()) {
+            return nullptr;
+        }
+        entry->started = true;
+        ++running_;
+        return entry->operation;
+    }
+
+    void startWorkersLocked() REQUIRES(mutex_) {
+        while (auto operation = takeReadyLocked()) {
+            ++workers_;
+            std::thread([self = shared_from_this(), operation = std::move(operation)]() mutable {
+                self->work(std::move(operation));
+            }).detach();
+        }
+    }
+
+    void work(std::shared_ptr<Operation> operation) EXCLUDES(mutex_) {
+        workingFor_ = this;
+        while (operation) {
+            runGuarded(operation->name(), [&operation] { operation->start(); });
+            operation.reset();
+            MutexLock lock(mutex_);
+            operation = takeReadyLocked();
+            startWorkersLocked();
+            if (!operation) {
+                --workers_;
+                changed_.notifyAll();
+            }
+        }
+        workingFor_ = nullptr;
+    }
+
+    // The queue whose worker the present thread is.
+    static thread_local const State* workingFor_;
+
+    Mutex mutex_;
+    Condition changed_;
+    std::list<Entry> entries_ GUARDED_BY(mutex_);
+    std::size_t limit_ GUARDED_BY(mutex_) = std::numeric_limits<std::size_t>::max();
+    std::size_t running_ GUARDED_BY(mutex_) = 0;
+    std::size_t workers_ GUARDED_BY(mutex_) = 0;
+    bool closed_ GUARDED_BY(mutex_) = false;
+};
+
+thread_local const OperationQueue::State* OperationQueue::State::workingFor_ = nullptr;
+
+OperationQueue::OperationQueue() : state_(std::make_shared<State>()) {}
+
+OperationQueue::~OperationQueue() {
+    state_->close();
+}
+
+void OperationQueue::setMaxConcurrentOperationCount(int count) {
+    state_->setLimit(count);
+}
+
+void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
+    if (!operation->isFinished()) {
+        state_->add(operation);
+    }
+}
+
+void OperationQueue::addOperationWithBlock(std::function<void()> block) {
+    addOperation(std::make_shared<BlockOperation>(std::move(block)));
+}
+
+std::vector<std::shared_ptr<Operation>> OperationQueue::operations() const {
+    return state_->operations();
+}
+
+std::size_t OperationQueue::operationCount() const {
+    return state_->count();
+}
+
+void OperationQueue::cancelAllOperations() {
+    for (const auto& operation : operations()) {
+        operation->cancel();
+    }
+}
+
+void OperationQueue::waitUntilAllOperationsAreFinished() {
+    state_->waitUntilEmpty();
+}
+
+}  // namespace sentrova

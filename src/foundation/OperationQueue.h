@@ -1,0 +1,44 @@
+// Runs operations, each on a worker thread, in the order of their addition as far as dependencies and the limit allow.
+
+#pragma once
+
+#include "foundation/Operation.h"
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace sentrova {
+
+// The queue owns what it is given until it is finished. It learns that from the operation's notifications alone: an
+// operation whose start has returned goes on counting as running, without a thread, until it says that it is finished.
+// A cancelled operation is started without waiting for its dependencies, so that it can finish. Safe from any thread.
+class OperationQueue {
+  public:
+    OperationQueue();
+    // Drops what has not been started and waits for the threads that are inside `start`.
+    ~OperationQueue();
+    OperationQueue(const OperationQueue&) = delete;
+    OperationQueue& operator=(const OperationQueue&) = delete;
+
+    // How many operations run at once, at most; without a limit there is one thread for each that can run.
+    void setMaxConcurrentOperationCount(int count);
+
+    // There is no bound on what may wait; an operation that is finished already is not taken.
+    void addOperation(std::shared_ptr<Operation> operation);
+    void addOperationWithBlock(std::function<void()> block);
+
+    // Those not yet finished, in the order of their addition.
+    std::vector<std::shared_ptr<Operation>> operations() const;
+    std::size_t operationCount() const;
+
+    void cancelAllOperations();
+    void waitUntilAllOperationsAreFinished();
+
+  private:
+    class State;
+    std::shared_ptr<State> state_;
+};
+
+}  // namespace sentrova

@@ -1,0 +1,36 @@
+#include "platform/AuditPipeDevice.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+namespace sentrova::platform {
+
+namespace {
+
+// A FIFO of the system volume stands for the device. It has no preselection and no queue limit to set.
+class FifoDevice final : public AuditPipeDevice {
+  public:
+    Result<FileDescriptor> open(const std::string& path) override {
+        // Open for writing as well: a FIFO whose last writer leaves would be at its end.
+        FileDescriptor fifo(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+        if (!fifo) {
+            return posixError(errno);
+        }
+        return fifo;
+    }
+
+    Result<std::uint32_t> request(const FileDescriptor&, AuditPipeRequest request, std::uint32_t argument) override {
+        constexpr std::uint32_t kQueueLimit = 1024;
+        return request == AuditPipeRequest::getQlimitMax ? kQueueLimit : argument;
+    }
+};
+
+}  // namespace
+
+AuditPipeDevice& AuditPipeDevice::host() {
+    static FifoDevice device;
+    return device;
+}
+
+}  // namespace sentrova::platform

@@ -1,0 +1,199 @@
+#include "platform/Directory.h"
+
+#include "foundation/FileSystem.h"
+#include "foundation/Mutex.h"
+#include "foundation/PropertyList.h"
+#include "platform/linux/SystemVolume.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <functional>
+#include <string_view>
+
+namespace sentrova::platform {
+
+namespace {
+
+constexpr std::string_view kNodeFolder = "/var/db/dslocal/nodes/Default/";
+constexpr std::string_view kExtension = ".plist";
+
+// The directory's standard names and the names that a Mac's local node stores on disk.
+struct AttributeName {
+    std::string_view standard;
+    std::string_view native;
+};
+constexpr std::array<AttributeName, 5> kAttributes = {{
+    {kAttributeRecordName, "name"},
+    {kAttributeUniqueId, "uid"},
+    {kAttributeSmbSid, "smb_sid"},
+    {kAttributePrimaryNtDomain, "primary_ntdomain"},
+    {"dsAttrTypeStandard:PrimaryGroupID", "gid"},
+}};
+constexpr std::string_view kGroupId = "dsAttrTypeStandard:PrimaryGroupID";
+
+std::vector<std::string> textsOf(const Value& values) {
+    std::vector<std::string> texts;
+    if (const auto* array = values.array()) {
+        for (const auto& value : *array) {
+            if (const auto* text = value.string()) {
+                texts.push_back(*text);
+            }
+        }
+    }
+    return texts;
+}
+
+// Nothing when the file is missing or no dictionary.
+std::optional<DirectoryRecord> readRecord(const std::string& path) {
+    const auto bytes = FileSystem::shared().read(path);
+    if (!bytes) {
+        return std::nullopt;
+    }
+    const auto list = PropertyList::parse(*bytes);
+    const auto* const root = list ? list->dictionary() : nullptr;
+    if (!root) {
+        return std::nullopt;
+    }
+    DirectoryRecord record;
+    for (const auto& [standard, native] : kAttributes) {
+        const auto* value = root->find(standard);
+        value = value ? value : root->find(native);
+        auto texts = value ? textsOf(*value) : std::vector<std::string>();
+        if (!texts.empty()) {
+            record.emplace(standard, std::move(texts));
+        }
+    }
+    return record;
+}
+
+// One folder of the volume's local node: users or groups, by id.
+class NodeFolder {
+  public:
+    NodeFolder(std::string_view kind, std::string_view idAttribute) : kind_(kind), idAttribute_(idAttribute) {}
+
+    std::string path() const { return systemVolume() + std::string(kNodeFolder) + kind_; }
+
+    // The record name of an id. The folder is read again when it has changed.
+    std::optional<std::string> nameOf(std::uint32_t id) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        const auto folder = path();
+        const auto status = FileSystem::shared().status(folder);
+        if (!status) {
+            return std::nullopt;
+        }
+        if (folder != readFrom_ || status->modificationDate != readAt_) {
+            names_ = readNames(folder);
+            readFrom_ = folder;
+            readAt_ = status->modificationDate;
+        }
+        const auto found = names_.find(id);
+        return found == names_.end() ? std::nullopt : std::optional(found->second);
+    }
+
+  private:
+    std::map<std::uint32_t, std::string> readNames(const std::string& folder) const {
+        std::map<std::uint32_t, std::string> names;
+        const auto files = FileSystem::shared().names(folder);
+        if (!files) {
+            return names;
+        }
+        for (const auto& file : *files) {
+            if (!file.ends_with(kExtension)) {
+                continue;
+            }
+            const auto record = readRecord(folder + "/" + file);
+            const auto ids = record ? record->find(std::string(idAttribute_)) : DirectoryRecord::const_iterator();
+            if (!record || ids == record->end()) {
+                continue;
+            }
+            const auto named = record->find(kAttributeRecordName);
+            const auto name =
+                named == record->end() ? file.substr(0, file.size() - kExtension.size()) : named->second.front();
+            // Ids are written signed: nobody is -2.
+            std::int64_t id = 0;
+            const auto& text = ids->second.front();
+            if (std::from_chars(text.data(), text.data() + text.size(), id).ec == std::errc()) {
+                names.emplace(static_cast<std::uint32_t>(id), name);
+            }
+        }
+        return names;
+    }
+
+    const std::string kind_;
+    const std::string_view idAttribute_;
+    Mutex mutex_;
+    std::string readFrom_ GUARDED_BY(mutex_);
+    Date readAt_ GUARDED_BY(mutex_);
+    std::map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
+};
+
+// Calls one of the reentrant look-ups of the C library with a buffer that is large enough.
+template <class Entry, class LookUp>
+std::optional<std::string> hostName(LookUp lookUp, char* Entry::* name) {
+    std::vector<char> buffer(1024);
+    for (;;) {
+        Entry entry{};
+        Entry* found = nullptr;
+        const int problem = lookUp(&entry, buffer.data(), buffer.size(), &found);
+        if (problem == ERANGE && buffer.size() < 1024 * 1024) {
+            buffer.resize(buffer.size() * 2);
+            continue;
+        }
+        return problem == 0 && found ? std::optional<std::string>(found->*name) : std::nullopt;
+    }
+}
+
+// The volume's local node, then the host's own databases.
+class VolumeDirectory final : public Directory {
+  public:
+    std::optional<std::string> userName(std::uint32_t id) override {
+        if (auto name = users_.nameOf(id)) {
+            return name;
+        }
+        return hostName<passwd>([id](auto* entry, auto* buffer, auto size,
+                                     auto* found) { return ::getpwuid_r(id, entry, buffer, size, found); },
+                                &passwd::pw_name);
+    }
+
+    std::optional<std::string> groupName(std::uint32_t id) override {
+        if (auto name = groups_.nameOf(id)) {
+            return name;
+        }
+        return hostName<group>([id](auto* entry, auto* buffer, auto size,
+                                    auto* found) { return ::getgrgid_r(id, entry, buffer, size, found); },
+                               &group::gr_name);
+    }
+
+    Result<std::vector<DirectoryRecord>> usersNamed(const std::string& name) override {
+        std::vector<DirectoryRecord> records;
+        // The name comes out of an audit record: it names a record here, never a path.
+        if (name.empty() || name.starts_with('.') || name.find('/') != std::string::npos ||
+            name.find('\0') != std::string::npos) {
+            return records;
+        }
+        if (auto record = readRecord(users_.path() + "/" + name + std::string(kExtension))) {
+            record->try_emplace(kAttributeRecordName, std::vector<std::string>{name});
+            records.push_back(std::move(*record));
+        }
+        return records;
+    }
+
+  private:
+    NodeFolder users_{"users", kAttributeUniqueId};
+    NodeFolder groups_{"groups", kGroupId};
+};
+
+}  // namespace
+
+Directory& Directory::host() {
+    static VolumeDirectory directory;
+    return directory;
+}
+
+}  // namespace sentrova::platform

@@ -1,0 +1,11 @@
+#include "platform/Environment.h"
+
+#include <unistd.h>
+
+namespace sentrova::platform {
+
+char** environment() {
+    return environ;
+}
+
+}  // namespace sentrova::platform

@@ -1,0 +1,44 @@
+#include "platform/SignalSource.h"
+
+#include <pthread.h>
+
+#include <csignal>
+#include <thread>
+
+namespace sentrova::platform {
+
+namespace {
+
+// The signal is blocked in every thread and taken by one that waits for it. A signal that is blocked is kept for that
+// thread even though the process ignores it.
+class WaitingSource final : public SignalSource {
+  public:
+    WaitingSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {
+        sigemptyset(&signals_);
+        sigaddset(&signals_, signal);
+        ::pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    }
+
+    void resume() override {
+        std::thread([signals = signals_, handler = handler_] {
+            for (;;) {
+                int signal = 0;
+                if (::sigwait(&signals, &signal) == 0) {
+                    handler();
+                }
+            }
+        }).detach();
+    }
+
+  private:
+    const std::function<void()> handler_;
+    sigset_t signals_{};
+};
+
+}  // namespace
+
+std::unique_ptr<SignalSource> SignalSource::make(int signal, std::function<void()> handler) {
+    return std::make_unique<WaitingSource>(signal, std::move(handler));
+}
+
+}  // namespace sentrova::platform

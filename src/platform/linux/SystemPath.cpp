@@ -1,0 +1,31 @@
+#include "platform/SystemPath.h"
+
+#include "platform/linux/SystemVolume.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+
+namespace sentrova::platform {
+
+std::string systemVolume() {
+    const char* const variable = std::getenv("SENTROVA_SYSTEM_VOLUME");
+    std::string folder = variable ? variable : "";
+    while (folder.ends_with('/')) {
+        folder.pop_back();
+    }
+    return folder;
+}
+
+std::string systemPath(std::string_view path) {
+    // What the agent reads of a Mac. All other paths are the installation's own.
+    static constexpr std::array<std::string_view, 5> kOfTheSystem = {
+        "/System/Library/CoreServices", "/var/audit", "/dev", "/usr/sbin/dsconfigad", "/var/db/dslocal",
+    };
+    const bool ofTheSystem = std::ranges::any_of(kOfTheSystem, [path](std::string_view known) {
+        return path == known || (path.starts_with(known) && path[known.size()] == '/');
+    });
+    return ofTheSystem ? systemVolume() + std::string(path) : std::string(path);
+}
+
+}  // namespace sentrova::platform

@@ -1,0 +1,12 @@
+// The folder that stands for the Mac's system volume on this host.
+
+#pragma once
+
+#include <string>
+
+namespace sentrova::platform {
+
+// From SENTROVA_SYSTEM_VOLUME, without a slash at its end; "" when it is unset or "/".
+std::string systemVolume();
+
+}  // namespace sentrova::platform

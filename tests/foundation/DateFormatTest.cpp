@@ -1,0 +1,124 @@
+#include "foundation/Clock.h"
+#include "foundation/DateFormat.h"
+#include "support/ManualClock.h"
+
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace sentrova {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using std::chrono::seconds;
+
+// 15 November 2026, 15:58:40 UTC.
+constexpr Date kDate{seconds(1794758320)};
+
+class DateFormatTest : public ::testing::Test {
+  protected:
+    DateFormatTest() {
+        if (const auto* zone = std::getenv("TZ")) {
+            zoneBefore_ = zone;
+        }
+        Clock::install(&clock_);
+        setZone("UTC");
+    }
+
+    ~DateFormatTest() override {
+        if (zoneBefore_) {
+            setZone(*zoneBefore_);
+        } else {
+            ::unsetenv("TZ");
+            clock_.advance(seconds(1));
+        }
+        // The change is seen before another clock takes over.
+        DateFormat::format("yyyy", kDate);
+        Clock::install(nullptr);
+    }
+
+    DateFormatTest(const DateFormatTest&) = delete;
+    DateFormatTest& operator=(const DateFormatTest&) = delete;
+
+    void setZone(const std::string& zone) {
+        ::setenv("TZ", zone.c_str(), 1);
+        clock_.advance(seconds(1));
+    }
+
+  private:
+    testing::ManualClock clock_;
+    std::optional<std::string> zoneBefore_;
+};
+
+TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
+    struct Case {
+        const char* zone;
+        const char* pattern;
+        Date date;
+        const char* text;
+    };
+    const Case cases[] = {
+        {"UTC", "yyyy-MM-dd HH:mm:ss Z", kDate, "2026-11-15 15:58:40 +0000"},
+        {"UTC", "E, d MMM yyyy HH:mm:ss Z", kDate, "Sun, 15 Nov 2026 15:58:40 +0000"},
+        {"UTC", "yyyy-MM-dd HH:mm:ss zzz", kDate, "2026-11-15 15:58:40 UTC"},
+        {"UTC", "yyyyMMddHHmmssSSS", kDate + milliseconds(123), "20261115155840123"},
+        {"UTC", "yyyyMMddHHmmssSSS", kDate + nanoseconds(999'999'999), "20261115155840999"},
+        {"UTC", "yyyyMMddHHmmssSSS", Date(nanoseconds(-1)), "19691231235959999"},
+        {"Asia/Kolkata", "yyyy-MM-dd HH:mm:ss Z", kDate, "2026-11-15 21:28:40 +0530"},
+        {"Asia/Tokyo", "yyyy-MM-dd", kDate, "2026-11-16"},
+        {"America/New_York", "HH:mm zzz", kDate, "10:58 EST"},
+        // An hour that there is twice.
+        {"Europe/Paris", "HH:mm Z", Date(seconds(1792888200)), "02:30 +0200"},
+        {"Europe/Paris", "HH:mm Z", Date(seconds(1792891800)), "02:30 +0100"},
+    };
+    for (const auto& [zone, pattern, date, text] : cases) {
+        setZone(zone);
+        EXPECT_EQ(DateFormat::format(pattern, date), text) << zone;
+    }
+    EXPECT_EQ(DateFormat::universal(kDate), "2026-11-15 15:58:40 +0000");
+    EXPECT_EQ(DateFormat::universal(Date(nanoseconds(-1))), "1969-12-31 23:59:59 +0000");
+}
+
+TEST_F(DateFormatTest, OnlyWholeAndRealDatesParse) {
+    constexpr auto kPattern = "yyyy-MM-dd HH:mm:ss";
+    EXPECT_EQ(DateFormat::parse(kPattern, "2020-01-01 00:00:00"), Date(seconds(1577836800)));
+    EXPECT_EQ(DateFormat::parse("yyyy-MM-dd HH:mm:ss Z", "2026-11-15 21:28:40 +0530"), kDate);
+    EXPECT_EQ(DateFormat::parse("E, d MMM yyyy HH:mm:ss Z", "Sun, 15 Nov 2026 15:58:40 +0000"), kDate);
+    EXPECT_EQ(DateFormat::parse("HH:mm", "06:30"), DateFormat::parse(kPattern, "2000-01-01 06:30:00"));
+    for (const auto* text : {"", "soon", "2020-01-01", "2020-01-01 00:00:00 ", "2020-01-01 00:00:00x",
+                             "2020-02-30 00:00:00", "2020-01-01 24:00:01", "2020-13-01 00:00:00"}) {
+        EXPECT_EQ(DateFormat::parse(kPattern, text), std::nullopt) << text;
+    }
+    setZone("Europe/Paris");
+    EXPECT_EQ(DateFormat::parse(kPattern, "2020-01-01 00:00:00"), Date(seconds(1577833200)));
+}
+
+TEST_F(DateFormatTest, LongStyleNamesDateTimeAndZone) {
+    const auto text = DateFormat::longStyle(kDate);
+    for (const auto* part : {"November", "15", "2026", "58:40", "UTC"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << text;
+    }
+}
+
+TEST_F(DateFormatTest, ManyPatternsFromManyThreadsGiveTheirOwnText) {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([thread] {
+            for (int i = 0; i < 100; ++i) {
+                const auto mark = std::to_string(thread * 1000 + i);
+                EXPECT_EQ(DateFormat::format("yyyy '" + mark + "'", kDate), "2026 " + mark);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+}  // namespace
+}  // namespace sentrova

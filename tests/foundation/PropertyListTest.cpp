@@ -1,0 +1,286 @@
+#include "foundation/PropertyList.h"
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+namespace sentrova {
+namespace {
+
+using std::chrono::seconds;
+
+Data bytes(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+
+Result<Value> parse(std::string_view text) {
+    return PropertyList::parse(bytes(text));
+}
+
+std::string repeated(std::string_view text, std::size_t times) {
+    std::string result;
+    for (std::size_t i = 0; i < times; ++i) {
+        result += text;
+    }
+    return result;
+}
+
+// One of everything.
+Value sample() {
+    Array many;
+    for (int i = 0; i < 300; ++i) {
+        many.emplace_back(i * 1000);
+    }
+    return Dictionary{
+        {"text", "a <b> & \"c\"\r\n\tcaf\xC3\xA9 \xF0\x9F\x98\x80"},
+        {"", ""},
+        {"numbers", Array{0, -1, 200, 70000, std::numeric_limits<std::int64_t>::max(),
+                          std::numeric_limits<std::int64_t>::min(), 0.1, -2.5e300, true, false}},
+        {"date", Date(seconds(1794758320))},
+        {"old", Date(seconds(-2'500'000'000))},
+        {"data", Data(100, 0xA5)},
+        {"none", Data()},
+        {"empty", Array{Array(), Dictionary()}},
+        {"many", std::move(many)},
+    };
+}
+
+// The same list in its other form, by an independent implementation.
+Data converted(const Data& list, bool toBinary) {
+    plist_t tree = nullptr;
+    const std::string text(list.begin(), list.end());
+    const auto size = static_cast<std::uint32_t>(text.size());
+    if (toBinary) {
+        plist_from_xml(text.data(), size, &tree);
+    } else {
+        plist_from_bin(text.data(), size, &tree);
+    }
+    const std::unique_ptr<void, decltype(&plist_free)> owner(tree, &plist_free);
+    char* out = nullptr;
+    std::uint32_t length = 0;
+    if (toBinary) {
+        plist_to_bin(tree, &out, &length);
+    } else {
+        plist_to_xml(tree, &out, &length);
+    }
+    const std::unique_ptr<char, decltype(&plist_to_xml_free)> outOwner(out, &plist_to_xml_free);
+    return {out, out + length};
+}
+
+TEST(PropertyListTest, EveryKindOfValueSurvivesBothForms) {
+    const auto xml = PropertyList::writeXml(sample());
+    ASSERT_TRUE(xml);
+    EXPECT_EQ(*PropertyList::parse(*xml), sample());
+
+    const auto binary = converted(*xml, true);
+    const auto read = PropertyList::parse(binary);
+    ASSERT_TRUE(read) << read.error().description;
+    EXPECT_EQ(*read, sample());
+    EXPECT_EQ(*PropertyList::parse(converted(binary, false)), sample());
+}
+
+TEST(PropertyListTest, WrittenFileIsTheUsualXml) {
+    const auto xml = PropertyList::writeXml(Dictionary{{"z", Array{1, true}}, {"a", "x<y"}, {"d", Data{1, 2}}});
+    EXPECT_EQ(std::string(xml->begin(), xml->end()),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+              "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+              "<plist version=\"1.0\">\n<dict>\n"
+              "\t<key>z</key>\n\t<array>\n\t\t<integer>1</integer>\n\t\t<true/>\n\t</array>\n"
+              "\t<key>a</key>\n\t<string>x&lt;y</string>\n"
+              "\t<key>d</key>\n\t<data>\n\tAQI=\n\t</data>\n"
+              "</dict>\n</plist>\n");
+}
+
+TEST(PropertyListTest, XmlOfOtherWritersIsUnderstood) {
+    const std::pair<std::string_view, Value> cases[] = {
+        {"<plist><string/></plist>", ""},
+        {"\xEF\xBB\xBF<?xml version='1.0' encoding='utf-8'?> <plist version=\"1.0\"> <true/> </plist >\n", true},
+        {"<!DOCTYPE plist SYSTEM \"a>b\"><!-- > <x> --><plist><false></false></plist><!-- end -->", false},
+        {"<array><!-- </array> --><integer> +7 </integer><integer>0x1F</integer></array>", Array{7, 31}},
+        {"<plist><string>a&amp;&lt;&gt;&quot;&apos;&#233;&#x1F600;</string></plist>",
+         "a&<>\"'\xC3\xA9\xF0\x9F\x98\x80"},
+        {"<plist><string>a<![CDATA[<b>&amp;]]>c<!-- d -->e</string></plist>", "a<b>&amp;ce"},
+        {"<plist><dict a=\"</dict>\"><key>k</key><real>5</real><key>k</key><real>-1.5e3</real></dict></plist>",
+         Dictionary{{"k", -1500.0}}},
+        {"<plist><integer>18446744073709551615</integer></plist>", 0x1p64},
+        {"<plist><date>2001-01-01T00:00:00Z</date></plist>", Date(seconds(978307200))},
+        {"<plist><data>\n\tQUJ\n\tDRA==\n</data></plist>", Data{'A', 'B', 'C', 'D'}},
+        {"<plist><real>-infinity</real></plist>", -std::numeric_limits<double>::infinity()},
+    };
+    for (const auto& [text, value] : cases) {
+        const auto parsed = parse(text);
+        ASSERT_TRUE(parsed) << text << "\n" << parsed.error().description;
+        EXPECT_EQ(*parsed, value) << text;
+    }
+    // A date that no clock here can show is the last one that it can.
+    EXPECT_GT(*parse("<plist><date>9999-12-31T23:59:59Z</date></plist>")->date(), Date(seconds(9'000'000'000)));
+}
+
+TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "empty"},
+        {"hello", "text between elements"},
+        {"{\"a\":1}", "text between elements"},
+        {"<plist/>", "unknown element"},
+        {"<plist></plist>", "unexpected </plist>"},
+        {"<plist>\n<array>\n</plist>", "line 3: unexpected </plist>"},
+        {"<plist><array><bogus/></array></plist>", "unknown element <bogus>"},
+        {"<plist><true/><false/></plist>", "expected </plist>"},
+        {"<plist><true/></plist>x", "after its end"},
+        {"<plist><true>x</true></plist>", "<true>"},
+        {"<plist><dict><string>a</string></dict></plist>", "expected <key>"},
+        {"<plist><dict><key>a</key></dict></plist>", "unexpected </dict>"},
+        {"<plist><array>text</array></plist>", "text between"},
+        {"<plist><integer></integer></plist>", "<integer>"},
+        {"<plist><integer>12abc</integer></plist>", "<integer>"},
+        {"<plist><integer>99999999999999999999</integer></plist>", "<integer>"},
+        {"<plist><real>1.5.2</real></plist>", "<real>"},
+        {"<plist><date>2023-02-29T00:00:00Z</date></plist>", "<date>"},
+        {"<plist><date>yesterday</date></plist>", "<date>"},
+        {"<plist><data>QUJ</data></plist>", "<data>"},
+        {"<plist><data>=UJD</data></plist>", "<data>"},
+        {"<plist><string>&bogus;</string></plist>", "unknown entity"},
+        {"<plist><string>&#0;</string></plist>", "no character"},
+        {"<plist><string>&#xD800;</string></plist>", "no character"},
+        {"<plist><string>\xFF</string></plist>", "not UTF-8"},
+        {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><plist><true/></plist>", "encoding"},
+        {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>", "definitions"},
+        {"<plist><string>a", "ends too early"},
+        {"<plist><!-- <true/></plist>", "-->"},
+        {repeated("<array>", 129) + repeated("</array>", 129), "deeper than 128"},
+        {repeated("<array>", 100'000), "deeper than 128"},
+        {repeated("<dict><key>k</key>", 100'000), "deeper than 128"},
+        {"<" + repeated("x", 100'000) + ">", "unknown element"},
+    };
+    for (const auto& [text, reason] : cases) {
+        const auto parsed = parse(text);
+        ASSERT_FALSE(parsed) << text.substr(0, 100);
+        EXPECT_NE(parsed.error().description.find(reason), std::string::npos) << parsed.error().description;
+        EXPECT_LT(parsed.error().description.size(), 300u);
+    }
+    EXPECT_TRUE(parse(repeated("<array>", 128) + repeated("</array>", 128)));
+}
+
+TEST(PropertyListTest, ValuesThatNoListCarriesAreNamedAndRefused) {
+    const std::pair<Value, std::string_view> cases[] = {
+        {Value(), "null value"},
+        {Dictionary{{"users", Array{1, Value()}}}, "null value at .users[1]"},
+        {Dictionary{{"a", Dictionary{{"b", "\xFF"}}}}, "not UTF-8 at .a.b"},
+        {Array{std::string("a\0", 2)}, "control characters at [0]"},
+        {Dictionary{{"\x01", 1}}, "control characters"},
+    };
+    for (const auto& [value, reason] : cases) {
+        const auto written = PropertyList::writeXml(value);
+        ASSERT_FALSE(written);
+        EXPECT_NE(written.error().description.find(reason), std::string::npos) << written.error().description;
+    }
+}
+
+// A binary list of these objects, with references and offsets of one byte each.
+Data binaryList(const std::vector<std::string>& objects) {
+    std::string list = "bplist00";
+    std::string offsets;
+    for (const auto& object : objects) {
+        offsets += static_cast<char>(list.size());
+        list += object;
+    }
+    const std::string number(7, '\0');
+    const auto table = static_cast<char>(list.size());
+    return bytes(list + offsets + std::string(6, '\0') + "\x01\x01" + number + static_cast<char>(objects.size()) +
+                 number + '\0' + number + table);
+}
+
+TEST(PropertyListTest, BinaryObjectsThatOtherWritersMakeAreUnderstood) {
+    using namespace std::string_literals;
+    const std::pair<std::string, Value> cases[] = {
+        {"\x10\xFF"s, 255},
+        {"\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFE"s, -2},
+        {"\x14"s + std::string(8, '\0') + std::string(8, '\xFF'), 0x1p64},
+        {"\x14"s + std::string(15, '\xFF') + "\xFE", -2},
+        {"\x22\x3F\xC0\x00\x00"s, 1.5},
+        {"\x33"s + std::string(8, '\0'), Date(seconds(978307200))},
+        {"\x5F\x10\x02"
+         "ab",
+         "ab"},
+        {"\x62\x00\xE9\x20\xAC"s, "\xC3\xA9\xE2\x82\xAC"},
+        {"\x72\xC3\xA9"s, "\xC3\xA9"},
+    };
+    for (const auto& [object, value] : cases) {
+        const auto parsed = PropertyList::parse(binaryList({object}));
+        ASSERT_TRUE(parsed) << parsed.error().description;
+        EXPECT_EQ(*parsed, value);
+    }
+}
+
+TEST(PropertyListTest, HostileBinaryListsAreRefused) {
+    using namespace std::string_literals;
+    // 16 references to the next array each: 16^10 values out of 200 bytes.
+    std::vector<std::string> bomb;
+    for (char i = 1; i <= 10; ++i) {
+        bomb.push_back("\xAF\x10\x10"s + std::string(16, i));
+    }
+    bomb.emplace_back("\x09");
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"\xA1\x00"s}, "nested deeper"},
+        {{"\xD1\x01\x00"s, "\x51k"s}, "nested deeper"},
+        {bomb, "more than"},
+        {{"\xA1\x05"s}, "refers to an object"},
+        {{"\xD1\x01\x01"s, "\x10\x01"s}, "key that is not text"},
+        {{"\xAF\x13\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s}, "reaches beyond"},
+        {{"\x4F\x13\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF"s}, "reaches beyond"},
+        {{"\x6F\x13\x80\x00\x00\x00\x00\x00\x00\x01"s}, "reaches beyond"},
+        {{"\x4F\x51"s}, "without a length"},
+        {{"\x51\xFF"s}, "not UTF-8"},
+        {{"\x61\xD8\x00"s}, "surrogate"},
+        {{"\x33\x7F\xF8\x00\x00\x00\x00\x00\x00"s}, "no number"},
+        {{"\x00"s}, "empty value"},
+        {{"\x80\x01"s}, "keyed archive"},
+        {{"\xC1\x00"s}, "unknown kind"},
+    };
+    for (const auto& [objects, reason] : cases) {
+        const auto parsed = PropertyList::parse(binaryList(objects));
+        ASSERT_FALSE(parsed) << reason;
+        EXPECT_NE(parsed.error().description.find(reason), std::string::npos) << parsed.error().description;
+    }
+}
+
+TEST(PropertyListTest, EveryCutAndThousandsOfFlipsEndInAValueOrAReason) {
+    const auto xml = *PropertyList::writeXml(sample());
+    std::mt19937 random(20261115);
+    for (const auto& list : {xml, converted(xml, true)}) {
+        // The last tag's bracket is the last byte that matters; a line feed follows it in the XML form.
+        for (std::size_t size = 0; size + 1 < list.size(); ++size) {
+            EXPECT_FALSE(PropertyList::parse(std::span(list).first(size))) << size;
+        }
+        for (int i = 0; i < 3000; ++i) {
+            auto damaged = list;
+            for (auto flips = random() % 4 + 1; flips > 0; --flips) {
+                damaged[random() % damaged.size()] = static_cast<std::uint8_t>(random());
+            }
+            if (const auto parsed = PropertyList::parse(damaged); !parsed) {
+                EXPECT_FALSE(parsed.error().description.empty());
+            }
+        }
+    }
+}
+
+TEST(PropertyListTest, TimeGrowsWithLengthEvenWhenKeysRepeat) {
+    constexpr int kKeys = 100'000;
+    std::string text = "<dict>";
+    for (int i = 0; i < 2 * kKeys; ++i) {
+        text += "<key>" + std::to_string(std::min(i, kKeys)) + "</key><true/>";
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(parse(text + "</dict>")->dictionary()->size(), std::size_t{kKeys} + 1);
+    // A walk for every repeated key would take minutes.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(20));
+}
+
+}  // namespace
+}  // namespace sentrova
