@@ -1,0 +1,108 @@
+#include "collection/bsm/RecordReader.h"
+
+#include "collection/bsm/ByteCursor.h"
+#include "collection/bsm/Token.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace sentrova::bsm {
+
+namespace {
+
+constexpr std::size_t kBlockLength = 256 * 1024;
+
+// The id and the length behind it; no record is shorter.
+constexpr std::size_t kRecordStart = 5;
+
+// The id, seconds, milliseconds and the length of the name.
+constexpr std::size_t kFileTokenStart = 11;
+
+// The length of the record that begins with the bytes. Where they are too few to tell: a length that is still beyond
+// them and that a record has at the least. Nothing when no record begins like that.
+std::optional<std::size_t> recordLength(std::span<const std::uint8_t> bytes) {
+    if (bytes.empty()) {
+        return kRecordStart;
+    }
+    ByteCursor in(bytes);
+    switch (static_cast<TokenId>(in.u8())) {
+        case TokenId::kHeader32:
+        case TokenId::kHeader32Ex:
+        case TokenId::kHeader64:
+        case TokenId::kHeader64Ex: {
+            if (bytes.size() < kRecordStart) {
+                return kRecordStart;
+            }
+            const std::size_t length = in.u32();
+            if (length < kRecordStart || length > RecordReader::kMaximumRecordLength) {
+                return std::nullopt;
+            }
+            return length;
+        }
+        case TokenId::kOtherFile32:
+            if (bytes.size() < kFileTokenStart) {
+                return kFileTokenStart;
+            }
+            in.take(8);
+            return kFileTokenStart + in.u16();
+        default:
+            return std::nullopt;
+    }
+}
+
+}  // namespace
+
+std::ptrdiff_t RecordReader::au_read_rec() {
+    record_ = {};
+    if (end_ != End::kNotYet) {
+        return -1;
+    }
+    for (;;) {
+        const auto bytes = std::span<const std::uint8_t>(block_).subspan(next_, filled_ - next_);
+        const auto length = recordLength(bytes);
+        if (!length) {
+            return finish(End::kGarbage);
+        }
+        if (*length <= bytes.size()) {
+            record_ = bytes.first(*length);
+            next_ += *length;
+            position_ += *length;
+            return static_cast<std::ptrdiff_t>(*length);
+        }
+        if (!fill(*length)) {
+            return -1;
+        }
+    }
+}
+
+// Takes more bytes from the source, behind those at hand and with room for a record of the given length. Returns false
+// at the end.
+bool RecordReader::fill(std::size_t recordLength) {
+    if (next_ > 0) {
+        const auto begin = block_.begin();
+        std::copy(begin + static_cast<std::ptrdiff_t>(next_), begin + static_cast<std::ptrdiff_t>(filled_), begin);
+        filled_ -= next_;
+        next_ = 0;
+    }
+    if (block_.size() < std::max(recordLength, kBlockLength)) {
+        block_.resize(std::max(recordLength, kBlockLength));
+    }
+    const auto count = source_.read(std::span(block_).subspan(filled_));
+    if (count > 0) {
+        filled_ += static_cast<std::size_t>(count);
+        return true;
+    }
+    if (count < 0) {
+        finish(End::kReadError);
+    } else {
+        finish(filled_ == 0 ? End::kEndOfData : End::kTruncatedRecord);
+    }
+    return false;
+}
+
+std::ptrdiff_t RecordReader::finish(End end) {
+    end_ = end;
+    return -1;
+}
+
+}  // namespace sentrova::bsm

@@ -1,0 +1,140 @@
+#include "collection/bsm/RecordReader.h"
+#include "support/MemorySource.h"
+#include "support/TrailWriter.h"
+
+#include <numeric>
+
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+
+namespace {
+
+using namespace std::chrono_literals;
+using bsm::RecordReader;
+using End = RecordReader::End;
+
+struct Reading {
+    std::vector<Data> records;
+    End end = End::kNotYet;
+    std::size_t position = 0;
+    std::size_t leftUnread = 0;
+};
+
+Reading readAll(const Data& trail, std::vector<std::size_t> portions = {}) {
+    MemorySource source(trail, std::move(portions));
+    RecordReader reader(source);
+    Reading reading;
+    for (auto length = reader.au_read_rec(); length > 0; length = reader.au_read_rec()) {
+        EXPECT_EQ(reader.record().size(), static_cast<std::size_t>(length));
+        reading.records.emplace_back(reader.record().begin(), reader.record().end());
+    }
+    reading.end = reader.end();
+    reading.position = reader.position();
+    reading.leftUnread = reader.leftUnread();
+    return reading;
+}
+
+Data joined(const std::vector<Data>& parts) {
+    return std::accumulate(parts.begin(), parts.end(), Data(), [](Data whole, const Data& part) {
+        whole.insert(whole.end(), part.begin(), part.end());
+        return whole;
+    });
+}
+
+std::vector<Data> smallTrail() {
+    return {TrailWriter().addFile(1s, "/var/audit/1.2").bytes(), TrailRecord(6152).at(1s).text("one").bytes(),
+            TrailRecord(45023).at(2s).header(Layout::k64Ex, "2001:db8::7").returns(5000, 255).bytes(),
+            TrailWriter().addFile(2s, "").bytes(), TrailRecord(6153).at(3s).bytes()};
+}
+
+}  // namespace
+
+TEST(RecordReaderTest, RecordsArriveWholeHoweverTheSourceSplitsThem) {
+    const auto records = smallTrail();
+    const auto trail = joined(records);
+    for (std::size_t portion = 1; portion <= trail.size(); ++portion) {
+        EXPECT_EQ(readAll(trail, {portion}).records, records) << "portions of " << portion;
+        const auto split = readAll(trail, {portion, trail.size()});
+        EXPECT_EQ(split.records, records) << "split after " << portion;
+        EXPECT_EQ(split.end, End::kEndOfData) << "split after " << portion;
+    }
+}
+
+TEST(RecordReaderTest, TrailCutAnywhereGivesTheRecordsBeforeTheCut) {
+    const auto records = smallTrail();
+    const auto trail = joined(records);
+    std::size_t whole = 0;
+    std::size_t boundary = 0;
+    for (std::size_t cut = 0; cut <= trail.size(); ++cut) {
+        if (whole < records.size() && cut == boundary + records[whole].size()) {
+            boundary = cut;
+            ++whole;
+        }
+        const auto reading = readAll(Data(trail.begin(), trail.begin() + static_cast<std::ptrdiff_t>(cut)));
+        EXPECT_EQ(reading.records, std::vector<Data>(records.begin(), records.begin() + static_cast<long>(whole)));
+        EXPECT_EQ(reading.end, cut == boundary ? End::kEndOfData : End::kTruncatedRecord) << "cut at " << cut;
+        EXPECT_EQ(reading.position, boundary);
+        EXPECT_EQ(reading.leftUnread, cut - boundary);
+    }
+    EXPECT_EQ(whole, records.size());
+}
+
+TEST(RecordReaderTest, BytesThatCannotBeARecordEndTheReadingAndAreCounted) {
+    const std::vector<Data> impossible = {
+        {0x14, 0, 0, 0, 0},              // length 0
+        {0x14, 0, 0, 0, 3},              // less than the length itself takes
+        {0x74, 0, 0, 0, 4},              // one byte less
+        {0x15, 0, 0x10, 0, 1},           // a byte above 1 MiB
+        {0x79, 0xFF, 0xFF, 0xFF, 0xFF},  // 4 GiB
+        {0x00},                          // the zeros of a file that was not written out
+        {0x13, 0xB1, 0x05},              // a token, but none that begins a record
+        {0xFF},
+    };
+    const auto good = TrailRecord(6152).at(1s).text("good").bytes();
+    for (const auto& bytes : impossible) {
+        const auto reading = readAll(joined({good, bytes, good}));
+        EXPECT_EQ(reading.records, std::vector<Data>{good});
+        EXPECT_EQ(reading.end, End::kGarbage);
+        EXPECT_EQ(reading.position, good.size());
+        EXPECT_EQ(reading.leftUnread, bytes.size() + good.size());
+    }
+}
+
+TEST(RecordReaderTest, RecordsUpToTheLargestAreReadAcrossBlocks) {
+    const auto small = TrailRecord(6152).at(1s).text("small").bytes();
+    Data largest = {0x14, 0, 0x10, 0, 0};
+    largest.resize(RecordReader::kMaximumRecordLength, 0x55);
+    std::vector<Data> records(9000, small);  // well over one block
+    records.push_back(largest);
+    records.push_back(small);
+    for (const std::size_t portion : {std::size_t{4093}, std::size_t{1} << 30}) {
+        const auto reading = readAll(joined(records), {portion});
+        EXPECT_TRUE(reading.records == records);
+        EXPECT_EQ(reading.end, End::kEndOfData);
+    }
+}
+
+TEST(RecordReaderTest, RecordAtHandIsReadWithoutAskingTheSource) {
+    const auto record = TrailRecord(6152).at(1s).bytes();
+    MemorySource source(joined({record, record, record}), {2 * record.size(), 1});
+    RecordReader reader(source);
+    EXPECT_GT(reader.au_read_rec(), 0);
+    EXPECT_GT(reader.au_read_rec(), 0);
+    EXPECT_EQ(source.reads(), 1U);
+}
+
+TEST(RecordReaderTest, ReadErrorEndsTheReadingForGood) {
+    const auto record = TrailRecord(6152).at(1s).bytes();
+    MemorySource source(record);
+    source.failAtEnd();
+    RecordReader reader(source);
+    EXPECT_GT(reader.au_read_rec(), 0);
+    EXPECT_EQ(reader.au_read_rec(), -1);
+    EXPECT_EQ(reader.end(), End::kReadError);
+    const auto reads = source.reads();
+    EXPECT_EQ(reader.au_read_rec(), -1);
+    EXPECT_EQ(source.reads(), reads);
+}
+
+}  // namespace sentrova::testing
