@@ -1,0 +1,87 @@
+#include "collection/AuditSource.h"
+
+#include "foundation/FileSystem.h"
+#include "platform/AuditPipeDevice.h"
+#include "platform/SystemPath.h"
+#include "platform/WaitForInput.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+namespace sentrova {
+
+namespace {
+
+using platform::AuditPipeDevice;
+using platform::AuditPipeRequest;
+
+// The device follows the system's own preselection ("trail mode").
+constexpr std::uint32_t kTrailMode = 1;
+// The classes lo (logon) and aa (authentication).
+constexpr std::uint32_t kClasses = 0x1000 | 0x2000;
+
+std::uint32_t request(const FileDescriptor& device, AuditPipeRequest which, const char* name, std::uint32_t argument) {
+    const auto answer = AuditPipeDevice::shared().request(device, which, argument);
+    if (!answer) {
+        throw AuditSourceError(name, "Exception in ioctl");
+    }
+    return *answer;
+}
+
+void configure(const FileDescriptor& device) {
+    request(device, AuditPipeRequest::setPreselectMode, "AUDITPIPE_SET_PRESELECT_MODE", kTrailMode);
+    const auto longest = request(device, AuditPipeRequest::getQlimitMax, "AUDITPIPE_GET_QLIMIT_MAX", 0);
+    request(device, AuditPipeRequest::setQlimit, "AUDITPIPE_SET_QLIMIT", longest);
+    request(device, AuditPipeRequest::setPreselectFlags, "AUDITPIPE_SET_PRESELECT_FLAGS", kClasses);
+    request(device, AuditPipeRequest::setPreselectNaflags, "AUDITPIPE_SET_PRESELECT_NAFLAGS", kClasses);
+}
+
+}  // namespace
+
+std::unique_ptr<AuditSource> AuditSource::open(const std::string& path) {
+    std::unique_ptr<AuditSource> source(new AuditSource);  // NOLINT: the constructor is private
+    const bool isPipe = path == kPipe;
+    const auto hostPath = platform::systemPath(path);
+    auto file = isPipe ? AuditPipeDevice::shared().open(hostPath) : FileSystem::shared().openForReading(hostPath);
+    if (!file) {
+        throw AuditSourceError("FileNotOpen", "failed to open audit pipe");
+    }
+    source->file_ = *std::move(file);
+    if (isPipe) {
+        configure(source->file_);
+        std::array<int, 2> ends{};
+        if (::pipe(ends.data()) != 0) {
+            throw AuditSourceError("FileNotOpen", posixError(errno).description);
+        }
+        source->wakeReading_ = FileDescriptor(ends[0]);
+        source->wakeWriting_ = FileDescriptor(ends[1]);
+        ::fcntl(ends[0], F_SETFD, FD_CLOEXEC);
+        ::fcntl(ends[1], F_SETFD, FD_CLOEXEC);
+    }
+    return source;
+}
+
+std::ptrdiff_t AuditSource::read(std::span<std::uint8_t> into) {
+    while (!interrupted_) {
+        if (wakeReading_ && platform::waitForInput(file_.get(), wakeReading_.get()) != platform::InputWait::ready) {
+            return -1;
+        }
+        const auto got = ::read(file_.get(), into.data(), into.size());
+        if (got >= 0 || (errno != EINTR && errno != EAGAIN)) {
+            return got;
+        }
+    }
+    return -1;
+}
+
+void AuditSource::interrupt() {
+    interrupted_ = true;
+    if (wakeWriting_) {
+        static_cast<void>(!::write(wakeWriting_.get(), "", 1));
+    }
+}
+
+}  // namespace sentrova

@@ -1,0 +1,50 @@
+// An opened source of audit records: a closed trail file, or the live audit device.
+
+#pragma once
+
+#include "collection/bsm/ByteSource.h"
+#include "foundation/FileDescriptor.h"
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace sentrova {
+
+// Why a source cannot be read, under the name that the log gives to the reason.
+class AuditSourceError : public std::runtime_error {
+  public:
+    AuditSourceError(std::string name, const std::string& reason)
+        : std::runtime_error(reason), name_(std::move(name)) {}
+
+    const std::string& name() const { return name_; }
+
+  private:
+    std::string name_;
+};
+
+// Read by one thread; interrupted by any.
+class AuditSource final : public bsm::ByteSource {
+  public:
+    static constexpr const char* kPipe = "/dev/auditpipe";
+
+    // Opens a trail file, or the device, with its queue at the longest and logon and authentication events preselected.
+    // Throws AuditSourceError named "FileNotOpen", or after the request of the device that failed.
+    static std::unique_ptr<AuditSource> open(const std::string& path);
+
+    // Fails once the source was interrupted; a call that waits for the device then returns at once.
+    std::ptrdiff_t read(std::span<std::uint8_t> into) override;
+    void interrupt();
+
+  private:
+    AuditSource() = default;
+
+    FileDescriptor file_;
+    // The device's alone: readable once the source was interrupted.
+    FileDescriptor wakeReading_;
+    FileDescriptor wakeWriting_;
+    std::atomic<bool> interrupted_ = false;
+};
+
+}  // namespace sentrova

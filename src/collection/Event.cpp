@@ -1,0 +1,188 @@
+#include "collection/Event.h"
+
+#include "collection/DomainUtil.h"
+#include "collection/currentLoginUtility.h"
+#include "core/GlobalConstants.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "foundation/Clock.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("Event");
+
+constexpr std::int64_t kMachineType = 4096;
+constexpr std::uint32_t kNoSession = 100000;
+constexpr std::string_view kTouchId = "Touch ID authentication";
+constexpr std::chrono::seconds kTouchIdWait{3};
+
+constexpr std::string_view kText = "text_text";
+constexpr std::string_view kUserName = "UserName";
+constexpr std::string_view kAuditUser = "subject_audit-uid";
+constexpr std::string_view kRecordTime = "record_time";
+
+// Numbers of the record that are reported as signed.
+std::int64_t asInt(std::uint32_t value) {
+    return static_cast<std::int32_t>(value);
+}
+
+}  // namespace
+
+std::optional<Dictionary> Event::parsedEvent() {
+    GeneralEventParsing();
+    AdditionalEventChecks();
+    return eventDict_;
+}
+
+void Event::set(std::string_view key, Value value) {
+    if (!eventDict_) {
+        return;
+    }
+    if (value.isNull()) {
+        eventDict_->remove(key);
+    } else {
+        eventDict_->set(key, std::move(value));
+    }
+}
+
+Value Event::get(std::string_view key) const {
+    return eventDict_ ? (*eventDict_)[key] : Value();
+}
+
+void Event::GeneralEventParsing() {
+    constexpr std::size_t kMostKeys = 28;
+    if (eventDict_) {
+        eventDict_->reserve(kMostKeys);
+    }
+    set("record_version", static_cast<std::int8_t>(version));
+    set("record_event", eventType);
+    set("record_modifier", eventModifier);
+    set(kRecordTime, timeStampInMs);
+    set(kAuditUser, DomainUtil::getUserNameFromID(auditId));
+    set("subject_uid", DomainUtil::getUserNameFromID(effectiveUserID));
+    set("subject_gid", DomainUtil::getGroupNameFromID(effectiveGroupID));
+    set("subject_ruid", DomainUtil::getUserNameFromID(realUserID));
+    set("subject_rgid", DomainUtil::getGroupNameFromID(realGroupID));
+    set("subject_pid", asInt(processID));
+    set("subject_sid", asInt(SessionID));
+    set("subject_port", port);
+    set("subject_host-ip", DomainUtil::getIpAddressFromID(addr));
+    set(kText, text ? Value(*text) : Value());
+    set("return_retval", asInt(ret));
+    set("return_errval", DomainUtil::getEventTypeText(status));
+    set("identity_signing-id", signing_id ? Value(*signing_id) : Value());
+    set("EventCode", eventType);
+}
+
+void Event::AdditionalEventChecks() {
+    set("MachineType", kMachineType);
+    set("EventSource", "OpenBSM");
+    set("IsParsedEvent", "true");
+    const auto domain = DomainUtil::getDomainName();
+    set(GlobalConstants::DOMAIN_NAME, domain ? Value(*domain) : Value());
+    set("Logon Type", "2");
+
+    switch (eventType) {
+        case AuditEventNumber::ssauthint:
+            checkSecurityAgent();
+            break;
+        case AuditEventNumber::auth_user:
+            checkAuthentication();
+            break;
+        default:
+            set(kUserName, get(kAuditUser));
+    }
+    if (eventType == AuditEventNumber::lw_login) {
+        kLog.debug(__func__, "Adding from 45021");
+        addToLoginHistory(get(kUserName));
+        exclude();
+    }
+    if (eventType == AuditEventNumber::logout && signing_id == "com.apple.sshd") {
+        exclude();
+    }
+    const auto host = GlobalVariables::getInstance().hostName();
+    set("Source Workstation", host ? Value(*host) : Value());
+    checkDirectory();
+}
+
+void Event::checkSecurityAgent() {
+    if (ret != 0) {
+        parseUserName("<>");
+        return;
+    }
+    if (signing_id == "com.apple.authorizationhost") {
+        kLog.debug(__func__, "Adding from 45026");
+        addToLoginHistory(get(kText));
+    }
+    exclude();
+}
+
+void Event::checkAuthentication() {
+    if (text == kTouchId) {
+        if (GlobalVariables::getInstance().isRealTime()) {
+            // The record that names the user follows this one within moments.
+            kLog.debug(__func__, "Waiting for 3 sec");
+            Clock::shared().sleepFor(kTouchIdWait);
+            kLog.debug(__func__, "completed Waiting for 3 sec");
+        }
+        const auto entry = currentLoginUtility::getLogonUserAtTime(get(kRecordTime).integerValue());
+        if (entry) {
+            set(kUserName, (*entry)["uid"]);
+        }
+        return;
+    }
+    parseUserName("''");
+    if (SessionID == kNoSession || ret != 0) {
+        return;
+    }
+    kLog.debug(__func__, "Adding from 45023");
+    addToLoginHistory(get(kUserName));
+}
+
+void Event::parseUserName(std::string_view separators) {
+    const auto whole = get(kText).description();
+    const auto first = whole.find_first_of(separators);
+    if (first == std::string::npos) {
+        set(kUserName, get(kText));
+        return;
+    }
+    const auto second = whole.find_first_of(separators, first + 1);
+    set(kUserName, whole.substr(first + 1, second == std::string::npos ? second : second - first - 1));
+}
+
+void Event::addToLoginHistory(const Value& user) const {
+    currentLoginUtility::addToLoginHistory({{"uid", user.description()}}, static_cast<double>(timeStampInMs));
+}
+
+void Event::checkDirectory() {
+    // Runs for an excluded event too, under the text of an absent name; the directory then knows nobody.
+    const auto details = DomainUtil::getUserDetails(get(kUserName).description());
+    if (!details) {
+        return;
+    }
+    if ((*details)[DomainUtil::kODAttributeTypePrimaryNTDomain].isNull()) {
+        kLog.in(LogCategory::Event)
+            .info("AdditionalEventChecks", "Excluding event because of {}", eventDict_ ? Value(*eventDict_) : Value());
+        exclude();
+        return;
+    }
+    const auto* const sids = (*details)[DomainUtil::kODAttributeTypeSMBSID].array();
+    if (sids && !sids->empty()) {
+        set("UserSid", sids->front());
+    }
+}
+
+std::string Event::description() const {
+    return fmt::format(
+        "<Event type={} modifier={} time={} auditId={} uid={} pid={} session={} ret={} status={} text={}>", eventType,
+        eventModifier, timeStampInMs, asInt(auditId), asInt(effectiveUserID), asInt(processID), asInt(SessionID),
+        asInt(ret), status, orNull(text));
+}
+
+}  // namespace sentrova

@@ -1,0 +1,29 @@
+// The operation that reads the trail files on the disk, one after another, the one modified longest ago first.
+//
+// It runs queued on the main queue under the name "EventCollectionSchedule", and as the work of the scheduled task
+// "EventCollection", whose `start` is called directly. It does not start while the queued one reads, while the agent is
+// disabled, or while the spool has reached its size limit.
+
+#pragma once
+
+#include "operations/ConcurrentOperationAbstract.h"
+
+#include <memory>
+
+namespace sentrova {
+
+class EventCollectionSchedule final : public ConcurrentOperationAbstract {
+  public:
+    static constexpr const char* kOperationName = "EventCollectionSchedule";
+    // The scheduled task that does the same.
+    static constexpr const char* kTaskName = "EventCollection";
+
+    EventCollectionSchedule();
+
+    bool canStart() override;
+    void start() override;
+    // Ends the reading of the present file; the files after it are still read.
+    void cancel() override;
+};
+
+}  // namespace sentrova

@@ -1,0 +1,311 @@
+#include "collection/EventCollector.h"
+
+#include "collection/bsm/TokenReader.h"
+#include "collection/currentLoginUtility.h"
+#include "core/FileUtils.h"
+#include "core/GlobalConstants.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "core/PropertyListHandler.h"
+#include "core/Utilities.h"
+#include "forwarding/EventQueueGCD.h"
+#include "foundation/Clock.h"
+#include "foundation/FileSystem.h"
+#include "foundation/NotificationCenter.h"
+#include "foundation/ProcessWide.h"
+#include "foundation/Text.h"
+#include "platform/SystemPath.h"
+
+#include <atomic>
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("EventCollector");
+constexpr LogSource kProgress = kLog.in(LogCategory::Event);
+
+constexpr std::string_view kCurrentTrail = "/var/audit/current";
+
+// The time of the newest record, and the observer that stores it.
+class LastRead {
+  public:
+    LastRead()
+        : time_(static_cast<std::uint64_t>(GlobalVariables::getInstance().timeStampOfLastEvent().integerValue())),
+          observer_(NotificationCenter::defaultCenter().addObserver(
+              EventQueueGCD::kTimeUpdateNotification, [](const Notification&) { EventCollector::storeTime(); })) {}
+
+    std::uint64_t time() const { return time_.load(std::memory_order_relaxed); }
+    void setTime(std::uint64_t time) { time_.store(time, std::memory_order_relaxed); }
+    void moveOnBySecond() { time_.fetch_add(1, std::memory_order_relaxed); }
+
+    // Stores the time in the configuration when it is newer than what is stored there.
+    void store() EXCLUDES(mutex_) {
+        const auto path =
+            fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
+        const MutexLock lock(mutex_);
+        const auto newest = static_cast<std::int64_t>(time());
+        if (newest <= storedLocked(path)) {
+            kLog.debug("updateTime", "Timestamps are less than or same");
+            return;
+        }
+        PropertyListHandler::change(path, GlobalConstants::TIMESTAMP_LE, fmt::format("{}", newest));
+        GlobalVariables::getInstance().initialiseMyConfigurations();
+    }
+
+  private:
+    // The stored time. A file that has not changed since is not parsed again.
+    std::int64_t storedLocked(const std::string& path) REQUIRES(mutex_) {
+        const auto status = FileSystem::shared().status(path);
+        if (!status || !readFrom_ || readFrom_->identity != status->identity || readFrom_->size != status->size ||
+            readFrom_->modificationDate != status->modificationDate) {
+            stored_ =
+                PropertyListHandler::initWithFile(path).GetValueForKey(GlobalConstants::TIMESTAMP_LE).integerValue();
+            readFrom_ = status ? std::optional(*status) : std::nullopt;
+        }
+        return stored_;
+    }
+
+    std::atomic<std::uint64_t> time_;
+    Mutex mutex_;
+    std::optional<FileStatus> readFrom_ GUARDED_BY(mutex_);
+    std::int64_t stored_ GUARDED_BY(mutex_) = 0;
+    const Subscription observer_;
+};
+
+ProcessWide<LastRead> theLastRead;
+
+// A text of a record, copied because it is stored; absent when it is not UTF-8.
+std::optional<std::string> stored(std::string_view text) {
+    return isValidUtf8(text) ? std::optional(std::string(text)) : std::nullopt;
+}
+
+void setSubject(const bsm::SubjectToken& token, Event& event) {
+    event.auditId = token.auditId;
+    event.effectiveUserID = token.effectiveUserId;
+    event.effectiveGroupID = token.effectiveGroupId;
+    event.realUserID = token.realUserId;
+    event.realGroupID = token.realGroupId;
+    event.processID = token.processId;
+    event.SessionID = token.sessionId;
+    event.port = token.port;
+    event.addr = token.address;
+}
+
+}  // namespace
+
+EventCollector::EventCollector(const std::string& path, std::optional<std::vector<std::string>> eventsToRead)
+    : ConcurrentOperationAbstract("EventCollector"), path_(path), eventsToRead_(eventsToRead) {
+    kLog.debug("init", "EventCollector Init called");
+    auto& lastRead = theLastRead.get();
+    auto source = initAuditFile(path);
+    if (!source) {
+        kLog.error("init", "auditfile is null going to cancel");
+        EventCollector::cancel();
+        return;
+    }
+    {
+        MutexLock lock(mutex_);
+        auditFile_ = std::move(source);
+    }
+    // Records of the second of the last event have been read, by whatever collector delivered it.
+    lastRead.moveOnBySecond();
+}
+
+std::shared_ptr<AuditSource> EventCollector::initAuditFile(const std::string& path) const {
+    try {
+        std::shared_ptr<AuditSource> source;
+        try {
+            source = AuditSource::open(path);
+        } catch (const AuditSourceError& error) {
+            if (error.name() == "FileNotOpen") {
+                kLog.error(__func__, "failed to open audit pipe {}", path);
+            }
+            throw;
+        }
+        if (path == AuditSource::kPipe) {
+            return source;
+        }
+        kLog.debug(__func__, "Going to check {}", path);
+        if (path != kCurrentTrail && shouldReadFile(path)) {
+            return source;
+        }
+        kLog.info(__func__, "Skipping file {}", path);
+    } catch (const AuditSourceError& error) {
+        kLog.error(__func__, "{} {}", error.name(), error.what());
+    }
+    return nullptr;
+}
+
+bool EventCollector::shouldReadFile(const std::string& path) {
+    const auto attributes = FileUtils::getFileAttributes(path);
+    const auto* modified = attributes ? (*attributes)[FileUtils::kModificationDate].date() : nullptr;
+    const auto lastRead = dateFromEpoch(static_cast<double>(LastTimeStamp()));
+    kLog.info(__func__, "fileLastModified={},lasteventread={}", modified ? Value(*modified) : Value(), Value(lastRead));
+    return !modified || lastRead <= *modified;
+}
+
+std::uint64_t EventCollector::LastTimeStamp() {
+    return theLastRead.get().time();
+}
+
+bool EventCollector::shouldProcessRecord(std::uint16_t eventType, std::uint64_t withTimeStamp) const {
+    auto& lastRead = theLastRead.get();
+    const auto last = lastRead.time();
+    if (last > withTimeStamp) {
+        return false;
+    }
+    if (last != withTimeStamp) {
+        // Also for a type that is not collected.
+        lastRead.setTime(withTimeStamp);
+    }
+    return eventsToRead_.contains(eventType);
+}
+
+void EventCollector::start() {
+    kLog.error(__func__, "Eventcollector start called");
+    if (!canStart()) {
+        return;
+    }
+    started();
+    readEvents();
+}
+
+std::shared_ptr<AuditSource> EventCollector::auditFile() const {
+    MutexLock lock(mutex_);
+    return auditFile_;
+}
+
+void EventCollector::readEvents() {
+    kLog.info(__func__, "Eventcollector readEvents called");
+    kProgress.info(__func__, "Eventcollecor reading events from {}",
+                   GlobalVariables::getInstance().timeStampOfLastEvent());
+    try {
+        // Held here as well, so that a cancel from another thread does not close what is being read.
+        if (const auto source = auditFile()) {
+            readRecords(*source);
+        }
+        currentLoginUtility::flush();
+        updateTime();
+        kProgress.info(
+            __func__, "Events read upto {}",
+            Utilities::getTimeFromEpoch(GlobalVariables::getInstance().timeStampOfLastEvent().doubleValue()));
+    } catch (const std::exception& exception) {
+        kLog.error(__func__, "{}", exception.what());
+    }
+    complete();
+}
+
+void EventCollector::readRecords(AuditSource& source) {
+    bsm::RecordReader reader(source);
+    try {
+        while (canStart()) {
+            const auto length = reader.au_read_rec();
+            if (length < 0) {
+                break;
+            }
+            if (length > 0) {
+                ++counts_.records;
+                readRecord(reader.record());
+            }
+        }
+    } catch (const std::exception& exception) {
+        kLog.error(__func__, "{}", exception.what());
+    }
+    logEnd(reader);
+}
+
+void EventCollector::readRecord(std::span<const std::uint8_t> record) {
+    bsm::TokenReader tokens(record);
+    std::optional<Event> event;
+    while (tokens.left() > 0 && tokens.au_fetch_tok() == 0) {
+        if (event && !shouldProcessRecord(event->eventType, event->timeStampInMs)) {
+            return;
+        }
+        handleToken(tokens.token(), event);
+    }
+}
+
+void EventCollector::handleToken(const bsm::Token& token, std::optional<Event>& event) {
+    if (const auto* header = std::get_if<bsm::HeaderToken>(&token.content)) {
+        event.emplace();
+        event->version = header->version;
+        event->eventType = header->eventType;
+        event->eventModifier = header->eventModifier;
+        event->timeStampInMs = header->seconds;
+        return;
+    }
+    if (!event) {
+        return;
+    }
+    if (const auto* subject = std::get_if<bsm::SubjectToken>(&token.content)) {
+        setSubject(*subject, *event);
+    } else if (const auto* result = std::get_if<bsm::Return32Token>(&token.content)) {
+        event->ret = result->value;
+        event->status = result->status;
+    } else if (const auto* text = std::get_if<bsm::TextToken>(&token.content)) {
+        event->text = stored(text->text);
+    } else if (const auto* identity = std::get_if<bsm::IdentityToken>(&token.content)) {
+        event->signing_id = stored(identity->signingId);
+    } else if (std::holds_alternative<bsm::TrailerToken>(token.content)) {
+        deliver(*event);
+        event.reset();
+    }
+}
+
+void EventCollector::deliver(Event& event) {
+    if (auto dictionary = event.parsedEvent()) {
+        EventQueueGCD::enqueue(*std::move(dictionary));
+        theLastRead.get().setTime(event.timeStampInMs);
+        ++counts_.events;
+    } else {
+        kLog.info(__func__, "Error/Exclusion in {}", event.description());
+        ++counts_.excluded;
+    }
+}
+
+void EventCollector::logEnd(const bsm::RecordReader& reader) const {
+    kProgress.info("readEvents", "{} ended: {} records read, {} events collected, {} excluded", path_, counts_.records,
+                   counts_.events, counts_.excluded);
+    using End = bsm::RecordReader::End;
+    const auto end = reader.end();
+    if (end == End::kReadError && !isCancelled()) {
+        kLog.error("readEvents", "Reading {} failed after {} bytes", path_, reader.position());
+    } else if (end == End::kGarbage || end == End::kTruncatedRecord) {
+        const auto size = FileSystem::shared().status(platform::systemPath(path_));
+        const auto unread = size && size->isRegular && size->size >= reader.position() ? size->size - reader.position()
+                                                                                       : reader.leftUnread();
+        kLog.error("readEvents", "{} bytes of {} are left unread: what is at byte {} is {}", unread, path_,
+                   reader.position(), end == End::kGarbage ? "no audit record" : "a record cut short");
+    }
+}
+
+void EventCollector::cancel() {
+    kLog.error(__func__, "EventCollector cancel called");
+    cancelOperation();
+    complete();
+}
+
+void EventCollector::complete() {
+    std::shared_ptr<AuditSource> source;
+    {
+        MutexLock lock(mutex_);
+        source = std::move(auditFile_);
+    }
+    if (source) {
+        source->interrupt();
+    }
+    completeOperation();
+}
+
+void EventCollector::updateTime() {
+    NotificationCenter::defaultCenter().post({EventQueueGCD::kTimeUpdateNotification, this, {}});
+}
+
+void EventCollector::storeTime() {
+    theLastRead.get().store();
+}
+
+}  // namespace sentrova

@@ -1,0 +1,88 @@
+#include "collection/EventCollectorRealtime.h"
+
+#include "collection/AuditSource.h"
+#include "collection/EventSelection.h"
+#include "collection/ReaderSlot.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "foundation/ProcessWide.h"
+
+namespace sentrova {
+
+namespace {
+constexpr LogSource kLog("EventCollectorRealtime");
+ProcessWide<ReaderSlot> theSlot;
+}  // namespace
+
+EventCollectorRealtime::EventCollectorRealtime() : ConcurrentOperationAbstract("EventCollectorRealtime") {
+    kLog.debug("init", "EventCollectorRealtime init called");
+}
+
+bool EventCollectorRealtime::canStart() {
+    kLog.debug(__func__, "EventCollectorRealtime canStart called");
+    const auto& configuration = GlobalVariables::getInstance();
+    const bool notRealTime = !configuration.isRealTime();
+    const bool disabled = !configuration.isEnabled();
+    const bool full = configuration.maxEventDataSizeReached();
+    const bool reading = theSlot.get().isExecuting();
+    if (!isCancelled() && !notRealTime && !disabled && !full && !reading) {
+        return true;
+    }
+    finishRefused();
+    kLog.info(__func__, "{:d} {:d} {:d} {:d} {:d}", isCancelled(), notRealTime, disabled, full, reading);
+    return false;
+}
+
+void EventCollectorRealtime::start() {
+    kLog.debug(__func__, "EventCollectorRealtime start called");
+    if (!canStart()) {
+        kLog.error(__func__, "EventCollectorRealtime didn't run because conditions didnot match");
+        return;
+    }
+    started();
+    {
+        auto observation = GlobalVariables::getInstance().observe(
+            GlobalVariables::kMaxEventDataSizeReached, [weak = weak_from_this()](const KeyValueChange& change) {
+                if (const auto self = weak.lock()) {
+                    self->observeValueForKeyPath(change);
+                }
+            });
+        MutexLock lock(mutex_);
+        observation_ = std::move(observation);
+    }
+    const auto reader = std::make_shared<EventCollector>(
+        AuditSource::kPipe, EventSelection::split(GlobalVariables::getInstance().eventsToRead()));
+    theSlot.get().set(reader);
+    // A cancel that came before the reader was in its place found nothing to end.
+    if (isCancelled()) {
+        reader->cancel();
+    }
+    reader->start();
+}
+
+void EventCollectorRealtime::cancel() {
+    kLog.error(__func__, "EventCollectorRealtime cancel called");
+    {
+        MutexLock lock(mutex_);
+        observation_.reset();
+    }
+    // The flag first: a reader that is only being made is then ended by start.
+    cancelOperation();
+    theSlot.get().cancelExecuting();
+    completeOperation();
+}
+
+void EventCollectorRealtime::observeValueForKeyPath(const KeyValueChange& change) {
+    if (change.key != GlobalVariables::kMaxEventDataSizeReached ||
+        change.oldValue.integerValue() == change.newValue.integerValue()) {
+        return;
+    }
+    if (change.newValue.integerValue() == 1) {
+        cancel();
+    } else {
+        clearCancelled();
+        start();
+    }
+}
+
+}  // namespace sentrova

@@ -1,0 +1,36 @@
+// The operation that reads audit records as the system makes them, from the live audit device.
+//
+// It starts only while realtime collection and the agent are enabled and the spool is below its size limit, and stops
+// for good when that limit is reached: to read on, a new operation is queued. It occupies its thread while it reads,
+// and stays executing until it is cancelled, also when there is nothing to read.
+
+#pragma once
+
+#include "foundation/KeyValueObserving.h"
+#include "foundation/Mutex.h"
+#include "operations/ConcurrentOperationAbstract.h"
+
+#include <memory>
+
+namespace sentrova {
+
+class EventCollectorRealtime final : public ConcurrentOperationAbstract,
+                                     public std::enable_shared_from_this<EventCollectorRealtime> {
+  public:
+    static constexpr const char* kOperationName = "EventCollectorRealtime";
+
+    EventCollectorRealtime();
+
+    bool canStart() override;
+    void start() override;
+    void cancel() override;
+
+    // The size limit of the spool has been checked; only a real change of the flag counts.
+    void observeValueForKeyPath(const KeyValueChange& change);
+
+  private:
+    Mutex mutex_;
+    Subscription observation_ GUARDED_BY(mutex_);
+};
+
+}  // namespace sentrova

@@ -1,0 +1,142 @@
+#include "core/AgentServiceHandler.h"
+
+#include "collection/EventCollectionSchedule.h"
+#include "collection/EventCollectorRealtime.h"
+#include "collection/currentLoginUtility.h"
+#include "core/GlobalConstants.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "core/Logger.h"
+#include "core/Utilities.h"
+#include "forwarding/EventForwarder.h"
+#include "forwarding/EventQueueGCD.h"
+#include "foundation/FileSystem.h"
+#include "foundation/Mutex.h"
+#include "foundation/ProcessWide.h"
+#include "operations/OperationsHandler.h"
+#include "operations/ScheduleHandler.h"
+#include "sync/ServerCommunicator.h"
+
+#include <unistd.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("AgentServiceHandler");
+
+constexpr std::string_view kBanner =
+    "**************************************************************************************";
+static_assert(kBanner.size() == 86);
+
+class MainQueue {
+  public:
+    std::shared_ptr<OperationsHandler> get() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return queue_;
+    }
+
+    std::shared_ptr<OperationsHandler> renew() EXCLUDES(mutex_) {
+        auto queue = std::make_shared<OperationsHandler>(-1);
+        MutexLock lock(mutex_);
+        // The earlier one goes after the lock, with the copy that is returned.
+        std::swap(queue_, queue);
+        auto renewed = queue_;
+        lock.unlock();
+        return renewed;
+    }
+
+  private:
+    Mutex mutex_;
+    std::shared_ptr<OperationsHandler> queue_ GUARDED_BY(mutex_);
+};
+
+ProcessWide<MainQueue> theMainQueue;
+
+// A process that was killed while it wrote a file has left the unfinished one behind.
+void removeUnfinishedFiles(const std::string& folder) {
+    const auto names = FileSystem::shared().names(folder);
+    if (!names) {
+        return;
+    }
+    for (const auto& name : *names) {
+        if (FileSystem::isTemporaryName(name)) {
+            kLog.info(__func__, "Removing the unfinished file {}/{}", folder, name);
+            static_cast<void>(FileSystem::shared().remove(folder + "/" + name));
+        }
+    }
+}
+
+template <class Made>
+std::shared_ptr<Made> named(std::shared_ptr<Made> operation, const char* name) {
+    operation->setName(name);
+    return operation;
+}
+
+}  // namespace
+
+bool AgentServiceHandler::initializeService() {
+    if (!Utilities::isSupportedOSVersion() || ::getuid() != 0) {
+        kLog.error(__func__, "Agent cannot run because its either an unsupported version or the User is not a root");
+        // The keys, not numbers: the line has always read so.
+        kLog.error(__func__, "Supported Version = {}.{}", GlobalConstants::MAJOR_VERSION,
+                   GlobalConstants::MINOR_VERSION);
+        return false;
+    }
+    const auto& configuration = GlobalVariables::getInstance();
+    for (const auto& folder : {configuration.confPath(), configuration.logsPath(), configuration.eventDataPath()}) {
+        removeUnfinishedFiles(folder);
+    }
+    ServerCommunicator().syncFromServer();
+    EventQueueGCD::init();
+    currentLoginUtility::init();
+    kLog.debug(__func__, "AgentServiceHandler init Finished");
+    return true;
+}
+
+void AgentServiceHandler::start() {
+    kLog.info(__func__, "{}", kBanner);
+    kLog.info(__func__, "Going to Start Vantorix Sentrova Agent.");
+    kLog.info(__func__, "{}", kBanner);
+    const auto mainQueue = theMainQueue.get().renew();
+
+    Logger().validateLogSize();
+    Logger().rotateLog();
+
+    mainQueue->addToOperationQueue(named(ScheduleHandler::init(), "ScheduleHandler"));
+    mainQueue->addToOperationQueue(named(EventForwarder::init(), "EventForwarder"));
+    kLog.debug(__func__, "Calling first schedule");
+    const auto batch = named(std::make_shared<EventCollectionSchedule>(), EventCollectionSchedule::kOperationName);
+    mainQueue->addToOperationQueue(batch);
+    // What the files hold comes before what the live device brings.
+    const auto realtime = named(std::make_shared<EventCollectorRealtime>(), EventCollectorRealtime::kOperationName);
+    mainQueue->addDependency(realtime, batch);
+    mainQueue->addToOperationQueue(realtime);
+    mainQueue->waitToFinish();
+}
+
+void AgentServiceHandler::stop() {
+    kLog.info(__func__, "AgentServiceHandler stop called");
+    if (const auto mainQueue = theMainQueue.get().get()) {
+        mainQueue->suspend();
+    }
+}
+
+void AgentServiceHandler::addOperationToMainQueue(const std::shared_ptr<ConcurrentOperationAbstract>& operation) {
+    if (const auto mainQueue = theMainQueue.get().get()) {
+        mainQueue->addToOperationQueue(operation);
+    }
+}
+
+void AgentServiceHandler::cancelOperationsOnMainQueue(std::string_view name) {
+    if (const auto mainQueue = theMainQueue.get().get()) {
+        mainQueue->cancelOperationWithName(name);
+    }
+}
+
+bool AgentServiceHandler::getOperationStatusOnMainQueue(std::string_view name) {
+    const auto mainQueue = theMainQueue.get().get();
+    return mainQueue && mainQueue->getTaskStatus(name);
+}
+
+}  // namespace sentrova

@@ -1,0 +1,246 @@
+#include "core/Logger.h"
+
+#include "core/FileUtils.h"
+#include "core/GlobalConstants.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "core/PropertyListHandler.h"
+#include "foundation/Clock.h"
+#include "foundation/DateFormat.h"
+#include "foundation/Mutex.h"
+#include "foundation/NotificationCenter.h"
+#include "foundation/ProcessWide.h"
+#include "platform/OperatingSystem.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <map>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("Logger");
+constexpr std::array kCategories = {LogCategory::Config, LogCategory::Event, LogCategory::Communication};
+constexpr std::int64_t kMaximumFileSize = 10'485'760;
+constexpr std::chrono::seconds kArchivedAfter{604'800};
+constexpr std::string_view kExtension = ".log";
+
+std::string inConfFolder(std::string_view file) {
+    return fmt::format("{}/{}", GlobalConstants::CONF_PATH, file);
+}
+
+std::string fileNameFor(std::string_view category, std::string_view date) {
+    return fmt::format("{}/{}{}{}", GlobalConstants::LOG_PATH, category, date, kExtension);
+}
+
+// The current file of each category, shared by all loggers.
+class FileTable {
+  public:
+    using Table = std::map<std::string, std::string, std::less<>>;
+
+    FileTable() : table_(load()) {}
+
+    // The category's file for the day; empty for a category that has none. A new day, or a category that is not in the
+    // table, starts the files of the day for all categories.
+    std::string fileFor(std::string_view category, const std::string& date) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        if (const auto found = table_.find(category);
+            found != table_.end() && found->second.find(date) != std::string::npos) {
+            return found->second;
+        }
+        table_ = today(date);
+        const auto found = table_.find(category);
+        auto path = found == table_.end() ? std::string() : found->second;
+        const auto copy = table_;
+        // Without the lock: a failure to save is itself logged, into the table as it is now.
+        lock.unlock();
+        save(copy);
+        return path;
+    }
+
+    Table copy() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return table_;
+    }
+
+    void replace(const std::string& category, const std::string& path) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        table_[category] = path;
+        const auto copy = table_;
+        lock.unlock();
+        save(copy);
+    }
+
+  private:
+    static Table today(const std::string& date) {
+        Table table;
+        for (const auto category : kCategories) {
+            table.emplace(category, fileNameFor(category, date));
+        }
+        return table;
+    }
+
+    static Table load() {
+        const auto handler = PropertyListHandler::initWithFile(inConfFolder(GlobalConstants::LOG_FILE_TABLE));
+        Table table;
+        for (const auto category : kCategories) {
+            const auto value = handler.GetValueForKey(category);
+            if (const auto* path = value.string(); path && isLogFile(*path)) {
+                table.emplace(category, *path);
+            }
+        }
+        return table.empty() ? today(DateFormat::format("yyyy-MM-dd", Clock::shared().wallTime())) : table;
+    }
+
+    // The table comes from a file: a name in it must not lead out of the logs folder.
+    static bool isLogFile(std::string_view path) {
+        const auto folder = fmt::format("{}/", GlobalConstants::LOG_PATH);
+        return path.starts_with(folder) && path.find('/', folder.size()) == std::string_view::npos &&
+               path.ends_with(kExtension);
+    }
+
+    static void save(const Table& table) {
+        Dictionary dictionary;
+        for (const auto& [category, path] : table) {
+            dictionary.set(category, path);
+        }
+        PropertyListHandler handler;
+        handler.updateDictionary(dictionary);
+        handler.WriteToProplist(inConfFolder(GlobalConstants::LOG_FILE_TABLE));
+    }
+
+    Mutex mutex_;
+    Table table_ GUARDED_BY(mutex_);
+};
+
+ProcessWide<FileTable> theFileTable;
+
+// The name under which a file that has grown too large goes on.
+std::string continuationOf(const std::string& path) {
+    const auto underscore = path.find('_');
+    std::int64_t number = 1;
+    std::string base = path.substr(0, std::min(underscore, path.rfind(kExtension)));
+    if (underscore != std::string::npos) {
+        const auto digits = path.substr(underscore + 1);
+        std::from_chars(digits.data(), digits.data() + digits.size(), number);
+    }
+    for (;; ++number) {
+        auto candidate = fmt::format("{}_{}{}", base, number, kExtension);
+        if (!FileUtils::doesFileExist(candidate)) {
+            return candidate;
+        }
+    }
+}
+
+}  // namespace
+
+// The shared logger writes errors only until it is complete: what it reads for that may itself have something to log.
+struct SharedLogger {
+    Logger logger{LogLevel::Error};
+    std::atomic<bool> loading = false;
+};
+
+namespace {
+ProcessWide<SharedLogger> theSharedLogger;
+}  // namespace
+
+Logger& Logger::getInstance() {
+    auto& shared = theSharedLogger.get();
+    if (!shared.loading.load(std::memory_order_relaxed) && !shared.loading.exchange(true)) {
+        shared.logger.load();
+    }
+    return shared.logger;
+}
+
+Logger::Logger() : currentLogLevel_(LogLevel::Error) {
+    load();
+}
+
+void Logger::load() {
+    const auto configuration = PropertyListHandler::initWithFile(inConfFolder(GlobalConstants::MY_CONFIGURATIONS_FILE));
+    currentLogLevel_ = configuration.GetValueForKey(GlobalConstants::LOG_LEVEL).intValue();
+    wakeObserver_ =
+        NotificationCenter::defaultCenter().addObserver(kDidWakeNotification, [this](const auto&) { rotateLog(); });
+}
+
+void Logger::file(std::string_view category, std::string_view print, std::int32_t level, std::string_view /*func*/,
+                  std::string_view str) {
+    if (currentLogLevel_ < level) {
+        return;
+    }
+    const auto now = Clock::shared().wallTime();
+    const auto path = theFileTable.get().fileFor(category, DateFormat::format("yyyy-MM-dd", now));
+    if (path.empty()) {
+        return;
+    }
+    FileUtils::writeToFile(
+        path, fmt::format("[{}][{}][{}:{}][{}]{}\r\n", DateFormat::format("yyyy-MM-dd HH:mm:ss Z", now), print,
+                          ::getpid(), platform::currentThreadId(), formatTypeToString(level), str));
+}
+
+std::string Logger::formatTypeToString(std::int32_t level) {
+    switch (level) {
+        case LogLevel::Error:
+            return "ERROR";
+        case LogLevel::Info:
+            return "INFO";
+        case LogLevel::Debug:
+            return "DEBUG";
+        default:
+            throw std::invalid_argument("Unexpected FormatType.");
+    }
+}
+
+void Logger::validateLogSize() {
+    kLog.info(__func__, "Going to rotate log");
+    for (const auto& [category, path] : theFileTable.get().copy()) {
+        if (FileUtils::sizeOfFile(path) <= kMaximumFileSize) {
+            continue;
+        }
+        kLog.debug(__func__, "Current file {} has reached limit", path);
+        const auto candidate = continuationOf(path);
+        if (candidate == path || !FileUtils::zipFile(path)) {
+            continue;
+        }
+        kLog.info(__func__, "File {} has been zipped", path);
+        kLog.info(__func__, "New File name {}", candidate);
+        theFileTable.get().replace(category, candidate);
+        FileUtils::deleteFile(path);
+    }
+}
+
+void Logger::rotateLog() {
+    kLog.info(__func__, "Zipping Log");
+    const auto cutoff = Clock::shared().wallTime() - kArchivedAfter;
+    const auto files = FileUtils::listOfFileURLSInPath(GlobalVariables::getInstance().logsPath());
+    if (!files) {
+        return;
+    }
+    for (const auto& file : *files) {
+        const auto& path = file.path();
+        const auto modified = FileUtils::modificationDate(path);
+        if (!path.ends_with(kExtension) || !modified || *modified >= cutoff) {
+            continue;
+        }
+        const auto name = file.lastPathComponent();
+        kLog.info(__func__, "Trying to zip {}", name);
+        if (!FileUtils::zipFile(path)) {
+            continue;
+        }
+        const auto withoutExtension = [](const std::string& text) { return text.substr(0, text.rfind('.')); };
+        if (FileUtils::moveFileFrom(
+                withoutExtension(path) + ".zip",
+                fmt::format("{}{}.zip", GlobalConstants::LOG_ARCHIVE_PATH, withoutExtension(name)))) {
+            FileUtils::deleteFile(path);
+        }
+    }
+}
+
+}  // namespace sentrova

@@ -1,0 +1,46 @@
+#include "core/Utilities.h"
+
+#include "core/GlobalConstants.h"
+#include "core/LogSource.h"
+#include "foundation/Clock.h"
+#include "foundation/DateFormat.h"
+#include "platform/OperatingSystem.h"
+
+namespace sentrova {
+
+namespace {
+constexpr LogSource kLog("Utilities");
+}  // namespace
+
+Dictionary Utilities::getOSVersion() {
+    const auto version = platform::operatingSystemVersion().value_or(platform::OperatingSystemVersion());
+    Dictionary dictionary;
+    dictionary.set(GlobalConstants::MAJOR_VERSION, version.major);
+    dictionary.set(GlobalConstants::MINOR_VERSION, version.minor);
+    dictionary.set(GlobalConstants::PATCH_VERSION, version.patch);
+    return dictionary;
+}
+
+bool Utilities::isSupportedOSVersion() {
+    const auto version = getOSVersion();
+    const auto major = version[GlobalConstants::MAJOR_VERSION].integerValue();
+    const auto minor = version[GlobalConstants::MINOR_VERSION].integerValue();
+    const bool supported = (major == 10 && minor > 14) || major >= 11;
+    kLog.info(__func__, "isSupportedOsVersion={:d}", supported);
+    return supported;
+}
+
+std::string Utilities::getCurrentTimeInFormat(std::string_view format) {
+    return DateFormat::format(format, Clock::shared().wallTime());
+}
+
+std::string Utilities::converStringToEpoch(std::string_view text, std::string_view withFormat) {
+    const auto date = DateFormat::parse(withFormat, text);
+    return Value(date ? epochSecondsExact(*date) : 0.0).description();
+}
+
+std::string Utilities::getTimeFromEpoch(double seconds) {
+    return DateFormat::longStyle(dateFromEpoch(seconds));
+}
+
+}  // namespace sentrova

@@ -1,0 +1,60 @@
+// The process's entry: set up the termination by SIGTERM, initialise the service, run it.
+
+#include "core/AgentServiceHandler.h"
+#include "core/ConfigurationError.h"
+#include "core/LogSource.h"
+#include "foundation/DispatchQueue.h"
+#include "platform/SignalSource.h"
+#include "platform/Transaction.h"
+
+#include <signal.h>  // NOLINT(modernize-deprecated-headers): sigaction is POSIX
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+using namespace sentrova;  // NOLINT(google-build-using-namespace)
+
+constexpr LogSource kLog("main");
+
+// Ends the process without its static destructors, which would run under live threads.
+[[noreturn]] void leave(int status) {
+    std::fflush(nullptr);
+    ::_exit(status);
+}
+
+void terminate() {
+    const platform::Transaction transaction;
+    AgentServiceHandler::stop();
+    leave(EXIT_SUCCESS);
+}
+
+void logUnhandled(std::string_view where, std::string_view what) {
+    kLog.error("unhandledException", "{}: {}", where, what);
+}
+
+}  // namespace
+
+int main() {
+    DispatchQueue::setExceptionHandler(logUnhandled);
+    const auto termination = platform::SignalSource::make(SIGTERM, terminate);
+    termination->resume();
+    struct sigaction ignore{};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    ::sigaction(SIGTERM, &ignore, nullptr);
+    try {
+        if (AgentServiceHandler::initializeService()) {
+            AgentServiceHandler::start();
+        }
+    } catch (const ConfigurationError&) {
+        // Its text is in the log already.
+        leave(ConfigurationError::kExitStatus);
+    } catch (const std::exception& exception) {
+        kLog.error(__func__, "The agent cannot go on: {}", exception.what());
+        leave(EXIT_FAILURE);
+    }
+    leave(EXIT_SUCCESS);
+}

@@ -1,0 +1,199 @@
+#include "forwarding/EventForwarder.h"
+
+#include "core/FileUtils.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "core/Secrets.h"
+#include "forwarding/EventQueueGCD.h"
+#include "forwarding/TransportEngine.h"
+#include "foundation/Clock.h"
+#include "foundation/FileSystem.h"
+#include "foundation/Json.h"
+#include "foundation/Text.h"
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("EventForwarder");
+constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
+
+// A quick look, for every file: the server gets no text that cannot be a batch of the spool.
+bool looksLikeBatch(std::string_view data) {
+    return data.starts_with('[') && data.ends_with(']') && isValidUtf8(data);
+}
+
+// Gives the events of a batch back to the spool, in their order. A batch that is none after all is put aside, since its
+// file is gone.
+void putBack(const std::string& data) {
+    auto parsed = Json::parse(data, {data.size(), 512});
+    auto* const events = parsed ? parsed->array() : nullptr;
+    if (!events) {
+        const auto aside = fmt::format("{}/undelivered_{}", GlobalVariables::getInstance().eventDataPath(),
+                                       Clock::shared().epochSeconds());
+        kLog.error(__func__, "A batch that was not delivered is no JSON array; its {} bytes are kept in {}",
+                   data.size(), aside);
+        FileUtils::writeToFile(aside, data);
+        return;
+    }
+    for (auto& event : *events) {
+        if (auto* const dictionary = event.dictionary()) {
+            EventQueueGCD::enqueue(std::move(*dictionary));
+        } else {
+            kLog.error(__func__, "An entry of a batch that was not delivered is no event: {}", event);
+        }
+    }
+}
+
+// What there is to do when a delivery has been answered, or has failed. On the session's delegate queue.
+void finishDelivery(TransportEngine& engine, const std::string& sent, const std::optional<Data>& data,
+                    const std::optional<UrlResponse>& response, const std::optional<Error>& error) {
+    constexpr const char* kFunction = "SendData";
+    kTraffic.debug(kFunction, "EventForwarder DATA= {}", data ? Value(*data) : Value());
+    const auto status = fmt::format("{}", response ? response->statusCode : 0);
+    kTraffic.debug(kFunction, "response status code: {}", status);
+    if (!error && status == "200") {
+        TransportEngine::setIsConnected(true);
+        if (LogSource::isWritten(LogLevel::Info)) {
+            const auto body = Json::parse(data ? std::string(data->begin(), data->end()) : std::string());
+            kTraffic.info(kFunction, "response={}", body ? Secrets::masked(*body) : Value());
+        }
+        return;
+    }
+    kTraffic.error(kFunction, "{}", error ? error->description : "(null)");
+    TransportEngine::setIsConnected(false);
+    engine.tryOtherURL();
+    putBack(sent);
+}
+
+}  // namespace
+
+EventForwarder::Slot EventForwarder::Slots::take() {
+    MutexLock lock(mutex_);
+    while (taken_ >= kDeliveriesUnderWay && !closed_) {
+        changed_.wait(lock);
+    }
+    if (closed_) {
+        return nullptr;
+    }
+    ++taken_;
+    return Slot(this, [self = shared_from_this()](void*) { self->release(); });
+}
+
+void EventForwarder::Slots::release() {
+    MutexLock lock(mutex_);
+    --taken_;
+    changed_.notifyAll();
+}
+
+void EventForwarder::Slots::close() {
+    MutexLock lock(mutex_);
+    closed_ = true;
+    changed_.notifyAll();
+}
+
+EventForwarder::EventForwarder() : ConcurrentOperationAbstract("EventForwarder") {
+    kLog.debug("init", "EventForwarder Init called");
+}
+
+std::shared_ptr<EventForwarder> EventForwarder::init() {
+    return std::shared_ptr<EventForwarder>(new EventForwarder);  // NOLINT: the constructor is private
+}
+
+void EventForwarder::start() {
+    kLog.debug(__func__, "EventForwarder start called");
+    if (!canStart()) {
+        return;
+    }
+    started();
+    kLog.debug(__func__, "EventForwarder start observing queue");
+    const auto observe = [this](const char* name, void (EventForwarder::*handler)(const Notification&)) {
+        auto subscription = NotificationCenter::defaultCenter().addObserver(
+            name, [weak = weak_from_this(), handler](const Notification& notification) {
+                if (const auto self = weak.lock()) {
+                    (self.get()->*handler)(notification);
+                }
+            });
+        MutexLock lock(observersMutex_);
+        observers_.push_back(std::move(subscription));
+    };
+    observe(EventQueueGCD::kEventFileNotification, &EventForwarder::gotFilesToProcess);
+    observe(EventQueueGCD::kEventForwardNotification, &EventForwarder::gotEventsToProcess);
+
+    const auto files = FileUtils::listOfFileURLSInPath(GlobalVariables::getInstance().eventDataPath());
+    if (!files) {
+        return;
+    }
+    for (const auto& file : *files) {
+        NotificationCenter::defaultCenter().post(
+            {EventQueueGCD::kEventFileNotification, this, {{EventQueueGCD::kFileUrl, file.absoluteString()}}});
+    }
+}
+
+void EventForwarder::gotFilesToProcess(const Notification& notification) {
+    kLog.debug(__func__, "Received file created notification");
+    const auto* text = notification.userInfo[EventQueueGCD::kFileUrl].string();
+    const auto file = text ? FileUrl::parse(*text) : std::nullopt;
+    if (file) {
+        opQueue_.addBlockToQueue([self = shared_from_this(), file] { self->process(file); });
+    }
+    opQueue_.countOfOperationsInQueue();
+}
+
+void EventForwarder::gotEventsToProcess(const Notification& /*notification*/) {
+    kLog.debug(__func__, "Received Event Timeout notification");
+    opQueue_.addBlockToQueue([self = shared_from_this()] { self->process(std::nullopt); });
+    opQueue_.countOfOperationsInQueue();
+}
+
+void EventForwarder::process(const std::optional<FileUrl>& file) {
+    auto slot = slots_->take();
+    if (!slot) {
+        return;
+    }
+    auto data = EventQueueGCD::dequeue(file);
+    if (!data) {
+        return;
+    }
+    if (file && !looksLikeBatch(*data)) {
+        kLog.error(__func__, "The file {} is no batch of events; it is left where it is", file->path());
+        return;
+    }
+    SendData(*std::move(data), std::move(slot));
+    if (file) {
+        const bool deleted = FileUtils::deleteFile(file->path());
+        kLog.info(__func__, "Going to Delete the file {} {:d}", file->absoluteString(), deleted);
+    }
+}
+
+void EventForwarder::SendData(std::string data, Slot slot) {
+    if (TransportEngine::isConnected()) {
+        kLog.debug(__func__, "Dequeued array={}", data);
+        const auto engine = std::make_shared<TransportEngine>();
+        kLog.info(__func__, "EventForwarder next url {}", engine->baseURL());
+        const auto batch = std::make_shared<const std::string>(std::move(data));
+        engine->sendMessageToServer(
+            MessageType::eventDelivery, *batch,
+            [engine, batch, slot = std::move(slot)](const auto& answer, const auto& response, const auto& error) {
+                finishDelivery(*engine, *batch, answer, response, error);
+            });
+    } else {
+        putBack(data);
+    }
+    kLog.debug(__func__, "EventForwarder sendData is finished");
+}
+
+void EventForwarder::cancel() {
+    kLog.debug(__func__, "EventForwarder cancel called");
+    {
+        MutexLock lock(observersMutex_);
+        observers_.clear();
+    }
+    slots_->close();
+    cancelOperation();
+    completeOperation();
+}
+
+}  // namespace sentrova

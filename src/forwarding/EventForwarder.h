@@ -1,0 +1,72 @@
+// The operation that delivers what the spool announces: one batch a request, one after another in the order of the
+// announcements. It runs until it is cancelled.
+//
+// A delivery does not wait for the answer to the one before it, but no more are under way at once than the session has
+// connections, so that a large backlog stays on the disk. What is not answered with 200 goes back into the spool.
+
+#pragma once
+
+#include "foundation/FileUrl.h"
+#include "foundation/Mutex.h"
+#include "foundation/NotificationCenter.h"
+#include "foundation/Subscription.h"
+#include "operations/ConcurrentOperationAbstract.h"
+#include "operations/OperationsHandler.h"
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sentrova {
+
+class EventForwarder final : public ConcurrentOperationAbstract, public std::enable_shared_from_this<EventForwarder> {
+  public:
+    static constexpr std::size_t kDeliveriesUnderWay = 6;
+
+    static std::shared_ptr<EventForwarder> init();
+
+    void start() override;
+    void cancel() override;
+
+    // The observers of the spool's notifications; they only hand the work on.
+    void gotFilesToProcess(const Notification& notification);
+    void gotEventsToProcess(const Notification& notification);
+
+    // One delivery: of the file, or of the events in memory. The file is deleted as soon as the request has been
+    // started. On the forwarder's own queue, where it may wait for an earlier answer.
+    void process(const std::optional<FileUrl>& file);
+
+    // A delivery's place among those under way; given back by letting go of it.
+    using Slot = std::shared_ptr<void>;
+
+    // Posts one batch, or gives it back to the spool while the server is not reachable.
+    void SendData(std::string data, Slot slot);
+
+  private:
+    // Counts the deliveries under way. The requests' completions may outlive the forwarder.
+    class Slots : public std::enable_shared_from_this<Slots> {
+      public:
+        // Waits for a free one; null when the forwarder has been cancelled.
+        Slot take() EXCLUDES(mutex_);
+        void close() EXCLUDES(mutex_);
+
+      private:
+        void release() EXCLUDES(mutex_);
+
+        Mutex mutex_;
+        Condition changed_;
+        std::size_t taken_ GUARDED_BY(mutex_) = 0;
+        bool closed_ GUARDED_BY(mutex_) = false;
+    };
+
+    EventForwarder();
+
+    const std::shared_ptr<Slots> slots_ = std::make_shared<Slots>();
+    Mutex observersMutex_;
+    std::vector<Subscription> observers_ GUARDED_BY(observersMutex_);
+    OperationsHandler opQueue_{1};
+};
+
+}  // namespace sentrova

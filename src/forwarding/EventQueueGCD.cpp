@@ -1,0 +1,226 @@
+#include "forwarding/EventQueueGCD.h"
+
+#include "core/FileUtils.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "forwarding/DelayedPairs.h"
+#include "forwarding/TransportEngine.h"
+#include "foundation/Clock.h"
+#include "foundation/DateFormat.h"
+#include "foundation/DispatchQueue.h"
+#include "foundation/FileSystem.h"
+#include "foundation/Json.h"
+#include "foundation/Mutex.h"
+#include "foundation/NotificationCenter.h"
+#include "foundation/ProcessWide.h"
+
+#include <algorithm>
+#include <memory>
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("EventQueueGCD");
+
+constexpr std::chrono::seconds kFirstTimeUpdate{30};
+constexpr std::chrono::seconds kAnnouncedAfter{10};
+constexpr std::chrono::seconds kFileAnnouncedAgain{10};
+constexpr std::chrono::seconds kEventsAnnouncedAgain{30};
+constexpr std::string_view kFilePrefix = "event_";
+
+constexpr char kIdentity = 0;
+
+void post(std::string_view name, Dictionary userInfo = {}) {
+    NotificationCenter::defaultCenter().post({name, &kIdentity, std::move(userInfo)});
+}
+
+void postFile(const FileUrl& file) {
+    post(EventQueueGCD::kEventFileNotification, {{EventQueueGCD::kFileUrl, file.absoluteString()}});
+}
+
+// Gives every batch a name of its own: the present millisecond or, when that is taken, the next free one.
+class FileNames {
+  public:
+    std::string next(const std::string& folder) {
+        auto stamp = std::chrono::floor<std::chrono::milliseconds>(Clock::shared().wallTime());
+        // A clock that was set back far does not keep names in the future.
+        if (stamp <= last_ && last_ - stamp < std::chrono::hours(1)) {
+            stamp = last_ + std::chrono::milliseconds(1);
+        }
+        for (;; stamp += std::chrono::milliseconds(1)) {
+            auto path =
+                fmt::format("{}/{}{}", folder, kFilePrefix, DateFormat::format("yyyyMMddHHmmssSSS", Date(stamp)));
+            if (!FileUtils::doesFileExist(path)) {
+                last_ = stamp;
+                return path;
+            }
+        }
+    }
+
+  private:
+    std::chrono::sys_time<std::chrono::milliseconds> last_{};
+};
+
+class Spool {
+  public:
+    Spool() {
+        dispatchQueue_.after(kFirstTimeUpdate, [] { post(EventQueueGCD::kTimeUpdateNotification); });
+        FileUtils::createFolder(GlobalVariables::getInstance().eventDataPath());
+        kLog.info("init", "EventQueueGCD queueData initialised");
+    }
+
+    void enqueue(Dictionary event) EXCLUDES(pairsMutex_) {
+        dispatchQueue_.sync([this, &event] { add(std::move(event)); });
+        announceLater();
+    }
+
+    std::optional<std::string> dequeue(const std::optional<FileUrl>& file) {
+        std::optional<std::string> data;
+        dispatchQueue_.sync([this, &file, &data] { data = file ? readFile(*file) : takeEvents(); });
+        return data;
+    }
+
+    std::size_t length() {
+        std::size_t count = 0;
+        dispatchQueue_.sync([this, &count] { count = queueData_.size(); });
+        return count;
+    }
+
+  private:
+    void add(Dictionary event) {
+        kLog.debug("enqueue", "EventQueueGCD enqueue called");
+        if (std::ssize(queueData_) >= GlobalVariables::getInstance().noOfEventsPerRequest()) {
+            flush();
+        }
+        Value value(std::move(event));
+        if (Json::isValidObject(value)) {
+            queueData_.push_back(std::move(value));
+        } else {
+            kLog.error("enqueue", "Invalid json {}", value);
+        }
+    }
+
+    void flush() {
+        const auto path = fileNames_.next(GlobalVariables::getInstance().eventDataPath());
+        kLog.info("enqueue", " filename {}", path);
+        const Value batch(std::exchange(queueData_, {}));
+        if (const auto text = Json::write(batch)) {
+            write(path, *text, batch.array()->size());
+        } else {
+            kLog.error("enqueue", "error in json data {}", text.error().description);
+        }
+        postFile(FileUrl(path));
+    }
+
+    static void write(const std::string& path, const std::string& text, std::size_t events) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+        const auto written =
+            FileSystem::shared().writeAtomically(path, {bytes, text.size()}, FileSystem::Durability::renamed);
+        if (!written) {
+            kLog.error("enqueue", "A batch of {} events is lost: {}", events, written.error().description);
+        }
+    }
+
+    std::optional<std::string> readFile(const FileUrl& file) {
+        if (!TransportEngine::isConnected()) {
+            kLog.debug("dequeue", "Created file notification again for {}", file.absoluteString());
+            dispatchQueue_.after(kFileAnnouncedAgain, [file] { postFile(file); });
+            return std::nullopt;
+        }
+        kLog.info("dequeue", "Going to read from file {}", file.path());
+        const auto content = FileSystem::shared().read(file.path());
+        if (!content) {
+            kLog.error("dequeue", "The spooled file cannot be read: {}", content.error().description);
+            return std::nullopt;
+        }
+        return std::string(content->begin(), content->end());
+    }
+
+    std::optional<std::string> takeEvents() {
+        if (queueData_.empty()) {
+            return std::nullopt;
+        }
+        if (!TransportEngine::isConnected()) {
+            kLog.debug("dequeue", "Created Event notification again");
+            dispatchQueue_.after(kEventsAnnouncedAgain, [] { post(EventQueueGCD::kEventForwardNotification); });
+            return std::nullopt;
+        }
+        kLog.debug("dequeue", "Reading events from Queue");
+        const Value batch(std::exchange(queueData_, {}));
+        kLog.debug("dequeue", "EventQueueGCD dequeue count {}", batch.array()->size());
+        return Json::write(batch).optional();
+    }
+
+    // Notes one more pair of delayed notifications. There is one timer, for the pairs that fall due next.
+    void announceLater() EXCLUDES(pairsMutex_) {
+        const auto due = Clock::shared().monotonicTime() + kAnnouncedAfter;
+        MutexLock lock(pairsMutex_);
+        pairs_.add(due);
+        if (!pairsTimed_) {
+            pairsTimed_ = true;
+            lock.unlock();
+            dispatchQueue_.after(kAnnouncedAfter, [this] { postDuePairs(); });
+        }
+    }
+
+    // Posts one pair and gives up its turn on the queue, so that the observers' hand-overs get theirs between two
+    // pairs.
+    void postDuePairs() EXCLUDES(pairsMutex_) {
+        const auto now = Clock::shared().monotonicTime();
+        MutexLock lock(pairsMutex_);
+        if (pairs_.take(now)) {
+            lock.unlock();
+            post(EventQueueGCD::kEventForwardNotification);
+            post(EventQueueGCD::kTimeUpdateNotification);
+            dispatchQueue_.async([this] { postDuePairs(); });
+            return;
+        }
+        pairsTimed_ = !pairs_.empty();
+        if (pairsTimed_) {
+            const auto delay = pairs_.nextDue() - now;
+            lock.unlock();
+            dispatchQueue_.after(delay, [this] { postDuePairs(); });
+        }
+    }
+
+    // Only on the queue.
+    Array queueData_;
+    FileNames fileNames_;
+
+    Mutex pairsMutex_;
+    DelayedPairs pairs_ GUARDED_BY(pairsMutex_);
+    bool pairsTimed_ GUARDED_BY(pairsMutex_) = false;
+
+    // Last, so that its thread has ended before what it works on goes.
+    DispatchQueue dispatchQueue_{"com.kelvark.vantorix.eventqueue"};
+};
+
+ProcessWide<Spool> theSpool;
+
+}  // namespace
+
+const void* EventQueueGCD::identity() {
+    return &kIdentity;
+}
+
+void EventQueueGCD::init() {
+    static_cast<void>(theSpool.get());
+    kLog.debug(__func__, "EventQueueGCD init Finished");
+}
+
+void EventQueueGCD::enqueue(Dictionary event) {
+    theSpool.get().enqueue(std::move(event));
+}
+
+std::optional<std::string> EventQueueGCD::dequeue(const std::optional<FileUrl>& file) {
+    return theSpool.get().dequeue(file);
+}
+
+std::size_t EventQueueGCD::length() {
+    return theSpool.get().length();
+}
+
+}  // namespace sentrova

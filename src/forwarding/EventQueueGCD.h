@@ -1,0 +1,50 @@
+// The spool between collection and delivery: a batch of events in memory, and full batches as files.
+//
+// A file "event_" + time stamp in the event-data folder holds one batch as a JSON array, in the order of arrival; it is
+// written whole, never changed, and deleted by the forwarder. The spool announces its work by notifications, on its own
+// serial queue; observers must hand the work on and must not call back from within the notification.
+// Safe from any thread once init has been called. The batch in memory is bounded by the configured batch size, but
+// grows beyond it by what arrives while a failed delivery puts its events back.
+
+#pragma once
+
+#include "foundation/FileUrl.h"
+#include "foundation/Value.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace sentrova {
+
+class EventQueueGCD {
+  public:
+    EventQueueGCD() = delete;
+
+    // A file is ready; its URL is in the user info under kFileUrl.
+    static constexpr const char* kEventFileNotification = "EventFileNotification";
+    static constexpr const char* kFileUrl = "FileURL";
+    // There may be events in memory.
+    static constexpr const char* kEventForwardNotification = "EventForwardNotification";
+    // The time of the last event may be stored.
+    static constexpr const char* kTimeUpdateNotification = "TimeUpdateNotification";
+
+    // What the notifications of the spool carry as their object.
+    static const void* identity();
+
+    // Sets the spool up once a process.
+    static void init();
+
+    // Adds an event; the batch before it is written to a file when it is full. An event that JSON cannot carry is
+    // dropped and logged. Ten seconds later the two delayed notifications are posted, once for each event.
+    static void enqueue(Dictionary event);
+
+    // The bytes of a spooled file, or without one the batch in memory, which is then empty, as a JSON array. Nothing
+    // when there is nothing to send or the server is not reachable; the announcement is then repeated later.
+    static std::optional<std::string> dequeue(const std::optional<FileUrl>& file);
+
+    // The number of events in memory.
+    static std::size_t length();
+};
+
+}  // namespace sentrova

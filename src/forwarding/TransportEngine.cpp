@@ -1,0 +1,255 @@
+#include "forwarding/TransportEngine.h"
+
+#include "core/GlobalConstants.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "core/PropertyListHandler.h"
+#include "foundation/CurlUrlSession.h"
+#include "foundation/Mutex.h"
+#include "foundation/ProcessWide.h"
+#include "foundation/Text.h"
+
+#include <algorithm>
+#include <atomic>
+#include <numeric>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("TransportEngine");
+constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
+
+constexpr int kConnections = 3;
+constexpr int kHostForms = 4;
+constexpr std::chrono::seconds kRequestTimeout{30};
+
+// Any certificate of a server is accepted; all other challenges are left to the request's time-out.
+class ServerTrust final : public UrlSessionDelegate {
+  public:
+    void didReceiveChallenge(const UrlAuthenticationChallenge& challenge,
+                             const ChallengeCompletion& completionHandler) override {
+        if (challenge.method == UrlAuthenticationChallenge::Method::serverTrust) {
+            completionHandler(UrlChallengeDisposition::useCredential);
+        }
+    }
+};
+
+// What is between "//" and the port must be the host's name and nothing else: the configuration comes from outside.
+bool isHostName(const std::string& name) {
+    return !name.empty() && std::ranges::all_of(name, [](char c) {
+        return static_cast<unsigned char>(c) > ' ' && c != 0x7F &&
+               std::string_view("/\\?#@%\"<>^`{|}").find(c) == std::string_view::npos;
+    });
+}
+
+struct Address {
+    std::string scheme;
+    std::string name;
+    std::int64_t port = 0;
+};
+
+// The address in use, one for all engines.
+class AddressChoice {
+  public:
+    // The first choice, by the configured type of connection.
+    AddressChoice() {
+        const auto& configuration = GlobalVariables::getInstance();
+        switch (configuration.type()) {
+            case 0:
+                preferredConnectionProtocol_ = orNull(configuration.NATProtocol());
+                break;
+            case 1:
+                currentPort_ = 1;
+                currentHostname_ = 1;
+                preferredConnectionProtocol_ = orNull(configuration.agentProtocol());
+                break;
+            default:
+                currentPort_ = 2;
+                currentHostname_ = 1;
+                preferredConnectionProtocol_ = orNull(configuration.serverProtocol());
+        }
+    }
+
+    // The address for a new engine. Its scheme is the one that the last choice left; the look-ups settle the next
+    // one's.
+    Address present() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        Address address;
+        address.scheme = preferredConnectionProtocol_;
+        address.name = getConnectionName();
+        address.port = getConnectionPort();
+        return address;
+    }
+
+    Address next() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        currentHostname_ = (currentHostname_ + 1) % kHostForms;
+        if (currentHostname_ == 0) {
+            currentPort_ = (currentPort_ + 1) % kConnections;
+        }
+        Address address;
+        address.name = getConnectionName();
+        address.port = getConnectionPort();
+        address.scheme = preferredConnectionProtocol_;
+        return address;
+    }
+
+  private:
+    std::string getConnectionName() REQUIRES(mutex_) {
+        const auto& configuration = GlobalVariables::getInstance();
+        if (currentHostname_ == 0 && configuration.hasNATServer()) {
+            preferredConnectionProtocol_ = orNull(configuration.NATProtocol());
+            return orNull(configuration.NATServerName());
+        }
+        preferredConnectionProtocol_ = orNull(configuration.agentProtocol());
+        switch (currentHostname_) {
+            case 2:
+                return orNull(configuration.serverIP());
+            case 3:
+                return orNull(configuration.serverName());
+            default:
+                return orNull(configuration.serverFQDN());
+        }
+    }
+
+    std::int64_t getConnectionPort() REQUIRES(mutex_) {
+        auto& configuration = GlobalVariables::getInstance();
+        const auto relay = configuration.NATServerName();
+        const bool relayIsNone = relay == "" || relay == GlobalConstants::NO_NAT_SERVER;
+        if (currentPort_ == 0 && !relayIsNone) {
+            preferredConnectionProtocol_ = orNull(configuration.NATProtocol());
+            configuration.setType(0);
+            return configuration.NATPort();
+        }
+        if (currentPort_ == 2) {
+            preferredConnectionProtocol_ = orNull(configuration.serverProtocol());
+            configuration.setType(2);
+            return configuration.serverPort();
+        }
+        preferredConnectionProtocol_ = orNull(configuration.agentProtocol());
+        configuration.setType(1);
+        return configuration.agentPort();
+    }
+
+    Mutex mutex_;
+    int currentPort_ GUARDED_BY(mutex_) = 0;
+    int currentHostname_ GUARDED_BY(mutex_) = 0;
+    std::string preferredConnectionProtocol_ GUARDED_BY(mutex_);
+};
+
+class Reachability {
+  public:
+    bool connected() const { return connected_; }
+
+    // Whether that changed anything.
+    bool change(bool flag) { return connected_.exchange(flag) != flag; }
+
+  private:
+    std::atomic<bool> connected_ = true;
+};
+
+struct SessionSettings {
+    Mutex mutex;
+    TransportEngine::SessionFactory factory GUARDED_BY(mutex);
+};
+
+SessionSettings& sessionSettings() {
+    static SessionSettings settings;
+    return settings;
+}
+
+std::unique_ptr<UrlSession> makeSession() {
+    auto& settings = sessionSettings();
+    auto trust = std::make_shared<ServerTrust>();
+    MutexLock lock(settings.mutex);
+    if (settings.factory) {
+        return settings.factory(std::move(trust));
+    }
+    return std::make_unique<CurlUrlSession>(std::move(trust));
+}
+
+struct SharedSession {
+    std::unique_ptr<UrlSession> session = makeSession();
+};
+
+ProcessWide<AddressChoice> theAddressChoice;
+ProcessWide<Reachability> theReachability;
+ProcessWide<SharedSession> theSession;
+
+}  // namespace
+
+TransportEngine::TransportEngine() {
+    const auto address = theAddressChoice.get().present();
+    static_cast<void>(theSession.get());
+    compose(address.scheme, address.name, address.port);
+    kTraffic.info(__func__, "TransportEngine isConnected {:d}", isConnected());
+}
+
+void TransportEngine::compose(const std::string& scheme, const std::string& name, std::int64_t port) {
+    urlComp_ = {scheme, ":", "//", name, ":", fmt::format("{}", port)};
+    baseURL_ = std::accumulate(urlComp_.begin(), urlComp_.end(), std::string());
+}
+
+bool TransportEngine::isConnected() {
+    return theReachability.get().connected();
+}
+
+void TransportEngine::setIsConnected(bool flag) {
+    if (!theReachability.get().change(flag)) {
+        return;
+    }
+    kTraffic.info(__func__, "TransportEngine isconnected changed to {:d}", flag);
+    const auto& configuration = GlobalVariables::getInstance();
+    const auto path = fmt::format("{}/{}", configuration.confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
+    PropertyListHandler::change(path, GlobalConstants::COMMUNICATION_TYPE,
+                                static_cast<std::int64_t>(configuration.type()));
+}
+
+void TransportEngine::tryOtherURL() {
+    const auto address = theAddressChoice.get().next();
+    compose(address.scheme, address.name, address.port);
+}
+
+void TransportEngine::sendMessageToServer(MessageType type, const std::string& andParameters,
+                                          UrlSession::Completion andCompletionHandler) {
+    try {
+        MsgConfiguration message;
+        message.getMessageConfiguration(type);
+        if (!message.method() || !message.URL()) {
+            throw std::invalid_argument(fmt::format("there is no message of type {}", static_cast<std::int64_t>(type)));
+        }
+        if (baseURL_.find(*message.URL()) == std::string::npos) {
+            baseURL_ += *message.URL();
+        }
+        auto body = asciiLossy(andParameters);
+        UrlRequest request;
+        if (isHostName(urlComp_[3])) {
+            request.url = baseURL_;
+        } else {
+            // Without a URL the session fails the request, and the next address gets its turn.
+            kLog.error(__func__, "\"{}\" is not the name of a host, so nothing is sent to it", urlComp_[3]);
+        }
+        request.method = *message.method();
+        request.timeout = kRequestTimeout;
+        request.setHeader("Content-Length", fmt::format("{}", body.size()));
+        request.setHeader("Content-Type", "text/json");
+        if (const auto accessKey = GlobalVariables::getInstance().orgAccessKey()) {
+            request.setHeader("OrgAccessKey", *accessKey);
+        }
+        theSession.get().session->uploadTask(request, std::move(body), std::move(andCompletionHandler));
+    } catch (const std::exception& exception) {
+        kLog.error(__func__, "{}", exception.what());
+    }
+}
+
+void TransportEngine::setSessionFactory(SessionFactory factory) {
+    auto& settings = sessionSettings();
+    MutexLock lock(settings.mutex);
+    settings.factory = std::move(factory);
+}
+
+}  // namespace sentrova

@@ -1,0 +1,191 @@
+// How the agent follows the changes in its server's configuration: the change handlers of ServerCommunicator.
+
+#include "collection/EventCollectionSchedule.h"
+#include "collection/EventCollectorRealtime.h"
+#include "core/AgentServiceHandler.h"
+#include "core/GlobalConstants.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "forwarding/SecurityUtil.h"
+#include "foundation/Clock.h"
+#include "operations/ScheduleHandler.h"
+#include "sync/ServerCommunicator.h"
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("ServerCommunicator");
+
+constexpr const char* kDefaultFetchInterval = "10800";
+constexpr std::chrono::seconds kRealtimeEndAwaited{10};
+constexpr std::size_t kIdentityPrefix = 32;
+
+bool differs(const Value& newValue, const Value& oldValue) {
+    return !newValue.isNull() && newValue != oldValue;
+}
+
+template <class Operation>
+void addToMainQueue() {
+    auto operation = std::make_shared<Operation>();
+    operation->setName(Operation::kOperationName);
+    AgentServiceHandler::addOperationToMainQueue(operation);
+}
+
+void cancelOnMainQueue(const char* name) {
+    AgentServiceHandler::cancelOperationsOnMainQueue(name);
+}
+
+std::string inConfFolder(std::string_view file) {
+    return fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), file);
+}
+
+// Gives the task a new interval; a running one ends, and the new one begins with it.
+void restartTask(const char* name, const Value& interval) {
+    ScheduleHandler::UpdateTaskWithName(name, ScheduleHandler::kIntervalSeconds, interval.integerValue());
+    ScheduleHandler::startTask(name);
+}
+
+// As many printable ASCII characters as the stored identity begins with. They play no part in its decryption.
+std::string identityPrefix(const Data& random) {
+    constexpr char kFirst = '!';
+    constexpr std::uint8_t kCount = '~' - '!' + 1;
+    std::string prefix;
+    for (const auto byte : random) {
+        prefix += static_cast<char>(kFirst + byte % kCount);
+    }
+    prefix.resize(kIdentityPrefix, kFirst);
+    return prefix;
+}
+
+}  // namespace
+
+void ServerCommunicator::ConfigurationChangesCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
+    const auto oldGuid = oldData.GetValueForKey(GlobalConstants::AGENT_GUID);
+    const auto& newGuid = newData[GlobalConstants::AGENT_GUID];
+    if (oldGuid.isNull()) {
+        if (!newGuid.isNull()) {
+            kLog.info(__func__, "First Time Configuration");
+        }
+        return;
+    }
+    if (oldGuid != newGuid || newData.contains(GlobalConstants::DOMAIN_ID)) {
+        return;
+    }
+    kLog.info(__func__, "Agent Deleted/Unconfigured");
+    PropertyListHandler::change(inConfFolder(GlobalConstants::SERVER_INFO_FILE), [](Dictionary& serverInfo) {
+        serverInfo.remove(GlobalConstants::AGENT_GUID);
+        serverInfo.remove(GlobalConstants::DOMAIN_NAME);
+    });
+    AgentServiceHandler::stop();
+}
+
+void ServerCommunicator::StateChangesCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
+    const auto& enabled = newData[GlobalConstants::IS_ENABLED];
+    if (!differs(enabled, oldData.GetValueForKey(GlobalConstants::IS_ENABLED))) {
+        kLog.info(__func__, "No State change");
+    } else if (enabled.boolValue()) {
+        kLog.info(__func__, "State Changed to enabled");
+        addToMainQueue<EventCollectionSchedule>();
+        addToMainQueue<EventCollectorRealtime>();
+    } else {
+        kLog.info(__func__, "State Changed to disabled");
+        cancelOnMainQueue(EventCollectorRealtime::kOperationName);
+        cancelOnMainQueue(EventCollectionSchedule::kOperationName);
+    }
+}
+
+void ServerCommunicator::IntervalChangesCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
+    const bool wasRealTime = oldData.GetValueForKey(GlobalConstants::REALTIME).boolValue();
+    const bool isRealTime = newData[GlobalConstants::REALTIME].boolValue();
+    bool realTimeWasDisabled = false;
+    if (wasRealTime != isRealTime) {
+        kLog.info(__func__, "Realtimestate has been changed");
+        if (isRealTime) {
+            // The two characters at the end have always been there.
+            kLog.info(__func__, "Running schedule once to read old events\u00A0\u0330");
+            addToMainQueue<EventCollectionSchedule>();
+            kLog.info(__func__, "Realtime enabled starting listening");
+            addToMainQueue<EventCollectorRealtime>();
+            ScheduleHandler::stopTask(EventCollectionSchedule::kTaskName);
+        } else {
+            kLog.info(__func__, "Realtime disabled stopping listening");
+            cancelOnMainQueue(EventCollectorRealtime::kOperationName);
+            realTimeWasDisabled = true;
+        }
+    }
+    const auto oldInterval = oldData.GetValueForKey(GlobalConstants::FETCH_INTERVAL);
+    const auto& newInterval = newData[GlobalConstants::FETCH_INTERVAL];
+    if (realTimeWasDisabled || oldInterval.isNull() || oldInterval != newInterval) {
+        ScheduleHandler::stopTask(EventCollectionSchedule::kTaskName);
+        const auto interval = newInterval.isNull() ? Value(kDefaultFetchInterval) : newInterval;
+        kLog.info(__func__, "Fetch interval has been changed updating schedule to {}", interval);
+        restartTask(EventCollectionSchedule::kTaskName, interval);
+    }
+}
+
+void ServerCommunicator::NATChangesWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
+    const auto oldName = oldData.GetValueForKey(GlobalConstants::NAT_SERVER);
+    const auto& newName = newData[GlobalConstants::NAT_SERVER];
+    const bool isSame = !oldName.isNull() && !newName.isNull() && oldName.description() == newName.description();
+    if (isSame) {
+        return;
+    }
+    const bool isNone = newName == Value("") || newName == Value(GlobalConstants::NO_NAT_SERVER);
+    GlobalVariables::getInstance().setType(isNone ? 1 : 0);
+}
+
+void ServerCommunicator::SyncTimeCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
+    const auto& syncTime = newData[GlobalConstants::SYNCTIME];
+    if (differs(syncTime, oldData.GetValueForKey(GlobalConstants::SYNCTIME))) {
+        ScheduleHandler::stopTask(kTaskName);
+        restartTask(kTaskName, syncTime);
+        kLog.info(__func__, "SyncTime has been updated to {}", syncTime);
+    }
+}
+
+void ServerCommunicator::realTimeReinitialiseCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
+    const auto& events = newData[GlobalConstants::EVENTS_TO_READ];
+    if (!differs(events, oldData.GetValueForKey(GlobalConstants::EVENTS_TO_READ))) {
+        return;
+    }
+    kLog.info(__func__, "Events to be audited are changed to {}", events);
+    const bool isRealTime = newData[GlobalConstants::REALTIME].boolValue();
+    if (!isRealTime || !oldData.GetValueForKey(GlobalConstants::REALTIME).boolValue()) {
+        return;
+    }
+    kLog.info(__func__, "Change in events to be audited, reinitiatizing real time collection");
+    cancelOnMainQueue(EventCollectorRealtime::kOperationName);
+    while (AgentServiceHandler::getOperationStatusOnMainQueue(EventCollectorRealtime::kOperationName)) {
+        kLog.info(__func__, "Sleeping for 10 seconds");
+        Clock::shared().sleepFor(kRealtimeEndAwaited);
+    }
+    addToMainQueue<EventCollectorRealtime>();
+}
+
+void ServerCommunicator::AuthIDChangesWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
+    const auto identity = newData[GlobalConstants::AGENT_AUTHENTICATION_ID];
+    if (!oldData.GetValueForKey(GlobalConstants::AGENT_AUTHENTICATION_ID).isNull() || identity.isNull()) {
+        return;
+    }
+    const auto& agentUid = newData[GlobalConstants::AGENT_UID];
+    const auto passPhrase =
+        agentUid.isNull() ? std::string(GlobalConstants::FALLBACK_PASS_PHRASE) : agentUid.description();
+    const auto random = SecurityUtil::randomBytes(kIdentityPrefix);
+    if (!random) {
+        kLog.debug(__func__, "Error while generating secrandomcopybytes");
+    }
+    const auto prefix = identityPrefix(random.value_or(Data()));
+    const auto cipher = SecurityUtil::encrypt(identity.description(), passPhrase, prefix);
+    if (!cipher) {
+        kLog.error(__func__, "{}", cipher.error().description);
+        return;
+    }
+    PropertyListHandler::change(inConfFolder(GlobalConstants::MY_CONFIGURATIONS_FILE),
+                                GlobalConstants::AGENT_AUTHENTICATION_ID, prefix + cipher->value_or(""));
+    newData.remove(GlobalConstants::AGENT_AUTHENTICATION_ID);
+}
+
+}  // namespace sentrova

@@ -1,0 +1,226 @@
+#include "sync/ServerCommunicator.h"
+
+#include "collection/DomainUtil.h"
+#include "collection/EventCollectionSchedule.h"
+#include "core/GlobalConstants.h"
+#include "core/GlobalVariables.h"
+#include "core/LogSource.h"
+#include "core/Secrets.h"
+#include "forwarding/TransportEngine.h"
+#include "foundation/Clock.h"
+#include "foundation/DispatchQueue.h"
+#include "foundation/Json.h"
+#include "foundation/Mutex.h"
+#include "operations/ScheduleHandler.h"
+#include "operations/TaskRegistry.h"
+
+#include <array>
+#include <memory>
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("ServerCommunicator");
+constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
+constexpr const char* kFunction = "syncFromServer";
+
+const TaskRegistry::Registration kTask("ServerCommunicator", "syncFromServer",
+                                       [] { ServerCommunicator().syncFromServer(); });
+
+// One pass over all addresses: three connections with four forms of the host's name each.
+constexpr int kFailuresBeforePause = 12;
+constexpr std::chrono::seconds kPause{900};
+
+std::string serverInfoFile() {
+    return fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), GlobalConstants::SERVER_INFO_FILE);
+}
+
+Value valueOf(const std::optional<std::string>& text) {
+    return text ? Value(*text) : Value();
+}
+
+// `Serverinfo.plist` with what the request adds to it, in memory.
+PropertyListHandler requestData() {
+    const auto& configuration = GlobalVariables::getInstance();
+    auto request = PropertyListHandler::initWithFile(serverInfoFile());
+    request.updateDictionary(request.dictionary() ? *request.dictionary() : Dictionary());
+    request.SetValueForKey("Build", valueOf(configuration.agentVersion()));
+    request.SetValueForKey(GlobalConstants::TIMESTAMP_LE, configuration.timeStampOfLastEvent());
+    request.SetValueForKey(GlobalConstants::AGENT_AUTHENTICATION_ID, valueOf(configuration.agentUUID()));
+    request.SetValueForKey(
+        GlobalConstants::LASTSCHEDULERUNAT,
+        ScheduleHandler::getProperty(ScheduleHandler::kLastScheduleTimeInMillis, EventCollectionSchedule::kTaskName));
+    return request;
+}
+
+void setCommunicationType(PropertyListHandler& request) {
+    switch (GlobalVariables::getInstance().type()) {
+        case 0:
+            request.SetValueForKey(GlobalConstants::COMMUNICATION_TYPE, "1:NAT");
+            break;
+        case 1:
+            request.SetValueForKey(GlobalConstants::COMMUNICATION_TYPE, "2:AgentConnector");
+            break;
+        case 2:
+            request.SetValueForKey(GlobalConstants::COMMUNICATION_TYPE, "3:ProductConnector");
+            break;
+        default:
+            break;
+    }
+}
+
+// The value without the nulls in it, which no property list can hold: a null is a key that the server did not send.
+Value withoutNulls(const Value& value) {
+    if (const auto* dictionary = value.dictionary()) {
+        Dictionary kept;
+        for (const auto& [key, entry] : *dictionary) {
+            if (!entry.isNull()) {
+                kept.set(key, withoutNulls(entry));
+            }
+        }
+        return kept;
+    }
+    if (const auto* array = value.array()) {
+        Array kept;
+        for (const auto& entry : *array) {
+            if (!entry.isNull()) {
+                kept.push_back(withoutNulls(entry));
+            }
+        }
+        return kept;
+    }
+    return value;
+}
+
+// The server's answer as a dictionary, which may be empty.
+Dictionary parsedAnswer(const std::optional<Data>& data) {
+    if (!data || data->empty()) {
+        return {};
+    }
+    const auto parsed = Json::parse(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
+    if (!parsed || !parsed->dictionary()) {
+        kLog.error(kFunction, "The server's answer is no configuration: {}",
+                   parsed ? "it is not a dictionary" : parsed.error().description);
+        return {};
+    }
+    return *withoutNulls(*parsed).dictionary();
+}
+
+// Stores the answer and applies what it changes.
+void apply(const PropertyListHandler& sent, Dictionary answer) {
+    PropertyListHandler store;
+    store.updateDictionary(answer);
+    store.WriteToProplist(serverInfoFile());
+    auto& configuration = GlobalVariables::getInstance();
+    configuration.initialiseServerInfo();
+    if (const auto& domain = answer[GlobalConstants::DOMAIN_NAME]; !domain.isNull()) {
+        DomainUtil::setDomainName(domain.description());
+    }
+    using Handler = void (*)(const PropertyListHandler&, Dictionary&);
+    static constexpr std::array<Handler, 7> kHandlers = {
+        ServerCommunicator::ConfigurationChangesCheckWithOldData,
+        ServerCommunicator::StateChangesCheckWithOldData,
+        ServerCommunicator::IntervalChangesCheckWithOldData,
+        ServerCommunicator::NATChangesWithOldData,
+        ServerCommunicator::SyncTimeCheckWithOldData,
+        ServerCommunicator::realTimeReinitialiseCheckWithOldData,
+        ServerCommunicator::AuthIDChangesWithOldData,
+    };
+    for (const auto handler : kHandlers) {
+        // A change that cannot be applied does not keep the others from being applied.
+        runGuarded("ServerCommunicator", [&] { handler(sent, answer); });
+    }
+    configuration.initialiseMyConfigurations();
+}
+
+// What the waiting call and the completions of its requests share.
+struct Exchange {
+    TransportEngine engine;
+    PropertyListHandler request = requestData();
+    Semaphore answered;
+
+    Mutex mutex;
+    bool retry GUARDED_BY(mutex) = true;
+    int failures GUARDED_BY(mutex) = 0;
+
+    void succeed() EXCLUDES(mutex) {
+        // Under the lock, so that the woken call sees the flag only when it is cleared.
+        MutexLock lock(mutex);
+        answered.signal();
+        retry = false;
+        failures = 0;
+    }
+
+    void fail() EXCLUDES(mutex) {
+        MutexLock lock(mutex);
+        ++failures;
+        answered.signal();
+    }
+
+    bool mustRetry() EXCLUDES(mutex) {
+        MutexLock lock(mutex);
+        return retry;
+    }
+
+    // Whether it is time for the pause; the count begins anew then.
+    bool passIsOver() EXCLUDES(mutex) {
+        MutexLock lock(mutex);
+        if (failures != kFailuresBeforePause) {
+            return false;
+        }
+        failures = 0;
+        return true;
+    }
+};
+
+// On the transport's delegate queue.
+void completeExchange(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
+                      const std::optional<Error>& error) {
+    kTraffic.debug(kFunction, "GlobalVariables DATA= {}", data ? Value(*data) : Value());
+    const auto status = fmt::format("{}", response ? response->statusCode : 0);
+    kTraffic.debug(kFunction, "response status code: {}", status);
+    if (error || status != "200") {
+        kTraffic.error(kFunction, " response code error {}", error ? error->description : "(null)");
+        TransportEngine::setIsConnected(false);
+        exchange.engine.tryOtherURL();
+        exchange.fail();
+        return;
+    }
+    TransportEngine::setIsConnected(true);
+    exchange.succeed();
+    auto answer = parsedAnswer(data);
+    kTraffic.info(kFunction, "response={}", answer.empty() ? Value() : Secrets::masked(answer));
+    if (!answer.empty()) {
+        apply(exchange.request, std::move(answer));
+    }
+}
+
+}  // namespace
+
+void ServerCommunicator::syncFromServer() {
+    kLog.info(__func__, "GlobalVariables going to sync data from server");
+    const auto exchange = std::make_shared<Exchange>();
+    for (;;) {
+        if (exchange->passIsOver()) {
+            kLog.info(__func__, "Sleeping for 900 seconds");
+            Clock::shared().sleepFor(kPause);
+        }
+        setCommunicationType(exchange->request);
+        kLog.info(__func__, "GlobalVariables next url {}", exchange->engine.baseURL());
+        exchange->engine.sendMessageToServer(MessageType::configurationSync,
+                                             exchange->request.getPlistAsJsonString().value_or(""),
+                                             [exchange](const auto& data, const auto& response, const auto& error) {
+                                                 completeExchange(*exchange, data, response, error);
+                                             });
+        exchange->answered.wait();
+        if (!exchange->mustRetry()) {
+            kTraffic.debug(__func__, "GlobalVariables Sync Data is finished");
+            return;
+        }
+    }
+}
+
+}  // namespace sentrova
