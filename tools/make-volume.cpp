@@ -1,0 +1,223 @@
+// Makes a Mac's system volume with a working day in its audit trails, and an installation of the agent beside it.
+
+#include "foundation/Clock.h"
+#include "support/SystemVolume.h"
+#include "support/WorkingDay.h"
+
+#include <charconv>
+#include <cstdio>
+#include <ctime>
+#include <exception>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+namespace {
+
+using namespace sentrova;
+using namespace sentrova::testing;
+
+constexpr const char* kUsage =
+    R"(Usage: make-volume DIR [options]
+
+Makes DIR/volume, what the agent reads of a Mac, with the audit trails of yesterday from 08:00 to 18:00,
+and DIR/agent, an installation. DIR must be empty or absent.
+
+  --server-port N         port of the audit server (default 8080)
+  --scheme http|https     how the server is spoken to (default http)
+  --events-per-request N  events in one delivery (default 20)
+  --realtime              collect from the audit pipe as well
+  --log-level N           0 errors, 1 information, 2 debugging (default 1)
+  --seed N                another day (default 1)
+  --help                  this text
+)";
+
+struct Options {
+    std::string folder;
+    std::uint32_t serverPort = 8080;
+    std::string scheme = "http";
+    std::uint32_t eventsPerRequest = 20;
+    bool realtime = false;
+    std::uint32_t logLevel = 1;
+    std::uint32_t seed = 1;
+    bool help = false;
+};
+
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Hands out the words of the command line one after another.
+class Words {
+  public:
+    explicit Words(std::span<char*> words) : words_(words) {}
+
+    std::optional<std::string_view> next() {
+        if (words_.empty()) {
+            return std::nullopt;
+        }
+        const std::string_view word = words_.front();
+        words_ = words_.subspan(1);
+        return word;
+    }
+
+    std::string_view valueOf(std::string_view option) {
+        const auto value = next();
+        if (!value) {
+            throw UsageError(fmt::format("{} needs a value", option));
+        }
+        return *value;
+    }
+
+    std::uint32_t numberOf(std::string_view option, std::uint32_t least, std::uint32_t most) {
+        const auto text = valueOf(option);
+        std::uint32_t number = 0;
+        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+        if (error != std::errc() || end != text.data() + text.size() || number < least || number > most) {
+            throw UsageError(fmt::format("{} takes a number from {} to {}, not \"{}\"", option, least, most, text));
+        }
+        return number;
+    }
+
+  private:
+    std::span<char*> words_;
+};
+
+Options parse(Words words) {
+    Options options;
+    while (const auto word = words.next()) {
+        if (*word == "--help") {
+            options.help = true;
+        } else if (*word == "--server-port") {
+            options.serverPort = words.numberOf(*word, 1, 65535);
+        } else if (*word == "--scheme") {
+            options.scheme = words.valueOf(*word);
+        } else if (*word == "--events-per-request") {
+            options.eventsPerRequest = words.numberOf(*word, 1, 1000000);
+        } else if (*word == "--realtime") {
+            options.realtime = true;
+        } else if (*word == "--log-level") {
+            options.logLevel = words.numberOf(*word, 0, 2);
+        } else if (*word == "--seed") {
+            options.seed = words.numberOf(*word, 0, 4294967295);
+        } else if (word->starts_with("-")) {
+            throw UsageError(fmt::format("there is no option {}", *word));
+        } else if (options.folder.empty()) {
+            options.folder = *word;
+        } else {
+            throw UsageError(fmt::format("one folder is enough, \"{}\" is another", *word));
+        }
+    }
+    if (options.scheme != "http" && options.scheme != "https") {
+        throw UsageError(fmt::format("--scheme takes http or https, not \"{}\"", options.scheme));
+    }
+    if (options.folder.empty() && !options.help) {
+        throw UsageError("the folder is missing");
+    }
+    return options;
+}
+
+// Yesterday at 08:00 in the local zone.
+std::chrono::seconds startOfYesterday() {
+    auto day = fmt::localtime(static_cast<std::time_t>(Clock::shared().epochSeconds()));
+    day.tm_mday -= 1;
+    day.tm_hour = 8;
+    day.tm_min = 0;
+    day.tm_sec = 0;
+    day.tm_isdst = -1;
+    return std::chrono::seconds(std::mktime(&day));
+}
+
+Dictionary serverInfo(const Options& options) {
+    return {
+        {"DomainName", "corp.example.com"},
+        {"AgentName", "mac-042"},
+        {"AgentGuid", "5D1B7A60-2C0E-4C53-9A57-0F3D8A6E4B21"},
+        {"DomainID", "1"},
+        {"OrgAccessKey", "0f6a4c1e9b7d"},
+        {"ServerIP", "127.0.0.1"},
+        {"ServerFQDN", "localhost"},
+        {"ServerName", "localhost"},
+        {"Port", options.serverPort},
+        {"Protocol", options.scheme},
+        {"AgentPort", 8020},
+        {"AgentProtocol", "http"},
+        {"NATServerName", "-"},
+        {"isEnabled", true},
+        {"IsRealTime", options.realtime},
+        {"EventsToRead",
+         "AUE_auth_user,AUE_sudo,AUE_login,AUE_logout,AUE_telnet,AUE_rshd,AUE_su,AUE_ssh,AUE_openssh,AUE_lw_login,"
+         "AUE_lw_logout,AUE_ssauthint"},
+        {"NumberofEventsPerRequest", options.eventsPerRequest},
+        {"MaxEventDataSize", 1},
+        {"FetchInterval", 10800},
+        {"SyncTime", 3600},
+    };
+}
+
+Dictionary task(const char* name, const char* className, const char* selector, int intervalSeconds) {
+    return {{"TaskName", name}, {"className", className}, {"selector", selector}, {"IntervalSeconds", intervalSeconds},
+            {"Repeat", true},   {"TaskStatus", "Enable"}};
+}
+
+void configure(SystemVolume& volume, const Options& options) {
+    volume.writeConfiguration("Serverinfo.plist", serverInfo(options));
+    volume.writeConfiguration("myconfigurations.plist", {{"TimestampOfLastEvent", "0"},
+                                                         {"LogLevel", options.logLevel},
+                                                         {"AgentVersion", "1.0.0"},
+                                                         {"CommunicationType", 2}});
+    const Array tasks = {task("EventCollection", "EventCollectionSchedule", "start", 10800),
+                         task("SyncConfiguration", "ServerCommunicator", "syncFromServer", 3600),
+                         task("CheckEventDatasize", "ScheduleHandler", "CheckEventDatasize", 300)};
+    volume.writeConfiguration("schedules.plist", {{"ScheduleTasks", tasks}});
+}
+
+void make(const Options& options) {
+    SystemVolume volume{std::filesystem::path(options.folder)};
+    const auto start = startOfYesterday();
+    const WorkingDay day(start, options.seed);
+    day.putOn(volume);
+    configure(volume, options);
+    const bool consoleGiven = volume.setConsoleOwner(501, 20);
+
+    fmt::print("A Mac with macOS 14.6.1 in {}\n", volume.volume().string());
+    std::size_t records = 0;
+    for (const auto& [name, content] : day.trails()) {
+        records += content.records();
+        fmt::print("  trail {}: {} records, {} bytes\n", name, content.records(), content.bytes().size());
+    }
+    fmt::print("  {} records: {} of logons and the like, {} others, {} that name the trail's file\n", records,
+               day.logonRecords(), day.otherRecords(), records - day.logonRecords() - day.otherRecords());
+    fmt::print("  a working day from {:%Y-%m-%d %H:%M} on\n", fmt::localtime(static_cast<std::time_t>(start.count())));
+    fmt::print("  local users anna and eva; bruno, carla and dora of the domain CORP\n");
+    if (!consoleGiven) {
+        fmt::print("  the console stays with this user: giving it to anna (501) was not permitted\n");
+    }
+    fmt::print("An installation in {}, for a server at {}://localhost:{}\n", volume.agent().string(), options.scheme,
+               options.serverPort);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const auto options = parse(Words(std::span(argv, static_cast<std::size_t>(argc)).subspan(1)));
+        if (options.help) {
+            fmt::print("{}", kUsage);
+        } else {
+            make(options);
+        }
+        return 0;
+    } catch (const UsageError& error) {
+        fmt::print(stderr, "make-volume: {}\n\n{}", error.what(), kUsage);
+        return 2;
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "make-volume: {}\n", error.what());
+        return 1;
+    }
+}
