@@ -1,9 +1,18 @@
-// Makes a Mac's system volume with a working day in its audit trails, and an installation of the agent beside it.
+// Makes a Mac's system volume with a working day in its audit trails, and an installation of the agent beside it; and
+// keeps writing records to the audit pipe of one.
 
 #include "foundation/Clock.h"
+#include "foundation/FileDescriptor.h"
+#include "foundation/FileSystem.h"
+#include "foundation/PropertyList.h"
+#include "support/LiveActivity.h"
 #include "support/SystemVolume.h"
 #include "support/WorkingDay.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
@@ -13,6 +22,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -24,6 +34,7 @@ using namespace sentrova::testing;
 
 constexpr const char* kUsage =
     R"(Usage: make-volume DIR [options]
+       make-volume --live DIR [--per-second N] [--count N] [--seed N]
 
 Makes DIR/volume, what the agent reads of a Mac, with the audit trails of yesterday from 08:00 to 18:00,
 and DIR/agent, an installation. DIR must be empty or absent.
@@ -35,6 +46,12 @@ and DIR/agent, an installation. DIR must be empty or absent.
   --log-level N           0 errors, 1 information, 2 debugging (default 1)
   --seed N                another day (default 1)
   --help                  this text
+
+With --live it writes what people do just now to the audit pipe of the volume in DIR, which was made before, until it
+is stopped.
+
+  --per-second N          records a second (default 2)
+  --count N               ends after so many records
 )";
 
 struct Options {
@@ -45,6 +62,9 @@ struct Options {
     bool realtime = false;
     std::uint32_t logLevel = 1;
     std::uint32_t seed = 1;
+    bool live = false;
+    std::uint32_t perSecond = 2;
+    std::optional<std::uint32_t> count;
     bool help = false;
 };
 
@@ -93,6 +113,12 @@ Options parse(Words words) {
     while (const auto word = words.next()) {
         if (*word == "--help") {
             options.help = true;
+        } else if (*word == "--live") {
+            options.live = true;
+        } else if (*word == "--per-second") {
+            options.perSecond = words.numberOf(*word, 1, 1000000);
+        } else if (*word == "--count") {
+            options.count = words.numberOf(*word, 1, 4294967295);
         } else if (*word == "--server-port") {
             options.serverPort = words.numberOf(*word, 1, 65535);
         } else if (*word == "--scheme") {
@@ -160,9 +186,14 @@ Dictionary serverInfo(const Options& options) {
     };
 }
 
-Dictionary task(const char* name, const char* className, const char* selector, int intervalSeconds) {
-    return {{"TaskName", name}, {"className", className}, {"selector", selector}, {"IntervalSeconds", intervalSeconds},
-            {"Repeat", true},   {"TaskStatus", "Enable"}};
+// The task list that an installation comes with.
+Dictionary shippedSchedules() {
+    const auto bytes = FileSystem::shared().read(SENTROVA_SHIPPED_SCHEDULES);
+    const auto list = bytes ? PropertyList::parse(*bytes) : Result<Value>(bytes.error());
+    if (!list || !list->dictionary()) {
+        throw std::runtime_error(fmt::format("the task list cannot be read: {}", list ? "" : list.error().description));
+    }
+    return *list->dictionary();
 }
 
 void configure(SystemVolume& volume, const Options& options) {
@@ -171,10 +202,26 @@ void configure(SystemVolume& volume, const Options& options) {
                                                          {"LogLevel", options.logLevel},
                                                          {"AgentVersion", "1.0.0"},
                                                          {"CommunicationType", 2}});
-    const Array tasks = {task("EventCollection", "EventCollectionSchedule", "start", 10800),
-                         task("SyncConfiguration", "ServerCommunicator", "syncFromServer", 3600),
-                         task("CheckEventDatasize", "ScheduleHandler", "CheckEventDatasize", 300)};
-    volume.writeConfiguration("schedules.plist", {{"ScheduleTasks", tasks}});
+    volume.writeConfiguration("schedules.plist", shippedSchedules());
+}
+
+// Writes to the pipe at the given rate, for as long as wanted; a reader that leaves does not end it.
+void live(const Options& options) {
+    const auto path = options.folder + "/volume/dev/auditpipe";
+    // Open for reading as well: a FIFO without a reader would refuse its writer.
+    const FileDescriptor pipe(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    if (!pipe) {
+        throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));
+    }
+    LiveActivity activity(options.seed);
+    const auto apart = std::chrono::nanoseconds(std::chrono::seconds(1)) / options.perSecond;
+    for (std::uint32_t written = 0; !options.count || written < *options.count; ++written) {
+        const auto bytes = activity.next(std::chrono::seconds(Clock::shared().epochSeconds())).bytes();
+        if (::write(pipe.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+            throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));
+        }
+        Clock::shared().sleepFor(apart);
+    }
 }
 
 void make(const Options& options) {
@@ -209,6 +256,8 @@ int main(int argc, char** argv) {
         const auto options = parse(Words(std::span(argv, static_cast<std::size_t>(argc)).subspan(1)));
         if (options.help) {
             fmt::print("{}", kUsage);
+        } else if (options.live) {
+            live(options);
         } else {
             make(options);
         }

@@ -12,9 +12,11 @@
 #include "forwarding/EventQueueGCD.h"
 #include "foundation/FileSystem.h"
 #include "foundation/Mutex.h"
+#include "foundation/NotificationCenter.h"
 #include "foundation/ProcessWide.h"
 #include "operations/OperationsHandler.h"
 #include "operations/ScheduleHandler.h"
+#include "platform/WakeSource.h"
 #include "sync/ServerCommunicator.h"
 
 #include <unistd.h>
@@ -51,7 +53,14 @@ class MainQueue {
     std::shared_ptr<OperationsHandler> queue_ GUARDED_BY(mutex_);
 };
 
+// Tells the parts that wait for a date, and the log, when the machine has slept.
+struct Wakes {
+    std::unique_ptr<platform::WakeSource> source = platform::WakeSource::make(
+        [] { NotificationCenter::defaultCenter().post({Logger::kDidWakeNotification, nullptr, {}}); });
+};
+
 ProcessWide<MainQueue> theMainQueue;
+ProcessWide<Wakes> theWakes;
 
 // A process that was killed while it wrote a file has left the unfinished one behind.
 void removeUnfinishedFiles(const std::string& folder) {
@@ -99,6 +108,9 @@ void AgentServiceHandler::start() {
     kLog.info(__func__, "Going to Start Vantorix Sentrova Agent.");
     kLog.info(__func__, "{}", kBanner);
     const auto mainQueue = theMainQueue.get().renew();
+    if (!theWakes.get().source) {
+        kLog.error(__func__, "This system does not tell when it wakes; old logs are archived at the next start only");
+    }
 
     Logger().validateLogSize();
     Logger().rotateLog();

@@ -115,7 +115,6 @@ class GlobalVariables final : public KeyValueObserving {
     friend struct SharedVariables;
 
     void initPrivate();
-    void loadDomainAndHost();
     void loadServerKeys(const Dictionary& serverInfo);
     void loadIdentity(const Value& stored);
 

@@ -7,15 +7,18 @@
 #include "core/PropertyListHandler.h"
 #include "foundation/Clock.h"
 #include "foundation/DateFormat.h"
+#include "foundation/FileSystem.h"
 #include "foundation/Mutex.h"
 #include "foundation/NotificationCenter.h"
 #include "foundation/ProcessWide.h"
+#include "foundation/PropertyList.h"
 #include "platform/OperatingSystem.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <map>
 #include <stdexcept>
@@ -45,7 +48,10 @@ class FileTable {
   public:
     using Table = std::map<std::string, std::string, std::less<>>;
 
-    FileTable() : table_(load()) {}
+    FileTable() { load(); }
+
+    // Why the stored table was not read; empty when it was, or there is none.
+    const std::string& problem() const { return problem_; }
 
     // The category's file for the day; empty for a category that has none. A new day, or a category that is not in the
     // table, starts the files of the day for all categories.
@@ -87,16 +93,24 @@ class FileTable {
         return table;
     }
 
-    static Table load() {
-        const auto handler = PropertyListHandler::initWithFile(inConfFolder(GlobalConstants::LOG_FILE_TABLE));
+    // Logs nothing: every line of the log needs the table.
+    void load() {
+        const auto path = inConfFolder(GlobalConstants::LOG_FILE_TABLE);
+        const auto bytes = FileSystem::shared().read(path);
+        const auto stored = bytes ? PropertyList::parse(*bytes) : Result<Value>(bytes.error());
+        const auto* const dictionary = stored ? stored->dictionary() : nullptr;
+        if (!stored && stored.error().code != ENOENT) {
+            problem_ = fmt::format("Property list {} is not read: {}", path, stored.error().description);
+        }
         Table table;
         for (const auto category : kCategories) {
-            const auto value = handler.GetValueForKey(category);
-            if (const auto* path = value.string(); path && isLogFile(*path)) {
-                table.emplace(category, *path);
+            const auto* name = dictionary ? (*dictionary)[category].string() : nullptr;
+            if (name && isLogFile(*name)) {
+                table.emplace(category, *name);
             }
         }
-        return table.empty() ? today(DateFormat::format("yyyy-MM-dd", Clock::shared().wallTime())) : table;
+        MutexLock lock(mutex_);
+        table_ = table.empty() ? today(DateFormat::format("yyyy-MM-dd", Clock::shared().wallTime())) : table;
     }
 
     // The table comes from a file: a name in it must not lead out of the logs folder.
@@ -116,6 +130,7 @@ class FileTable {
         handler.WriteToProplist(inConfFolder(GlobalConstants::LOG_FILE_TABLE));
     }
 
+    std::string problem_;
     Mutex mutex_;
     Table table_ GUARDED_BY(mutex_);
 };
@@ -155,6 +170,9 @@ Logger& Logger::getInstance() {
     auto& shared = theSharedLogger.get();
     if (!shared.loading.load(std::memory_order_relaxed) && !shared.loading.exchange(true)) {
         shared.logger.load();
+        if (const auto& problem = theFileTable.get().problem(); !problem.empty()) {
+            shared.logger.file(LogCategory::Config, "Logger", LogLevel::Error, __func__, problem);
+        }
     }
     return shared.logger;
 }

@@ -14,7 +14,16 @@
 namespace sentrova {
 
 namespace {
+
 constexpr LogSource kLog("PropertyListHandler");
+
+// The folder of configurations is reached by more than one path.
+bool nameTheSameFile(const std::string& left, const std::string& right) {
+    const auto leftStatus = FileSystem::shared().linkStatus(left);
+    const auto rightStatus = FileSystem::shared().linkStatus(right);
+    return leftStatus && rightStatus && leftStatus->identity == rightStatus->identity;
+}
+
 }  // namespace
 
 PropertyListHandler::PropertyListHandler() = default;
@@ -49,6 +58,10 @@ void PropertyListHandler::parse(std::span<const std::uint8_t> bytes) {
         if (parsed) {
             root_ = *std::move(parsed);
             changeable_ = false;
+            if (!root_.dictionary()) {
+                damaged_ = true;
+                kLog.error(__func__, "Property list {} holds no dictionary", orNull(path_));
+            }
         } else {
             damaged_ = true;
             kLog.error(__func__, "Property list {} is not read: {}", orNull(path_), parsed.error().description);
@@ -102,7 +115,7 @@ void PropertyListHandler::updateDictionary(Dictionary dictionary) {
     changeable_ = true;
 }
 
-bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path) const {
+bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path) {
     if (root_.isNull()) {
         return false;
     }
@@ -116,16 +129,23 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
         kLog.error(__func__, "plistfilepath is not initialized properly\n");
         return false;
     }
-    if (damaged_ && target == path_) {
+    auto& fileSystem = FileSystem::shared();
+    const auto kept = *target + ".damaged";
+    const bool replacesDamaged = damaged_ && path_ && nameTheSameFile(*target, *path_);
+    if (replacesDamaged) {
         // What is in it may still be of use to a person.
-        const auto kept = *target + ".damaged";
-        static_cast<void>(FileSystem::shared().remove(kept));
-        static_cast<void>(FileSystem::shared().move(*target, kept));
+        static_cast<void>(fileSystem.remove(kept));
+        static_cast<void>(fileSystem.move(*target, kept));
     }
-    const auto written = FileSystem::shared().writeAtomically(*target, *bytes, FileSystem::Durability::flushed);
-    if (!written) {
+    const auto written = fileSystem.writeAtomically(*target, *bytes, FileSystem::Durability::flushed);
+    if (written) {
+        damaged_ = false;
+    } else {
         kLog.error(__func__, "WriteToProplist:failed path , {}", *target);
         kLog.error(__func__, "{}", written.error().description);
+        if (replacesDamaged) {
+            static_cast<void>(fileSystem.move(kept, *target));
+        }
     }
     return true;
 }

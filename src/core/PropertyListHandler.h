@@ -46,7 +46,7 @@ class PropertyListHandler {
     // Writes XML to the path, or to the file it came from. True once a write was attempted: a failed one is only
     // logged, and leaves the file as it was. A file that could not be read is kept beside its successor, as
     // NAME.damaged.
-    bool WriteToProplist(const std::optional<std::string>& path = std::nullopt) const;
+    bool WriteToProplist(const std::optional<std::string>& path = std::nullopt);
 
     void PrintPlistData() const;
 

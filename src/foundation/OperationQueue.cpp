@@ -110,7 +110,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
         MutexLock lock(mutex_);
         closed_ = true;
         dropped.swap(entries_);
-        const std::size_t own = workingFor_ == this ? 1 : 0;
+        const std::size_t own = working_.queue == this ? 1 : 0;
         while (workers_ > own) {
             changed_.wait(lock);
         }
@@ -144,8 +144,8 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
         running_ -= done.started ? 1 : 0;
         entries_.erase(entry);
         changed_.notifyAll();
-        // A worker inside start() looks for more by itself as soon as that returns.
-        if (workingFor_ != this) {
+        // The worker inside its start() looks for more by itself as soon as that returns.
+        if (working_.operation != operation) {
             startWorkersLocked();
         }
         lock.unlock();
@@ -183,8 +183,8 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
     }
 
     void work(std::shared_ptr<Operation> operation) EXCLUDES(mutex_) {
-        workingFor_ = this;
         while (operation) {
+            working_ = {this, operation.get()};
             runGuarded(operation->name(), [&operation] { operation->start(); });
             operation.reset();
             MutexLock lock(mutex_);
@@ -195,11 +195,15 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
                 changed_.notifyAll();
             }
         }
-        workingFor_ = nullptr;
+        working_ = {};
     }
 
-    // The queue whose worker the present thread is.
-    static thread_local const State* workingFor_;
+    // What the present thread works for: the queue, and the operation whose start it is inside.
+    struct Work {
+        const State* queue = nullptr;
+        const Operation* operation = nullptr;
+    };
+    static thread_local Work working_;
 
     Mutex mutex_;
     Condition changed_;
@@ -210,7 +214,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
     bool closed_ GUARDED_BY(mutex_) = false;
 };
 
-thread_local const OperationQueue::State* OperationQueue::State::workingFor_ = nullptr;
+thread_local OperationQueue::State::Work OperationQueue::State::working_;
 
 OperationQueue::OperationQueue() : state_(std::make_shared<State>()) {}
 

@@ -80,7 +80,8 @@ std::string asciiForm(char32_t codePoint) {
         if ((U_GET_GC_MASK(part) & (U_GC_MN_MASK | U_GC_ME_MASK)) != 0) {
             continue;
         }
-        if (part >= 0x80) {
+        // The two that end or escape a quoted text: the wide forms of them must not turn into syntax.
+        if (part >= 0x80 || part == '"' || part == '\\') {
             return "?";
         }
         form += static_cast<char>(part);

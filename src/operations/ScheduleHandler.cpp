@@ -74,12 +74,14 @@ class TaskList {
     using Activity = std::shared_ptr<BackgroundActivity>;
     using Activities = std::map<std::string, Activity, std::less<>>;
 
+    // An earlier one of the name goes on, unlisted.
     void set(const std::string& name, const Activity& activity) EXCLUDES(mutex_) {
-        auto replacement = activity;
         MutexLock lock(mutex_);
-        std::swap(activities_[name], replacement);
-        // An earlier one goes after the lock.
-        lock.unlock();
+        auto& listed = activities_[name];
+        if (listed) {
+            replaced_.push_back(std::move(listed));
+        }
+        listed = activity;
     }
 
     bool contains(std::string_view name) EXCLUDES(mutex_) {
@@ -102,6 +104,9 @@ class TaskList {
   private:
     Mutex mutex_;
     Activities activities_ GUARDED_BY(mutex_);
+    // Activities whose place in the list another one of their name has taken: they go on, for only a stop by name ends
+    // one. There are as many as tasks were started together more than once.
+    std::vector<Activity> replaced_ GUARDED_BY(mutex_);
 };
 
 // The daily tasks: a timer each, which lives until the process ends or its single firing is over.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <stdexcept>
 
 #include <openssl/evp.h>
@@ -100,7 +101,9 @@ bool ServerConnection::write(std::string_view bytes) {
 
 void ServerConnection::awaitEnd() {
     std::array<char, 4096> lost;
-    while (::recv(socket_, lost.data(), lost.size(), 0) > 0) {
+    // The socket has a time-out of its own, which is no end.
+    for (ssize_t got = 1; got > 0 || (got < 0 && errno == EAGAIN);) {
+        got = ::recv(socket_, lost.data(), lost.size(), 0);
     }
 }
 

@@ -1,0 +1,20 @@
+// Hears of the machine's wake from sleep.
+
+#pragma once
+
+#include <functional>
+#include <memory>
+
+namespace sentrova::platform {
+
+class WakeSource {
+  public:
+    // Stops listening; a call of the handler that has begun is waited for.
+    virtual ~WakeSource() = default;
+
+    // The handler runs on a thread of the source's own after each wake, and where the host tells of that in one with
+    // it, after each time that somebody set the clock. Null when the host does not tell.
+    static std::unique_ptr<WakeSource> make(std::function<void()> handler);
+};
+
+}  // namespace sentrova::platform

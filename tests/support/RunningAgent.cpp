@@ -1,0 +1,109 @@
+#include "support/RunningAgent.h"
+
+#include "platform/Environment.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace sentrova::testing {
+
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenLooks{5};
+
+// Starts in the folder of the first word, with the volume of the second, the program of the third.
+constexpr const char* kScript = R"(cd "$1" && export SENTROVA_SYSTEM_VOLUME="$2" TZ=UTC && exec ${4:+unshare -r} "$3")";
+
+}  // namespace
+
+RunningAgent::RunningAgent(const std::filesystem::path& program, const SystemVolume& volume) {
+    std::vector<std::string> words = {
+        "sh", "-c", kScript, "sh", volume.bin().string(), volume.volume().string(), program.string()};
+    if (::geteuid() != 0) {
+        words.emplace_back("as-root");
+    }
+    std::vector<char*> pointers;
+    for (auto& word : words) {
+        pointers.push_back(word.data());
+    }
+    pointers.push_back(nullptr);
+    posix_spawn_file_actions_t actions{};
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    const int problem =
+        ::posix_spawn(&process_, "/bin/sh", &actions, nullptr, pointers.data(), platform::environment());
+    ::posix_spawn_file_actions_destroy(&actions);
+    if (problem != 0) {
+        throw std::system_error(problem, std::generic_category(), "sh");
+    }
+}
+
+RunningAgent::~RunningAgent() {
+    if (!status_) {
+        signal(SIGKILL);
+        wait();
+    }
+}
+
+void RunningAgent::signal(int number) const {
+    ::kill(process_, number);
+}
+
+std::optional<int> RunningAgent::wait(std::chrono::milliseconds time) {
+    const auto giveUp = std::chrono::steady_clock::now() + time;
+    while (!status_) {
+        int status = 0;
+        if (::waitpid(process_, &status, WNOHANG) == process_) {
+            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        } else if (std::chrono::steady_clock::now() >= giveUp) {
+            return std::nullopt;
+        } else {
+            std::this_thread::sleep_for(kBetweenLooks);
+        }
+    }
+    return status_;
+}
+
+std::optional<int> RunningAgent::stop(std::chrono::milliseconds time) {
+    signal(SIGTERM);
+    return wait(time);
+}
+
+std::string logOf(const SystemVolume& volume, std::string_view category) {
+    std::set<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(volume.logs())) {
+        if (entry.path().filename().string().starts_with(category)) {
+            files.insert(entry.path());
+        }
+    }
+    std::ostringstream text;
+    for (const auto& file : files) {
+        text << std::ifstream(file).rdbuf();
+    }
+    return text.str();
+}
+
+bool waitForLog(const SystemVolume& volume, std::string_view category, std::string_view text,
+                std::chrono::seconds time) {
+    const auto giveUp = std::chrono::steady_clock::now() + time;
+    while (logOf(volume, category).find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() >= giveUp) {
+            return false;
+        }
+        std::this_thread::sleep_for(kBetweenLooks);
+    }
+    return true;
+}
+
+}  // namespace sentrova::testing

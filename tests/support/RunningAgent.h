@@ -1,0 +1,46 @@
+// The agent's program, run as the service manager runs it.
+
+#pragma once
+
+#include "support/SystemVolume.h"
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace sentrova::testing {
+
+// As root, with the installation's bin/ as its working directory; an ordinary user becomes root of a namespace of its
+// own.
+class RunningAgent {
+  public:
+    RunningAgent(const std::filesystem::path& program, const SystemVolume& volume);
+    // Kills what still runs.
+    ~RunningAgent();
+    RunningAgent(const RunningAgent&) = delete;
+    RunningAgent& operator=(const RunningAgent&) = delete;
+
+    void signal(int number) const;
+    // The exit status; 128 and the number for a signal's end. Nothing when it has not ended within the time.
+    std::optional<int> wait(std::chrono::milliseconds time = std::chrono::minutes(1));
+    // SIGTERM, and wait.
+    std::optional<int> stop(std::chrono::milliseconds time = std::chrono::minutes(1));
+
+    pid_t process() const { return process_; }
+
+  private:
+    pid_t process_ = -1;
+    std::optional<int> status_;
+};
+
+// The text of all files of a category in the installation's logs folder.
+std::string logOf(const SystemVolume& volume, std::string_view category);
+// False when the text is not in the category's log within the time.
+[[nodiscard]] bool waitForLog(const SystemVolume& volume, std::string_view category, std::string_view text,
+                              std::chrono::seconds time = std::chrono::seconds(60));
+
+}  // namespace sentrova::testing
