@@ -9,8 +9,6 @@
 
 #include <algorithm>
 
-#include <fmt/format.h>
-
 namespace sentrova {
 
 namespace {
@@ -179,10 +177,21 @@ void Event::checkDirectory() {
 }
 
 std::string Event::description() const {
-    return fmt::format(
-        "<Event type={} modifier={} time={} auditId={} uid={} pid={} session={} ret={} status={} text={}>", eventType,
-        eventModifier, timeStampInMs, asInt(auditId), asInt(effectiveUserID), asInt(processID), asInt(SessionID),
-        asInt(ret), status, orNull(text));
+    // As a dictionary, in which no character of the record's text can pass for a line of the log.
+    return Value(Dictionary{
+                     {"eventType", eventType},
+                     {"eventModifier", eventModifier},
+                     {"timeStampInMs", timeStampInMs},
+                     {"auditId", asInt(auditId)},
+                     {"effectiveUserID", asInt(effectiveUserID)},
+                     {"processID", asInt(processID)},
+                     {"SessionID", asInt(SessionID)},
+                     {"ret", asInt(ret)},
+                     {"status", status},
+                     {"text", text ? Value(*text) : Value()},
+                     {"signing_id", signing_id ? Value(*signing_id) : Value()},
+                 })
+        .description();
 }
 
 }  // namespace sentrova

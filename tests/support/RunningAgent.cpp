@@ -61,18 +61,14 @@ void RunningAgent::signal(int number) const {
 }
 
 std::optional<int> RunningAgent::wait(std::chrono::milliseconds time) {
-    const auto giveUp = std::chrono::steady_clock::now() + time;
-    while (!status_) {
+    const auto ended = [this] {
         int status = 0;
-        if (::waitpid(process_, &status, WNOHANG) == process_) {
+        if (!status_ && ::waitpid(process_, &status, WNOHANG) == process_) {
             status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        } else if (std::chrono::steady_clock::now() >= giveUp) {
-            return std::nullopt;
-        } else {
-            std::this_thread::sleep_for(kBetweenLooks);
         }
-    }
-    return status_;
+        return status_.has_value();
+    };
+    return waitUntil(ended, time) ? status_ : std::nullopt;
 }
 
 std::optional<int> RunningAgent::stop(std::chrono::milliseconds time) {
@@ -96,8 +92,12 @@ std::string logOf(const SystemVolume& volume, std::string_view category) {
 
 bool waitForLog(const SystemVolume& volume, std::string_view category, std::string_view text,
                 std::chrono::seconds time) {
+    return waitUntil([&] { return logOf(volume, category).find(text) != std::string::npos; }, time);
+}
+
+bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds time) {
     const auto giveUp = std::chrono::steady_clock::now() + time;
-    while (logOf(volume, category).find(text) == std::string::npos) {
+    while (!condition()) {
         if (std::chrono::steady_clock::now() >= giveUp) {
             return false;
         }

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,6 +37,10 @@ class RunningAgent {
     pid_t process_ = -1;
     std::optional<int> status_;
 };
+
+// Looks at the condition until it holds, which other processes bring about; false when it does not within the time.
+[[nodiscard]] bool waitUntil(const std::function<bool()>& condition,
+                             std::chrono::milliseconds time = std::chrono::minutes(1));
 
 // The text of all files of a category in the installation's logs folder.
 std::string logOf(const SystemVolume& volume, std::string_view category);
