@@ -1,8 +1,8 @@
 // A stand-in audit server on loopback that shows the events that reach it. See support/AuditServer.h for the paths
 // below /control/ by which it is questioned and made to fail.
 
+#include "server/EventTable.h"
 #include "support/AuditServer.h"
-#include "support/EventTable.h"
 
 #include <pthread.h>
 #include <signal.h>

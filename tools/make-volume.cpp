@@ -5,9 +5,9 @@
 #include "foundation/FileDescriptor.h"
 #include "foundation/FileSystem.h"
 #include "foundation/PropertyList.h"
-#include "support/LiveActivity.h"
 #include "support/SystemVolume.h"
-#include "support/WorkingDay.h"
+#include "volume/LiveActivity.h"
+#include "volume/WorkingDay.h"
 
 #include <fcntl.h>
 #include <unistd.h>

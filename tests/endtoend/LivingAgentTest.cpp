@@ -228,6 +228,26 @@ TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce
     EXPECT_LT(dropped, 60);
 }
 
+TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
+    configuration.set("NumberofEventsPerRequest", 500);
+    answer();
+    RunningAgent agent(kAgent, volume);
+    ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
+    constexpr std::uint32_t kRecords = 20'000;
+    const FileDescriptor pipe(::open(volume.auditPipe().c_str(), O_RDWR | O_CLOEXEC));
+    const auto now = std::chrono::seconds(Clock::shared().epochSeconds());
+    for (std::uint32_t i = 0; i < kRecords; ++i) {
+        const auto bytes = TrailRecord(45028).at(now).subject({.processId = i}).returns(0).bytes();
+        ASSERT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
+    }
+    // The last batch, in memory, follows ten seconds later.
+    ASSERT_TRUE(server.waitForEvents(kRecords));
+    const auto counts = arrivals();
+    EXPECT_EQ(counts.size(), kRecords);
+    EXPECT_EQ(server.events().size(), kRecords);
+    EXPECT_EQ(agent.stop(1s), 0);
+}
+
 TEST_F(LivingAgentTest, IdentityIsStoredEncryptedAndSentAtTheNextStart) {
     configuration.set("AgentAuthID", "identity-of-the-agent");
     answer();

@@ -34,10 +34,14 @@ class InotifySource final : public VnodeSource {
 
     void cancel() override {
         ::eventfd_write(wake_.get(), 1);
-        if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) {
-            thread_.join();
-            events_.reset();
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            return;
         }
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        events_.reset();
+        wake_.reset();
     }
 
   private:
@@ -51,7 +55,7 @@ class InotifySource final : public VnodeSource {
     }
 
     FileDescriptor events_;
-    const FileDescriptor wake_;
+    FileDescriptor wake_;
     const std::function<void()> handler_;
     std::thread thread_;
 };

@@ -1,4 +1,4 @@
-#include "support/LiveActivity.h"
+#include "volume/LiveActivity.h"
 
 #include <array>
 

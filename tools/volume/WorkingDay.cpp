@@ -1,4 +1,4 @@
-#include "support/WorkingDay.h"
+#include "volume/WorkingDay.h"
 
 #include <array>
 #include <ctime>

@@ -1,4 +1,4 @@
-#include "support/EventTable.h"
+#include "server/EventTable.h"
 
 #include <algorithm>
 #include <array>

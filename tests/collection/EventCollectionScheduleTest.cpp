@@ -1,0 +1,104 @@
+#include "collection/EventCollectionSchedule.h"
+#include "core/GlobalVariables.h"
+#include "forwarding/EventQueueGCD.h"
+#include "foundation/NotificationCenter.h"
+#include "support/AgentFixture.h"
+#include "support/TrailWriter.h"
+
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+class EventCollectionScheduleTest : public ::testing::Test, protected AgentFixture {
+  protected:
+    void addTrail(const char* name, std::chrono::seconds modified, std::initializer_list<std::chrono::seconds> times) {
+        TrailWriter trail;
+        for (const auto time : times) {
+            trail.add(TrailRecord(6152).at(time).returns(0));
+        }
+        volume().addTrail(name, trail.bytes(), modified);
+    }
+
+    Value stamp() {
+        const auto tasks = volume().readConfiguration("schedules.plist")["ScheduleTasks"];
+        return (*tasks.array()->at(0).dictionary())["LastScheduleTimeInMillis"];
+    }
+};
+
+TEST_F(EventCollectionScheduleTest, RunIsRefusedWhileItsConditionsDoNotHold) {
+    auto& configuration = GlobalVariables::getInstance();
+    const struct {
+        bool cancelled;
+        bool enabled;
+        bool full;
+        const char* flags;
+    } cases[] = {{true, true, false, "1 0 0 0"}, {false, false, false, "0 1 0 0"}, {false, true, true, "0 0 1 0"}};
+    for (const auto& test : cases) {
+        configuration.setIsEnabled(test.enabled);
+        configuration.setMaxEventDataSizeReached(test.full);
+        EventCollectionSchedule operation;
+        if (test.cancelled) {
+            operation.cancelOperation();
+        }
+        operation.start();
+        EXPECT_TRUE(operation.isFinished()) << test.flags;
+        EXPECT_EQ(logged(std::string("[INFO]") + test.flags + "\r\n"), 1);
+    }
+    EXPECT_EQ(logged("[ERROR]EventCollectionFiles didn't run because conditions didnot match"), 3);
+    EXPECT_TRUE(stamp().isNull());
+}
+
+TEST_F(EventCollectionScheduleTest, EveryFileIsOfferedTheOneModifiedLongestAgoFirst) {
+    addTrail("a-newest", 3000s, {2500s});
+    addTrail("z-oldest", 1000s, {500s});
+    addTrail("current", 1500s, {1400s});
+    addTrail("no trail", 1600s, {});
+    addTrail("m-middle", 2000s, {1500s});
+    EventCollectionSchedule operation;
+    operation.start();
+    EXPECT_TRUE(operation.isFinished());
+    EXPECT_EQ(EventQueueGCD::length(), 3U);
+    std::size_t at = 0;
+    for (const auto* name : {"z-oldest", "no trail", "m-middle", "a-newest"}) {
+        at = log().find(std::string("/var/audit/") + name + " file read", at);
+        EXPECT_NE(at, std::string::npos) << name;
+    }
+    EXPECT_EQ(logged(" file read"), 4) << "none for a file that is not to be read";
+    EXPECT_EQ(stamp(), Value(clock().epochSeconds()));
+}
+
+TEST_F(EventCollectionScheduleTest, RunOverNothingIsStampedTheSame) {
+    EventCollectionSchedule().start();
+    EXPECT_EQ(stamp(), Value(clock().epochSeconds()));
+    fs::remove_all(volume().auditFolder());
+    clock().advance(90s);
+    EventCollectionSchedule().start();
+    EXPECT_EQ(stamp(), Value(clock().epochSeconds()));
+}
+
+TEST_F(EventCollectionScheduleTest, CancelEndsThePresentFileOnly) {
+    serverInfo.set("NumberofEventsPerRequest", 1);
+    writeConfiguration();
+    addTrail("first", 3000s, {1000s, 1001s, 1002s, 1003s});
+    addTrail("second", 4000s, {3500s, 3501s});
+    EventCollectionSchedule operation;
+    int files = 0;
+    // Posted from within the reading, when the second event comes.
+    const auto observer = NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kEventFileNotification,
+                                                                          [&](const Notification&) {
+                                                                              if (++files == 1) {
+                                                                                  operation.cancel();
+                                                                              }
+                                                                          });
+    operation.start();
+    EXPECT_EQ(files, 3);
+    EXPECT_EQ(EventQueueGCD::length(), 1U);
+    EXPECT_EQ(logged("EventCollector cancel called"), 1);
+    EXPECT_EQ(logged(" file read"), 2);
+    EXPECT_EQ(stamp(), Value(clock().epochSeconds()));
+}
+
+}  // namespace sentrova::testing

@@ -1,0 +1,110 @@
+#include "collection/EventCollectorRealtime.h"
+#include "core/GlobalVariables.h"
+#include "forwarding/EventQueueGCD.h"
+#include "support/AgentFixture.h"
+#include "support/TrailWriter.h"
+
+#include <fstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+
+using namespace std::chrono_literals;
+
+class EventCollectorRealtimeTest : public ::testing::Test, protected AgentFixture {
+  protected:
+    EventCollectorRealtimeTest() {
+        serverInfo.set("IsRealTime", true);
+        writeConfiguration();
+    }
+
+    // An operation that reads the pipe on a thread of its own, until it is cancelled.
+    struct Reading {
+        std::shared_ptr<EventCollectorRealtime> operation = std::make_shared<EventCollectorRealtime>();
+        std::thread thread{[operation = operation] { operation->start(); }};
+
+        ~Reading() {
+            if (!operation->isFinished()) {
+                operation->cancel();
+            }
+            thread.join();
+        }
+    };
+
+    // Has a record read, so that the reader is known to be at work.
+    void passRecord(std::size_t count) {
+        const auto record = TrailRecord(6152).at(1000s).returns(0).bytes();
+        std::ofstream pipe(volume().auditPipe(), std::ios::binary);
+        pipe.write(reinterpret_cast<const char*>(record.data()), static_cast<std::streamsize>(record.size()));
+        pipe.close();
+        EXPECT_TRUE(eventually([count] { return EventQueueGCD::length() == count; }));
+    }
+};
+
+TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) {
+    auto& configuration = GlobalVariables::getInstance();
+    const struct {
+        bool cancelled;
+        bool realtime;
+        bool enabled;
+        bool full;
+        const char* flags;
+    } cases[] = {{true, true, true, false, "1 0 0 0 0"},
+                 {false, false, true, false, "0 1 0 0 0"},
+                 {false, true, false, false, "0 0 1 0 0"},
+                 {false, true, true, true, "0 0 0 1 0"}};
+    for (const auto& test : cases) {
+        configuration.setIsRealTime(test.realtime);
+        configuration.setIsEnabled(test.enabled);
+        configuration.setMaxEventDataSizeReached(test.full);
+        const auto operation = std::make_shared<EventCollectorRealtime>();
+        if (test.cancelled) {
+            operation->cancel();
+        }
+        operation->start();
+        EXPECT_TRUE(operation->isFinished()) << test.flags;
+        EXPECT_EQ(logged(std::string("[INFO]") + test.flags + "\r\n"), 1);
+    }
+    EXPECT_EQ(logged("[ERROR]EventCollectorRealtime didn't run because conditions didnot match"), 4);
+}
+
+TEST_F(EventCollectorRealtimeTest, ReachedSizeLimitEndsTheReadingForGood) {
+    auto& configuration = GlobalVariables::getInstance();
+    Reading reading;
+    passRecord(1);
+    configuration.setMaxEventDataSizeReached(false);
+    passRecord(2);
+    EXPECT_TRUE(reading.operation->isExecuting()) << "a check without a change is no reason to stop";
+
+    configuration.setMaxEventDataSizeReached(true);
+    EXPECT_TRUE(reading.operation->isFinished());
+    EXPECT_TRUE(eventually([this] { return logged("[INFO]/dev/auditpipe ended: 2 records read", "Event") == 1; }));
+    configuration.setMaxEventDataSizeReached(true);
+    configuration.setMaxEventDataSizeReached(false);
+    EXPECT_EQ(logged("EventCollectorRealtime cancel called"), 1);
+    EXPECT_EQ(logged("EventCollectorRealtime start called"), 1);
+}
+
+TEST_F(EventCollectorRealtimeTest, SecondReaderIsRefusedWhileTheFirstReads) {
+    Reading first;
+    passRecord(1);
+    const auto second = std::make_shared<EventCollectorRealtime>();
+    second->start();
+    EXPECT_TRUE(second->isFinished());
+    EXPECT_EQ(logged("[INFO]0 0 0 0 1\r\n"), 1);
+    EXPECT_TRUE(first.operation->isExecuting());
+}
+
+TEST_F(EventCollectorRealtimeTest, OperationWithoutAPipeStaysUntilItIsCancelled) {
+    std::filesystem::remove(volume().auditPipe());
+    const auto operation = std::make_shared<EventCollectorRealtime>();
+    operation->start();
+    EXPECT_TRUE(operation->isExecuting());
+    EXPECT_EQ(logged("[ERROR]failed to open audit pipe /dev/auditpipe"), 1);
+    operation->cancel();
+    EXPECT_TRUE(operation->isFinished());
+}
+
+}  // namespace sentrova::testing

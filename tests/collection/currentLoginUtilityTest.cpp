@@ -1,0 +1,179 @@
+#include "collection/currentLoginUtility.h"
+#include "core/GlobalVariables.h"
+#include "foundation/FileSystem.h"
+#include "foundation/KeyedArchive.h"
+#include "support/AgentFixture.h"
+
+#include <atomic>
+#include <cerrno>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+// Counts the writes of the history, and fails them when told to.
+class HistoryWrites final : public FileSystem {
+  public:
+    HistoryWrites() { install(this); }
+    ~HistoryWrites() override { install(nullptr); }
+
+    Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
+                                 Durability durability) override {
+        if (path.ends_with("/currentLogins")) {
+            ++count;
+            if (fails) {
+                return posixError(ENOSPC);
+            }
+        }
+        return FileSystem::writeAtomically(path, content, durability);
+    }
+
+    std::atomic<int> count = 0;
+    bool fails = false;
+};
+
+std::optional<std::string> userAt(std::int64_t time) {
+    const auto entry = currentLoginUtility::getLogonUserAtTime(time);
+    return entry ? std::optional((*entry)["uid"].description()) : std::nullopt;
+}
+
+void add(const char* user, double time) {
+    currentLoginUtility::addToLoginHistory({{"uid", user}}, time);
+}
+
+}  // namespace
+
+class currentLoginUtilityTest : public ::testing::Test, protected AgentFixture {
+  protected:
+    // Without a console nobody is logged on at it, and the history begins empty.
+    currentLoginUtilityTest() { fs::remove(volume().console()); }
+
+    fs::path file() { return volume().conf() / "currentLogins"; }
+
+    KeyedArchive::Content stored() {
+        const auto bytes = FileSystem::shared().read(file());
+        const auto content = bytes ? KeyedArchive::unarchive(*bytes) : Result<KeyedArchive::Content>(bytes.error());
+        return content ? *content : KeyedArchive::Content{{-1, {{"problem", content.error().description}}}};
+    }
+};
+
+TEST_F(currentLoginUtilityTest, LatestEntryUpToASecondAfterTheTimeIsFound) {
+    EXPECT_EQ(userAt(1000), std::nullopt);
+    add("one", 100.9);
+    add("two", 200);
+    add("two again", 200.5);
+    add("before time", -50);
+    const std::pair<std::int64_t, std::optional<std::string>> cases[] = {
+        {98, std::nullopt}, {99, "one"},
+        {100, "one"},       {150, "one"},
+        {198, "one"},       {199, "two again"},
+        {200, "two again"}, {std::numeric_limits<std::int64_t>::max(), "two again"},
+    };
+    for (const auto& [time, user] : cases) {
+        EXPECT_EQ(userAt(time), user) << time;
+    }
+}
+
+TEST_F(currentLoginUtilityTest, EntriesBeforeTheLastEventAreRemovedFromMemoryAtTheNextAddition) {
+    GlobalVariables::getInstance().setTimeStampOfLastEvent("50");
+    add("one", 100);
+    add("kept", 150);
+    currentLoginUtility::flush();
+    GlobalVariables::getInstance().setTimeStampOfLastEvent("150");
+    EXPECT_EQ(userAt(120), "one");
+    add("old itself", 140);
+    EXPECT_EQ(userAt(140), std::nullopt);
+    EXPECT_EQ(userAt(150), "kept");
+    EXPECT_EQ(logged("removing key 100"), 1);
+    EXPECT_EQ(logged("removing key 140"), 1);
+    EXPECT_EQ(logged("removing key 150"), 0);
+
+    currentLoginUtility::flush();
+    EXPECT_EQ(stored(), (KeyedArchive::Content{
+                            {100, {{"uid", "one"}}}, {140, {{"uid", "old itself"}}}, {150, {{"uid", "kept"}}}}))
+        << "the file has the entries as they were before the removal";
+}
+
+TEST_F(currentLoginUtilityTest, HistorySurvivesARestart) {
+    currentLoginUtility::addToLoginHistory({{"uid", "zo\xC3\xAB"}, {"gid", 20}}, 100);
+    currentLoginUtility::flush();
+    EXPECT_EQ(stored(), (KeyedArchive::Content{{100, {{"uid", "zo\xC3\xAB"}, {"gid", 20}}}}));
+    restart();
+    EXPECT_EQ(userAt(100), "zo\xC3\xAB");
+}
+
+TEST_F(currentLoginUtilityTest, DamagedHistoryIsReplacedOnlyByTheNextAddition) {
+    std::ofstream(file()) << "bplist00 but no archive";
+    EXPECT_EQ(userAt(1000), std::nullopt);
+    EXPECT_EQ(logged("[ERROR]Error while unarchiving current login  "), 1);
+    EXPECT_EQ(fs::file_size(file()), 23U);
+    add("new", 100);
+    EXPECT_EQ(stored(), (KeyedArchive::Content{{100, {{"uid", "new"}}}}));
+
+    restart();
+    fs::remove(file());
+    fs::create_directory(file());
+    EXPECT_EQ(userAt(1000), std::nullopt);
+    EXPECT_EQ(logged("[ERROR]Error while reading current login "), 1);
+}
+
+TEST_F(currentLoginUtilityTest, AdditionsWithinATenthOfASecondShareAWrite) {
+    HistoryWrites writes;
+    add("one", 1);
+    EXPECT_EQ(writes.count, 1) << "the first at once";
+    add("two", 2);
+    add("three", 3);
+    EXPECT_EQ(writes.count, 1);
+    clock().advance(100ms);
+    // The second write of each fails, as always.
+    ASSERT_TRUE(eventually([&] { return logged("[INFO]0\r\n") == 3; }));
+    EXPECT_EQ(logged("[DEBUG]1\r\n"), 3);
+    EXPECT_EQ(writes.count, 2);
+    EXPECT_EQ(stored().size(), 3U);
+
+    add("four", 4);
+    currentLoginUtility::flush();
+    EXPECT_EQ(writes.count, 3);
+    EXPECT_EQ(stored().size(), 4U);
+    currentLoginUtility::flush();
+    clock().advance(1s);
+    add("five", 5);
+    EXPECT_EQ(writes.count, 4) << "a flush leaves nothing to write";
+}
+
+TEST_F(currentLoginUtilityTest, FailedWriteIsLoggedAndTheEntryStaysInMemory) {
+    HistoryWrites writes;
+    writes.fails = true;
+    add("one", 1);
+    EXPECT_EQ(logged("[DEBUG]0\r\n"), 1);
+    EXPECT_EQ(userAt(1), "one");
+    EXPECT_FALSE(fs::exists(file()));
+}
+
+TEST_F(currentLoginUtilityTest, ConsoleOwnerIsNotedAtTheStartAndAtEachChangeOfTheConsole) {
+    volume().addLocalUser("anna", ::getuid());
+    std::ofstream(volume().console()) << "";
+    const auto now = clock().epochSeconds();
+    currentLoginUtility::init();
+    const auto first = currentLoginUtility::getLogonUserAtTime(now);
+    ASSERT_TRUE(first);
+    EXPECT_EQ((*first)["uid"], Value("anna"));
+    EXPECT_TRUE(first->contains("gid"));
+    EXPECT_EQ(currentLoginUtility::getLogonUserAtTime(now - 2), std::nullopt);
+
+    clock().advance(10s);
+    fs::permissions(volume().console(), fs::perms::owner_read);
+    ASSERT_TRUE(eventually([&] { return logged("adding to loginhistory") == 2; }));
+    EXPECT_EQ(logged("Login has been made"), 1);
+    EXPECT_NE(log().find(std::to_string(now + 10)), std::string::npos);
+    currentLoginUtility::suspend();
+    EXPECT_EQ(logged("Filewatcher suspended"), 1);
+}
+
+}  // namespace sentrova::testing

@@ -1,0 +1,200 @@
+#include "forwarding/EventForwarder.h"
+#include "forwarding/EventQueueGCD.h"
+#include "forwarding/TransportEngine.h"
+#include "foundation/NotificationCenter.h"
+#include "support/AgentFixture.h"
+
+#include <atomic>
+#include <fstream>
+#include <set>
+
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+
+namespace {
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr const char* kBatch = R"([{"n":1},{"n":2}])";
+}  // namespace
+
+class EventForwarderTest : public ::testing::Test, protected AgentFixture {
+  protected:
+    EventForwarderTest() { EventQueueGCD::init(); }
+    ~EventForwarderTest() override {
+        forwarder_->cancel();
+        // Its queue may still be inside a delivery.
+        const std::weak_ptr<EventForwarder> leaving = std::exchange(forwarder_, nullptr);
+        EXPECT_TRUE(eventually([&leaving] { return leaving.expired(); }));
+    }
+
+    FileUrl addFile(const std::string& name, std::string_view content = kBatch) {
+        const auto path = volume().eventData() / name;
+        std::ofstream(path) << content;
+        return FileUrl(path.string());
+    }
+    std::size_t filesLeft() {
+        return static_cast<std::size_t>(
+            std::distance(fs::directory_iterator(volume().eventData()), fs::directory_iterator()));
+    }
+
+    void answer(std::size_t number, const FakeUrlSession::Answer& answer) {
+        session().answer(number, answer);
+        session().settle();
+    }
+
+    std::shared_ptr<EventForwarder> forwarder_ = EventForwarder::init();
+};
+
+TEST_F(EventForwarderTest, OnlyAnAnswerOf200IsADelivery) {
+    const auto down = FakeUrlSession::failure(UrlErrorCode::cannotConnectToHost, "Nobody there");
+    const std::pair<FakeUrlSession::Answer, const char*> cases[] = {
+        {{200, "no json"}, nullptr}, {{200, ""}, nullptr},  {{204, ""}, "(null)"},
+        {{302, ""}, "(null)"},       {{500, ""}, "(null)"}, {down, "Nobody there"}};
+    for (const auto& [given, message] : cases) {
+        restart();
+        EventQueueGCD::init();
+        const auto before = session().sent().size();
+        const auto lines = message ? logged(std::string("[ERROR]") + message + "\r\n", "Communication") : 0;
+        const auto file = addFile("event_1");
+        forwarder_->process(file);
+        const auto sent = session().sent();
+        ASSERT_EQ(sent.size(), before + 1);
+        EXPECT_EQ(sent.back().body, kBatch);
+        EXPECT_EQ(filesLeft(), 0U) << "deleted once the request is under way";
+        EXPECT_EQ(EventQueueGCD::length(), 0U);
+        const auto address = TransportEngine().baseURL();
+        answer(before, given);
+        EXPECT_EQ(TransportEngine::isConnected(), message == nullptr);
+        EXPECT_EQ(EventQueueGCD::length(), message ? 2U : 0U);
+        EXPECT_EQ(TransportEngine().baseURL() == address, message == nullptr);
+        if (message) {
+            EXPECT_EQ(logged(std::string("[ERROR]") + message + "\r\n", "Communication"), lines + 1);
+        }
+    }
+}
+
+TEST_F(EventForwarderTest, EventsInMemoryAreDeliveredTenSecondsAfterTheyCame) {
+    forwarder_->start();
+    EventQueueGCD::enqueue({{"text", "caf\xC3\xA9"}});
+    clock().advance(10s);
+    ASSERT_TRUE(session().waitForRequests(1));
+    const auto sent = session().sent();
+    EXPECT_EQ(sent[0].body, R"([{"text":"cafe"}])");
+    EXPECT_TRUE(sent[0].request.url.ends_with("/api/agent/tabs/agentData"));
+    answer(0, {500, ""});
+    EXPECT_EQ(EventQueueGCD::length(), 1U);
+    TransportEngine::setIsConnected(true);
+    EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), "[{\"text\":\"caf\xC3\xA9\"}]") << "back as it was";
+}
+
+TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredAtTheStart) {
+    std::multiset<std::string> expected;
+    for (const auto* number : {"1", "2", "3"}) {
+        const auto content = std::string(R"([{"n":)") + number + "}]";
+        addFile(std::string("event_") + number, content);
+        expected.insert(content);
+    }
+    session().respondWith([](const auto&) { return FakeUrlSession::Answer(); });
+    forwarder_->start();
+    ASSERT_TRUE(session().waitForRequests(3));
+    std::multiset<std::string> bodies;
+    for (const auto& sent : session().sent()) {
+        bodies.insert(sent.body);
+    }
+    EXPECT_EQ(bodies, expected);
+    EXPECT_TRUE(eventually([this] { return filesLeft() == 0; }));
+    EXPECT_TRUE(forwarder_->isExecuting()) << "until it is cancelled";
+}
+
+TEST_F(EventForwarderTest, SixDeliveriesAreUnderWayAtTheMost) {
+    for (int number = 1; number <= 8; ++number) {
+        addFile("event_" + std::to_string(number));
+    }
+    forwarder_->start();
+    ASSERT_TRUE(session().waitForRequests(6));
+    EXPECT_TRUE(eventually([this] { return filesLeft() == 2; }));
+    session().answer(3, {});
+    ASSERT_TRUE(session().waitForRequests(7));
+    EXPECT_TRUE(eventually([this] { return filesLeft() == 1; }));
+    EXPECT_EQ(session().sent().size(), 7U);
+    forwarder_->cancel();
+    EXPECT_TRUE(forwarder_->isFinished());
+    answer(0, {});
+    EXPECT_EQ(session().sent().size(), 7U) << "what waits for its turn stays on the disk";
+    EXPECT_EQ(filesLeft(), 1U);
+}
+
+TEST_F(EventForwarderTest, AnswersToDeliveriesUnderWayAreJudgedOneByOne) {
+    for (const auto* name : {"event_1", "event_2", "event_3"}) {
+        forwarder_->process(addFile(name));
+    }
+    ASSERT_EQ(session().sent().size(), 3U);
+    answer(1, {500, ""});
+    EXPECT_EQ(EventQueueGCD::length(), 2U);
+    EXPECT_FALSE(TransportEngine::isConnected());
+    answer(0, {200, "{}"});
+    EXPECT_TRUE(TransportEngine::isConnected()) << "a delivery that was under way shows that the server is there";
+    answer(2, {503, ""});
+    EXPECT_EQ(EventQueueGCD::length() + 3 * filesLeft(), 4U) << "each batch comes back once";
+    EXPECT_EQ(TransportEngine().baseURL(), "http://audit:8443") << "two failures, two addresses on";
+}
+
+TEST_F(EventForwarderTest, NothingIsSentOrDeletedWhileTheServerIsNotReachable) {
+    TransportEngine::setIsConnected(false);
+    const auto file = addFile("event_1");
+    EventQueueGCD::enqueue({{"n", 0}});
+    forwarder_->process(file);
+    forwarder_->process(std::nullopt);
+    EXPECT_EQ(filesLeft(), 1U);
+    EXPECT_EQ(EventQueueGCD::length(), 1U);
+    // What was taken from the spool before goes back to it.
+    forwarder_->SendData(kBatch, nullptr);
+    EXPECT_TRUE(session().sent().empty());
+    TransportEngine::setIsConnected(true);
+    EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), R"([{"n":0},{"n":1},{"n":2}])");
+
+    TransportEngine::setIsConnected(false);
+    forwarder_->start();
+    EXPECT_TRUE(eventually([this] { return logged("Created file notification again") == 2; }));
+    TransportEngine::setIsConnected(true);
+    clock().advance(10s);
+    EXPECT_TRUE(session().waitForRequests(1)) << "it is announced again";
+}
+
+TEST_F(EventForwarderTest, FileThatIsNoBatchStaysWhereItIs) {
+    for (const auto* content : {"", "{\"n\":1}", "[{\"n\":1}", "[\"\xFF\"]"}) {
+        forwarder_->process(addFile("event_1", content));
+        EXPECT_EQ(filesLeft(), 1U) << content;
+    }
+    EXPECT_TRUE(session().sent().empty());
+    EXPECT_EQ(logged("event_1 is no batch of events; it is left where it is"), 4);
+    fs::remove(volume().eventData() / "event_1");
+
+    // What only looked like one is not lost when it is not delivered.
+    forwarder_->process(addFile("event_2", "[{\"n\":1},2]"));
+    forwarder_->process(addFile("event_3", "[no json]"));
+    answer(0, {500, ""});
+    answer(1, {500, ""});
+    EXPECT_EQ(EventQueueGCD::length(), 1U);
+    std::string kept;
+    std::getline(std::ifstream(volume().eventData() / ("undelivered_" + std::to_string(clock().epochSeconds()))), kept);
+    EXPECT_EQ(kept, "[no json]");
+}
+
+TEST_F(EventForwarderTest, CancelledForwarderHearsNoMore) {
+    forwarder_->start();
+    forwarder_->cancel();
+    EXPECT_TRUE(forwarder_->isFinished());
+    std::atomic<bool> announced = false;
+    const auto observer = NotificationCenter::defaultCenter().addObserver(
+        EventQueueGCD::kTimeUpdateNotification, [&announced](const Notification&) { announced = true; });
+    EventQueueGCD::enqueue({{"n", 1}});
+    clock().advance(10s);
+    EXPECT_TRUE(eventually([&announced] { return announced.load(); }));
+    EXPECT_EQ(logged("Received Event Timeout notification"), 0);
+    EXPECT_EQ(EventQueueGCD::length(), 1U);
+}
+
+}  // namespace sentrova::testing

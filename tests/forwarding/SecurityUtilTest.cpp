@@ -1,0 +1,64 @@
+#include "forwarding/SecurityUtil.h"
+
+#include <gtest/gtest.h>
+
+namespace sentrova {
+
+namespace {
+
+using Text = std::optional<std::string>;
+constexpr const char* kSixteen = "0123456789abcdef";
+// Made with an independent tool, from the key and the zero vector.
+constexpr const char* kSixteenEncrypted = "mBTznmHhDMK5sREZRyIn8lfLbcmtxarmVybNUx4D58k=";
+
+}  // namespace
+
+TEST(SecurityUtilTest, DigestIsOfTheBytesUpToTheFirstZero) {
+    EXPECT_EQ(SecurityUtil::sha256HashFor(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(SecurityUtil::sha256HashFor("secret"),
+              "2bb80d537b1da3e38bd30361aa855686bde0eacd7162fef6a25fe97bf527a25b");
+    EXPECT_EQ(SecurityUtil::sha256HashFor(std::string("secret\0more", 11)), SecurityUtil::sha256HashFor("secret"));
+}
+
+TEST(SecurityUtilTest, TextsEncryptAsTheyAlwaysHaveWhateverTheVector) {
+    const std::pair<const char*, const char*> cases[] = {{kSixteen, kSixteenEncrypted},
+                                                         {"gr\xC3\xBC\xC3\x9F"
+                                                          "e",
+                                                          "UimcDlISETUyligNIO9feQ=="}};
+    for (const auto& [plain, cipher] : cases) {
+        for (const auto* vector : {"", "0123456789abcdef"}) {
+            EXPECT_EQ(*SecurityUtil::encrypt(plain, "secret", vector), Text(cipher));
+            EXPECT_EQ(*SecurityUtil::decrypt(cipher, "secret", vector), Text(plain));
+        }
+    }
+    EXPECT_EQ(*SecurityUtil::decrypt(*SecurityUtil::encrypt("", "k", ""), "k", ""), Text(""));
+}
+
+TEST(SecurityUtilTest, WhatCannotBeDecryptedIsNothingOrTheCiphersError) {
+    EXPECT_EQ(*SecurityUtil::encrypt(std::nullopt, "k", ""), std::nullopt);
+    EXPECT_EQ(*SecurityUtil::encrypt("text", std::nullopt, ""), std::nullopt);
+    EXPECT_EQ(*SecurityUtil::decrypt(std::nullopt, "k", ""), std::nullopt);
+    EXPECT_EQ(*SecurityUtil::decrypt(kSixteenEncrypted, std::nullopt, ""), std::nullopt);
+    for (const auto* text : {"mBTz nmHh", "mBTz\nnmHh", "mBTznmH", "mB=znmHh", "mBTznmHh====", "-BTznmHh"}) {
+        EXPECT_EQ(*SecurityUtil::decrypt(text, "secret", ""), std::nullopt) << text;
+    }
+    // A wrong pass phrase, a text cut at a block and within one.
+    const std::pair<std::string, const char*> cases[] = {
+        {kSixteenEncrypted, "wrong"}, {std::string(kSixteenEncrypted, 20) + "8g==", "secret"}, {"mBTznmHh", "secret"}};
+    for (const auto& [text, passPhrase] : cases) {
+        const auto plain = SecurityUtil::decrypt(text, passPhrase, "");
+        ASSERT_FALSE(plain) << text;
+        EXPECT_EQ(plain.error().domain, "kEncryptionError");
+        EXPECT_NE(plain.error().code, 0);
+    }
+    // Bytes that are no text survive the cipher itself.
+    const Data key(32, 'k');
+    const Data noText = {0xFF, 0xFE};
+    const auto cipher = SecurityUtil::doAES(noText, key, {}, SecurityUtil::CipherOperation::encrypt);
+    ASSERT_TRUE(cipher);
+    EXPECT_EQ(cipher->size(), 16U);
+    EXPECT_EQ(*SecurityUtil::doAES(*cipher, key, {}, SecurityUtil::CipherOperation::decrypt), noText);
+    EXPECT_FALSE(SecurityUtil::doAES(noText, Data(5), {}, SecurityUtil::CipherOperation::encrypt));
+}
+
+}  // namespace sentrova

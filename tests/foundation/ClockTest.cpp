@@ -1,0 +1,74 @@
+#include "foundation/Clock.h"
+#include "foundation/Mutex.h"
+
+#include <future>
+#include <limits>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace sentrova {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+TEST(ClockTest, SystemClockCallsTimersInTheOrderOfTheirTimes) {
+    auto& clock = Clock::shared();
+    const auto now = clock.monotonicTime();
+    std::string order;
+    std::promise<void> last;
+    // The first call holds the timer thread until all are set.
+    Semaphore allSet;
+    clock.schedule(now - seconds(10), [&allSet] { allSet.wait(); });
+    clock.schedule(now - seconds(1), [&] {
+        order += 'c';
+        last.set_value();
+    });
+    clock.schedule(now - seconds(3), [&order] { order += 'a'; });
+    clock.schedule(now - seconds(2), [&order] { order += 'b'; });
+    allSet.signal();
+    last.get_future().wait();
+    EXPECT_EQ(order, "abc");
+    EXPECT_GE(clock.monotonicTime(), now);
+}
+
+TEST(ClockTest, TimerOfTheSystemClockComesNotBeforeItsTime) {
+    auto& clock = Clock::shared();
+    const auto begun = clock.monotonicTime();
+    clock.sleepFor(milliseconds(5));
+    EXPECT_GE(clock.monotonicTime() - begun, milliseconds(5));
+}
+
+TEST(ClockTest, CancelledTimerNeverRunsAndLetsGoOfWhatItHeld) {
+    auto& clock = Clock::shared();
+    auto held = std::make_shared<int>();
+    const std::weak_ptr<int> heldToo = held;
+    const auto far = clock.after(hours(1), [held = std::move(held)] {});
+    EXPECT_FALSE(heldToo.expired());
+    EXPECT_TRUE(clock.cancel(far));
+    EXPECT_TRUE(heldToo.expired());
+    EXPECT_FALSE(clock.cancel(far));
+
+    std::promise<void> called;
+    const auto near = clock.after(seconds(0), [&called] { called.set_value(); });
+    called.get_future().wait();
+    EXPECT_FALSE(clock.cancel(near));
+}
+
+TEST(ClockTest, DatesBecomeSecondsTowardZeroAndSecondsDatesWithinTheirRange) {
+    const Date halfPast{milliseconds(1'700'000'000'500)};
+    EXPECT_EQ(epochSeconds(halfPast), 1'700'000'000);
+    EXPECT_EQ(epochSeconds(Date(milliseconds(-500))), 0);
+    EXPECT_EQ(epochSecondsExact(halfPast), 1'700'000'000.5);
+    EXPECT_EQ(dateFromEpoch(1'700'000'000.5), halfPast);
+    for (const double beyond : {1e300, std::numeric_limits<double>::infinity()}) {
+        EXPECT_GT(dateFromEpoch(beyond), halfPast);
+        EXPECT_LT(dateFromEpoch(-beyond), Date());
+    }
+}
+
+}  // namespace
+}  // namespace sentrova

@@ -1,0 +1,109 @@
+#include "foundation/FileSystem.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace sentrova {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FileSystemTest : public ::testing::Test {
+  protected:
+    FileSystemTest() : formerMask_(::umask(0)) {
+        auto name = (fs::temp_directory_path() / "sentrova-files-XXXXXX").string();
+        folder_ = ::mkdtemp(name.data());
+    }
+    ~FileSystemTest() override {
+        ::umask(formerMask_);
+        fs::remove_all(folder_);
+    }
+    FileSystemTest(const FileSystemTest&) = delete;
+    FileSystemTest& operator=(const FileSystemTest&) = delete;
+
+    std::string at(const std::string& name) const { return folder_ + "/" + name; }
+
+    static Data bytes(std::string_view text) { return {text.begin(), text.end()}; }
+    std::string content(const std::string& name) {
+        const auto read = files_.read(at(name));
+        return read ? std::string(read->begin(), read->end()) : "error " + std::to_string(read.error().code);
+    }
+    std::vector<std::string> names() {
+        auto list = *files_.names(folder_);
+        std::ranges::sort(list);
+        return list;
+    }
+
+    FileSystem& files_ = FileSystem::shared();
+    std::string folder_;
+
+  private:
+    const mode_t formerMask_;
+};
+
+using Names = std::vector<std::string>;
+
+TEST_F(FileSystemTest, WrittenFileIsWholeItsOwnersAloneAndReplacesTheOldOne) {
+    for (const auto durability : {FileSystem::Durability::renamed, FileSystem::Durability::flushed}) {
+        ASSERT_TRUE(files_.writeAtomically(at("a"), bytes("the old content"), durability));
+        const auto before = files_.status(at("a"));
+        ASSERT_TRUE(files_.writeAtomically(at("a"), bytes("new"), durability));
+        EXPECT_EQ(content("a"), "new");
+        const auto status = files_.status(at("a"));
+        ASSERT_TRUE(before && status);
+        EXPECT_EQ(status->permissions, 0600U);
+        EXPECT_EQ(status->size, 3U);
+        EXPECT_TRUE(status->isRegular && !status->isFolder);
+        EXPECT_NE(status->identity, before->identity);
+    }
+    EXPECT_EQ(names(), Names{"a"});
+}
+
+TEST_F(FileSystemTest, FailuresNameTheFileAndLeaveNothingBehind) {
+    ASSERT_TRUE(files_.createFolder(at("folder")));
+    ASSERT_TRUE(files_.createFile(at("folder/inside")));
+    ASSERT_TRUE(files_.createFile(at("file")));
+    fs::create_symlink(at("nowhere"), at("link"));
+    struct Case {
+        const char* what;
+        Error error;
+        int code;
+    };
+    const auto renamed = FileSystem::Durability::renamed;
+    const Case cases[] = {
+        {"write over a folder", files_.writeAtomically(at("folder"), bytes("x"), renamed).error(), EISDIR},
+        {"write into nothing", files_.writeAtomically(at("none/a"), bytes("x"), renamed).error(), ENOENT},
+        {"read a missing file", files_.read(at("none")).error(), ENOENT},
+        {"read a folder", files_.read(at("folder")).error(), EISDIR},
+        {"append through a link", files_.append(at("link"), "x").error(), ELOOP},
+        {"create a file again", files_.createFile(at("file")).error(), EEXIST},
+        {"create through a link", files_.createFile(at("link")).error(), EEXIST},
+        {"create a folder without its parent", files_.createFolder(at("none/folder")).error(), ENOENT},
+        {"move onto a file", files_.move(at("folder"), at("file")).error(), EEXIST},
+        {"move onto a dangling link", files_.move(at("file"), at("link")).error(), EEXIST},
+        {"list a file", files_.names(at("file")).error(), ENOTDIR},
+        {"look at a dangling link's target", files_.status(at("link")).error(), ENOENT},
+    };
+    for (const auto& [what, error, code] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(error.domain, kPosixErrorDomain);
+        EXPECT_EQ(error.code, code);
+        EXPECT_NE(error.description.find(folder_), std::string::npos) << error.description;
+    }
+    EXPECT_EQ(names(), (Names{"file", "folder", "link"}));
+    EXPECT_TRUE(files_.linkStatus(at("link"))->isSymbolicLink);
+    EXPECT_FALSE(files_.exists(at("link")));
+    ASSERT_TRUE(files_.remove(at("folder")));
+    ASSERT_TRUE(files_.move(at("file"), at(".hidden")));
+    EXPECT_EQ(names(), (Names{".hidden", "link"}));
+}
+
+}  // namespace
+}  // namespace sentrova

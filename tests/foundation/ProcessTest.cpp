@@ -1,0 +1,63 @@
+#include "foundation/Process.h"
+
+#include <csignal>
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace sentrova {
+namespace {
+
+// The exit status and the output.
+std::pair<int, std::string> runShell(const std::string& script) {
+    Process process("/bin/sh", {"-c", script});
+    process.launch();
+    const auto output = process.readDataToEndOfFile();
+    process.waitUntilExit();
+    return {process.terminationStatus(), std::string(output.begin(), output.end())};
+}
+
+TEST(ProcessTest, StatusAndOutputAreThoseOfTheProgram) {
+    const std::pair<std::string, std::pair<int, std::string>> cases[] = {
+        {"printf out; exit 3", {3, "out"}},
+        {"echo complaint >&2", {0, ""}},
+        {"kill -9 $$", {SIGKILL, ""}},
+        {"head -c 300000 /dev/zero | tr '\\0' x", {0, std::string(300'000, 'x')}},
+    };
+    for (const auto& [script, expected] : cases) {
+        EXPECT_EQ(runShell(script), expected) << script;
+    }
+}
+
+TEST(ProcessTest, ProgramThatCannotBeStartedIsAnError) {
+    for (const auto* path : {"/nowhere/tool", "/dev/null", "/"}) {
+        Process process(path, {});
+        EXPECT_THROW(process.launch(), ProcessLaunchError) << path;
+        EXPECT_TRUE(process.readDataToEndOfFile().empty());
+        process.terminate();
+        process.waitUntilExit();
+    }
+}
+
+TEST(ProcessTest, TerminationReachesTheChildOfAnAgentThatIgnoresTheSignal) {
+    auto* const before = std::signal(SIGTERM, SIG_IGN);
+    Process process("/bin/sh", {"-c", "echo ready; exec tail -f /dev/null"});
+    process.launch();
+    EXPECT_EQ(process.readAvailableData(), (Data{'r', 'e', 'a', 'd', 'y', '\n'}));
+    process.terminate();
+    process.waitUntilExit();
+    std::signal(SIGTERM, before);
+    EXPECT_EQ(process.terminationStatus(), SIGTERM);
+}
+
+TEST(ProcessTest, PipesOfOtherProcessesAreNotInherited) {
+    const std::string count = "ls /proc/self/fd | wc -l";
+    const auto alone = runShell(count);
+    Process open("/bin/cat", {"/dev/null"});
+    open.launch();
+    EXPECT_EQ(runShell(count), alone);
+    open.waitUntilExit();
+}
+
+}  // namespace
+}  // namespace sentrova
