@@ -96,7 +96,7 @@ void setSubject(const bsm::SubjectToken& token, Event& event) {
 
 }  // namespace
 
-EventCollector::EventCollector(const std::string& path, std::optional<std::vector<std::string>> eventsToRead)
+EventCollector::EventCollector(const std::string& path, const std::optional<std::vector<std::string>>& eventsToRead)
     : ConcurrentOperationAbstract("EventCollector"), path_(path), eventsToRead_(eventsToRead) {
     kLog.debug("init", "EventCollector Init called");
     auto& lastRead = theLastRead.get();

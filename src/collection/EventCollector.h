@@ -26,7 +26,7 @@ class EventCollector final : public ConcurrentOperationAbstract {
   public:
     // Opens the source. A collector whose source cannot be opened, or need not be read, is cancelled at once. Without
     // names every event is collected.
-    EventCollector(const std::string& path, std::optional<std::vector<std::string>> eventsToRead);
+    EventCollector(const std::string& path, const std::optional<std::vector<std::string>>& eventsToRead);
 
     // Reads on the calling thread until the source ends or the operation is cancelled.
     void start() override;

@@ -168,7 +168,7 @@ void GlobalVariables::loadIdentity(const Value& stored) {
     }
     const auto vector = text.substr(0, text.size() - cipher->size());
     const auto plain =
-        SecurityUtil::decrypt(*cipher, agentUID().value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)), vector);
+        SecurityUtil::decrypt(cipher, agentUID().value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)), vector);
     setAgentUUID(plain ? *plain : std::nullopt);
 }
 

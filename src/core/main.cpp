@@ -7,7 +7,7 @@
 #include "platform/SignalSource.h"
 #include "platform/Transaction.h"
 
-#include <signal.h>  // NOLINT(modernize-deprecated-headers): sigaction is POSIX
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>

@@ -61,7 +61,7 @@ class FileNames {
     }
 
   private:
-    std::chrono::sys_time<std::chrono::milliseconds> last_{};
+    std::chrono::sys_time<std::chrono::milliseconds> last_;
 };
 
 class Spool {

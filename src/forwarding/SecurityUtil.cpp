@@ -131,7 +131,7 @@ Result<Data> SecurityUtil::doAES(std::span<const std::uint8_t> data, std::span<c
     if (EVP_CipherFinal_ex(cipher.get(), output.data() + written, &last) != 1) {
         return failed(CipherStatus::decodeError);
     }
-    output.resize(static_cast<std::size_t>(written + last));
+    output.resize(static_cast<std::size_t>(written) + static_cast<std::size_t>(last));
     return output;
 }
 

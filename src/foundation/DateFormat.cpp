@@ -32,7 +32,8 @@ struct ZoneSource {
 
     static ZoneSource present() {
         ZoneSource source;
-        if (const auto* variable = std::getenv("TZ")) {
+        // The agent never changes its environment.
+        if (const auto* variable = std::getenv("TZ")) {  // NOLINT(concurrency-mt-unsafe)
             source.variable = variable;
             // Set but empty is not the same as not set.
             source.variable += '\n';

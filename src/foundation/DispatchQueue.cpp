@@ -142,7 +142,7 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
     }
 
     const std::string label_;
-    std::atomic<std::thread::id> holder_{};
+    std::atomic<std::thread::id> holder_;
 
     Mutex mutex_;
     std::deque<Item> waiting_ GUARDED_BY(mutex_);

@@ -228,7 +228,7 @@ void OperationQueue::setMaxConcurrentOperationCount(int count) {
 
 void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
     if (!operation->isFinished()) {
-        state_->add(operation);
+        state_->add(std::move(operation));
     }
 }
 

@@ -36,12 +36,12 @@ Character firstCharacter(std::string_view text) {
     if (length < 2 || length > 4 || length > text.size()) {
         return {};
     }
-    char32_t codePoint = lead & (0x7Fu >> length);
+    char32_t codePoint = lead & (0x7FU >> length);
     for (std::size_t i = 1; i < length; ++i) {
         if ((byte(i) & 0xC0) != 0x80) {
             return {};
         }
-        codePoint = (codePoint << 6) | (byte(i) & 0x3Fu);
+        codePoint = (codePoint << 6) | (byte(i) & 0x3FU);
     }
     // The least code point that needs as many bytes, by their number.
     constexpr std::array<char32_t, 5> kLeast = {0, 0, 0x80, 0x800, 0x10000};
@@ -56,7 +56,7 @@ std::size_t asciiPrefix(std::string_view text) {
     std::size_t at = 0;
     for (std::uint64_t eight = 0; at + sizeof eight <= text.size(); at += sizeof eight) {
         std::memcpy(&eight, text.data() + at, sizeof eight);
-        if ((eight & 0x8080808080808080u) != 0) {
+        if ((eight & 0x8080808080808080U) != 0) {
             break;
         }
     }
@@ -174,7 +174,7 @@ std::optional<std::string> utf8(std::u16string_view text) {
         char32_t codePoint = text[i];
         if ((codePoint & 0xFC00) == 0xD800 && i + 1 < text.size() && (text[i + 1] & 0xFC00) == 0xDC00) {
             ++i;
-            codePoint = 0x10000 + ((codePoint & 0x3FF) << 10) + (text[i] & 0x3FFu);
+            codePoint = 0x10000 + ((codePoint & 0x3FF) << 10) + (text[i] & 0x3FFU);
         } else if ((codePoint & 0xF800) == 0xD800) {
             return std::nullopt;
         }
@@ -185,19 +185,19 @@ std::optional<std::string> utf8(std::u16string_view text) {
 
 void appendUtf8(char32_t character, std::string& text) {
     const auto continuation = [&](unsigned shift) {
-        text += static_cast<char>(0x80u | ((character >> shift) & 0x3Fu));
+        text += static_cast<char>(0x80U | ((character >> shift) & 0x3FU));
     };
     if (character < 0x80) {
         text += static_cast<char>(character);
     } else if (character < 0x800) {
-        text += static_cast<char>(0xC0u | (character >> 6));
+        text += static_cast<char>(0xC0U | (character >> 6));
         continuation(0);
     } else if (character < 0x10000) {
-        text += static_cast<char>(0xE0u | (character >> 12));
+        text += static_cast<char>(0xE0U | (character >> 12));
         continuation(6);
         continuation(0);
     } else {
-        text += static_cast<char>(0xF0u | (character >> 18));
+        text += static_cast<char>(0xF0U | (character >> 18));
         continuation(12);
         continuation(6);
         continuation(0);

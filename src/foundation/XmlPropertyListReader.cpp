@@ -95,7 +95,7 @@ std::optional<Value> dateOf(std::string_view text) {
 
 std::optional<Value> dataOf(std::string text) {
     std::erase_if(text, [](char c) { return kBlanks.find(c) != std::string_view::npos; });
-    const auto padding = text.ends_with("==") ? 2u : text.ends_with('=') ? 1u : 0u;
+    const auto padding = text.ends_with("==") ? 2U : text.ends_with('=') ? 1U : 0U;
     if (text.find('=') < text.size() - padding || text.size() > std::numeric_limits<int>::max()) {
         return std::nullopt;
     }

@@ -246,11 +246,11 @@ TEST_F(RoadTest, WhatWasNotDeliveredBeforeTheStopIsDeliveredAfterTheNextStart) {
     server.reset();
     RunningAgent again(kAgent, volume);
     ASSERT_TRUE(server.waitForEvents(spooled.size()));
+    EXPECT_TRUE(waitUntil([this] { return std::filesystem::is_empty(volume.eventData()); }));
     EXPECT_EQ(again.stop(), 0);
     for (const auto process : spooled) {
         EXPECT_EQ(arrivals()[process], 1) << process;
     }
-    EXPECT_TRUE(std::filesystem::is_empty(volume.eventData()));
 }
 
 TEST_F(RoadTest, DamagedInputCostsOnlyItself) {

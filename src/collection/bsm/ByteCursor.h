@@ -41,7 +41,7 @@ class ByteCursor {
     // Text with a 16-bit count before it; it ends at its first zero byte, or where the count says.
     std::string_view text() {
         const auto field = counted();
-        const auto length = static_cast<std::size_t>(std::find(field.begin(), field.end(), 0) - field.begin());
+        const auto length = static_cast<std::size_t>(std::ranges::find(field, 0) - field.begin());
         return {reinterpret_cast<const char*>(field.data()), length};
     }
 

@@ -33,7 +33,7 @@ struct Entry {
     int hostError;
 };
 
-constexpr Entry kEntries[] = {
+constexpr auto kEntries = std::to_array<Entry>({
     {0, 0},
     {1, HOST_ERROR(EPERM)},
     {2, HOST_ERROR(ENOENT)},
@@ -186,7 +186,7 @@ constexpr Entry kEntries[] = {
     {223, HOST_ERROR(ENOTCAPABLE)},
     {224, HOST_ERROR(ECAPMODE)},
     {225, HOST_ERROR(EINTEGRITY)},
-};
+});
 
 #undef HOST_ERROR
 #undef TEXT_OF

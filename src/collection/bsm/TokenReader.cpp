@@ -109,7 +109,7 @@ void skipData(ByteCursor& in) {
 void skipStrings(ByteCursor& in) {
     for (auto count = in.u32(); count > 0 && !in.damaged(); --count) {
         const auto rest = in.rest();
-        const auto zero = std::find(rest.begin(), rest.end(), 0);
+        const auto zero = std::ranges::find(rest, 0);
         in.take(static_cast<std::size_t>(zero - rest.begin()) + 1);
     }
 }
@@ -128,7 +128,7 @@ void skipSockUnix(ByteCursor& in) {
     in.u16();
     const auto rest = in.rest();
     const auto path = rest.first(std::min(rest.size(), kSocketPathLength));
-    in.take(static_cast<std::size_t>(std::find(path.begin(), path.end(), 0) - path.begin()) + 1);
+    in.take(static_cast<std::size_t>(std::ranges::find(path, 0) - path.begin()) + 1);
 }
 
 // Skips the content of a token that the agent does not look into. Returns false for an unknown kind.

@@ -9,7 +9,8 @@
 namespace sentrova::platform {
 
 std::string systemVolume() {
-    const char* const variable = std::getenv("SENTROVA_SYSTEM_VOLUME");
+    // The agent never changes its environment.
+    const char* const variable = std::getenv("SENTROVA_SYSTEM_VOLUME");  // NOLINT(concurrency-mt-unsafe)
     std::string folder = variable ? variable : "";
     while (folder.ends_with('/')) {
         folder.pop_back();
