@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <ranges>
 #include <thread>
 #include <vector>
 
@@ -83,10 +84,11 @@ void KeyValueObserving::didChangeValueForKey(std::string_view key) {
     {
         MutexLock lock(state_->mutex);
         auto& announced = state_->announced;
-        const auto mine = std::find_if(announced.rbegin(), announced.rend(), [key](const Announced& change) {
+        auto latestFirst = announced | std::views::reverse;
+        const auto mine = std::ranges::find_if(latestFirst, [key](const Announced& change) {
             return change.thread == std::this_thread::get_id() && change.key == key;
         });
-        if (mine != announced.rend()) {
+        if (mine != latestFirst.end()) {
             oldValue = std::move(mine->oldValue);
             announced.erase(std::next(mine).base());
         }

@@ -226,9 +226,9 @@ void OperationQueue::setMaxConcurrentOperationCount(int count) {
     state_->setLimit(count);
 }
 
-void OperationQueue::addOperation(std::shared_ptr<Operation> operation) {
+void OperationQueue::addOperation(const std::shared_ptr<Operation>& operation) {
     if (!operation->isFinished()) {
-        state_->add(std::move(operation));
+        state_->add(operation);
     }
 }
 

@@ -26,7 +26,7 @@ class OperationQueue {
     void setMaxConcurrentOperationCount(int count);
 
     // There is no bound on what may wait; an operation that is finished already is not taken.
-    void addOperation(std::shared_ptr<Operation> operation);
+    void addOperation(const std::shared_ptr<Operation>& operation);
     void addOperationWithBlock(std::function<void()> block);
 
     // Those not yet finished, in the order of their addition.

@@ -30,9 +30,8 @@ std::string_view trimmed(std::string_view text) {
 template <class T>
 std::optional<T> number(std::string_view digits, int base = 10) {
     T value = 0;
-    const auto* end = digits.data() + digits.size();
-    const auto [last, error] = std::from_chars(digits.data(), end, value, base);
-    return error == std::errc() && last == end ? std::optional(value) : std::nullopt;
+    const auto [last, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, base);
+    return error == std::errc() && last == digits.data() + digits.size() ? std::optional(value) : std::nullopt;
 }
 
 // What lies beyond 64 bits with a sign, but within 64 bits, becomes a real.

@@ -92,30 +92,15 @@ class PipeWriter {
 class LivingAgentTest : public ::testing::Test {
   protected:
     LivingAgentTest() {
-        configuration = {
-            {"DomainName", "corp.example.com"},
-            {"OrgAccessKey", "org-key"},
-            {"ServerIP", "127.0.0.1"},
-            {"ServerFQDN", "localhost"},
-            {"ServerName", "localhost"},
-            {"Port", server.port()},
-            {"Protocol", "http"},
-            {"AgentPort", server.port()},
-            {"AgentProtocol", "http"},
-            {"NATServerName", "-"},
-            {"NATPort", server.port()},
-            {"NATProtocol", "http"},
-            {"IsRealTime", true},
-            {"isEnabled", true},
-            {"NumberofEventsPerRequest", 5},
-            {"MaxEventDataSize", 1},
-            {"FetchInterval", 3600},
-            {"SyncTime", 900},
-            {"EventsToRead", "AUE_sudo"},
-            {"AgentGuid", "guid"},
-            {"DomainID", "1"},
-            {"AgentUID", "uid-7"},
+        configuration = loopbackConfiguration(server.port());
+        const Dictionary more = {
+            {"IsRealTime", true}, {"NumberofEventsPerRequest", 5}, {"FetchInterval", 3600},
+            {"SyncTime", 900},    {"EventsToRead", "AUE_sudo"},    {"AgentGuid", "guid"},
+            {"DomainID", "1"},    {"AgentUID", "uid-7"},
         };
+        for (const auto& [key, value] : more) {
+            configuration.set(key, value);
+        }
         volume.writeConfiguration("Serverinfo.plist", configuration);
         volume.writeConfiguration(
             "myconfigurations.plist",

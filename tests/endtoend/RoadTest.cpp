@@ -29,25 +29,7 @@ constexpr auto kMorning = 1'700'000'000s;
 class RoadTest : public ::testing::Test {
   protected:
     RoadTest() {
-        serverInfo = {
-            {"DomainName", "corp.example.com"},
-            {"OrgAccessKey", "org-key"},
-            {"ServerIP", "127.0.0.1"},
-            {"ServerFQDN", "localhost"},
-            {"ServerName", "LocalHost"},
-            {"Port", server.port()},
-            {"Protocol", "http"},
-            {"AgentPort", server.port()},
-            {"AgentProtocol", "http"},
-            {"NATServerName", "-"},
-            {"NATPort", server.port()},
-            {"NATProtocol", "http"},
-            {"IsRealTime", false},
-            {"isEnabled", true},
-            {"NumberofEventsPerRequest", 4},
-            {"MaxEventDataSize", 1},
-            {"EventsToRead", "AUE_auth_user,AUE_sudo,AUE_logout"},
-        };
+        serverInfo = loopbackConfiguration(server.port());
         mine = {{"TimestampOfLastEvent", "0"}, {"LogLevel", 2}, {"AgentVersion", "1.0"}, {"CommunicationType", 1}};
     }
 

@@ -57,7 +57,7 @@ AgentFixture::AgentFixture() : formerFolder_(std::filesystem::current_path()) {
 }
 
 AgentFixture::~AgentFixture() {
-    ProcessWideState::reset();
+    restart();
     TransportEngine::setSessionFactory(nullptr);
     std::filesystem::current_path(formerFolder_);
     ::unsetenv("SENTROVA_SYSTEM_VOLUME");

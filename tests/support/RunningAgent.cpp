@@ -95,6 +95,28 @@ bool waitForLog(const SystemVolume& volume, std::string_view category, std::stri
     return waitUntil([&] { return logOf(volume, category).find(text) != std::string::npos; }, time);
 }
 
+Dictionary loopbackConfiguration(int port) {
+    return {
+        {"DomainName", "corp.example.com"},
+        {"OrgAccessKey", "org-key"},
+        {"ServerIP", "127.0.0.1"},
+        {"ServerFQDN", "localhost"},
+        {"ServerName", "LocalHost"},
+        {"Port", port},
+        {"Protocol", "http"},
+        {"AgentPort", port},
+        {"AgentProtocol", "http"},
+        {"NATServerName", "-"},
+        {"NATPort", port},
+        {"NATProtocol", "http"},
+        {"IsRealTime", false},
+        {"isEnabled", true},
+        {"NumberofEventsPerRequest", 4},
+        {"MaxEventDataSize", 1},
+        {"EventsToRead", "AUE_auth_user,AUE_sudo,AUE_logout"},
+    };
+}
+
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds time) {
     const auto giveUp = std::chrono::steady_clock::now() + time;
     while (!condition()) {

@@ -38,6 +38,10 @@ class RunningAgent {
     std::optional<int> status_;
 };
 
+// What `Serverinfo.plist` holds for a server on loopback that has the port for its agent and product connectors and as
+// a relay; its three names differ as texts.
+Dictionary loopbackConfiguration(int port);
+
 // Looks at the condition until it holds, which other processes bring about; false when it does not within the time.
 [[nodiscard]] bool waitUntil(const std::function<bool()>& condition,
                              std::chrono::milliseconds time = std::chrono::minutes(1));
