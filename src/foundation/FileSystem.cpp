@@ -233,7 +233,8 @@ Result<std::vector<std::string>> FileSystem::names(const std::string& folder) {
     std::vector<std::string> names;
     for (;;) {
         errno = 0;
-        const dirent* const entry = ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): the stream is this function's own
+        const dirent* const entry =
+            ::readdir(stream.get());  // NOLINT(concurrency-mt-unsafe): the stream is this function's own
         if (!entry) {
             break;
         }
