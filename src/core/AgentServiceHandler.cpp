@@ -48,6 +48,18 @@ class MainQueue {
         return renewed;
     }
 
+    // Ends the operations and their threads.
+    void quiesce() EXCLUDES(mutex_) {
+        std::shared_ptr<OperationsHandler> queue;
+        {
+            MutexLock lock(mutex_);
+            queue = std::move(queue_);
+        }
+        if (queue) {
+            queue->suspend();
+        }
+    }
+
   private:
     Mutex mutex_;
     std::shared_ptr<OperationsHandler> queue_ GUARDED_BY(mutex_);

@@ -24,6 +24,14 @@ void ProcessWideState::noteMade() {
 }
 
 void ProcessWideState::reset() {
+    std::vector<ProcessWideState*> states;
+    {
+        MutexLock lock(made().mutex);
+        states = made().states;
+    }
+    for (auto* state : states) {
+        state->quiesce();
+    }
     for (;;) {
         ProcessWideState* youngest = nullptr;
         {

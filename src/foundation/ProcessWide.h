@@ -15,7 +15,8 @@ namespace sentrova {
 class ProcessWideState {
   public:
     // Destroys everything process-wide, the youngest first, as if the process had just begun. Only while no other
-    // thread uses any of it.
+    // thread uses any of it, but for the threads of objects with a function quiesce, which is called before anything
+    // goes and ends them.
     static void reset();
 
     ProcessWideState(const ProcessWideState&) = delete;
@@ -29,6 +30,7 @@ class ProcessWideState {
     void noteMade();
 
   private:
+    virtual void quiesce() = 0;
     virtual void drop() = 0;
 };
 
@@ -56,6 +58,12 @@ class ProcessWide final : public ProcessWideState {
     T* existing() { return object_.load(std::memory_order_acquire); }
 
   private:
+    void quiesce() override {
+        if constexpr (requires(T& object) { object.quiesce(); }) {
+            existing()->quiesce();
+        }
+    }
+
     void drop() override { std::unique_ptr<T>(object_.exchange(nullptr)).reset(); }
 
     Mutex mutex_;
