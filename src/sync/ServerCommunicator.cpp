@@ -16,6 +16,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -95,16 +96,16 @@ Value withoutNulls(const Value& value) {
     return value;
 }
 
-// The server's answer as a dictionary, which may be empty.
-Dictionary parsedAnswer(const std::optional<Data>& data) {
+// The server's answer as a dictionary, which may be empty; nothing when it is none.
+std::optional<Dictionary> parsedAnswer(const std::optional<Data>& data) {
     if (!data || data->empty()) {
-        return {};
+        return std::nullopt;
     }
     const auto parsed = Json::parse(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
     if (!parsed || !parsed->dictionary()) {
         kLog.error(kFunction, "The server's answer is no configuration: {}",
                    parsed ? "it is not a dictionary" : parsed.error().description);
-        return {};
+        return std::nullopt;
     }
     return *withoutNulls(*parsed).dictionary();
 }
@@ -192,9 +193,9 @@ void completeExchange(Exchange& exchange, const std::optional<Data>& data, const
     TransportEngine::setIsConnected(true);
     exchange.succeed();
     auto answer = parsedAnswer(data);
-    kTraffic.info(kFunction, "response={}", answer.empty() ? Value() : Secrets::masked(answer));
-    if (!answer.empty()) {
-        apply(exchange.request, std::move(answer));
+    kTraffic.info(kFunction, "response={}", answer ? Secrets::masked(*answer) : Value());
+    if (answer && !answer->empty()) {
+        apply(exchange.request, *std::move(answer));
     }
 }
 

@@ -207,28 +207,14 @@ TEST_F(EventCollectorTest, FieldsComeFromTheTokensOfEveryLayout) {
         read("/var/audit/trail");
         const auto events = spooled();
         ASSERT_EQ(events.size(), 1U);
-        auto event = *events[0].dictionary();
-        const auto port = event["subject_port"];
-        EXPECT_TRUE(port == Value(0xFFFF0001)) << port.description();
-        const Dictionary expected = {{"record_version", 11},
-                                     {"record_event", kLogin},
-                                     {"record_modifier", 3},
-                                     {"record_time", 1000},
-                                     {"subject_audit-uid", "501"},
-                                     {"subject_uid", "502"},
-                                     {"subject_gid", "503"},
-                                     {"subject_ruid", "504"},
-                                     {"subject_rgid", "505"},
-                                     {"subject_pid", 506},
-                                     {"subject_sid", 507},
-                                     {"subject_host-ip", "192.0.2.7"},
-                                     {"text_text", "second"},
-                                     {"return_retval", 7},
-                                     {"return_errval", "failure : Operation not permitted"},
-                                     {"identity_signing-id", "com.apple.login"}};
-        for (const auto& [key, value] : expected) {
-            EXPECT_EQ(event[key], value) << key;
-        }
+        const auto text = Json::write(events[0]).optional().value_or("");
+        EXPECT_TRUE(text.starts_with(
+            R"({"record_version":11,"record_event":6152,"record_modifier":3,"record_time":1000,)"
+            R"("subject_audit-uid":"501","subject_uid":"502","subject_gid":"503","subject_ruid":"504",)"
+            R"("subject_rgid":"505","subject_pid":506,"subject_sid":507,"subject_port":4294901761,)"
+            R"("subject_host-ip":"192.0.2.7","text_text":"second","return_retval":7,)"
+            R"("return_errval":"failure : Operation not permitted","identity_signing-id":"com.apple.login",)"))
+            << text;
     }
 }
 

@@ -1,6 +1,8 @@
 // The whole road of an event: the agent's own program between a system volume and a server on loopback.
 
+#include "foundation/FileSystem.h"
 #include "foundation/Json.h"
+#include "foundation/KeyedArchive.h"
 #include "support/AuditServer.h"
 #include "support/RunningAgent.h"
 #include "support/SystemVolume.h"
@@ -93,6 +95,8 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEvents) {
     std::ifstream file(trail, std::ios::binary);
     const Data bytes{std::istreambuf_iterator<char>(file), {}};
     volume.addTrail("20131104171720.20131104174500", bytes, 1'383'590'186s);
+    // Without a console, nobody is noted at the start.
+    std::filesystem::remove(volume.console());
     serverInfo.set("EventsToRead", "AUE_auth_user,AUE_ssauthint,AUE_lw_login,AUE_logout");
     configure();
     {
@@ -111,7 +115,10 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEvents) {
     }
     EXPECT_EQ(arrived[3]["EventCode"], Value(6153));
     EXPECT_EQ(arrived[3]["UserName"], Value("501"));
-    EXPECT_EQ(volume.readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"].string() != nullptr, true);
+    EXPECT_TRUE(volume.readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"].string());
+    const auto history = FileSystem::shared().read((volume.conf() / "currentLogins").string());
+    ASSERT_TRUE(history);
+    EXPECT_EQ(*KeyedArchive::unarchive(*history), (KeyedArchive::Content{{1'383'590'186, Dictionary{{"uid", "501"}}}}));
 
     RunningAgent again(kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", "Skipping file /var/audit/20131104171720"));

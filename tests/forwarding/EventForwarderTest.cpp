@@ -24,9 +24,9 @@ class EventForwarderTest : public ::testing::Test, protected AgentFixture {
     EventForwarderTest() { EventQueueGCD::init(); }
     ~EventForwarderTest() override {
         forwarder_->cancel();
-        // Its queue may still be inside a delivery.
-        const std::weak_ptr<EventForwarder> leaving = std::exchange(forwarder_, nullptr);
-        EXPECT_TRUE(eventually([&leaving] { return leaving.expired(); }));
+        // Its queue may still be inside a delivery. The last reference goes here, which waits for the queue's thread.
+        EXPECT_TRUE(eventually([this] { return forwarder_.use_count() == 1; }));
+        forwarder_.reset();
     }
 
     FileUrl addFile(const std::string& name, std::string_view content = kBatch) {

@@ -1,4 +1,3 @@
-#include "forwarding/DelayedPairs.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
 #include "foundation/FileSystem.h"
@@ -207,24 +206,6 @@ TEST_F(EventQueueGCDTest, BatchThatCannotBeWrittenIsNamedInTheLog) {
     EXPECT_EQ(announced.all().size(), 1U) << "the file is announced all the same";
     EXPECT_EQ(EventQueueGCD::dequeue(url(announced.all().front())), std::nullopt);
     EXPECT_EQ(EventQueueGCD::length(), 1U);
-}
-
-TEST(DelayedPairsTest, BurstIsARunAndEachPairIsTakenOnce) {
-    DelayedPairs pairs;
-    const Clock::Monotonic begin(1h);
-    EXPECT_FALSE(pairs.take(begin));
-    for (const auto after : {0ms, 9ms, 5ms, 10ms, 500ms}) {
-        pairs.add(begin + after);
-    }
-    EXPECT_EQ(pairs.nextDue(), begin + 9ms) << "at the latest time of the run";
-    EXPECT_FALSE(pairs.take(begin + 8ms));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(pairs.take(begin + 9ms));
-    }
-    EXPECT_FALSE(pairs.take(begin + 9ms));
-    EXPECT_TRUE(pairs.take(begin + 1s));
-    EXPECT_TRUE(pairs.take(begin + 1s));
-    EXPECT_TRUE(pairs.empty());
 }
 
 }  // namespace sentrova::testing

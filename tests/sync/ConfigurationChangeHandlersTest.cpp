@@ -1,13 +1,16 @@
 #include "core/AgentServiceHandler.h"
 #include "core/GlobalVariables.h"
 #include "forwarding/SecurityUtil.h"
+#include "foundation/Json.h"
 #include "operations/ConcurrentOperationAbstract.h"
 #include "support/AgentFixture.h"
 #include "sync/ServerCommunicator.h"
 
 #include <algorithm>
 #include <future>
+#include <sstream>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -25,15 +28,23 @@ class StandIn final : public ConcurrentOperationAbstract {
     void cancel() override { cancelOperation(); }
 };
 
-PropertyListHandler old(const Dictionary& content) {
+using Messages = std::vector<std::string>;
+using Handler = void (*)(const PropertyListHandler&, Dictionary&);
+
+Dictionary json(std::string_view text) {
+    return *Json::parse(text)->dictionary();
+}
+
+PropertyListHandler old(std::string_view text) {
     PropertyListHandler handler;
-    handler.updateDictionary(content);
+    handler.updateDictionary(json(text));
     return handler;
 }
 
-// A dictionary of one key, or of none where the value is absent.
-Dictionary only(const char* key, const Value& value) {
-    return value.isNull() ? Dictionary() : Dictionary{{key, value}};
+Dictionary change(Handler handler, std::string_view before, std::string_view after) {
+    auto answer = json(after);
+    handler(old(before), answer);
+    return answer;
 }
 
 }  // namespace
@@ -85,6 +96,20 @@ class ConfigurationChangeHandlersTest : public ::testing::Test, protected AgentF
         writeConfiguration();
     }
 
+    // What the handlers and the scheduler have logged at level 1 since, in its order.
+    Messages messages() {
+        Messages all;
+        std::istringstream lines(log());
+        for (std::string line; std::getline(lines, line);) {
+            const auto at = line.find("[INFO]");
+            if (at != std::string::npos && (line.find("[ServerCommunicator]") != std::string::npos ||
+                                            line.find("[ScheduleHandler]") != std::string::npos)) {
+                all.push_back(line.substr(at + 6, line.size() - at - 7));
+            }
+        }
+        return all;
+    }
+
     int added(const char* name) {
         return logged(std::string("OperationsHandler ") + name + " has been added to the queue");
     }
@@ -102,33 +127,76 @@ class ConfigurationChangeHandlersTest : public ::testing::Test, protected AgentF
     std::thread service_;
 };
 
-TEST_F(ConfigurationChangeHandlersTest, AgentWhoseDomainIsGoneIsClearedAndStopped) {
-    serverInfo.set("AgentGuid", "g");
-    writeConfiguration();
+TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreAppliedAndLogged) {
+    using Sync = ServerCommunicator;
+    constexpr auto* kState = Sync::StateChangesCheckWithOldData;
+    constexpr auto* kEvents = Sync::realTimeReinitialiseCheckWithOldData;
+    constexpr auto* kSyncTime = Sync::SyncTimeCheckWithOldData;
+    const Messages noState = {"No State change"};
+    const Messages enabled = {"State Changed to enabled"};
+    const Messages otherEvents = {"Events to be audited are changed to b"};
+    const Messages realtimeAgain = {"Events to be audited are changed to b",
+                                    "Change in events to be audited, reinitiatizing real time collection"};
+    const auto syncTime = [](const char* text) {
+        return Messages{"SyncConfiguration is not available in the list", "Going to StartTask SyncConfiguration",
+                        "ScheduleHandler SyncConfiguration has been scheduled",
+                        std::string("SyncTime has been updated to ") + text};
+    };
     const struct {
-        Value oldGuid;
-        Value newGuid;
-        Value domainId;
-        bool first;
-        bool removed;
+        Handler handler;
+        const char* before;
+        const char* after;
+        Messages messages;
     } cases[] = {
-        {Value(), "g", Value(), true, false},      {Value(), "g", "1", true, false},
-        {Value(), Value(), Value(), false, false}, {"g", "g", "1", false, false},
-        {"g", "h", Value(), false, false},         {"g", Value(), Value(), false, false},
-        {"g", "g", Value(), false, true},
+        {kState, R"({"isEnabled":true})", R"({"isEnabled":true})", noState},
+        {kState, R"({"isEnabled":1})", R"({"isEnabled":true})", noState},
+        {kState, R"({"isEnabled":true})", "{}", noState},
+        {kState, "{}", R"({"isEnabled":true})", enabled},
+        {kState, R"({"isEnabled":false})", R"({"isEnabled":true})", enabled},
+        {kState, R"({"isEnabled":true})", R"({"isEnabled":false})", {"State Changed to disabled"}},
+        {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":900})", {}},
+        {kSyncTime, R"({"SyncTime":900})", "{}", {}},
+        {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":300})", syncTime("300")},
+        {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":"900"})", syncTime("900")},
+        {kSyncTime, "{}", R"({"SyncTime":"120"})", syncTime("120")},
+        {kEvents, R"({"EventsToRead":"b","IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":1})", {}},
+        {kEvents, R"({"EventsToRead":"a","IsRealTime":1})", R"({"IsRealTime":1})", {}},
+        {kEvents, R"({"EventsToRead":"a","IsRealTime":0})", R"({"EventsToRead":"b","IsRealTime":1})", otherEvents},
+        {kEvents, R"({"EventsToRead":"a","IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":0})", otherEvents},
+        {kEvents, R"({"EventsToRead":"a"})", R"({"EventsToRead":"b"})", otherEvents},
+        {kEvents, R"({"IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":true})", realtimeAgain},
     };
     for (const auto& test : cases) {
         fresh();
-        auto answer = only("AgentGuid", test.newGuid);
-        if (!test.domainId.isNull()) {
-            answer.set("DomainID", test.domainId);
-        }
-        ServerCommunicator::ConfigurationChangesCheckWithOldData(old(only("AgentGuid", test.oldGuid)), answer);
-        EXPECT_EQ(logged("[INFO]First Time Configuration"), test.first ? 1 : 0);
-        EXPECT_EQ(logged("[INFO]Agent Deleted/Unconfigured"), test.removed ? 1 : 0);
-        EXPECT_EQ(logged("AgentServiceHandler stop called"), test.removed ? 1 : 0);
+        change(test.handler, test.before, test.after);
+        EXPECT_EQ(messages(), test.messages) << test.before << " " << test.after;
+        const auto time = json(test.after)["SyncTime"].integerValue();
+        EXPECT_EQ(taskInterval("SyncConfiguration"), Value(test.messages.size() == 4 ? time : 3600));
+    }
+}
+
+TEST_F(ConfigurationChangeHandlersTest, AgentWhoseDomainIsGoneIsClearedAndStopped) {
+    serverInfo.set("AgentGuid", "g");
+    const struct {
+        const char* before;
+        const char* after;
+        Messages messages;
+    } cases[] = {
+        {"{}", "{}", {}},
+        {"{}", R"({"AgentGuid":"g"})", {"First Time Configuration"}},
+        {R"({"AgentGuid":"g"})", R"({"AgentGuid":"g","DomainID":"1"})", {}},
+        {R"({"AgentGuid":"g"})", R"({"AgentGuid":"h"})", {}},
+        {R"({"AgentGuid":"g"})", "{}", {}},
+        {R"({"AgentGuid":"g"})", R"({"AgentGuid":"g"})", {"Agent Deleted/Unconfigured"}},
+    };
+    for (const auto& test : cases) {
+        fresh();
+        change(ServerCommunicator::ConfigurationChangesCheckWithOldData, test.before, test.after);
+        EXPECT_EQ(messages(), test.messages) << test.before << " " << test.after;
+        const bool stopped = logged("AgentServiceHandler stop called") == 1;
+        EXPECT_EQ(stopped, &test == std::end(cases) - 1);
         auto expected = serverInfo;
-        if (test.removed) {
+        if (stopped) {
             expected.remove("AgentGuid");
             expected.remove("DomainName");
         }
@@ -136,178 +204,95 @@ TEST_F(ConfigurationChangeHandlersTest, AgentWhoseDomainIsGoneIsClearedAndStoppe
     }
 }
 
-TEST_F(ConfigurationChangeHandlersTest, RemovedAgentsServiceEnds) {
+TEST_F(ConfigurationChangeHandlersTest, StateStartsBothCollectionsAndEndsTheLiveOneFirst) {
     startService();
-    Dictionary answer = {{"AgentGuid", "g"}};
-    ServerCommunicator::ConfigurationChangesCheckWithOldData(old({{"AgentGuid", "g"}}), answer);
-    service_.join();
-    EXPECT_FALSE(AgentServiceHandler::getOperationStatusOnMainQueue("EventForwarder"));
-}
-
-TEST_F(ConfigurationChangeHandlersTest, StateIsFollowedOnlyWhenItChanges) {
-    startService();
-    const std::pair<Value, Value> unchanged[] = {
-        {true, true}, {1, true}, {false, false}, {true, Value()}, {Value(), Value()}};
-    for (const auto& [before, after] : unchanged) {
-        auto answer = only("isEnabled", after);
-        ServerCommunicator::StateChangesCheckWithOldData(old(only("isEnabled", before)), answer);
-    }
-    EXPECT_EQ(logged("[INFO]No State change"), 5);
-
-    // Both are started, whatever is said of realtime collection.
-    const std::pair<Value, Value> enabled[] = {{false, true}, {Value(), true}};
-    for (const auto& [before, after] : enabled) {
-        auto answer = only("isEnabled", after);
-        const auto begun = logged("EventCollectionFiles start called");
-        ServerCommunicator::StateChangesCheckWithOldData(old(only("isEnabled", before)), answer);
-        ASSERT_TRUE(eventually([&] { return logged("EventCollectionFiles start called") > begun; }));
-        awaitEndOfBatch();
-    }
-    EXPECT_EQ(logged("[INFO]State Changed to enabled"), 2);
-    EXPECT_EQ(added("EventCollectionSchedule"), 3);
-    EXPECT_EQ(added("EventCollectorRealtime"), 3);
+    change(ServerCommunicator::StateChangesCheckWithOldData, "{}", R"({"isEnabled":true})");
+    EXPECT_EQ(added("EventCollectionSchedule"), 2);
+    EXPECT_EQ(added("EventCollectorRealtime"), 2) << "whatever is said of realtime collection";
     ASSERT_TRUE(eventually([this] {
-        return logged("EventCollectorRealtime didn't run") == 3 && logged("EventCollectionFiles start called") == 3;
+        return logged("EventCollectorRealtime didn't run") == 2 && logged("EventCollectionFiles start called") == 2;
     }));
+    awaitEndOfBatch();
 
     const auto batch = addStandIn("EventCollectionSchedule");
     const auto realtime = addStandIn("EventCollectorRealtime");
-    auto answer = only("isEnabled", false);
-    ServerCommunicator::StateChangesCheckWithOldData(old({{"isEnabled", true}}), answer);
+    change(ServerCommunicator::StateChangesCheckWithOldData, R"({"isEnabled":true})", R"({"isEnabled":false})");
     EXPECT_TRUE(batch->isCancelled() && realtime->isCancelled());
     const auto realtimeAt = log().rfind("OperationsHandler EventCollectorRealtime has been cancelled");
     const auto batchAt = log().rfind("OperationsHandler EventCollectionSchedule has been cancelled");
     EXPECT_LT(realtimeAt, batchAt);
     EXPECT_NE(batchAt, std::string::npos);
-    EXPECT_EQ(logged("[INFO]State Changed to disabled"), 1);
     batch->completeOperation();
     realtime->completeOperation();
 }
 
 TEST_F(ConfigurationChangeHandlersTest, IntervalAndRealtimeDecideOnTheBatchTask) {
+    const Messages on = {"Realtimestate has been changed", "Running schedule once to read old events\xC2\xA0\xCC\xB0",
+                         "Realtime enabled starting listening", "EventCollection is not available in the list"};
+    const Messages off = {"Realtimestate has been changed", "Realtime disabled stopping listening"};
     const struct {
-        const char* what;
-        Value oldRealtime, newRealtime, oldInterval, newInterval;
-        // The text of the new interval; null when the task is left alone.
-        const char* retimed;
+        const char* before;
+        const char* after;
+        Messages realtime;
+        // 0 when the task is left alone.
+        int interval;
     } cases[] = {
-        {"nothing", false, false, 600, 600, nullptr},       {"absent is false", Value(), false, 600, 600, nullptr},
-        {"other", false, false, 600, 700, "700"},           {"other kind", false, false, 600, "600", "600"},
-        {"none now", true, true, 600, Value(), "10800"},    {"never any", false, false, Value(), Value(), "10800"},
-        {"first", false, false, Value(), "1200", "1200"},   {"realtime off", true, false, 600, 600, "600"},
-        {"realtime gone", true, Value(), 600, 600, "600"},  {"realtime on", false, true, 600, 600, nullptr},
-        {"realtime on, other", "no", "YES", 600, 60, "60"},
+        {R"({"FetchInterval":600})", R"({"FetchInterval":600,"IsRealTime":false})", {}, 0},
+        {R"({"FetchInterval":600})", R"({"FetchInterval":700})", {}, 700},
+        {R"({"FetchInterval":600})", R"({"FetchInterval":"600"})", {}, 600},
+        {R"({"FetchInterval":600})", "{}", {}, 10800},
+        {"{}", "{}", {}, 10800},
+        {"{}", R"({"FetchInterval":"1200"})", {}, 1200},
+        {R"({"FetchInterval":600,"IsRealTime":1})", R"({"FetchInterval":600,"IsRealTime":0})", off, 600},
+        {R"({"FetchInterval":600,"IsRealTime":1})", R"({"FetchInterval":600})", off, 600},
+        {R"({"FetchInterval":600})", R"({"FetchInterval":600,"IsRealTime":true})", on, 0},
+        {R"({"FetchInterval":600,"IsRealTime":"no"})", R"({"FetchInterval":60,"IsRealTime":"YES"})", on, 60},
     };
     for (const auto& test : cases) {
-        SCOPED_TRACE(test.what);
         fresh();
-        auto before = only("IsRealTime", test.oldRealtime);
-        if (!test.oldInterval.isNull()) {
-            before.set("FetchInterval", test.oldInterval);
+        change(ServerCommunicator::IntervalChangesCheckWithOldData, test.before, test.after);
+        auto expected = test.realtime;
+        if (test.interval != 0) {
+            const auto time = std::to_string(test.interval);
+            for (const auto& message : {std::string("EventCollection is not available in the list"),
+                                        "Fetch interval has been changed updating schedule to " + time,
+                                        std::string("Going to StartTask EventCollection"),
+                                        std::string("ScheduleHandler EventCollection has been scheduled")}) {
+                expected.push_back(message);
+            }
         }
-        auto answer = only("IsRealTime", test.newRealtime);
-        if (!test.newInterval.isNull()) {
-            answer.set("FetchInterval", test.newInterval);
-        }
-        ServerCommunicator::IntervalChangesCheckWithOldData(old(before), answer);
-        const bool was = test.oldRealtime.boolValue();
-        const bool is = test.newRealtime.boolValue();
-        EXPECT_EQ(logged("[INFO]Realtimestate has been changed"), was != is ? 1 : 0);
-        EXPECT_EQ(logged("[INFO]Realtime disabled stopping listening"), was && !is ? 1 : 0);
-        EXPECT_EQ(logged("[INFO]Running schedule once to read old events\xC2\xA0\xCC\xB0\r\n"), !was && is ? 1 : 0);
-        EXPECT_EQ(logged("[INFO]Realtime enabled starting listening"), !was && is ? 1 : 0);
-        EXPECT_EQ(logged("EventCollection is not available in the list"), (test.retimed ? 1 : 0) + (!was && is ? 1 : 0))
-            << "each stop of the task, which does not run";
-        EXPECT_EQ(logged("Going to StartTask EventCollection"), test.retimed ? 1 : 0);
-        if (test.retimed) {
-            EXPECT_EQ(taskInterval("EventCollection"), Value(std::stoi(test.retimed)));
-            EXPECT_EQ(logged(std::string("[INFO]Fetch interval has been changed updating schedule to ") + test.retimed),
-                      1);
-        } else {
-            EXPECT_EQ(taskInterval("EventCollection"), Value(3600));
-        }
+        EXPECT_EQ(messages(), expected) << test.before << " " << test.after;
+        EXPECT_EQ(taskInterval("EventCollection"), Value(test.interval == 0 ? 3600 : test.interval));
     }
 }
 
 TEST_F(ConfigurationChangeHandlersTest, RealtimeThatIsSwitchedStartsBothCollectionsOrEndsTheLiveOne) {
+    constexpr auto* kInterval = ServerCommunicator::IntervalChangesCheckWithOldData;
     startService();
-    Dictionary on = {{"IsRealTime", true}};
-    ServerCommunicator::IntervalChangesCheckWithOldData(old({}), on);
+    change(kInterval, "{}", R"({"IsRealTime":true})");
     EXPECT_EQ(added("EventCollectionSchedule"), 2);
     EXPECT_EQ(added("EventCollectorRealtime"), 2);
     ASSERT_TRUE(eventually([this] { return logged("EventCollectorRealtime didn't run") == 2; }));
     const auto realtime = addStandIn("EventCollectorRealtime");
-    Dictionary off = {{"IsRealTime", false}};
-    ServerCommunicator::IntervalChangesCheckWithOldData(old(on), off);
+    change(kInterval, R"({"IsRealTime":true})", R"({"IsRealTime":false})");
     EXPECT_TRUE(realtime->isCancelled());
     realtime->completeOperation();
 }
 
 TEST_F(ConfigurationChangeHandlersTest, RelaysNameSetsTheTypeOfConnectionWhenItChanges) {
     constexpr std::uint64_t kUnchanged = 9;
-    const struct {
-        Value before, after;
-        std::uint64_t type;
-    } cases[] = {{"relay", "relay", kUnchanged},
-                 {"-", "-", kUnchanged},
-                 {"relay", "-", 1},
-                 {"relay", "", 1},
-                 {"-", "", 1},
-                 {"-", "relay", 0},
-                 {"a", "b", 0},
-                 {"relay", Value(), 0},
-                 {Value(), Value(), 0},
-                 {Value(), "-", 1},
-                 {Value(), "relay", 0}};
-    for (const auto& test : cases) {
+    const char* const none = "{}";
+    const char* const relay = R"({"NATServerName":"relay"})";
+    const char* const other = R"({"NATServerName":"other"})";
+    const char* const empty = R"({"NATServerName":""})";
+    const char* const dash = R"({"NATServerName":"-"})";
+    const std::tuple<const char*, const char*, std::uint64_t> cases[] = {
+        {relay, relay, kUnchanged}, {dash, dash, kUnchanged}, {relay, dash, 1}, {relay, empty, 1}, {dash, empty, 1},
+        {dash, relay, 0},           {relay, other, 0},        {relay, none, 0}, {none, none, 0},   {none, dash, 1}};
+    for (const auto& [before, after, type] : cases) {
         GlobalVariables::getInstance().setType(kUnchanged);
-        auto answer = only("NATServerName", test.after);
-        ServerCommunicator::NATChangesWithOldData(old(only("NATServerName", test.before)), answer);
-        EXPECT_EQ(GlobalVariables::getInstance().type(), test.type)
-            << test.before.description() << " " << test.after.description();
-    }
-}
-
-TEST_F(ConfigurationChangeHandlersTest, SyncTaskIsRetimedWhenItsTimeChanges) {
-    const struct {
-        Value before, after;
-        int interval;
-    } cases[] = {{900, 900, 3600}, {900, Value(), 3600}, {900, 300, 300}, {900, "900", 900}, {Value(), "120", 120}};
-    for (const auto& test : cases) {
-        fresh();
-        auto answer = only("SyncTime", test.after);
-        ServerCommunicator::SyncTimeCheckWithOldData(old(only("SyncTime", test.before)), answer);
-        const int changed = test.interval == 3600 ? 0 : 1;
-        EXPECT_EQ(taskInterval("SyncConfiguration"), Value(test.interval));
-        EXPECT_EQ(taskInterval("EventCollection"), Value(3600));
-        EXPECT_EQ(logged("Going to StartTask SyncConfiguration"), changed);
-        EXPECT_EQ(logged("SyncConfiguration is not available in the list"), changed);
-        EXPECT_EQ(logged("[INFO]SyncTime has been updated to " + test.after.description()), changed);
-    }
-}
-
-TEST_F(ConfigurationChangeHandlersTest, OtherEventsRestartRealtimeOnlyWhenItWasOnAndStaysOn) {
-    const struct {
-        Value oldEvents, newEvents, oldRealtime, newRealtime;
-        bool changed;
-        bool restarted;
-    } cases[] = {
-        {"a", "a", true, true, false, false},   {"a", Value(), true, true, false, false},
-        {"a", "b", false, true, true, false},   {"a", "b", true, false, true, false},
-        {"a", "b", false, false, true, false},  {"a", "b", Value(), Value(), true, false},
-        {Value(), "b", true, true, true, true}, {"a", "", true, true, true, true},
-    };
-    for (const auto& test : cases) {
-        fresh();
-        auto before = only("EventsToRead", test.oldEvents);
-        auto answer = only("EventsToRead", test.newEvents);
-        before.set("IsRealTime", test.oldRealtime);
-        answer.set("IsRealTime", test.newRealtime);
-        ServerCommunicator::realTimeReinitialiseCheckWithOldData(old(before), answer);
-        EXPECT_EQ(logged("[INFO]Events to be audited are changed to " + test.newEvents.description()),
-                  test.changed ? 1 : 0);
-        EXPECT_EQ(logged("[INFO]Change in events to be audited, reinitiatizing real time collection"),
-                  test.restarted ? 1 : 0);
+        change(ServerCommunicator::NATChangesWithOldData, before, after);
+        EXPECT_EQ(GlobalVariables::getInstance().type(), type) << before << " " << after;
     }
 }
 
@@ -316,9 +301,8 @@ TEST_F(ConfigurationChangeHandlersTest, RealtimeIsStartedAgainOnlyWhenTheOldOneH
     const auto realtime = addStandIn("EventCollectorRealtime");
     const auto before = added("EventCollectorRealtime");
     auto restarted = std::async(std::launch::async, [] {
-        Dictionary answer = {{"EventsToRead", "b"}, {"IsRealTime", true}};
-        ServerCommunicator::realTimeReinitialiseCheckWithOldData(old({{"EventsToRead", "a"}, {"IsRealTime", true}}),
-                                                                 answer);
+        change(ServerCommunicator::realTimeReinitialiseCheckWithOldData, R"({"EventsToRead":"a","IsRealTime":true})",
+               R"({"EventsToRead":"b","IsRealTime":true})");
     });
     for (int wait = 1; wait <= 2; ++wait) {
         ASSERT_TRUE(clock().awaitTimerIn(10s));
@@ -335,37 +319,29 @@ TEST_F(ConfigurationChangeHandlersTest, RealtimeIsStartedAgainOnlyWhenTheOldOneH
 }
 
 TEST_F(ConfigurationChangeHandlersTest, IdentityIsStoredEncryptedWhenTheAgentHadNone) {
-    const struct {
-        Value before, identity, uid;
-        const char* passPhrase;
-    } cases[] = {{Value(), "identity-7", "uid-1", "uid-1"},
-                 {Value(), "identity-7", Value(), "XEVORTANIMB"},
-                 {Value(), "identity-7", 42, "42"},
-                 {"has one", "identity-7", "uid-1", nullptr},
-                 {Value(), Value(), "uid-1", nullptr}};
-    for (const auto& test : cases) {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"{}", R"({"AgentAuthID":"identity-7","AgentUID":"uid-1"})", "uid-1"},
+        {"{}", R"({"AgentAuthID":"identity-7"})", "XEVORTANIMB"},
+        {"{}", R"({"AgentAuthID":"identity-7","AgentUID":42})", "42"},
+        {R"({"AgentAuthID":"has one"})", R"({"AgentAuthID":"identity-7"})", nullptr},
+        {"{}", R"({"AgentUID":"uid-1"})", nullptr}};
+    for (const auto& [before, after, passPhrase] : cases) {
         fresh();
-        auto answer = only("AgentAuthID", test.identity);
-        answer.set("Other", 1);
-        if (!test.uid.isNull()) {
-            answer.set("AgentUID", test.uid);
-        }
-        ServerCommunicator::AuthIDChangesWithOldData(old(only("AgentAuthID", test.before)), answer);
+        auto expected = json(after);
+        const auto answer = change(ServerCommunicator::AuthIDChangesWithOldData, before, after);
         auto stored = volume().readConfiguration("myconfigurations.plist");
         const auto value = stored["AgentAuthID"].description();
         stored.remove("AgentAuthID");
         EXPECT_EQ(stored, myConfigurations);
-        EXPECT_TRUE(answer.contains("Other"));
-        if (!test.passPhrase) {
+        if (passPhrase) {
+            expected.remove("AgentAuthID");
+            ASSERT_GT(value.size(), 32U);
+            EXPECT_TRUE(std::all_of(value.begin(), value.begin() + 32, [](char c) { return c > ' ' && c < 0x7F; }));
+            EXPECT_EQ(*SecurityUtil::decrypt(value.substr(32), passPhrase, ""), "identity-7");
+        } else {
             EXPECT_EQ(value, "(null)");
-            EXPECT_EQ(answer["AgentAuthID"], test.identity);
-            continue;
         }
-        EXPECT_FALSE(answer.contains("AgentAuthID"));
-        ASSERT_GT(value.size(), 32U);
-        EXPECT_TRUE(std::all_of(value.begin(), value.begin() + 32, [](char c) { return c > ' ' && c < 0x7F; }))
-            << value;
-        EXPECT_EQ(*SecurityUtil::decrypt(value.substr(32), test.passPhrase, ""), "identity-7");
+        EXPECT_EQ(answer, expected) << "later readers do not see the plain identity";
     }
 }
 
