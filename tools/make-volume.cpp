@@ -1,6 +1,7 @@
 // Makes a Mac's system volume with a working day in its audit trails, and an installation of the agent beside it; and
 // keeps writing records to the audit pipe of one.
 
+#include "BuildPaths.h"
 #include "foundation/Clock.h"
 #include "foundation/FileDescriptor.h"
 #include "foundation/FileSystem.h"
@@ -188,7 +189,7 @@ Dictionary serverInfo(const Options& options) {
 
 // The task list that an installation comes with.
 Dictionary shippedSchedules() {
-    const auto bytes = FileSystem::shared().read(SENTROVA_SHIPPED_SCHEDULES);
+    const auto bytes = FileSystem::shared().read(build::kShippedSchedules);
     const auto list = bytes ? PropertyList::parse(*bytes) : Result<Value>(bytes.error());
     if (!list || !list->dictionary()) {
         throw std::runtime_error(fmt::format("the task list cannot be read: {}", list ? "" : list.error().description));

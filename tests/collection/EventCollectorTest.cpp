@@ -1,3 +1,4 @@
+#include "BuildPaths.h"
 #include "collection/EventCollector.h"
 #include "collection/currentLoginUtility.h"
 #include "core/GlobalVariables.h"
@@ -277,7 +278,7 @@ TEST_F(EventCollectorTest, TimeIsStoredAsTextAndOnlyWhenItIsNewer) {
 }
 
 TEST_F(EventCollectorTest, TrailOfARealMacGivesItsLogonEventsOnce) {
-    const std::string path = SENTROVA_SHARED_DATA "/mac-2013.bsm";
+    const std::string path = build::kRealTrail;
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         GTEST_SKIP() << path << " is not there";

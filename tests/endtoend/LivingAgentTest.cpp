@@ -1,5 +1,6 @@
 // The agent as it lives: a server that changes its mind, records that keep coming, and stops at any moment.
 
+#include "BuildPaths.h"
 #include "foundation/Clock.h"
 #include "foundation/FileDescriptor.h"
 #include "foundation/Json.h"
@@ -27,8 +28,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Kind = AuditServer::Failure::Kind;
-
-constexpr const char* kAgent = SENTROVA_BIN_DIR "/sentrova-agent";
 
 // Writes a sudo record with a process number of its own to the pipe every so often, and keeps account of them.
 class PipeWriter {
@@ -161,7 +160,7 @@ class LivingAgentTest : public ::testing::Test {
 };
 
 TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce) {
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
     PipeWriter writer(volume);
 
@@ -216,7 +215,7 @@ TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce
 TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
     configuration.set("NumberofEventsPerRequest", 500);
     answer();
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
     constexpr std::uint32_t kRecords = 20'000;
     const FileDescriptor pipe(::open(volume.auditPipe().c_str(), O_RDWR | O_CLOEXEC));
@@ -237,7 +236,7 @@ TEST_F(LivingAgentTest, IdentityIsStoredEncryptedAndSentAtTheNextStart) {
     configuration.set("AgentAuthID", "identity-of-the-agent");
     answer();
     {
-        RunningAgent agent(kAgent, volume);
+        RunningAgent agent(build::kAgent, volume);
         ASSERT_TRUE(waitForLog(volume, "Communication", "response="));
         ASSERT_TRUE(waitForLog(volume, "Config", "Going to Start Vantorix Sentrova Agent."));
         ASSERT_TRUE(
@@ -251,7 +250,7 @@ TEST_F(LivingAgentTest, IdentityIsStoredEncryptedAndSentAtTheNextStart) {
     EXPECT_EQ(server.requests().front().body.find("AgentAuthID"), std::string::npos);
 
     const auto before = server.requests().size();
-    RunningAgent again(kAgent, volume);
+    RunningAgent again(build::kAgent, volume);
     ASSERT_TRUE(server.waitForRequests(before + 1));
     EXPECT_NE(server.requests()[before].body.find("\"AgentAuthID\":\"identity-of-the-agent\""), std::string::npos);
     EXPECT_EQ(again.stop(), 0);
@@ -260,7 +259,7 @@ TEST_F(LivingAgentTest, IdentityIsStoredEncryptedAndSentAtTheNextStart) {
 }
 
 TEST_F(LivingAgentTest, RemovalAtTheServerClearsTheKeysAndEndsTheProcess) {
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
     configuration.remove("DomainID");
     answer();
@@ -301,7 +300,7 @@ TEST_F(LivingAgentTest, TerminationEndsTheProcessWithinASecondAtEveryStage) {
         stage.prepare();
         std::filesystem::remove_all(volume.logs());
         std::filesystem::create_directories(volume.logs() / "archive");
-        RunningAgent agent(kAgent, volume);
+        RunningAgent agent(build::kAgent, volume);
         ASSERT_TRUE(stage.reached()) << stage.name;
         EXPECT_EQ(agent.stop(1s), 0) << stage.name;
         EXPECT_NE(logOf(volume, "Config").find("AgentServiceHandler stop called"), std::string::npos) << stage.name;

@@ -1,5 +1,6 @@
 // The whole road of an event: the agent's own program between a system volume and a server on loopback.
 
+#include "BuildPaths.h"
 #include "foundation/FileSystem.h"
 #include "foundation/Json.h"
 #include "foundation/KeyedArchive.h"
@@ -25,7 +26,6 @@ namespace {
 using namespace std::chrono_literals;
 using Kind = AuditServer::Failure::Kind;
 
-constexpr const char* kAgent = SENTROVA_BIN_DIR "/sentrova-agent";
 constexpr auto kMorning = 1'700'000'000s;
 
 class RoadTest : public ::testing::Test {
@@ -88,7 +88,7 @@ class RoadTest : public ::testing::Test {
 };
 
 TEST_F(RoadTest, RealTrailGivesExactlyItsFourEvents) {
-    const std::filesystem::path trail = SENTROVA_SHARED_DATA "/mac-2013.bsm";
+    const std::filesystem::path trail = build::kRealTrail;
     if (!std::filesystem::exists(trail)) {
         GTEST_SKIP() << "mac-2013.bsm is not there";
     }
@@ -100,7 +100,7 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEvents) {
     serverInfo.set("EventsToRead", "AUE_auth_user,AUE_ssauthint,AUE_lw_login,AUE_logout");
     configure();
     {
-        RunningAgent agent(kAgent, volume);
+        RunningAgent agent(build::kAgent, volume);
         ASSERT_TRUE(server.waitForEvents(4)) << logOf(volume, "Config");
         EXPECT_EQ(agent.stop(), 0);
     }
@@ -120,7 +120,7 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEvents) {
     ASSERT_TRUE(history);
     EXPECT_EQ(*KeyedArchive::unarchive(*history), (KeyedArchive::Content{{1'383'590'186, Dictionary{{"uid", "501"}}}}));
 
-    RunningAgent again(kAgent, volume);
+    RunningAgent again(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", "Skipping file /var/audit/20131104171720"));
     ASSERT_TRUE(waitForLog(volume, "Config", "EventCollectionSchedule has been added"));
     EXPECT_EQ(again.stop(), 0);
@@ -137,7 +137,7 @@ TEST_F(RoadTest, AddressesAreTriedInTheirOrderUntilTheServerAnswers) {
     for (auto* refusing : {&server, &relay, &product}) {
         refusing->fail({.status = 503, .count = refusing == &product ? 3 : -1});
     }
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Communication", "GlobalVariables Sync Data is finished"));
 
     std::string expected;
@@ -180,7 +180,7 @@ TEST_F(RoadTest, EveryEventArrivesThroughServerTrouble) {
         trouble.path = AuditServer::kEventsPath;
         server.fail(trouble);
     }
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(server.waitForEvents(41, 200s)) << logOf(volume, "Communication");
     EXPECT_EQ(agent.stop(), 0);
     EXPECT_EQ(arrivals(), eachOnce(100, 41));
@@ -201,7 +201,7 @@ TEST_F(RoadTest, AnswerToARequestUnderWayMakesTheServerReachableAgain) {
     configure();
     server.fail({.kind = Kind::hold, .path = AuditServer::kEventsPath});
     server.fail({.path = AuditServer::kEventsPath, .status = 500});
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     // The second delivery has not waited for the answer to the first.
     ASSERT_TRUE(waitForLog(volume, "Communication", "isconnected changed to 0")) << logOf(volume, "Config");
     server.release();
@@ -216,7 +216,7 @@ TEST_F(RoadTest, WhatWasNotDeliveredBeforeTheStopIsDeliveredAfterTheNextStart) {
     configure();
     server.fail({.path = AuditServer::kEventsPath, .status = 500, .count = -1});
     {
-        RunningAgent agent(kAgent, volume);
+        RunningAgent agent(build::kAgent, volume);
         ASSERT_TRUE(waitForLog(volume, "Communication", "isconnected changed to 0"));
         ASSERT_TRUE(waitForLog(volume, "Event", "200 events collected"));
         EXPECT_EQ(agent.stop(), 0);
@@ -233,7 +233,7 @@ TEST_F(RoadTest, WhatWasNotDeliveredBeforeTheStopIsDeliveredAfterTheNextStart) {
     }
     ASSERT_FALSE(spooled.empty());
     server.reset();
-    RunningAgent again(kAgent, volume);
+    RunningAgent again(build::kAgent, volume);
     ASSERT_TRUE(server.waitForEvents(spooled.size()));
     EXPECT_TRUE(waitUntil([this] { return std::filesystem::is_empty(volume.eventData()); }));
     EXPECT_EQ(again.stop(), 0);
@@ -254,7 +254,7 @@ TEST_F(RoadTest, DamagedInputCostsOnlyItself) {
     configure();
     std::ofstream(volume.conf() / "logfile.plist") << "<plist><dict><key>Config</key>";
 
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(server.waitForEvents(9)) << logOf(volume, "Config");
     EXPECT_EQ(agent.stop(), 0);
     auto expected = eachOnce(100, 3);
@@ -281,7 +281,7 @@ TEST_F(RoadTest, HostileAnswersLeaveTheConfigurationAsItIs) {
     for (const auto& [name, answer] : answers) {
         server.reset();
         server.setAnswer(answer);
-        RunningAgent agent(kAgent, volume);
+        RunningAgent agent(build::kAgent, volume);
         ASSERT_TRUE(waitForLog(volume, "Config", "AgentServiceHandler init Finished")) << name;
         EXPECT_EQ(agent.stop(), 0) << name;
         EXPECT_EQ(volume.readConfiguration("Serverinfo.plist"), before) << name;
@@ -291,7 +291,7 @@ TEST_F(RoadTest, HostileAnswersLeaveTheConfigurationAsItIs) {
     // An answer without end counts as a failure, and the next one as the answer.
     server.reset();
     server.fail({.kind = Kind::endless});
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(server.waitForRequests(2));
     ASSERT_TRUE(waitForLog(volume, "Config", "AgentServiceHandler init Finished"));
     EXPECT_EQ(agent.stop(), 0);
@@ -301,7 +301,7 @@ TEST_F(RoadTest, HostileAnswersLeaveTheConfigurationAsItIs) {
 TEST_F(RoadTest, DebugLogTellsTheRoadInItsOrder) {
     addTrail("1", sudoTrail(kMorning, 100, 6));
     configure();
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(server.waitForEvents(6));
     ASSERT_TRUE(waitForLog(volume, "Communication", "response="));
     EXPECT_EQ(agent.stop(), 0);
@@ -336,7 +336,7 @@ TEST_F(RoadTest, UnsupportedSystemIsRefused) {
     configure();
     for (const auto* version : {"10.14.6", "9.9"}) {
         volume.setVersion(version);
-        RunningAgent agent(kAgent, volume);
+        RunningAgent agent(build::kAgent, volume);
         EXPECT_EQ(agent.wait(), 0) << version;
     }
     const auto log = logOf(volume, "Config");
@@ -350,7 +350,7 @@ TEST_F(RoadTest, UnsupportedSystemIsRefused) {
 TEST_F(RoadTest, IdentityThatIsTooShortStopsTheStart) {
     mine.set("AgentAuthID", "short");
     configure();
-    RunningAgent agent(kAgent, volume);
+    RunningAgent agent(build::kAgent, volume);
     EXPECT_EQ(agent.wait(), 78);
     EXPECT_NE(logOf(volume, "Config").find("The key \"AgentAuthID\" of "), std::string::npos);
 }

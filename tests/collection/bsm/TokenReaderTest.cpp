@@ -1,3 +1,4 @@
+#include "BuildPaths.h"
 #include "collection/bsm/RecordReader.h"
 #include "collection/bsm/TokenReader.h"
 #include "support/BigEndian.h"
@@ -260,7 +261,7 @@ TEST(TokenReaderTest, TrailWithARandomByteChangedIsReadToAnEnd) {
 }
 
 TEST(TokenReaderTest, TrailOfAMacIsReadWhole) {
-    const std::filesystem::path file = SENTROVA_SHARED_DATA "/mac-2013.bsm";
+    const std::filesystem::path file = build::kRealTrail;
     std::ifstream in(file, std::ios::binary);
     if (!in) {
         GTEST_SKIP() << file << " is not there";
