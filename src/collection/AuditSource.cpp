@@ -26,7 +26,7 @@ constexpr std::uint32_t kClasses = 0x1000 | 0x2000;
 std::uint32_t request(const FileDescriptor& device, AuditPipeRequest which, const char* name, std::uint32_t argument) {
     const auto answer = AuditPipeDevice::shared().request(device, which, argument);
     if (!answer) {
-        throw AuditSourceError(name, "Exception in ioctl");
+        throw AuditSourceError(name, "Exception in ioctl", answer.error().description);
     }
     return *answer;
 }
@@ -47,14 +47,15 @@ std::unique_ptr<AuditSource> AuditSource::open(const std::string& path) {
     const auto hostPath = platform::systemPath(path);
     auto file = isPipe ? AuditPipeDevice::shared().open(hostPath) : FileSystem::shared().openForReading(hostPath);
     if (!file) {
-        throw AuditSourceError("FileNotOpen", "failed to open audit pipe");
+        throw AuditSourceError("FileNotOpen", "failed to open audit pipe", file.error().description);
     }
     source->file_ = *std::move(file);
     if (isPipe) {
         configure(source->file_);
         std::array<int, 2> ends{};
         if (::pipe(ends.data()) != 0) {
-            throw AuditSourceError("FileNotOpen", posixError(errno).description);
+            const auto reason = posixError(errno).description;
+            throw AuditSourceError("FileNotOpen", reason, reason);
         }
         source->wakeReading_ = FileDescriptor(ends[0]);
         source->wakeWriting_ = FileDescriptor(ends[1]);

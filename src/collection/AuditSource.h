@@ -12,16 +12,18 @@
 
 namespace sentrova {
 
-// Why a source cannot be read, under the name that the log gives to the reason.
+// Why a source cannot be read, under the name that the log gives to the reason; with the system's own words for it.
 class AuditSourceError : public std::runtime_error {
   public:
-    AuditSourceError(std::string name, const std::string& reason)
-        : std::runtime_error(reason), name_(std::move(name)) {}
+    AuditSourceError(std::string name, const std::string& reason, std::string systemReason)
+        : std::runtime_error(reason), name_(std::move(name)), systemReason_(std::move(systemReason)) {}
 
     const std::string& name() const { return name_; }
+    const std::string& systemReason() const { return systemReason_; }
 
   private:
     std::string name_;
+    std::string systemReason_;
 };
 
 // Read by one thread; interrupted by any.

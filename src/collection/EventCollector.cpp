@@ -1,5 +1,6 @@
 #include "collection/EventCollector.h"
 
+#include "collection/AuditCheck.h"
 #include "collection/bsm/TokenReader.h"
 #include "collection/currentLoginUtility.h"
 #include "core/FileUtils.h"
@@ -135,6 +136,9 @@ std::shared_ptr<AuditSource> EventCollector::initAuditFile(const std::string& pa
         kLog.info(__func__, "Skipping file {}", path);
     } catch (const AuditSourceError& error) {
         kLog.error(__func__, "{} {}", error.name(), error.what());
+        if (path == AuditSource::kPipe) {
+            AuditCheck::logFailedOpening(error.systemReason());
+        }
     }
     return nullptr;
 }

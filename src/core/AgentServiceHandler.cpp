@@ -1,5 +1,6 @@
 #include "core/AgentServiceHandler.h"
 
+#include "collection/AuditCheck.h"
 #include "collection/EventCollectionSchedule.h"
 #include "collection/EventCollectorRealtime.h"
 #include "collection/currentLoginUtility.h"
@@ -108,6 +109,8 @@ bool AgentServiceHandler::initializeService() {
     for (const auto& folder : {configuration.confPath(), configuration.logsPath(), configuration.eventDataPath()}) {
         removeUnfinishedFiles(folder);
     }
+    // Before the sync, which may take for ever: whoever installs the agent looks at the log before that.
+    AuditCheck::logState();
     ServerCommunicator().syncFromServer();
     EventQueueGCD::init();
     currentLoginUtility::init();

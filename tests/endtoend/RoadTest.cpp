@@ -300,6 +300,7 @@ TEST_F(RoadTest, HostileAnswersLeaveTheConfigurationAsItIs) {
 
 TEST_F(RoadTest, DebugLogTellsTheRoadInItsOrder) {
     addTrail("1", sudoTrail(kMorning, 100, 6));
+    std::filesystem::remove(volume.auditPipe());
     configure();
     RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(server.waitForEvents(6));
@@ -315,15 +316,15 @@ TEST_F(RoadTest, DebugLogTellsTheRoadInItsOrder) {
             at = found + message.size();
         }
     };
-    expectInOrder(
-        "Config",
-        {"[INFO]isSupportedOsVersion=1", "[DEBUG]GlobalVariables Initialised",
-         "[DEBUG]Globalvariables initialiseServerInfo called", "[INFO]GlobalVariables going to sync data from server",
-         "[INFO]EventQueueGCD queueData initialised", "[DEBUG]AgentServiceHandler init Finished",
-         "[INFO]Going to Start Vantorix Sentrova Agent.", "[INFO]Going to rotate log", "[INFO]Zipping Log",
-         "[DEBUG]Calling first schedule", "[DEBUG]Going to check /var/audit/1", "[ERROR]Eventcollector start called",
-         "[DEBUG]EventQueueGCD enqueue called", "[INFO] filename ", "[DEBUG]/var/audit/1 file read",
-         "[INFO]AgentServiceHandler stop called"});
+    expectInOrder("Config",
+                  {"[INFO]isSupportedOsVersion=1", "[DEBUG]GlobalVariables Initialised",
+                   "[DEBUG]Globalvariables initialiseServerInfo called", "[ERROR]There is no /dev/auditpipe",
+                   "[INFO]GlobalVariables going to sync data from server", "[INFO]EventQueueGCD queueData initialised",
+                   "[DEBUG]AgentServiceHandler init Finished", "[INFO]Going to Start Vantorix Sentrova Agent.",
+                   "[INFO]Going to rotate log", "[INFO]Zipping Log", "[DEBUG]Calling first schedule",
+                   "[DEBUG]Going to check /var/audit/1", "[ERROR]Eventcollector start called",
+                   "[DEBUG]EventQueueGCD enqueue called", "[INFO] filename ", "[DEBUG]/var/audit/1 file read",
+                   "[INFO]AgentServiceHandler stop called"});
     expectInOrder("Event", {"[INFO]Eventcollecor reading events from 0", "[INFO]/var/audit/1 ended: 6 records read"});
     expectInOrder("Communication", {"[DEBUG]GlobalVariables Sync Data is finished", "[DEBUG]EventForwarder DATA= ",
                                     "[DEBUG]response status code: 200", "[INFO]response="});

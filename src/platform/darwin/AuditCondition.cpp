@@ -1,0 +1,39 @@
+#include "platform/AuditCondition.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include <bsm/audit.h>
+
+namespace sentrova::platform {
+
+namespace {
+
+class KernelCondition final : public AuditCondition {
+  public:
+    Result<AuditState> state() override {
+        if (::access("/dev/auditpipe", F_OK) != 0) {
+            return AuditState::noDevice;
+        }
+        int condition = AUC_UNSET;
+        // Deprecated with all of auditing since macOS 11, and without a successor.
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wdeprecated-declarations"
+        const auto answered = ::auditon(A_GETCOND, &condition, sizeof condition);
+#pragma clang diagnostic pop
+        if (answered != 0) {
+            return posixError(errno);
+        }
+        return condition == AUC_AUDITING ? AuditState::on : AuditState::off;
+    }
+};
+
+}  // namespace
+
+AuditCondition& AuditCondition::host() {
+    static KernelCondition condition;
+    return condition;
+}
+
+}  // namespace sentrova::platform

@@ -1,0 +1,26 @@
+#include "platform/AuditCondition.h"
+
+#include "platform/SystemPath.h"
+
+#include <unistd.h>
+
+namespace sentrova::platform {
+
+namespace {
+
+// A volume's FIFO stands for the device, and whoever writes to it for the auditing.
+class VolumeCondition final : public AuditCondition {
+  public:
+    Result<AuditState> state() override {
+        return ::access(systemPath("/dev/auditpipe").c_str(), F_OK) == 0 ? AuditState::on : AuditState::noDevice;
+    }
+};
+
+}  // namespace
+
+AuditCondition& AuditCondition::host() {
+    static VolumeCondition condition;
+    return condition;
+}
+
+}  // namespace sentrova::platform

@@ -1,0 +1,97 @@
+#include "collection/AuditCheck.h"
+#include "collection/AuditSource.h"
+#include "collection/EventCollector.h"
+#include "platform/AuditCondition.h"
+#include "support/AgentFixture.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+
+namespace {
+
+using platform::AuditState;
+
+// What the host says of itself, unless the test says something else.
+class FakeCondition final : public platform::AuditCondition {
+  public:
+    explicit FakeCondition(std::optional<Result<AuditState>> state) : state_(std::move(state)) {
+        install(state_ ? this : nullptr);
+    }
+    ~FakeCondition() override { install(nullptr); }
+    Result<AuditState> state() override { return *state_; }
+
+  private:
+    std::optional<Result<AuditState>> state_;
+};
+
+}  // namespace
+
+class AuditCheckTest : public ::testing::Test, protected AgentFixture {};
+
+TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
+    const std::string switchOn = "see \"Switch auditing on\" in docs/macos.md\r\n";
+    const std::string troubleshoot = "see \"Troubleshoot\" in docs/macos.md\r\n";
+    const std::string noDevice = "There is no /dev/auditpipe, so no logon is reported as it happens: " + switchOn;
+    const std::string off = "Auditing is off on this system, so no logon is recorded: " + switchOn;
+    const std::string unknown = "Whether auditing is on cannot be told (Operation not permitted): " + troubleshoot;
+    const std::string unreadable =
+        "Auditing is on, but /dev/auditpipe is not readable (Is a directory): " + troubleshoot;
+    enum class Pipe { there, missing, aFolder };
+    const struct {
+        const char* name;
+        Pipe pipe;
+        std::optional<Result<AuditState>> state;
+        std::string atStart;
+        std::string atOpening;
+    } cases[] = {
+        {"all well", Pipe::there, std::nullopt, "", ""},
+        {"device missing", Pipe::missing, std::nullopt, noDevice, noDevice},
+        {"device that cannot be opened", Pipe::aFolder, std::nullopt, "", unreadable},
+        {"auditing off, device there", Pipe::there, AuditState::off, off, ""},
+        {"auditing off, device closed", Pipe::aFolder, AuditState::off, off, off},
+        {"system that does not tell", Pipe::there, posixError(EPERM), unknown, ""},
+    };
+    std::size_t read = 0;
+    // The lines of level 0 that the case has added so far, without what stands before the level.
+    const auto newErrors = [&] {
+        const auto text = log();
+        std::string errors;
+        for (auto at = text.find("[ERROR]", read); at != std::string::npos; at = text.find("[ERROR]", at + 1)) {
+            errors += text.substr(at + 7, text.find('\n', at) - at - 6);
+        }
+        read = text.size();
+        return errors;
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        std::filesystem::remove(volume().auditPipe());
+        if (test.pipe == Pipe::there) {
+            ASSERT_EQ(::mkfifo(volume().auditPipe().c_str(), 0600), 0);
+        } else if (test.pipe == Pipe::aFolder) {
+            std::filesystem::create_directory(volume().auditPipe());
+        }
+        const FakeCondition condition(test.state);
+        AuditCheck::logState();
+        EXPECT_EQ(newErrors(), test.atStart);
+
+        const auto reader = std::make_shared<EventCollector>(AuditSource::kPipe, std::nullopt);
+        const bool opened = test.pipe == Pipe::there;
+        EXPECT_EQ(newErrors(), opened ? ""
+                                      : "failed to open audit pipe /dev/auditpipe\r\n"
+                                        "FileNotOpen failed to open audit pipe\r\n" +
+                                            test.atOpening +
+                                            "auditfile is null going to cancel\r\nEventCollector cancel called\r\n");
+    }
+}
+
+}  // namespace sentrova::testing
