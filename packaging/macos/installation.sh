@@ -1,0 +1,96 @@
+# What an installation is made of, where it lies, and how its job is stopped and started; for the scripts of this
+# folder, which read it. For the shell of every macOS from 10.15 on, and with nothing but what comes with it.
+#
+# SENTROVA_ROOT names a folder that stands for the system's "/", and SENTROVA_INSTALL_PATH where commands are looked
+# for. Both are for the tests; sudo and the Installer do not pass them on.
+# shellcheck shell=sh disable=SC2034  # what is set here is used by the readers
+
+set -eu
+umask 077
+PATH=${SENTROVA_INSTALL_PATH:-/usr/bin:/bin:/usr/sbin:/sbin}
+export PATH
+
+label=com.kelvark.vantorix.sentrova.agent
+receipt=com.kelvark.vantorix.sentrova.pkg
+# The job's property list has it as well.
+installation='/Library/Application Support/Sentrova'
+configuration_files='Serverinfo.plist myconfigurations.plist schedules.plist'
+# The job gives the agent 30 seconds to end before it is killed.
+seconds_to_end=60
+
+say() {
+    echo "Sentrova agent: $*"
+}
+
+fail() {
+    say "$*" >&2
+    exit 1
+}
+
+# Sets the paths of the installation on the volume that is mounted at $1.
+locate_on() {
+    is_running_system=false
+    volume=${1%/}
+    if [ "$1" = / ]; then
+        is_running_system=true
+        volume=${SENTROVA_ROOT:-}
+    fi
+    home=$volume$installation
+    bin=$home/bin
+    conf=$home/conf
+    logs=$home/logs
+    archive=$home/logs/archive
+    spool=$home/eventData
+    # The last program and job, to go back to when an upgrade fails.
+    previous=$home/previous
+    program=$bin/sentrova-agent
+    job=$volume/Library/LaunchDaemons/$label.plist
+}
+
+require_root() {
+    [ "$(id -u)" -eq 0 ] || fail "this needs root; run it with sudo"
+}
+
+# Whoever can plant a link, or a folder of their own, in the place of one of ours would have root write or delete where
+# they want.
+refuse_what_is_not_ours() {
+    for path in "$volume/Library" "$volume/Library/Application Support" "$volume/Library/LaunchDaemons" \
+        "$home" "$bin" "$conf" "$logs" "$archive" "$spool" "$previous" "$job" "$bin"/* "$conf"/* "$previous"/*; do
+        [ ! -L "$path" ] || fail "$path is a symbolic link; nothing is done while it is there"
+    done
+    for path in "$home" "$bin" "$conf" "$logs" "$archive" "$spool" "$previous"; do
+        [ -e "$path" ] || continue
+        [ -d "$path" ] || fail "$path is no folder; nothing is done while it is there"
+        [ "$(stat -f %u "$path")" -eq 0 ] || fail "$path does not belong to root; nothing is done while it is there"
+    done
+}
+
+job_is_loaded() {
+    launchctl print "system/$label" >/dev/null 2>&1
+}
+
+# Returns once the agent has ended; fails when it has not after a minute.
+stop_job() {
+    job_is_loaded || return 0
+    # A job that needs time to end makes this fail, though it is ending.
+    launchctl bootout "system/$label" >/dev/null 2>&1 || true
+    waited=0
+    while job_is_loaded; do
+        [ "$waited" -lt "$seconds_to_end" ] || return 1
+        sleep 1
+        waited=$((waited + 1))
+    done
+}
+
+# Fails when the job is not loaded in the end. The service manager may refuse a job for a moment after its stop, and
+# "load" succeeds whatever it did.
+start_job() {
+    for attempt in 1 2 3; do
+        [ "$attempt" -eq 1 ] || sleep 2
+        launchctl bootstrap system "$job" || launchctl load -w "$job" || true
+        if job_is_loaded; then
+            return 0
+        fi
+    done
+    return 1
+}
