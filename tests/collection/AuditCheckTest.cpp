@@ -1,3 +1,4 @@
+#include "BuildPaths.h"
 #include "collection/AuditCheck.h"
 #include "collection/AuditSource.h"
 #include "collection/EventCollector.h"
@@ -8,8 +9,10 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -39,6 +42,11 @@ class FakeCondition final : public platform::AuditCondition {
 class AuditCheckTest : public ::testing::Test, protected AgentFixture {};
 
 TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
+    std::ostringstream page;
+    page << std::ifstream(std::string(build::kSourceDir) + "/docs/macos.md").rdbuf();
+    EXPECT_NE(page.str().find("\n## Switch auditing on\n"), std::string::npos);
+    EXPECT_NE(page.str().find("\n## Troubleshoot\n"), std::string::npos);
+
     const std::string switchOn = "see \"Switch auditing on\" in docs/macos.md\r\n";
     const std::string troubleshoot = "see \"Troubleshoot\" in docs/macos.md\r\n";
     const std::string noDevice = "There is no /dev/auditpipe, so no logon is reported as it happens: " + switchOn;
