@@ -70,7 +70,7 @@ class LastRead {
     }
 
     std::atomic<std::uint64_t> time_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::transaction};
     std::optional<FileStatus> readFrom_ GUARDED_BY(mutex_);
     std::int64_t stored_ GUARDED_BY(mutex_) = 0;
     const Subscription observer_;

@@ -29,7 +29,7 @@ class EventCollectorRealtime final : public ConcurrentOperationAbstract,
     void observeValueForKeyPath(const KeyValueChange& change);
 
   private:
-    Mutex mutex_;
+    Mutex mutex_{LockRank::owner};
     Subscription observation_ GUARDED_BY(mutex_);
 };
 

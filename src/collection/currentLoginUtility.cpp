@@ -175,9 +175,9 @@ class LoginHistory {
     }
 
     // Held during a write of the file, so that an older state never replaces a newer one.
-    Mutex writeMutex_;
+    Mutex writeMutex_{LockRank::transaction};
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::file};
     KeyedArchive::Content history_ GUARDED_BY(mutex_);
     // What the latest addition removed.
     KeyedArchive::Content pruned_ GUARDED_BY(mutex_);
@@ -190,7 +190,7 @@ class LoginHistory {
 };
 
 struct ConsoleWatcher {
-    Mutex mutex;
+    Mutex mutex{LockRank::transaction};
     std::unique_ptr<FileWatcher> watcher GUARDED_BY(mutex);
 };
 

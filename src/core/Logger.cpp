@@ -131,7 +131,7 @@ class FileTable {
     }
 
     std::string problem_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::log};
     Table table_ GUARDED_BY(mutex_);
 };
 

@@ -83,7 +83,7 @@ bool PropertyListHandler::change(const std::string& path, std::string_view key, 
 }
 
 bool PropertyListHandler::change(const std::string& path, const std::function<void(Dictionary&)>& edit) {
-    static Mutex oneAtATime;
+    static Mutex oneAtATime(LockRank::file);
     MutexLock lock(oneAtATime);
     auto handler = initWithFile(path);
     auto dictionary = handler.dictionary() ? *handler.dictionary() : Dictionary();

@@ -64,7 +64,7 @@ class EventForwarder final : public ConcurrentOperationAbstract, public std::ena
     EventForwarder();
 
     const std::shared_ptr<Slots> slots_ = std::make_shared<Slots>();
-    Mutex observersMutex_;
+    Mutex observersMutex_{LockRank::owner};
     std::vector<Subscription> observers_ GUARDED_BY(observersMutex_);
     OperationsHandler opQueue_{1};
 };

@@ -135,7 +135,7 @@ class AddressChoice {
         return configuration.agentPort();
     }
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::choice};
     int currentPort_ GUARDED_BY(mutex_) = 0;
     int currentHostname_ GUARDED_BY(mutex_) = 0;
     std::string preferredConnectionProtocol_ GUARDED_BY(mutex_);
@@ -153,7 +153,7 @@ class Reachability {
 };
 
 struct SessionSettings {
-    Mutex mutex;
+    Mutex mutex{LockRank::choice};
     TransportEngine::SessionFactory factory GUARDED_BY(mutex);
 };
 

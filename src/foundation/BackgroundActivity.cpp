@@ -121,7 +121,7 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
     const Clock::Duration interval_;
     const bool repeats_;
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::schedule};
     std::function<void()> handler_ GUARDED_BY(mutex_);
     Subscription wakeObserver_ GUARDED_BY(mutex_);
     bool valid_ GUARDED_BY(mutex_) = true;

@@ -72,7 +72,7 @@ class SystemClock final : public Clock {
         }
     }
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::clock};
     Condition changed_;
     std::map<Key, std::function<void()>> timers_ GUARDED_BY(mutex_);
     std::map<TimerId, Monotonic> dueById_ GUARDED_BY(mutex_);

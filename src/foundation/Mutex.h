@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "foundation/LockOrder.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -23,31 +25,52 @@ namespace sentrova {
 
 class SENTROVA_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
   public:
-    Mutex() = default;
+    Mutex() : Mutex(LockRank::leaf) {}
+    // For a mutex under which something else is taken, be it only to log a line.
+    explicit Mutex(LockRank rank) : order_(rank) {}
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    void lock() SENTROVA_THREAD_ATTRIBUTE(acquire_capability()) { mutex_.lock(); }
-    void unlock() SENTROVA_THREAD_ATTRIBUTE(release_capability()) { mutex_.unlock(); }
+    // Tells the check of the order that the mutex may be taken here, where this time it need not be.
+    void mayBeTaken() { order_.wanted(); }
 
   private:
     friend class MutexLock;
     std::mutex mutex_;
+    [[no_unique_address]] LockOrder order_;
 };
 
 // Holds a mutex for the length of a scope; may be let go and taken again in between.
 class SENTROVA_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
   public:
-    explicit MutexLock(Mutex& mutex) SENTROVA_THREAD_ATTRIBUTE(acquire_capability(mutex)) : lock_(mutex.mutex_) {}
-    ~MutexLock() SENTROVA_THREAD_ATTRIBUTE(release_capability()) = default;
+    explicit MutexLock(Mutex& mutex) SENTROVA_THREAD_ATTRIBUTE(acquire_capability(mutex))
+        : mutex_(mutex), lock_(mutex.mutex_, std::defer_lock) {
+        take();
+    }
+    ~MutexLock() SENTROVA_THREAD_ATTRIBUTE(release_capability()) {
+        if (lock_.owns_lock()) {
+            mutex_.order_.released();
+        }
+    }
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
-    void unlock() SENTROVA_THREAD_ATTRIBUTE(release_capability()) { lock_.unlock(); }
-    void lock() SENTROVA_THREAD_ATTRIBUTE(acquire_capability()) { lock_.lock(); }
+    void unlock() SENTROVA_THREAD_ATTRIBUTE(release_capability()) {
+        mutex_.order_.released();
+        lock_.unlock();
+    }
+    void lock() SENTROVA_THREAD_ATTRIBUTE(acquire_capability()) { take(); }
 
   private:
     friend class Condition;
+
+    void take() {
+        mutex_.order_.wanted();
+        lock_.lock();
+        mutex_.order_.taken();
+    }
+
+    Mutex& mutex_;
     std::unique_lock<std::mutex> lock_;
 };
 

@@ -205,7 +205,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
     };
     static thread_local Work working_;
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::queue};
     Condition changed_;
     std::list<Entry> entries_ GUARDED_BY(mutex_);
     std::size_t limit_ GUARDED_BY(mutex_) = std::numeric_limits<std::size_t>::max();

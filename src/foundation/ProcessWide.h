@@ -41,6 +41,7 @@ class ProcessWide final : public ProcessWideState {
     // is made.
     T& get() {
         if (auto* object = object_.load(std::memory_order_acquire)) {
+            mutex_.mayBeTaken();
             return *object;
         }
         MutexLock lock(mutex_);
@@ -66,7 +67,7 @@ class ProcessWide final : public ProcessWideState {
 
     void drop() override { std::unique_ptr<T>(object_.exchange(nullptr)).reset(); }
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::making};
     std::atomic<T*> object_{nullptr};
 };
 

@@ -170,7 +170,7 @@ class DailyTimers {
         timers_.remove(&timer);
     }
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::schedule};
     bool closed_ GUARDED_BY(mutex_) = false;
     std::list<Timer*> timers_ GUARDED_BY(mutex_);
     std::list<std::thread> threads_ GUARDED_BY(mutex_);

@@ -143,7 +143,7 @@ struct Exchange {
     PropertyListHandler request = requestData();
     Semaphore answered;
 
-    Mutex mutex;
+    Mutex mutex{LockRank::owner};
     bool retry GUARDED_BY(mutex) = true;
     int failures GUARDED_BY(mutex) = 0;
 

@@ -71,7 +71,7 @@ class Delegate final : public UrlSessionDelegate {
 
   private:
     const std::vector<Method> answered_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::owner};
     std::vector<std::pair<Method, std::string>> seen_ GUARDED_BY(mutex_);
     std::vector<ChallengeCompletion> kept_ GUARDED_BY(mutex_);
     Semaphore keptOne_;

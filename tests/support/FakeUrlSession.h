@@ -57,7 +57,7 @@ class FakeUrlSession final : public UrlSession {
   private:
     void complete(Completion completion, const Answer& answer);
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::owner};
     Condition arrived_;
     std::vector<Sent> sent_ GUARDED_BY(mutex_);
     std::vector<Completion> waiting_ GUARDED_BY(mutex_);

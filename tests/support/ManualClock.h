@@ -39,7 +39,7 @@ class ManualClock final : public Clock {
   private:
     using Key = std::pair<Monotonic, TimerId>;
 
-    Mutex mutex_;
+    Mutex mutex_{LockRank::clock};
     Condition scheduled_;
     std::map<Key, std::function<void()>> timers_ GUARDED_BY(mutex_);
     TimerId lastId_ GUARDED_BY(mutex_) = 0;

@@ -127,7 +127,7 @@ class NodeFolder {
 
     const std::string kind_;
     const std::string_view idAttribute_;
-    Mutex mutex_;
+    Mutex mutex_{LockRank::owner};
     std::string readFrom_ GUARDED_BY(mutex_);
     Date readAt_ GUARDED_BY(mutex_);
     std::map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
