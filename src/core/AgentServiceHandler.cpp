@@ -20,7 +20,12 @@
 #include "platform/WakeSource.h"
 #include "sync/ServerCommunicator.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cstdio>
+
+#include <fmt/format.h>
 
 namespace sentrova {
 
@@ -75,9 +80,26 @@ struct Wakes {
 ProcessWide<MainQueue> theMainQueue;
 ProcessWide<Wakes> theWakes;
 
+// Says which of the agent's folders are not what the agent takes them for.
+void checkFolder(const std::string& folder) {
+    const auto status = FileSystem::shared().linkStatus(folder);
+    if (!status) {
+        return;
+    }
+    if (status->isSymbolicLink) {
+        const auto problem = fmt::format("The folder {} is a symbolic link; nothing in it is read or written", folder);
+        kLog.error(__func__, "{}", problem);
+        // The log may be what is behind the link.
+        fmt::print(stderr, "{}\n", problem);
+    } else if (status->owner != ::geteuid() || (status->permissions & (S_IWGRP | S_IWOTH)) != 0) {
+        kLog.error(__func__, "The folder {} can be changed by others than its owner, and so can what the agent does",
+                   folder);
+    }
+}
+
 // A process that was killed while it wrote a file has left the unfinished one behind.
 void removeUnfinishedFiles(const std::string& folder) {
-    const auto names = FileSystem::shared().names(folder);
+    const auto names = FileSystem::shared().ownNames(folder);
     if (!names) {
         return;
     }
@@ -106,7 +128,10 @@ bool AgentServiceHandler::initializeService() {
         return false;
     }
     const auto& configuration = GlobalVariables::getInstance();
+    checkFolder(configuration.binPath());
+    checkFolder(configuration.logsPath() + "/archive");
     for (const auto& folder : {configuration.confPath(), configuration.logsPath(), configuration.eventDataPath()}) {
+        checkFolder(folder);
         removeUnfinishedFiles(folder);
     }
     // Before the sync, which may take for ever: whoever installs the agent looks at the log before that.

@@ -83,6 +83,10 @@ bool FileUtils::createFile(const std::string& path) {
 }
 
 bool FileUtils::createFolder(const std::string& path) {
+    if (fileSystem().isBehindLink(path)) {
+        kLog.error(__func__, "The folder {} is a symbolic link and is not followed", path);
+        return false;
+    }
     if (fileSystem().exists(path)) {
         kLog.error(__func__, "{} already exists", path);
         return true;
@@ -136,7 +140,15 @@ bool FileUtils::deleteFile(const std::string& path) {
 }
 
 bool FileUtils::zipFile(const std::string& path) {
-    const auto command = "zip -j " + quoted(withoutExtension(path) + ".zip") + " " + quoted(path);
+    const auto zip = withoutExtension(path) + ".zip";
+    // The command itself follows links, to read and to write.
+    for (const auto& each : {path, zip}) {
+        if (fileSystem().isBehindLink(each)) {
+            kLog.error(__func__, "{} is not zipped: {} is behind a symbolic link, which is not followed", path, each);
+            return false;
+        }
+    }
+    const auto command = "zip -j " + quoted(zip) + " " + quoted(path);
     const int status = std::system(command.c_str());  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
     kLog.info(__func__, "Output of ZipCommand {}", status);
     return status == 0;
@@ -167,9 +179,12 @@ std::optional<std::vector<std::string>> FileUtils::listOfFilesInPath(const std::
 }
 
 std::optional<std::vector<FileUrl>> FileUtils::listOfFileURLSInPath(const std::string& folder) {
-    const auto names = fileSystem().names(folder);
+    const auto names = fileSystem().ownNames(folder);
     if (!names) {
         kLog.error(__func__, "FileUtils listOfFileURLSInPath path doesnot exists");
+        if (names.error().code != ENOENT) {
+            kLog.error(__func__, "{}", names.error().description);
+        }
         return std::nullopt;
     }
     std::vector<FileUrl> urls;
@@ -182,7 +197,7 @@ std::optional<std::vector<FileUrl>> FileUtils::listOfFileURLSInPath(const std::s
 }
 
 std::int64_t FileUtils::getFoldersize(const std::string& folder) {
-    const auto status = fileSystem().status(folder);
+    const auto status = fileSystem().linkStatus(folder);
     return status && status->isFolder ? sizeBelow(folder, 0) : 0;
 }
 
@@ -219,7 +234,7 @@ std::optional<Date> FileUtils::modificationDate(const std::string& path) {
 }
 
 std::int64_t FileUtils::sizeOfFile(const std::string& path) {
-    const auto status = fileSystem().status(path);
+    const auto status = fileSystem().linkStatus(path);
     return status ? static_cast<std::int64_t>(status->size) : 0;
 }
 

@@ -136,6 +136,7 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
         // What is in it may still be of use to a person.
         static_cast<void>(fileSystem.remove(kept));
         static_cast<void>(fileSystem.move(*target, kept));
+        static_cast<void>(fileSystem.restrictToOwner(kept));
     }
     const auto written = fileSystem.writeAtomically(*target, *bytes, FileSystem::Durability::flushed);
     if (written) {

@@ -6,7 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include <array>
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -27,7 +27,9 @@ std::atomic<FileSystem*> installedFileSystem{nullptr};
 
 Error failure(int number, const char* what, const std::string& path) {
     auto error = posixError(number);
-    error.description = fmt::format("{} \"{}\": {}", what, path, error.description);
+    error.description =
+        fmt::format("{} \"{}\": {}", what, path,
+                    number == ELOOP ? "a symbolic link is in its place and is not followed" : error.description);
     return error;
 }
 
@@ -46,12 +48,16 @@ FileStatus fromHost(const struct stat& host) {
     return status;
 }
 
-int openAgain(const char* path, int flags, mode_t mode = 0) {
+int openAgain(int folder, const char* path, int flags, mode_t mode = 0) {
     int number = -1;
     do {
-        number = ::open(path, flags | O_CLOEXEC, mode);
+        number = ::openat(folder, path, flags | O_CLOEXEC, mode);
     } while (number < 0 && errno == EINTR);
     return number;
+}
+
+int openAgain(const std::string& path, int flags, mode_t mode = 0) {
+    return openAgain(AT_FDCWD, path.c_str(), flags, mode);
 }
 
 // 0, or the error number.
@@ -69,16 +75,38 @@ int writeWhole(int descriptor, std::span<const std::uint8_t> content) {
     return 0;
 }
 
+// Without a slash at its end, which would have a link followed.
 std::string folderOf(const std::string& path) {
     const auto slash = path.find_last_of('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
 }
 
-std::string temporaryPathFor(const std::string& path) {
-    static std::atomic<unsigned> counter{0};
+bool isLink(const std::string& path) {
+    struct stat host{};
+    return ::lstat(path.c_str(), &host) == 0 && S_ISLNK(host.st_mode);
+}
+
+// An own file: its name, and its folder, which was opened as no symbolic link. What is done with the two stays within
+// that folder whatever becomes of its path meanwhile.
+struct Place {
+    FileDescriptor folder;
+    std::string name;
+};
+
+Result<Place> placeOf(const std::string& path, const char* what) {
     const auto folder = folderOf(path);
-    const auto name = path.substr(path.find_last_of('/') + 1);
-    return fmt::format("{}/.{}.{}.{}{}", folder, name, ::getpid(), ++counter, kTemporarySuffix);
+    FileDescriptor opened(openAgain(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+    if (!opened) {
+        const int number = errno;
+        // Hosts disagree on which error it is.
+        return failure(isLink(folder) ? ELOOP : number, what, path);
+    }
+    return Place{std::move(opened), path.substr(path.find_last_of('/') + 1)};
+}
+
+std::string temporaryNameFor(const std::string& name) {
+    static std::atomic<unsigned> counter{0};
+    return fmt::format(".{}.{}.{}{}", name, ::getpid(), ++counter, kTemporarySuffix);
 }
 
 }  // namespace
@@ -112,7 +140,7 @@ Result<FileStatus> FileSystem::linkStatus(const std::string& path) {
 }
 
 Result<FileDescriptor> FileSystem::openForReading(const std::string& path) {
-    FileDescriptor file(openAgain(path.c_str(), O_RDONLY));
+    FileDescriptor file(openAgain(path, O_RDONLY));
     if (!file) {
         return failure(errno, "cannot open", path);
     }
@@ -120,7 +148,12 @@ Result<FileDescriptor> FileSystem::openForReading(const std::string& path) {
 }
 
 Result<Data> FileSystem::read(const std::string& path) {
-    const FileDescriptor file(openAgain(path.c_str(), O_RDONLY));
+    const auto place = placeOf(path, "cannot open");
+    if (!place) {
+        return place.error();
+    }
+    // Without blocking, since a pipe in the file's place would hold the thread for good.
+    const FileDescriptor file(openAgain(place->folder.get(), place->name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
     struct stat host{};
     if (!file || ::fstat(file.get(), &host) != 0) {
         return failure(errno, "cannot open", path);
@@ -152,35 +185,42 @@ Result<Data> FileSystem::read(const std::string& path) {
 
 Result<Done> FileSystem::writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
                                          Durability durability) {
-    const auto temporary = temporaryPathFor(path);
-    FileDescriptor file(openAgain(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile));
+    const auto place = placeOf(path, "cannot write");
+    if (!place) {
+        return place.error();
+    }
+    const int folder = place->folder.get();
+    const auto temporary = temporaryNameFor(place->name);
+    FileDescriptor file(openAgain(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile));
     if (!file) {
-        return failure(errno, "cannot create", temporary);
+        return failure(errno, "cannot create", folderOf(path) + "/" + temporary);
     }
     int problem = writeWhole(file.get(), content);
     if (problem == 0 && durability == Durability::flushed) {
         problem = platform::flushToDisk(file.get());
     }
     file.reset();
-    if (problem == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
+    if (problem == 0 && ::renameat(folder, temporary.c_str(), folder, place->name.c_str()) != 0) {
         problem = errno;
     }
     if (problem != 0) {
-        ::unlink(temporary.c_str());
+        ::unlinkat(folder, temporary.c_str(), 0);
         return failure(problem, "cannot write", path);
     }
     if (durability == Durability::flushed) {
         // Without this the name may still be the old one after a loss of power.
-        const FileDescriptor folder(openAgain(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY));
-        if (folder) {
-            platform::flushToDisk(folder.get());
-        }
+        platform::flushToDisk(folder);
     }
     return Done();
 }
 
 Result<Done> FileSystem::append(const std::string& path, std::string_view text) {
-    const FileDescriptor file(openAgain(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW, kOwnerFile));
+    // A look is enough for the folder, and spares every line of the log an open and a close: who could exchange the
+    // folder between the look and the open owns the installation.
+    if (isLink(folderOf(path))) {
+        return failure(ELOOP, "cannot open", path);
+    }
+    const FileDescriptor file(openAgain(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK, kOwnerFile));
     if (!file) {
         return failure(errno, "cannot open", path);
     }
@@ -192,7 +232,12 @@ Result<Done> FileSystem::append(const std::string& path, std::string_view text) 
 }
 
 Result<Done> FileSystem::createFile(const std::string& path) {
-    const FileDescriptor file(openAgain(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile));
+    const auto place = placeOf(path, "cannot create");
+    if (!place) {
+        return place.error();
+    }
+    const FileDescriptor file(
+        openAgain(place->folder.get(), place->name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile));
     if (!file) {
         return failure(errno, "cannot create", path);
     }
@@ -200,26 +245,57 @@ Result<Done> FileSystem::createFile(const std::string& path) {
 }
 
 Result<Done> FileSystem::createFolder(const std::string& path) {
-    if (::mkdir(path.c_str(), kOwnerFolder) != 0) {
+    const auto place = placeOf(path, "cannot create the folder");
+    if (!place) {
+        return place.error();
+    }
+    if (::mkdirat(place->folder.get(), place->name.c_str(), kOwnerFolder) != 0) {
         return failure(errno, "cannot create the folder", path);
     }
     return Done();
 }
 
+Result<Done> FileSystem::restrictToOwner(const std::string& path) {
+    const auto place = placeOf(path, "cannot open");
+    if (!place) {
+        return place.error();
+    }
+    const FileDescriptor file(openAgain(place->folder.get(), place->name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+    if (!file || ::fchmod(file.get(), kOwnerFile) != 0) {
+        return failure(errno, "cannot restrict", path);
+    }
+    return Done();
+}
+
 Result<Done> FileSystem::remove(const std::string& path) {
-    std::error_code error;
-    std::filesystem::remove_all(path, error);
-    if (error) {
-        return failure(error.value(), "cannot remove", path);
+    const auto place = placeOf(path, "cannot remove");
+    if (!place) {
+        return place.error();
+    }
+    struct stat host{};
+    if (::fstatat(place->folder.get(), place->name.c_str(), &host, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(host.st_mode)) {
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+        return error ? Result<Done>(failure(error.value(), "cannot remove", path)) : Done();
+    }
+    if (::unlinkat(place->folder.get(), place->name.c_str(), 0) != 0 && errno != ENOENT) {
+        return failure(errno, "cannot remove", path);
     }
     return Done();
 }
 
 Result<Done> FileSystem::move(const std::string& from, const std::string& to) {
-    if (linkStatus(to)) {
+    const auto source = placeOf(from, "cannot move");
+    const auto destination = placeOf(to, "cannot move to");
+    if (!source || !destination) {
+        return source ? destination.error() : source.error();
+    }
+    struct stat host{};
+    if (::fstatat(destination->folder.get(), destination->name.c_str(), &host, AT_SYMLINK_NOFOLLOW) == 0) {
         return failure(EEXIST, "cannot move to", to);
     }
-    if (::rename(from.c_str(), to.c_str()) != 0) {
+    if (::renameat(source->folder.get(), source->name.c_str(), destination->folder.get(), destination->name.c_str()) !=
+        0) {
         return failure(errno, "cannot move", from);
     }
     return Done();
@@ -247,6 +323,19 @@ Result<std::vector<std::string>> FileSystem::names(const std::string& folder) {
         return failure(errno, "cannot list", folder);
     }
     return names;
+}
+
+Result<std::vector<std::string>> FileSystem::ownNames(const std::string& folder) {
+    const auto status = linkStatus(folder);
+    return status && status->isSymbolicLink ? failure(ELOOP, "cannot list", folder) : names(folder);
+}
+
+bool FileSystem::isBehindLink(const std::string& path) {
+    const auto isLinkNow = [this](const std::string& each) {
+        const auto status = linkStatus(each);
+        return status && status->isSymbolicLink;
+    };
+    return isLinkNow(path) || isLinkNow(folderOf(path));
 }
 
 bool FileSystem::isTemporaryName(std::string_view name) {

@@ -1,6 +1,9 @@
 // The files and folders of the host, behind one interface, so that a test can make any single call fail.
 //
-// Paths are bytes as the host takes them. What this creates is for its owner only. Safe from any thread.
+// Paths are bytes as the host takes them. What this creates is for its owner only, whatever the process's umask. A
+// symbolic link in the place of a file, or of the folder it is in, is followed only by status, openForReading and
+// names, which are for what belongs to the system; all others, which are for the agent's own, refuse it with ELOOP.
+// Safe from any thread.
 
 #pragma once
 
@@ -58,17 +61,24 @@ class FileSystem {
     enum class Durability { renamed, flushed };
     virtual Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
                                          Durability durability);
-    // Appends in one write; makes the file when there is none. A symbolic link is not followed.
+    // Appends in one write; makes the file when there is none.
     virtual Result<Done> append(const std::string& path, std::string_view text);
     virtual Result<Done> createFile(const std::string& path);
     // Without its parent folders.
     virtual Result<Done> createFolder(const std::string& path);
-    // A folder is removed with everything in it.
+    // Takes from all but its owner what they may do with a file that is there.
+    virtual Result<Done> restrictToOwner(const std::string& path);
+    // A folder is removed with everything in it, a symbolic link as the link it is.
     virtual Result<Done> remove(const std::string& path);
-    // Fails when the destination exists.
+    // Fails when the destination exists. A symbolic link is moved as the link it is.
     virtual Result<Done> move(const std::string& from, const std::string& to);
     // The names in a folder, hidden ones included, in the order the host gives.
     virtual Result<std::vector<std::string>> names(const std::string& folder);
+
+    // The same for a folder of the agent's own.
+    Result<std::vector<std::string>> ownNames(const std::string& folder);
+    // Whether the path or the folder it is in is a symbolic link; for what is handed to other programs.
+    bool isBehindLink(const std::string& path);
 
     bool exists(const std::string& path) { return static_cast<bool>(status(path)); }
 

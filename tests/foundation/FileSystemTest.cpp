@@ -105,5 +105,38 @@ TEST_F(FileSystemTest, FailuresNameTheFileAndLeaveNothingBehind) {
     EXPECT_EQ(names(), (Names{".hidden", "link"}));
 }
 
+TEST_F(FileSystemTest, OwnFileOrFolderThatIsALinkIsRefusedByName) {
+    ASSERT_TRUE(files_.createFolder(at("outside")));
+    ASSERT_TRUE(files_.append(at("outside/file"), "as it was") && files_.append(at("file"), "inside"));
+    fs::create_symlink(at("outside"), at("folder"));
+    fs::create_symlink(at("outside/file"), at("link"));
+    const std::pair<const char*, Error> refused[] = {
+        {"link", files_.read(at("link")).error()},
+        {"link", files_.append(at("link"), "x").error()},
+        {"link", files_.restrictToOwner(at("link")).error()},
+        {"folder/file", files_.read(at("folder/file")).error()},
+        {"folder/file", files_.append(at("folder/file"), "x").error()},
+        {"folder/file", files_.remove(at("folder/file")).error()},
+        {"folder/file", files_.move(at("folder/file"), at("stolen")).error()},
+        {"folder/new", files_.move(at("file"), at("folder/new")).error()},
+        {"folder/new", files_.writeAtomically(at("folder/new"), bytes("x"), FileSystem::Durability::renamed).error()},
+        {"folder/new", files_.createFile(at("folder/new")).error()},
+        {"folder/new", files_.createFolder(at("folder/new")).error()},
+        {"folder", files_.ownNames(at("folder")).error()},
+    };
+    for (const auto& [path, error] : refused) {
+        EXPECT_EQ(error.code, ELOOP) << error.description;
+        EXPECT_NE(error.description.find(at(path) + "\": a symbolic link"), std::string::npos) << error.description;
+    }
+    // A removal takes the link and a write replaces it; a pipe without a writer holds nobody up.
+    ASSERT_TRUE(files_.remove(at("folder")));
+    ASSERT_TRUE(files_.writeAtomically(at("link"), bytes("new"), FileSystem::Durability::renamed));
+    ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
+    EXPECT_EQ(files_.read(at("pipe")).error().code, EINVAL);
+    EXPECT_EQ(names(), (Names{"file", "link", "outside", "pipe"}));
+    EXPECT_EQ(*files_.names(at("outside")), Names{"file"});
+    EXPECT_EQ(content("link") + content("outside/file"), "newas it was");
+}
+
 }  // namespace
 }  // namespace sentrova
