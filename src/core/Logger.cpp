@@ -148,10 +148,45 @@ std::string continuationOf(const std::string& path) {
     }
     for (;; ++number) {
         auto candidate = fmt::format("{}_{}{}", base, number, kExtension);
-        if (!FileUtils::doesFileExist(candidate)) {
+        if (!FileSystem::shared().linkStatus(candidate)) {
             return candidate;
         }
     }
+}
+
+bool isControl(char c) {
+    return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
+}
+
+// The message with nothing in it that could pass for a line of its own, since names and texts from outside are part of
+// messages. Line breaks stay, as descriptions have them, but what follows one does not begin as a line does.
+std::string harmless(std::string_view message) {
+    std::string text;
+    char before = 0;
+    for (const char c : message) {
+        if (before == '\n' && c == '[') {
+            text += "    ";
+        }
+        if (isControl(c) && c != '\n' && c != '\t') {
+            text += fmt::format("\\x{:02x}", c);
+        } else {
+            text += c;
+        }
+        before = c;
+    }
+    return text;
+}
+
+// Puts a symbolic link in the place of a current file out of the way: not followed, not removed, but left behind.
+void writeBesideLink(std::string_view category, const std::string& path, std::string_view line) {
+    const auto status = FileSystem::shared().linkStatus(path);
+    if (!status || !status->isSymbolicLink) {
+        return;
+    }
+    const auto next = continuationOf(path);
+    theFileTable.get().replace(std::string(category), next);
+    FileUtils::writeToFile(next, line);
+    kLog.error(__func__, "The log file {} is a symbolic link and is not followed; the log goes on in {}", path, next);
 }
 
 }  // namespace
@@ -198,9 +233,16 @@ void Logger::file(std::string_view category, std::string_view print, std::int32_
     if (path.empty()) {
         return;
     }
-    FileUtils::writeToFile(
-        path, fmt::format("[{}][{}][{}:{}][{}]{}\r\n", DateFormat::format("yyyy-MM-dd HH:mm:ss Z", now), print,
-                          ::getpid(), platform::currentThreadId(), formatTypeToString(level), str));
+    std::string cleaned;
+    if (std::ranges::any_of(str, isControl)) {
+        cleaned = harmless(str);
+        str = cleaned;
+    }
+    const auto line = fmt::format("[{}][{}][{}:{}][{}]{}\r\n", DateFormat::format("yyyy-MM-dd HH:mm:ss Z", now), print,
+                                  ::getpid(), platform::currentThreadId(), formatTypeToString(level), str);
+    if (const auto written = FileSystem::shared().append(path, line); !written && written.error().code == ELOOP) {
+        writeBesideLink(category, path, line);
+    }
 }
 
 std::string Logger::formatTypeToString(std::int32_t level) {

@@ -25,8 +25,8 @@ struct LogLevel {
 
 // A line is "[time][class][process:thread][level]message" and CR LF, in UTF-8. All loggers share the table of current
 // files, which survives restarts in `logfile.plist`; each has a level of its own, read when it is made. Safe from any
-// thread; a line is opened, appended whole and closed. A line that cannot be written is lost: there is nowhere to say
-// so.
+// thread; a line is opened, appended whole and closed. A message with control characters or line breaks in it cannot
+// pass for another line. A line that cannot be written is lost: there is nowhere to say so.
 class Logger {
   public:
     static constexpr const char* kDidWakeNotification = "NSWorkspaceDidWakeNotification";

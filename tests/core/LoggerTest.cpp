@@ -78,6 +78,27 @@ TEST_F(LoggerTest, LineHasTimeClassProcessThreadAndLevelInBrackets) {
     EXPECT_EQ(log("Event"), "");
 }
 
+TEST_F(LoggerTest, NothingInAMessageCanPassForALineOfItsOwn) {
+    const std::string forged =
+        "[2026-11-15 12:00:00 +0000][AgentServiceHandler][1:1][ERROR]AgentServiceHandler stop called";
+    const std::pair<std::string, std::string> cases[] = {
+        {"carla\r\n" + forged, "carla\\x0d\n    " + forged},
+        {"carla\n" + forged + "\n\n" + forged, "carla\n    " + forged + "\n\n    " + forged},
+        {"\x1b[2Jcarla\x7f\x08" + std::string(1, '\0') + "\r", "\\x1b[2Jcarla\\x7f\\x08\\x00\\x0d"},
+        {"{\n    a = (\n        \"b\"\n    );\n}\tcaf\xC3\xA9 [",
+         "{\n    a = (\n        \"b\"\n    );\n}\tcaf\xC3\xA9 ["},
+    };
+    std::string expected;
+    constexpr LogSource kSource("Names");
+    const auto begin =
+        fmt::format("[2026-11-15 12:00:00 +0000][Names][{}:{}][ERROR]", ::getpid(), platform::currentThreadId());
+    for (const auto& [given, written] : cases) {
+        kSource.error("f", "{}", given);
+        expected += begin + written + "\r\n";
+    }
+    EXPECT_EQ(log(), expected);
+}
+
 TEST_F(LoggerTest, MessagesAboveTheConfiguredLevelAreDroppedUnformatted) {
     const std::pair<Value, int> cases[] = {{-1, 0}, {0, 1}, {1, 2}, {"2", 3}, {"DEBUG", 1}, {Value(), 1}};
     constexpr LogSource kSource("Levels", LogCategory::Event);
