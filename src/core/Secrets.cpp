@@ -1,6 +1,9 @@
 #include "core/Secrets.h"
 
 #include "core/GlobalConstants.h"
+#include "foundation/Json.h"
+
+#include <string_view>
 
 namespace sentrova {
 
@@ -24,6 +27,21 @@ Value Secrets::masked(const Value& value) {
         return copy;
     }
     return value;
+}
+
+Value Secrets::maskedBody(const std::optional<Data>& body) {
+    if (!body) {
+        return {};
+    }
+    const std::string_view text(reinterpret_cast<const char*>(body->data()), body->size());
+    const auto names = [text](std::string_view key) { return text.find(key) != std::string_view::npos; };
+    bool holdsSecret = names(GlobalConstants::AGENT_AUTHENTICATION_ID) || names(GlobalConstants::ORG_ACCESS_KEY);
+    if (!holdsSecret && names("\\u")) {
+        // A key may be written in escapes.
+        const auto parsed = Json::parse(text);
+        holdsSecret = !parsed || masked(*parsed) != *parsed;
+    }
+    return holdsSecret ? Data(body->size(), '*') : *body;
 }
 
 }  // namespace sentrova

@@ -51,7 +51,9 @@ void putBack(const std::string& data) {
 void finishDelivery(TransportEngine& engine, const std::string& sent, const std::optional<Data>& data,
                     const std::optional<UrlResponse>& response, const std::optional<Error>& error) {
     constexpr const char* kFunction = "SendData";
-    kTraffic.debug(kFunction, "EventForwarder DATA= {}", data ? Value(*data) : Value());
+    if (LogSource::isWritten(LogLevel::Debug)) {
+        kTraffic.debug(kFunction, "EventForwarder DATA= {}", Secrets::maskedBody(data));
+    }
     const auto status = fmt::format("{}", response ? response->statusCode : 0);
     kTraffic.debug(kFunction, "response status code: {}", status);
     if (!error && status == "200") {

@@ -50,9 +50,10 @@ class ValueBuilder {
 
     template <class Exception>
     bool parse_error(std::size_t position, const std::string&, const Exception& exception) {
-        // The reason without the parser's own prefix; it may quote a token of any length.
+        // The reason without the parser's own prefix, and without the text that was read last: that may be a secret.
         constexpr std::size_t kLongestReason = 200;
         std::string_view reason = exception.what();
+        reason = reason.substr(0, reason.find("; last read"));
         if (const auto prefix = reason.find("] "); prefix != std::string_view::npos) {
             reason.remove_prefix(prefix + 2);
         }

@@ -180,7 +180,9 @@ struct Exchange {
 // On the transport's delegate queue.
 void completeExchange(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
                       const std::optional<Error>& error) {
-    kTraffic.debug(kFunction, "GlobalVariables DATA= {}", data ? Value(*data) : Value());
+    if (LogSource::isWritten(LogLevel::Debug)) {
+        kTraffic.debug(kFunction, "GlobalVariables DATA= {}", Secrets::maskedBody(data));
+    }
     const auto status = fmt::format("{}", response ? response->statusCode : 0);
     kTraffic.debug(kFunction, "response status code: {}", status);
     if (error || status != "200") {
