@@ -8,6 +8,7 @@
 #include "platform/Transaction.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -38,6 +39,8 @@ void logUnhandled(std::string_view where, std::string_view what) {
 }  // namespace
 
 int main() {
+    // For the files that other programs make for the agent; its own say who may use them.
+    ::umask(S_IRWXG | S_IRWXO);
     DispatchQueue::setExceptionHandler(logUnhandled);
     const auto termination = platform::SignalSource::make(SIGTERM, terminate);
     termination->resume();
