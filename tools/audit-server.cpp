@@ -60,7 +60,7 @@ std::optional<Options> optionsFrom(const std::vector<std::string_view>& argument
         } else if (argument == "--https") {
             options.server.https = true;
         } else if (argument == "--client-certificate") {
-            options.server.asksForClientCertificate = true;
+            options.server.tls.asksForClientCertificate = true;
         } else if (argument == "--table") {
             options.display = Display::table;
         } else if (argument == "--json") {

@@ -206,6 +206,7 @@ void CurlTransfer::setUpCallbacks() {
 
 void CurlTransfer::setUpSecurity() {
     // The delegate alone decides on the certificate, from within the handshake.
+    set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     set(CURLOPT_SSL_VERIFYPEER, 0L);
     set(CURLOPT_SSL_VERIFYHOST, 0L);
     set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));

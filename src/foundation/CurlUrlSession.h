@@ -25,9 +25,10 @@ namespace sentrova {
 // another, for there is no telling that case from a server that read it and closed. So a server may see a request
 // twice; a second loss is reported.
 //
-// The server's certificate is put to the delegate and nobody else; so is a demand for a client certificate, and an
-// answer 401 or 407 that offers a way to authenticate. A request whose challenge is not answered waits for its
-// time-out, without its connection; the answer may still come within that time.
+// TLS is of version 1.2 or later, whatever the host's own settings allow; an older server fails with
+// secureConnectionFailed. The server's certificate is put to the delegate and nobody else; so is a demand for a client
+// certificate, and an answer 401 or 407 that offers a way to authenticate. A request whose challenge is not answered
+// waits for its time-out, without its connection; the answer may still come within that time.
 class CurlUrlSession final : public UrlSession {
   public:
     struct Configuration {

@@ -454,7 +454,8 @@ class CurlUrlSessionHeldTest : public ::testing::TestWithParam<HeldCase> {
     std::future<Outcome> sendNow() { return send(session_, post(server_.url() + AuditServer::kEventsPath)); }
 
     ManualClock clock_;
-    AuditServer server_{{.https = GetParam().https, .asksForClientCertificate = GetParam().asksForClientCertificate}};
+    AuditServer server_{
+        {.https = GetParam().https, .tls = {.asksForClientCertificate = GetParam().asksForClientCertificate}}};
     // Answers the certificate's challenge, unless that is the one to be held.
     std::shared_ptr<Delegate> delegate_ = std::make_shared<Delegate>(
         GetParam().method == Method::serverTrust ? std::vector<Method>{} : std::vector{Method::serverTrust});

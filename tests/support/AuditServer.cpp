@@ -268,7 +268,7 @@ class AuditServer::Impl {
   public:
     explicit Impl(const Configuration& configuration)
         : configuration_(configuration),
-          listener_(configuration.https ? makeTlsContext(configuration.asksForClientCertificate) : nullptr,
+          listener_(configuration.https ? makeTlsContext(configuration.tls) : nullptr,
                     [this](const Served& served, const httplib::Request& request, httplib::Response& response) {
                         handle(served, request, response);
                     }) {

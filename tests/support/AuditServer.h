@@ -3,6 +3,8 @@
 
 #pragma once
 
+#include "support/ServerTls.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -34,7 +36,8 @@ class AuditServer {
         // 0: any port that is free.
         int port = 0;
         bool https = false;
-        bool asksForClientCertificate = false;
+        // Of a server that speaks https.
+        ServerTls tls = {};
         // The answer to a configuration sync, read anew each time; empty: "{}".
         std::string answerFile = {};
         // Gets each accepted event as compact JSON text, one at a time; not to call the server.

@@ -24,33 +24,40 @@ void require(bool done) {
     }
 }
 
-Certificate selfSigned(const Key& key) {
+Certificate selfSigned(const Key& key, const ServerTls& tls) {
     constexpr long kDay = 24 * 60 * 60;
     Certificate certificate(X509_new(), X509_free);
     require(certificate != nullptr);
     X509_set_version(certificate.get(), X509_VERSION_3);
     ASN1_INTEGER_set(X509_get_serialNumber(certificate.get()), 1);
-    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kDay);
-    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 365 * kDay);
+    X509_gmtime_adj(X509_getm_notBefore(certificate.get()), tls.validFrom * kDay);
+    X509_gmtime_adj(X509_getm_notAfter(certificate.get()), tls.validUntil * kDay);
     auto* const name = X509_get_subject_name(certificate.get());
-    constexpr std::array<unsigned char, 12> kHost = {'a', 'u', 'd', 'i', 't', '-', 's', 'e', 'r', 'v', 'e', 'r'};
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, kHost.data(), kHost.size(), -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(tls.host), -1, -1, 0);
     X509_set_issuer_name(certificate.get(), name);
     X509_set_pubkey(certificate.get(), key.get());
-    require(X509_sign(certificate.get(), key.get(), EVP_sha256()) > 0);
+    require(X509_sign(certificate.get(), key.get(), EVP_get_digestbyname(tls.digest)) > 0);
     return certificate;
 }
 
 }  // namespace
 
-TlsContext makeTlsContext(bool asksForClientCertificate) {
-    const Key key(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), EVP_PKEY_free);
+TlsContext makeTlsContext(const ServerTls& tls) {
+    const Key key(tls.rsaBits > 0 ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", std::size_t{tls.rsaBits})
+                                  : EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"),
+                  EVP_PKEY_free);
     require(key != nullptr);
-    const auto certificate = selfSigned(key);
+    const auto certificate = selfSigned(key, tls);
     TlsContext context(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
-    require(context && SSL_CTX_use_certificate(context.get(), certificate.get()) == 1 &&
+    require(context != nullptr);
+    SSL_CTX_set_security_level(context.get(), 0);
+    require(SSL_CTX_use_certificate(context.get(), certificate.get()) == 1 &&
             SSL_CTX_use_PrivateKey(context.get(), key.get()) == 1);
-    if (asksForClientCertificate) {
+    if (tls.onlyVersion != 0) {
+        require(SSL_CTX_set_min_proto_version(context.get(), tls.onlyVersion) == 1 &&
+                SSL_CTX_set_max_proto_version(context.get(), tls.onlyVersion) == 1);
+    }
+    if (tls.asksForClientCertificate) {
         SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, [](int, X509_STORE_CTX*) { return 1; });
     }
     return context;

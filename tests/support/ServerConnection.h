@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "support/ServerTls.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -14,9 +16,9 @@ namespace sentrova::testing {
 
 using TlsContext = std::shared_ptr<SSL_CTX>;
 
-// A server's TLS with a key and a self-signed certificate of its own, made anew. One that asks for client certificates
-// takes any, and none as well. Throws std::runtime_error when the library refuses.
-TlsContext makeTlsContext(bool asksForClientCertificate);
+// A server's TLS with a key and a self-signed certificate of its own, made anew, with nothing too weak for it. One that
+// asks for client certificates takes any, and none as well. Throws std::runtime_error when the library refuses.
+TlsContext makeTlsContext(const ServerTls& tls);
 
 // Belongs to the thread that serves it; only shutDown may come from another. That thread must have SIGPIPE blocked.
 class ServerConnection {
