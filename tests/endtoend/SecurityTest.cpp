@@ -1,0 +1,216 @@
+// What others must not get out of the agent, or into it: the agent's own program in surroundings that mean it ill.
+
+#include "BuildPaths.h"
+#include "foundation/Json.h"
+#include "support/AuditServer.h"
+#include "support/RunningAgent.h"
+#include "support/SystemVolume.h"
+#include "support/TrailWriter.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <span>
+#include <sstream>
+
+#include <fmt/chrono.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+
+namespace sentrova::testing {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+class SecurityTest : public ::testing::Test {
+  protected:
+    SecurityTest() : serverInfo(loopbackConfiguration(server.port())) { addTrail(1'700'000'000s); }
+
+    // Nine events: two full batches, and one event that waits in memory.
+    void addTrail(std::chrono::seconds begin) {
+        TrailWriter trail;
+        for (int i = 0; i < 9; ++i) {
+            trail.add(TrailRecord(45028).at(begin + std::chrono::seconds(i)).subject({}).returns(0));
+        }
+        volume.addTrail(std::to_string(begin.count()), trail.bytes(), trail.lastTime());
+    }
+    void configure() {
+        volume.writeConfiguration("Serverinfo.plist", serverInfo);
+        volume.writeConfiguration("myconfigurations.plist", {{"TimestampOfLastEvent", "0"}, {"LogLevel", 2}});
+    }
+    static void write(const fs::path& path, const std::string& text, std::chrono::hours age = 0h) {
+        std::ofstream(path) << text;
+        fs::last_write_time(path, fs::file_time_type::clock::now() - age);
+    }
+    fs::path logFile(std::string_view category, std::chrono::hours later = 0h) const {
+        const auto time = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() + later);
+        return volume.logs() / fmt::format("{}{:%F}.log", category, fmt::gmtime(time));
+    }
+    std::string logs() const { return logOf(volume, "Config") + logOf(volume, "Communication"); }
+
+    AuditServer server;
+    SystemVolume volume;
+    Dictionary serverInfo;
+};
+
+TEST_F(SecurityTest, WhateverTheAgentMakesIsForItsOwnerOnly) {
+    configure();
+    fs::remove(volume.eventData());
+    write(volume.conf() / "schedules.plist", "damaged");
+    write(volume.logs() / "Config2020-01-01.log", "old", 300h);
+    write(logFile("Event"), std::string(10'485'761, 'x'));
+    const auto inodes = [this] {
+        std::map<fs::path, ino_t> found;
+        for (const auto& entry : fs::recursive_directory_iterator(volume.agent())) {
+            struct stat status{};
+            ::lstat(entry.path().c_str(), &status);
+            found[entry.path()] = status.st_ino;
+        }
+        return found;
+    };
+    const auto before = inodes();
+    server.fail({.path = AuditServer::kEventsPath, .count = -1});
+    const auto mask = ::umask(0);
+    RunningAgent agent(build::kAgent, volume);
+    ::umask(mask);
+    ASSERT_TRUE(waitForLog(volume, "Communication", "TransportEngine isconnected changed to 0"));
+    ASSERT_TRUE(waitUntil([&] { return !fs::is_empty(volume.eventData()); }));
+    EXPECT_EQ(agent.stop(), 0);
+    std::map<std::string, int> made;
+    for (const auto& [path, inode] : inodes()) {
+        if (const auto known = before.find(path); known == before.end() || known->second != inode) {
+            const auto mode = static_cast<unsigned>(fs::symlink_status(path).permissions());
+            EXPECT_EQ(mode, fs::is_directory(path) ? 0700U : 0600U) << path;
+            ++made[path.parent_path().filename().string() + "/*" + path.extension().string()];
+        }
+    }
+    for (const auto* kind : {"agent/*", "conf/*", "conf/*.plist", "conf/*.damaged", "logs/*.log", "logs/*.zip",
+                             "archive/*.zip", "eventData/*"}) {
+        EXPECT_GT(made[kind], 0) << kind;
+    }
+}
+
+TEST_F(SecurityTest, LinksPlantedInTheFoldersAreNamedAndNotFollowed) {
+    configure();
+    const auto outside = volume.root() / "outside";
+    fs::create_directories(outside / "archive");
+    fs::remove(volume.logs() / "archive");
+    fs::path links[] = {volume.conf() / "logfile.plist", volume.conf() / "currentLogins",
+                        volume.conf() / "schedules.plist", logFile("Config"), volume.logs() / "Old.log",
+                        volume.logs() / "Aged.zip", volume.logs() / "archive",
+                        volume.eventData() / "event_20200101000000000",
+                        // Not refused, but there all the same: tomorrow's log, and what is removed at the start.
+                        logFile("Config", 24h), volume.eventData() / ".event_1.1.1.sentrova-tmp"};
+    for (const auto& link : links) {
+        const auto target = outside / link.filename();
+        if (!fs::exists(target)) {
+            write(target, R"([{"planted":1}])", 300h);
+        }
+        fs::create_symlink(target, link);
+    }
+    write(volume.logs() / "Aged.log", "aged", 300h);
+    write(volume.logs() / "Moved.log", "aged", 300h);
+    const auto state = [&outside] {
+        std::map<fs::path, std::string> contents;
+        for (const auto& entry : fs::recursive_directory_iterator(outside)) {
+            std::getline(std::ifstream(entry.path()), contents[entry.path()], '\0');
+        }
+        return contents;
+    };
+    const auto before = state();
+    {
+        RunningAgent agent(build::kAgent, volume);
+        ASSERT_TRUE(server.waitForEvents(8)) << logs();
+        EXPECT_EQ(agent.stop(), 0);
+    }
+    // The folder itself.
+    fs::rename(volume.eventData(), outside / "eventData");
+    fs::create_symlink(outside / "eventData", volume.eventData());
+    const auto withFolder = state();
+    configure();
+    RunningAgent agent(build::kAgent, volume);
+    ASSERT_TRUE(waitForLog(volume, "Config", "A batch of 4 events is lost")) << logs();
+    EXPECT_EQ(agent.stop(), 0);
+
+    EXPECT_EQ(state(), withFolder);
+    for (const auto& [path, content] : before) {
+        EXPECT_EQ(withFolder.at(path), content) << path;
+    }
+    for (const auto& request : server.requests()) {
+        EXPECT_EQ(request.body.find("planted"), std::string::npos);
+    }
+    std::string errors;
+    std::istringstream lines(logs());
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("][ERROR]") != std::string::npos && line.find("symbolic link") != std::string::npos) {
+            errors += line;
+        }
+    }
+    links[8] = volume.eventData();
+    for (const auto& link : std::span(links).first(9)) {
+        EXPECT_NE(errors.find("/" + link.filename().string()), std::string::npos) << link;
+    }
+    EXPECT_TRUE(fs::exists(volume.logs() / "Moved.log"));
+}
+
+TEST_F(SecurityTest, IdentityAndAccessKeyAreInNoLogInAnyForm) {
+    // Whatever is done to the rest of a value when it is written as text, its letters stay.
+    const std::string letters[] = {"KernelOfMyWord", "SubstanceOfMyLatch"};
+    serverInfo.set("OrgAccessKey", "\"/+&=%20\\<" + letters[1]);
+    configure();
+    const auto bare = *Json::write(Dictionary{{"OrgAccessKey", serverInfo["OrgAccessKey"]}});
+    serverInfo.set("AgentGuid", "guid");
+    serverInfo.set("DomainID", "7");
+    serverInfo.set("AgentAuthID", "\"/+&=%20\\<" + letters[0] + "\xC3\xA9");
+    const auto good = *Json::write(serverInfo);
+    server.setAnswer(good);
+    // The names of the keys in escapes, which mean the same.
+    auto escaped = good;
+    for (const std::string name : {"OrgAccessKey", "AgentAuthID"}) {
+        escaped.replace(escaped.find(name), 1, fmt::format("\\u{:04x}", name.front()));
+    }
+    const std::pair<int, std::string> answers[] = {
+        {200, good},
+        {500, bare},
+        {200, bare.substr(0, bare.size() - 1) + " and so on"},
+        {200, good.substr(0, good.find("Kernel") + 12)},
+        {200, R"([{"a":[)" + bare + "]}]"},
+        {200, escaped},
+    };
+    auto begin = 1'700'000'000s;
+    for (const auto& [status, body] : answers) {
+        server.fail({.path = AuditServer::kSyncPath, .status = status, .body = body});
+        server.fail({.path = AuditServer::kEventsPath, .status = status, .body = body});
+        addTrail(begin += 1000s);
+        std::error_code firstTime;
+        fs::rename(logFile("Communication"), volume.logs() / fmt::format("Communication{}", begin.count()), firstTime);
+        RunningAgent agent(build::kAgent, volume);
+        ASSERT_TRUE(waitForLog(volume, "Communication2", "EventForwarder DATA= "));
+        EXPECT_EQ(agent.stop(), 0);
+    }
+    EXPECT_TRUE(std::ranges::any_of(server.requests(), [&](const auto& request) {
+        return request.body.find(letters[0]) != std::string::npos;
+    })) << "it did go over the wire";
+    const auto log = logs();
+    for (const auto& secret : letters) {
+        for (std::size_t i = 0; i + 6 <= secret.size(); ++i) {
+            const auto piece = secret.substr(i, 6);
+            EXPECT_EQ(log.find(piece), std::string::npos) << piece;
+            EXPECT_EQ(log.find(fmt::format("{:02x}", fmt::join(piece, ""))), std::string::npos) << piece << " as bytes";
+        }
+        for (const std::size_t shift : {0U, 1U, 2U}) {
+            std::string encoded(100, '\0');
+            const auto* bytes = reinterpret_cast<const unsigned char*>(secret.data()) + shift;
+            encoded.resize(
+                static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()), bytes, 12)));
+            EXPECT_EQ(log.find(encoded), std::string::npos) << "in base64";
+        }
+    }
+}
+
+}  // namespace
+}  // namespace sentrova::testing
