@@ -1,6 +1,7 @@
 #include "foundation/Clock.h"
 
 #include "foundation/Mutex.h"
+#include "platform/OperatingSystem.h"
 
 #include <algorithm>
 #include <atomic>
@@ -18,7 +19,7 @@ namespace {
 class SystemClock final : public Clock {
   public:
     Date wallTime() override { return std::chrono::system_clock::now(); }
-    Monotonic monotonicTime() override { return std::chrono::steady_clock::now(); }
+    Monotonic monotonicTime() override { return platform::timeAwake(); }
 
     TimerId schedule(Monotonic due, std::function<void()> function) override EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
@@ -57,10 +58,12 @@ class SystemClock final : public Clock {
     void run() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         for (;;) {
+            const auto now = monotonicTime();
             if (timers_.empty()) {
                 changed_.wait(lock);
-            } else if (timers_.begin()->first.first > monotonicTime()) {
-                changed_.waitUntil(lock, timers_.begin()->first.first);
+            } else if (const auto due = timers_.begin()->first.first; due > now) {
+                // The library's clock may go on while the machine sleeps: the two share distances, no points.
+                changed_.waitUntil(lock, std::chrono::steady_clock::now() + (due - now));
             } else {
                 auto node = timers_.extract(timers_.begin());
                 dueById_.erase(node.key().second);

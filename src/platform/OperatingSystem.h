@@ -2,9 +2,11 @@
 
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace sentrova::platform {
 
@@ -14,6 +16,9 @@ struct OperatingSystemVersion {
     std::int64_t patch = 0;
 };
 
+// The version that a text such as "10.15.7" names; what it leaves out is 0.
+OperatingSystemVersion versionFromText(std::string_view text);
+
 // The version of macOS; nothing on a host without one.
 std::optional<OperatingSystemVersion> operatingSystemVersion();
 
@@ -22,5 +27,8 @@ std::string localizedHostName();
 
 // The number by which the system's tools know the calling thread.
 std::uint64_t currentThreadId();
+
+// A time that never goes back and stands still while the machine sleeps.
+std::chrono::steady_clock::time_point timeAwake();
 
 }  // namespace sentrova::platform

@@ -3,17 +3,11 @@
 #include "foundation/FileSystem.h"
 #include "foundation/Mutex.h"
 #include "foundation/PropertyList.h"
+#include "platform/AccountDatabase.h"
 #include "platform/linux/SystemVolume.h"
 
-#include <grp.h>
-#include <pwd.h>
-#include <sys/types.h>
-
-#include <algorithm>
-#include <cerrno>
+#include <array>
 #include <charconv>
-#include <chrono>
-#include <functional>
 #include <string_view>
 
 namespace sentrova::platform {
@@ -133,22 +127,6 @@ class NodeFolder {
     std::map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
 };
 
-// Calls one of the reentrant look-ups of the C library with a buffer that is large enough.
-template <class Entry, class LookUp>
-std::optional<std::string> hostName(LookUp lookUp, char* Entry::* name) {
-    std::vector<char> buffer(1024);
-    for (;;) {
-        Entry entry{};
-        Entry* found = nullptr;
-        const int problem = lookUp(&entry, buffer.data(), buffer.size(), &found);
-        if (problem == ERANGE && buffer.size() < 1024 * 1024) {
-            buffer.resize(buffer.size() * 2);
-            continue;
-        }
-        return problem == 0 && found ? std::optional<std::string>(found->*name) : std::nullopt;
-    }
-}
-
 // The volume's local node, then the host's own databases.
 class VolumeDirectory final : public Directory {
   public:
@@ -156,18 +134,14 @@ class VolumeDirectory final : public Directory {
         if (auto name = users_.nameOf(id)) {
             return name;
         }
-        return hostName<passwd>([id](auto* entry, auto* buffer, auto size,
-                                     auto* found) { return ::getpwuid_r(id, entry, buffer, size, found); },
-                                &passwd::pw_name);
+        return databaseUserName(id);
     }
 
     std::optional<std::string> groupName(std::uint32_t id) override {
         if (auto name = groups_.nameOf(id)) {
             return name;
         }
-        return hostName<group>([id](auto* entry, auto* buffer, auto size,
-                                    auto* found) { return ::getgrgid_r(id, entry, buffer, size, found); },
-                               &group::gr_name);
+        return databaseGroupName(id);
     }
 
     Result<std::vector<DirectoryRecord>> usersNamed(const std::string& name) override {

@@ -8,24 +8,8 @@
 #include <unistd.h>
 
 #include <array>
-#include <charconv>
 
 namespace sentrova::platform {
-
-namespace {
-
-// The number that the text begins with, which is taken off it together with the dot behind it.
-std::int64_t takeNumber(std::string_view& text) {
-    std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-    if (text.starts_with('.')) {
-        text.remove_prefix(1);
-    }
-    return number;
-}
-
-}  // namespace
 
 std::optional<OperatingSystemVersion> operatingSystemVersion() {
     const auto bytes = FileSystem::shared().read(systemPath("/System/Library/CoreServices/SystemVersion.plist"));
@@ -38,12 +22,7 @@ std::optional<OperatingSystemVersion> operatingSystemVersion() {
     if (!version) {
         return std::nullopt;
     }
-    std::string_view rest = *version;
-    OperatingSystemVersion parsed;
-    parsed.major = takeNumber(rest);
-    parsed.minor = takeNumber(rest);
-    parsed.patch = takeNumber(rest);
-    return parsed;
+    return versionFromText(*version);
 }
 
 std::string localizedHostName() {
@@ -57,6 +36,10 @@ std::string localizedHostName() {
 std::uint64_t currentThreadId() {
     thread_local const auto id = static_cast<std::uint64_t>(::syscall(SYS_gettid));
     return id;
+}
+
+std::chrono::steady_clock::time_point timeAwake() {
+    return std::chrono::steady_clock::now();
 }
 
 }  // namespace sentrova::platform

@@ -1,0 +1,49 @@
+#include "platform/SignalSource.h"
+
+#include "platform/darwin/KernelQueue.h"
+
+#include <sys/event.h>
+
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+#include <thread>
+
+namespace sentrova::platform {
+
+namespace {
+
+// A kqueue hears of signals that the process ignores; sigwait would not: the kernel drops those at once.
+class KernelQueueSource final : public SignalSource {
+  public:
+    KernelQueueSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {
+        if (!queue_ || !queue_.watch(static_cast<std::uintptr_t>(signal), EVFILT_SIGNAL, 0)) {
+            throw std::system_error(errno, std::generic_category(), "cannot listen to signals");
+        }
+        // Only now, so that no signal is lost in between.
+        struct sigaction ignore{};
+        ignore.sa_handler = SIG_IGN;
+        sigemptyset(&ignore.sa_mask);
+        ::sigaction(signal, &ignore, nullptr);
+    }
+
+    void resume() override {
+        std::thread([queue = std::move(queue_), handler = handler_]() mutable {
+            while (queue.wait()) {
+                handler();
+            }
+        }).detach();
+    }
+
+  private:
+    KernelQueue queue_;
+    const std::function<void()> handler_;
+};
+
+}  // namespace
+
+std::unique_ptr<SignalSource> SignalSource::make(int signal, std::function<void()> handler) {
+    return std::make_unique<KernelQueueSource>(signal, std::move(handler));
+}
+
+}  // namespace sentrova::platform
