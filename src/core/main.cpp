@@ -48,6 +48,8 @@ int main() {
     ignore.sa_handler = SIG_IGN;
     sigemptyset(&ignore.sa_mask);
     ::sigaction(SIGTERM, &ignore, nullptr);
+    // Where the kernel sends it to the process, the network thread's own mask does not keep it away.
+    ::sigaction(SIGPIPE, &ignore, nullptr);
     try {
         if (AgentServiceHandler::initializeService()) {
             AgentServiceHandler::start();
