@@ -1,7 +1,19 @@
 find_package(Threads REQUIRED)
-find_package(PkgConfig REQUIRED)
 find_package(CURL 7.87 REQUIRED)
 find_package(OpenSSL 3.0 REQUIRED)
-find_package(ICU REQUIRED COMPONENTS i18n uc)
+find_package(ICU REQUIRED COMPONENTS i18n uc data)
 find_package(fmt 9 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
+
+# The TLS hooks of the agent are OpenSSL's, and the system's own libcurl has another library behind it.
+if(APPLE AND CURL_LIBRARIES MATCHES "\\.tbd")
+    message(FATAL_ERROR "This is the system's libcurl; use a preset, which finds one with OpenSSL")
+endif()
+
+# The Mac's own frameworks that src/platform/darwin calls.
+set(SENTROVA_HOST_LIBRARIES "")
+if(APPLE)
+    foreach(framework IN ITEMS CoreFoundation IOKit OpenDirectory SystemConfiguration)
+        list(APPEND SENTROVA_HOST_LIBRARIES "-framework ${framework}")
+    endforeach()
+endif()
