@@ -1,0 +1,23 @@
+# Stands for the libraries of cmake/Dependencies.cmake in the cross-build check: their headers are in a folder that every
+# source of the check sees, and there is nothing to link with.
+function(sentrova_provide_headers method package)
+    if(package STREQUAL "CURL")
+        set(targets CURL::libcurl)
+    elseif(package STREQUAL "OpenSSL")
+        set(targets OpenSSL::SSL OpenSSL::Crypto)
+    elseif(package STREQUAL "ICU")
+        set(targets ICU::i18n ICU::uc ICU::data)
+    elseif(package STREQUAL "Threads")
+        set(targets Threads::Threads)
+    else()
+        set(targets ${package}::${package})
+    endif()
+    foreach(target IN LISTS targets)
+        if(NOT TARGET ${target})
+            add_library(${target} INTERFACE IMPORTED GLOBAL)
+        endif()
+    endforeach()
+    set(${package}_FOUND TRUE PARENT_SCOPE)
+endfunction()
+
+cmake_language(SET_DEPENDENCY_PROVIDER sentrova_provide_headers SUPPORTED_METHODS FIND_PACKAGE)
