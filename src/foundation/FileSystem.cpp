@@ -2,9 +2,8 @@
 
 #include "platform/FileFacts.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -48,60 +47,10 @@ FileStatus fromHost(const struct stat& host) {
     return status;
 }
 
-int openAgain(int folder, const char* path, int flags, mode_t mode = 0) {
-    int number = -1;
-    do {
-        number = ::openat(folder, path, flags | O_CLOEXEC, mode);
-    } while (number < 0 && errno == EINTR);
-    return number;
-}
-
-int openAgain(const std::string& path, int flags, mode_t mode = 0) {
-    return openAgain(AT_FDCWD, path.c_str(), flags, mode);
-}
-
-// 0, or the error number.
-int writeWhole(int descriptor, std::span<const std::uint8_t> content) {
-    while (!content.empty()) {
-        const auto written = ::write(descriptor, content.data(), content.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written < 0) {
-            return errno;
-        }
-        content = content.subspan(static_cast<std::size_t>(written));
-    }
-    return 0;
-}
-
 // Without a slash at its end, which would have a link followed.
 std::string folderOf(const std::string& path) {
     const auto slash = path.find_last_of('/');
     return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
-}
-
-bool isLink(const std::string& path) {
-    struct stat host{};
-    return ::lstat(path.c_str(), &host) == 0 && S_ISLNK(host.st_mode);
-}
-
-// An own file: its name, and its folder, which was opened as no symbolic link. What is done with the two stays within
-// that folder whatever becomes of its path meanwhile.
-struct Place {
-    FileDescriptor folder;
-    std::string name;
-};
-
-Result<Place> placeOf(const std::string& path, const char* what) {
-    const auto folder = folderOf(path);
-    FileDescriptor opened(openAgain(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
-    if (!opened) {
-        const int number = errno;
-        // Hosts disagree on which error it is.
-        return failure(isLink(folder) ? ELOOP : number, what, path);
-    }
-    return Place{std::move(opened), path.substr(path.find_last_of('/') + 1)};
 }
 
 std::string temporaryNameFor(const std::string& name) {
@@ -123,9 +72,120 @@ void FileSystem::install(FileSystem* fileSystem) {
     installedFileSystem.store(fileSystem, std::memory_order_release);
 }
 
+// An own file: its name, and its folder, which was opened as no symbolic link. What is done with the two stays within
+// that folder whatever becomes of its path meanwhile.
+struct FileSystem::Place {
+    FileDescriptor folder;
+    Location file;
+
+    Location beside(const std::string& name) const { return {folder.get(), name, folderOf(file.path) + "/" + name}; }
+};
+
+FileSystem::Location FileSystem::locationOf(const std::string& path) {
+    return {AT_FDCWD, path, path};
+}
+
+std::ptrdiff_t FileSystem::readOnce(int descriptor, std::span<std::uint8_t> into) {
+    return ::read(descriptor, into.data(), into.size());
+}
+
+int FileSystem::hostOpen(const Location& at, int flags, mode_t mode) {
+    return ::openat(at.folder, at.name.c_str(), flags, mode);
+}
+
+std::ptrdiff_t FileSystem::hostWrite(int descriptor, std::span<const std::uint8_t> content) {
+    return ::write(descriptor, content.data(), content.size());
+}
+
+int FileSystem::hostFlush(int descriptor) {
+    errno = platform::flushToDisk(descriptor);
+    return errno == 0 ? 0 : -1;
+}
+
+int FileSystem::hostRename(const Location& from, const Location& to) {
+    return ::renameat(from.folder, from.name.c_str(), to.folder, to.name.c_str());
+}
+
+int FileSystem::hostRemove(const Location& at) {
+    struct stat host{};
+    if (::fstatat(at.folder, at.name.c_str(), &host, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(host.st_mode)) {
+        std::error_code error;
+        std::filesystem::remove_all(at.path, error);
+        errno = error.value();
+        return error ? -1 : 0;
+    }
+    return ::unlinkat(at.folder, at.name.c_str(), 0);
+}
+
+int FileSystem::hostMakeFolder(const Location& at, mode_t mode) {
+    return ::mkdirat(at.folder, at.name.c_str(), mode);
+}
+
+int FileSystem::hostStatus(const std::string& path, struct stat& status) {
+    return ::stat(path.c_str(), &status);
+}
+
+int FileSystem::hostLinkStatus(const Location& at, struct stat& status) {
+    return ::fstatat(at.folder, at.name.c_str(), &status, AT_SYMLINK_NOFOLLOW);
+}
+
+DIR* FileSystem::hostOpenFolder(const std::string& path) {
+    return ::opendir(path.c_str());
+}
+
+FileDescriptor FileSystem::open(const Location& at, int flags, mode_t mode) {
+    int number = -1;
+    do {
+        number = hostOpen(at, flags | O_CLOEXEC, mode);
+    } while (number < 0 && errno == EINTR);
+    return FileDescriptor(number);
+}
+
+// 0, or the error number.
+int FileSystem::flush(int descriptor) {
+    while (hostFlush(descriptor) != 0) {
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+// 0, or the error number.
+int FileSystem::writeWhole(int descriptor, std::span<const std::uint8_t> content) {
+    while (!content.empty()) {
+        const auto written = hostWrite(descriptor, content);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written < 0) {
+            return errno;
+        }
+        content = content.subspan(static_cast<std::size_t>(written));
+    }
+    return 0;
+}
+
+bool FileSystem::isLink(const std::string& path) {
+    struct stat host{};
+    return hostLinkStatus(locationOf(path), host) == 0 && S_ISLNK(host.st_mode);
+}
+
+Result<FileSystem::Place> FileSystem::placeOf(const std::string& path, const char* what) {
+    const auto folder = folderOf(path);
+    auto opened = open(locationOf(folder), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (!opened) {
+        const int number = errno;
+        // Hosts disagree on which error it is.
+        return failure(isLink(folder) ? ELOOP : number, what, path);
+    }
+    const int number = opened.get();
+    return Place{std::move(opened), {number, path.substr(path.find_last_of('/') + 1), path}};
+}
+
 Result<FileStatus> FileSystem::status(const std::string& path) {
     struct stat host{};
-    if (::stat(path.c_str(), &host) != 0) {
+    if (hostStatus(path, host) != 0) {
         return failure(errno, "cannot look at", path);
     }
     return fromHost(host);
@@ -133,14 +193,14 @@ Result<FileStatus> FileSystem::status(const std::string& path) {
 
 Result<FileStatus> FileSystem::linkStatus(const std::string& path) {
     struct stat host{};
-    if (::lstat(path.c_str(), &host) != 0) {
+    if (hostLinkStatus(locationOf(path), host) != 0) {
         return failure(errno, "cannot look at", path);
     }
     return fromHost(host);
 }
 
 Result<FileDescriptor> FileSystem::openForReading(const std::string& path) {
-    FileDescriptor file(openAgain(path, O_RDONLY));
+    auto file = open(locationOf(path), O_RDONLY);
     if (!file) {
         return failure(errno, "cannot open", path);
     }
@@ -153,7 +213,7 @@ Result<Data> FileSystem::read(const std::string& path) {
         return place.error();
     }
     // Without blocking, since a pipe in the file's place would hold the thread for good.
-    const FileDescriptor file(openAgain(place->folder.get(), place->name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+    const auto file = open(place->file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat host{};
     if (!file || ::fstat(file.get(), &host) != 0) {
         return failure(errno, "cannot open", path);
@@ -167,7 +227,7 @@ Result<Data> FileSystem::read(const std::string& path) {
     Data content(static_cast<std::size_t>(host.st_size));
     std::size_t filled = 0;
     while (filled < content.size()) {
-        const auto got = ::read(file.get(), content.data() + filled, content.size() - filled);
+        const auto got = readOnce(file.get(), std::span(content).subspan(filled));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -189,27 +249,26 @@ Result<Done> FileSystem::writeAtomically(const std::string& path, std::span<cons
     if (!place) {
         return place.error();
     }
-    const int folder = place->folder.get();
-    const auto temporary = temporaryNameFor(place->name);
-    FileDescriptor file(openAgain(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile));
+    const auto temporary = place->beside(temporaryNameFor(place->file.name));
+    auto file = open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile);
     if (!file) {
-        return failure(errno, "cannot create", folderOf(path) + "/" + temporary);
+        return failure(errno, "cannot create", temporary.path);
     }
     int problem = writeWhole(file.get(), content);
     if (problem == 0 && durability == Durability::flushed) {
-        problem = platform::flushToDisk(file.get());
+        problem = flush(file.get());
     }
     file.reset();
-    if (problem == 0 && ::renameat(folder, temporary.c_str(), folder, place->name.c_str()) != 0) {
+    if (problem == 0 && hostRename(temporary, place->file) != 0) {
         problem = errno;
     }
     if (problem != 0) {
-        ::unlinkat(folder, temporary.c_str(), 0);
+        hostRemove(temporary);
         return failure(problem, "cannot write", path);
     }
     if (durability == Durability::flushed) {
         // Without this the name may still be the old one after a loss of power.
-        platform::flushToDisk(folder);
+        flush(place->folder.get());
     }
     return Done();
 }
@@ -220,7 +279,7 @@ Result<Done> FileSystem::append(const std::string& path, std::string_view text) 
     if (isLink(folderOf(path))) {
         return failure(ELOOP, "cannot open", path);
     }
-    const FileDescriptor file(openAgain(path, O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK, kOwnerFile));
+    const auto file = open(locationOf(path), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK, kOwnerFile);
     if (!file) {
         return failure(errno, "cannot open", path);
     }
@@ -236,8 +295,7 @@ Result<Done> FileSystem::createFile(const std::string& path) {
     if (!place) {
         return place.error();
     }
-    const FileDescriptor file(
-        openAgain(place->folder.get(), place->name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile));
+    const auto file = open(place->file, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile);
     if (!file) {
         return failure(errno, "cannot create", path);
     }
@@ -249,7 +307,7 @@ Result<Done> FileSystem::createFolder(const std::string& path) {
     if (!place) {
         return place.error();
     }
-    if (::mkdirat(place->folder.get(), place->name.c_str(), kOwnerFolder) != 0) {
+    if (hostMakeFolder(place->file, kOwnerFolder) != 0) {
         return failure(errno, "cannot create the folder", path);
     }
     return Done();
@@ -260,7 +318,7 @@ Result<Done> FileSystem::restrictToOwner(const std::string& path) {
     if (!place) {
         return place.error();
     }
-    const FileDescriptor file(openAgain(place->folder.get(), place->name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK));
+    const auto file = open(place->file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     if (!file || ::fchmod(file.get(), kOwnerFile) != 0) {
         return failure(errno, "cannot restrict", path);
     }
@@ -272,13 +330,7 @@ Result<Done> FileSystem::remove(const std::string& path) {
     if (!place) {
         return place.error();
     }
-    struct stat host{};
-    if (::fstatat(place->folder.get(), place->name.c_str(), &host, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(host.st_mode)) {
-        std::error_code error;
-        std::filesystem::remove_all(path, error);
-        return error ? Result<Done>(failure(error.value(), "cannot remove", path)) : Done();
-    }
-    if (::unlinkat(place->folder.get(), place->name.c_str(), 0) != 0 && errno != ENOENT) {
+    if (hostRemove(place->file) != 0 && errno != ENOENT) {
         return failure(errno, "cannot remove", path);
     }
     return Done();
@@ -291,18 +343,18 @@ Result<Done> FileSystem::move(const std::string& from, const std::string& to) {
         return source ? destination.error() : source.error();
     }
     struct stat host{};
-    if (::fstatat(destination->folder.get(), destination->name.c_str(), &host, AT_SYMLINK_NOFOLLOW) == 0) {
-        return failure(EEXIST, "cannot move to", to);
+    // A destination that cannot be looked at may be there.
+    if (const bool there = hostLinkStatus(destination->file, host) == 0; there || errno != ENOENT) {
+        return failure(there ? EEXIST : errno, "cannot move to", to);
     }
-    if (::renameat(source->folder.get(), source->name.c_str(), destination->folder.get(), destination->name.c_str()) !=
-        0) {
+    if (hostRename(source->file, destination->file) != 0) {
         return failure(errno, "cannot move", from);
     }
     return Done();
 }
 
 Result<std::vector<std::string>> FileSystem::names(const std::string& folder) {
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(::opendir(folder.c_str()), [](DIR* d) { return ::closedir(d); });
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(hostOpenFolder(folder), [](DIR* d) { return ::closedir(d); });
     if (!stream) {
         return failure(errno, "cannot list", folder);
     }

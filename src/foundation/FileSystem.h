@@ -11,8 +11,11 @@
 #include "foundation/Result.h"
 #include "foundation/Value.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -80,10 +83,46 @@ class FileSystem {
     // Whether the path or the folder it is in is a symbolic link; for what is handed to other programs.
     bool isBehindLink(const std::string& path);
 
+    // One read of the host, from a file opened for it: how many bytes it gave, or -1 and errno. Neither repeats an
+    // interrupted call nor fills up a short one.
+    virtual std::ptrdiff_t readOnce(int descriptor, std::span<std::uint8_t> into);
+
     bool exists(const std::string& path) { return static_cast<bool>(status(path)); }
 
     // Whether the name is that of a temporary file of writeAtomically, left behind by a process that was killed.
     static bool isTemporaryName(std::string_view name);
+
+  protected:
+    // What a call of the host is made on: a name in a folder that is open, or a path (folder AT_FDCWD).
+    struct Location {
+        int folder = 0;
+        std::string name;
+        // The whole path, for a test to tell one call from another.
+        std::string path;
+    };
+
+    // The host's other calls, one each, below everything that repeats them or cleans up after them: here a test makes a
+    // single one fail. They answer as the host does, -1 or null with errno for a failure.
+    virtual int hostOpen(const Location& at, int flags, mode_t mode);
+    virtual std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content);
+    virtual int hostFlush(int descriptor);
+    virtual int hostRename(const Location& from, const Location& to);
+    virtual int hostRemove(const Location& at);
+    virtual int hostMakeFolder(const Location& at, mode_t mode);
+    virtual int hostStatus(const std::string& path, struct stat& status);
+    // Of a symbolic link itself.
+    virtual int hostLinkStatus(const Location& at, struct stat& status);
+    virtual DIR* hostOpenFolder(const std::string& path);
+
+  private:
+    struct Place;
+
+    static Location locationOf(const std::string& path);
+    Result<Place> placeOf(const std::string& path, const char* what);
+    bool isLink(const std::string& path);
+    FileDescriptor open(const Location& at, int flags, mode_t mode = 0);
+    int flush(int descriptor);
+    int writeWhole(int descriptor, std::span<const std::uint8_t> content);
 };
 
 }  // namespace sentrova
