@@ -70,9 +70,13 @@ std::ptrdiff_t AuditSource::read(std::span<std::uint8_t> into) {
         if (wakeReading_ && platform::waitForInput(file_.get(), wakeReading_.get()) != platform::InputWait::ready) {
             return -1;
         }
-        const auto got = ::read(file_.get(), into.data(), into.size());
-        if (got >= 0 || (errno != EINTR && errno != EAGAIN)) {
+        const auto got = FileSystem::shared().readOnce(file_.get(), into);
+        if (got >= 0) {
             return got;
+        }
+        if (errno != EINTR && errno != EAGAIN) {
+            problem_ = errno;
+            return -1;
         }
     }
     return -1;

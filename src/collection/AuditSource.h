@@ -39,6 +39,9 @@ class AuditSource final : public bsm::ByteSource {
     std::ptrdiff_t read(std::span<std::uint8_t> into) override;
     void interrupt();
 
+    // Why the last read failed, as an error number; for the reading thread.
+    int problem() const { return problem_; }
+
   private:
     AuditSource() = default;
 
@@ -47,6 +50,7 @@ class AuditSource final : public bsm::ByteSource {
     FileDescriptor wakeReading_;
     FileDescriptor wakeWriting_;
     std::atomic<bool> interrupted_ = false;
+    int problem_ = 0;
 };
 
 }  // namespace sentrova

@@ -218,7 +218,7 @@ void EventCollector::readRecords(AuditSource& source) {
     } catch (const std::exception& exception) {
         kLog.error(__func__, "{}", exception.what());
     }
-    logEnd(reader);
+    logEnd(reader, source);
 }
 
 void EventCollector::readRecord(std::span<const std::uint8_t> record) {
@@ -270,13 +270,14 @@ void EventCollector::deliver(Event& event) {
     }
 }
 
-void EventCollector::logEnd(const bsm::RecordReader& reader) const {
+void EventCollector::logEnd(const bsm::RecordReader& reader, const AuditSource& source) const {
     kProgress.info("readEvents", "{} ended: {} records read, {} events collected, {} excluded", path_, counts_.records,
                    counts_.events, counts_.excluded);
     using End = bsm::RecordReader::End;
     const auto end = reader.end();
     if (end == End::kReadError && !isCancelled()) {
-        kLog.error("readEvents", "Reading {} failed after {} bytes", path_, reader.position());
+        kLog.error("readEvents", "Reading {} failed after {} bytes: {}", path_, reader.position(),
+                   posixError(source.problem()).description);
     } else if (end == End::kGarbage || end == End::kTruncatedRecord) {
         const auto size = FileSystem::shared().status(platform::systemPath(path_));
         const auto unread = size && size->isRegular && size->size >= reader.position() ? size->size - reader.position()

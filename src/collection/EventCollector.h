@@ -59,7 +59,7 @@ class EventCollector final : public ConcurrentOperationAbstract {
     void readRecord(std::span<const std::uint8_t> record);
     void handleToken(const bsm::Token& token, std::optional<Event>& event);
     void deliver(Event& event);
-    void logEnd(const bsm::RecordReader& reader) const;
+    void logEnd(const bsm::RecordReader& reader, const AuditSource& source) const;
     void complete() EXCLUDES(mutex_);
 
     const std::string path_;

@@ -13,6 +13,7 @@
 #include "foundation/Mutex.h"
 #include "foundation/ProcessWide.h"
 
+#include <cerrno>
 #include <limits>
 #include <memory>
 
@@ -127,12 +128,11 @@ class LoginHistory {
 
   private:
     void load() EXCLUDES(mutex_) {
-        if (!FileUtils::doesFileExist(historyFile())) {
-            return;
-        }
         const auto bytes = FileSystem::shared().read(historyFile());
         if (!bytes) {
-            kLog.error("initialize", "Error while reading current login {}", bytes.error().description);
+            if (bytes.error().code != ENOENT) {
+                kLog.error("initialize", "Error while reading current login {}", bytes.error().description);
+            }
             return;
         }
         auto content = KeyedArchive::unarchive(*bytes);

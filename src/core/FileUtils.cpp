@@ -156,7 +156,10 @@ bool FileUtils::zipFile(const std::string& path) {
 
 std::optional<std::vector<std::string>> FileUtils::listOfFilesInPath(const std::string& folder) {
     const auto hostFolder = platform::systemPath(folder);
-    if (!fileSystem().exists(hostFolder)) {
+    if (const auto status = fileSystem().status(hostFolder); !status) {
+        if (status.error().code != ENOENT) {
+            kLog.error(__func__, "{}", status.error().description);
+        }
         return std::nullopt;
     }
     auto names = fileSystem().names(hostFolder);
