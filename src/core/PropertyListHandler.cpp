@@ -35,7 +35,7 @@ PropertyListHandler PropertyListHandler::initWithFile(const std::string& path) {
     if (bytes) {
         handler.parse(*bytes);
     } else if (bytes.error().code != ENOENT) {
-        handler.damaged_ = true;
+        handler.unread_ = true;
         kLog.error(__func__, "Property list {} is not read: {}", path, bytes.error().description);
     }
     return handler;
@@ -130,6 +130,10 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
         return false;
     }
     auto& fileSystem = FileSystem::shared();
+    if (unread_ && path_ && nameTheSameFile(*target, *path_)) {
+        kLog.error(__func__, "Property list {} could not be read, and so is not replaced", *target);
+        return true;
+    }
     const auto kept = *target + ".damaged";
     const bool replacesDamaged = damaged_ && path_ && nameTheSameFile(*target, *path_);
     if (replacesDamaged) {

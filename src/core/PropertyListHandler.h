@@ -61,8 +61,10 @@ class PropertyListHandler {
 
     Value root_ = Dictionary();
     bool changeable_ = true;
-    // The file is there, but what it holds could not be read.
+    // The file is there, but what it holds is no dictionary.
     bool damaged_ = false;
+    // The file is there, but the host would not give its content.
+    bool unread_ = false;
     std::optional<std::string> path_;
 };
 
