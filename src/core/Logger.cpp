@@ -20,8 +20,11 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <iterator>
 #include <map>
+#include <numeric>
 #include <stdexcept>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -135,7 +138,40 @@ class FileTable {
     Table table_ GUARDED_BY(mutex_);
 };
 
+// Lines that could not be written, category by category, until one can be. Of those of level 0 the text is kept, for
+// the first hundred; of the others their number.
+class UnwrittenLines {
+  public:
+    struct Lines {
+        std::size_t count = 0;
+        std::vector<std::string> errors;
+        // Why the last of them was not written.
+        std::string reason;
+    };
+
+    Lines take(std::string_view category) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        const auto found = lines_.find(category);
+        return found == lines_.end() ? Lines() : std::move(lines_.extract(found).mapped());
+    }
+
+    void add(std::string_view category, Lines lines) EXCLUDES(mutex_) {
+        constexpr std::size_t kMostKept = 100;
+        MutexLock lock(mutex_);
+        auto& kept = lines_[std::string(category)];
+        kept.count += lines.count;
+        std::ranges::move(lines.errors, std::back_inserter(kept.errors));
+        kept.errors.resize(std::min(kept.errors.size(), kMostKept));
+        kept.reason = std::move(lines.reason);
+    }
+
+  private:
+    Mutex mutex_;
+    std::map<std::string, Lines, std::less<>> lines_ GUARDED_BY(mutex_);
+};
+
 ProcessWide<FileTable> theFileTable;
+ProcessWide<UnwrittenLines> theUnwrittenLines;
 
 // The name under which a file that has grown too large goes on.
 std::string continuationOf(const std::string& path) {
@@ -177,16 +213,18 @@ std::string harmless(std::string_view message) {
     return text;
 }
 
-// Puts a symbolic link in the place of a current file out of the way: not followed, not removed, but left behind.
-void writeBesideLink(std::string_view category, const std::string& path, std::string_view line) {
+// Leaves a symbolic link in the place of a current file behind, neither followed nor removed: the log goes on beside
+// it.
+Result<Done> appendBesideLink(std::string_view category, const std::string& path, std::string_view text) {
     const auto status = FileSystem::shared().linkStatus(path);
     if (!status || !status->isSymbolicLink) {
-        return;
+        return posixError(ELOOP);
     }
     const auto next = continuationOf(path);
     theFileTable.get().replace(std::string(category), next);
-    FileUtils::writeToFile(next, line);
+    auto written = FileSystem::shared().append(next, text);
     kLog.error(__func__, "The log file {} is a symbolic link and is not followed; the log goes on in {}", path, next);
+    return written;
 }
 
 }  // namespace
@@ -238,10 +276,30 @@ void Logger::file(std::string_view category, std::string_view print, std::int32_
         cleaned = harmless(str);
         str = cleaned;
     }
-    const auto line = fmt::format("[{}][{}][{}:{}][{}]{}\r\n", DateFormat::format("yyyy-MM-dd HH:mm:ss Z", now), print,
-                                  ::getpid(), platform::currentThreadId(), formatTypeToString(level), str);
-    if (const auto written = FileSystem::shared().append(path, line); !written && written.error().code == ELOOP) {
-        writeBesideLink(category, path, line);
+    const auto lineOf = [this, now](std::string_view source, std::int32_t ofLevel, std::string_view text) {
+        return fmt::format("[{}][{}][{}:{}][{}]{}\r\n", DateFormat::format("yyyy-MM-dd HH:mm:ss Z", now), source,
+                           ::getpid(), platform::currentThreadId(), formatTypeToString(ofLevel), text);
+    };
+    auto line = lineOf(print, level, str);
+    auto unwritten = theUnwrittenLines.get().take(category);
+    std::string text;
+    if (unwritten.count > 0) {
+        text = lineOf("Logger", LogLevel::Error,
+                      fmt::format("{} lines could not be written when they came, and {} of them follow: {}",
+                                  unwritten.count, unwritten.errors.size(), unwritten.reason));
+        text = std::accumulate(unwritten.errors.begin(), unwritten.errors.end(), std::move(text));
+    }
+    auto written = FileSystem::shared().append(path, text + line);
+    if (!written && written.error().code == ELOOP) {
+        written = appendBesideLink(category, path, text + line);
+    }
+    if (!written) {
+        ++unwritten.count;
+        unwritten.reason = written.error().description;
+        if (level == LogLevel::Error) {
+            unwritten.errors.push_back(std::move(line));
+        }
+        theUnwrittenLines.get().add(category, std::move(unwritten));
     }
 }
 

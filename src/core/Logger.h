@@ -26,7 +26,8 @@ struct LogLevel {
 // A line is "[time][class][process:thread][level]message" and CR LF, in UTF-8. All loggers share the table of current
 // files, which survives restarts in `logfile.plist`; each has a level of its own, read when it is made. Safe from any
 // thread; a line is opened, appended whole and closed. A message with control characters or line breaks in it cannot
-// pass for another line. A line that cannot be written is lost: there is nowhere to say so.
+// pass for another line. Lines that could not be written are announced ahead of the next one of their category that can
+// be, and those of level 0 among them repeated, up to a hundred.
 class Logger {
   public:
     static constexpr const char* kDidWakeNotification = "NSWorkspaceDidWakeNotification";
