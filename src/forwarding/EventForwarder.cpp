@@ -167,6 +167,10 @@ void EventForwarder::process(const std::optional<FileUrl>& file) {
     if (file) {
         const bool deleted = FileUtils::deleteFile(file->path());
         kLog.info(__func__, "Going to Delete the file {} {:d}", file->absoluteString(), deleted);
+        if (FileSystem::shared().linkStatus(file->path())) {
+            kLog.error(__func__, "The file {} has been sent and is still there: it is sent again at the next start",
+                       file->path());
+        }
     }
 }
 

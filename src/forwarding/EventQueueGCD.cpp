@@ -16,6 +16,8 @@
 
 #include <algorithm>
 #include <memory>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -39,6 +41,18 @@ void post(std::string_view name, Dictionary userInfo = {}) {
 
 void postFile(const FileUrl& file) {
     post(EventQueueGCD::kEventFileNotification, {{EventQueueGCD::kFileUrl, file.absoluteString()}});
+}
+
+// The times of a batch's events, by which a person finds them in the trails again; empty when they have none.
+std::string recordedWhen(const Array& events) {
+    std::vector<std::int64_t> times;
+    for (const auto& event : events) {
+        if (const auto& time = (*event.dictionary())["record_time"]; time.isNumber()) {
+            times.push_back(time.integerValue());
+        }
+    }
+    const auto [first, last] = std::ranges::minmax_element(times);
+    return times.empty() ? "" : fmt::format(", recorded from {} to {}", *first, *last);
 }
 
 // Gives every batch a name of its own: the present millisecond or, when that is taken, the next free one.
@@ -108,19 +122,20 @@ class Spool {
         kLog.info("enqueue", " filename {}", path);
         const Value batch(std::exchange(queueData_, {}));
         if (const auto text = Json::write(batch)) {
-            write(path, *text, batch.array()->size());
+            write(path, *text, *batch.array());
         } else {
             kLog.error("enqueue", "error in json data {}", text.error().description);
         }
         postFile(FileUrl(path));
     }
 
-    static void write(const std::string& path, const std::string& text, std::size_t events) {
+    static void write(const std::string& path, const std::string& text, const Array& events) {
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
         const auto written =
             FileSystem::shared().writeAtomically(path, {bytes, text.size()}, FileSystem::Durability::renamed);
         if (!written) {
-            kLog.error("enqueue", "A batch of {} events is lost: {}", events, written.error().description);
+            kLog.error("enqueue", "A batch of {} events is lost{}: {}", events.size(), recordedWhen(events),
+                       written.error().description);
         }
     }
 
@@ -144,14 +159,25 @@ class Spool {
             return std::nullopt;
         }
         if (!TransportEngine::isConnected()) {
-            kLog.debug("dequeue", "Created Event notification again");
-            dispatchQueue_.after(kEventsAnnouncedAgain, [] { post(EventQueueGCD::kEventForwardNotification); });
+            announceEventsAgain();
             return std::nullopt;
         }
         kLog.debug("dequeue", "Reading events from Queue");
         const Value batch(std::exchange(queueData_, {}));
         kLog.debug("dequeue", "EventQueueGCD dequeue count {}", batch.array()->size());
         return Json::write(batch).optional();
+    }
+
+    // One announcement at a time: every event asks for one ten seconds after it came, and while the server is away for
+    // a day, one for each of them would go round and round.
+    void announceEventsAgain() {
+        kLog.debug("dequeue", "Created Event notification again");
+        if (!std::exchange(eventsAnnouncedAgain_, true)) {
+            dispatchQueue_.after(kEventsAnnouncedAgain, [this] {
+                eventsAnnouncedAgain_ = false;
+                post(EventQueueGCD::kEventForwardNotification);
+            });
+        }
     }
 
     // Notes one more pair of delayed notifications. There is one timer, for the pairs that fall due next.
@@ -189,6 +215,7 @@ class Spool {
     // Only on the queue.
     Array queueData_;
     FileNames fileNames_;
+    bool eventsAnnouncedAgain_ = false;
 
     Mutex pairsMutex_;
     DelayedPairs pairs_ GUARDED_BY(pairsMutex_);
