@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -141,8 +142,7 @@ class Spool {
 
     std::optional<std::string> readFile(const FileUrl& file) {
         if (!TransportEngine::isConnected()) {
-            kLog.debug("dequeue", "Created file notification again for {}", file.absoluteString());
-            dispatchQueue_.after(kFileAnnouncedAgain, [file] { postFile(file); });
+            announceAgain(file);
             return std::nullopt;
         }
         kLog.info("dequeue", "Going to read from file {}", file.path());
@@ -166,6 +166,20 @@ class Spool {
         const Value batch(std::exchange(queueData_, {}));
         kLog.debug("dequeue", "EventQueueGCD dequeue count {}", batch.array()->size());
         return Json::write(batch).optional();
+    }
+
+    // Files are announced again in rounds, and in a round in the order of their names: with a time of its own for each,
+    // what waited for a day would go out in the order in which the times fall.
+    void announceAgain(const FileUrl& file) {
+        kLog.debug("dequeue", "Created file notification again for {}", file.absoluteString());
+        if (filesToAnnounce_.empty()) {
+            dispatchQueue_.after(kFileAnnouncedAgain, [this] {
+                for (const auto& path : std::exchange(filesToAnnounce_, {})) {
+                    postFile(FileUrl(path));
+                }
+            });
+        }
+        filesToAnnounce_.insert(file.path());
     }
 
     // One announcement at a time: every event asks for one ten seconds after it came, and while the server is away for
@@ -215,6 +229,8 @@ class Spool {
     // Only on the queue.
     Array queueData_;
     FileNames fileNames_;
+    // As many as the spool has files, which its size limit bounds.
+    std::set<std::string> filesToAnnounce_;
     bool eventsAnnouncedAgain_ = false;
 
     Mutex pairsMutex_;
