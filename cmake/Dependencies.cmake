@@ -6,7 +6,7 @@ find_package(fmt 9 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
 
 # The TLS hooks of the agent are OpenSSL's, and the system's own libcurl has another library behind it.
-if(APPLE AND CURL_LIBRARIES MATCHES "\\.tbd")
+if(APPLE AND CURL_LIBRARIES MATCHES "libcurl[.0-9]*\\.tbd")
     message(FATAL_ERROR "This is the system's libcurl; use a preset, which finds one with OpenSSL")
 endif()
 
