@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -167,9 +168,14 @@ std::string DateFormat::format(std::string_view pattern, Date date) {
 }
 
 std::optional<Date> DateFormat::parse(std::string_view pattern, std::string_view text) {
-    constexpr double kMillisecondsInSecond = 1000;
+    // The range of a date; beyond it a conversion would overflow.
+    constexpr UDate kLimit = 9.2e12;
     const auto date = theFormatters.get().parse(pattern, text);
-    return date ? std::optional(dateFromEpoch(*date / kMillisecondsInSecond)) : std::nullopt;
+    if (!date) {
+        return std::nullopt;
+    }
+    // Not by way of seconds, of which a real number loses the last millisecond.
+    return Date(std::chrono::milliseconds(static_cast<std::int64_t>(std::clamp(*date, -kLimit, kLimit))));
 }
 
 std::string DateFormat::longStyle(Date date) {
@@ -177,9 +183,11 @@ std::string DateFormat::longStyle(Date date) {
 }
 
 std::string DateFormat::universal(Date date) {
-    const auto day = std::chrono::floor<std::chrono::days>(date);
+    // In seconds: the first date of all has no beginning of its day.
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(date);
+    const auto day = std::chrono::floor<std::chrono::days>(seconds);
     const std::chrono::year_month_day calendar(day);
-    const std::chrono::hh_mm_ss time(std::chrono::floor<std::chrono::seconds>(date - day));
+    const std::chrono::hh_mm_ss time(seconds - day);
     return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02} +0000", static_cast<int>(calendar.year()),
                        static_cast<unsigned>(calendar.month()), static_cast<unsigned>(calendar.day()),
                        time.hours().count(), time.minutes().count(), time.seconds().count());

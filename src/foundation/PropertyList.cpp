@@ -155,12 +155,14 @@ class XmlWriter {
     }
 
     bool writeDate(Date date) {
-        const auto day = std::chrono::floor<std::chrono::days>(date);
+        // In seconds: the first date of all has no beginning of its day.
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(date);
+        const auto day = std::chrono::floor<std::chrono::days>(seconds);
         const std::chrono::year_month_day calendar(day);
         if (calendar.year() < std::chrono::year(0) || calendar.year() > std::chrono::year(9999)) {
             return refuse("a date whose year has not four digits");
         }
-        const std::chrono::hh_mm_ss time(std::chrono::floor<std::chrono::seconds>(date - day));
+        const std::chrono::hh_mm_ss time(seconds - day);
         writeLine("date", fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", static_cast<int>(calendar.year()),
                                       static_cast<unsigned>(calendar.month()), static_cast<unsigned>(calendar.day()),
                                       time.hours().count(), time.minutes().count(), time.seconds().count()));

@@ -82,6 +82,7 @@ TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
     }
     EXPECT_EQ(DateFormat::universal(kDate), "2026-11-15 15:58:40 +0000");
     EXPECT_EQ(DateFormat::universal(Date(nanoseconds(-1))), "1969-12-31 23:59:59 +0000");
+    EXPECT_EQ(DateFormat::universal(Date::min()), "1677-09-21 00:12:43 +0000");
 }
 
 TEST_F(DateFormatTest, OnlyWholeAndRealDatesParse) {
@@ -94,6 +95,8 @@ TEST_F(DateFormatTest, OnlyWholeAndRealDatesParse) {
                              "2020-02-30 00:00:00", "2020-01-01 24:00:01", "2020-13-01 00:00:00"}) {
         EXPECT_EQ(DateFormat::parse(kPattern, text), std::nullopt) << text;
     }
+    EXPECT_EQ(DateFormat::parse("yyyyMMddHHmmssSSS", "20461204103132657"), Date(milliseconds(2427532292657)))
+        << "to the last millisecond";
     setZone("Europe/Paris");
     EXPECT_EQ(DateFormat::parse(kPattern, "2020-01-01 00:00:00"), Date(seconds(1577833200)));
 }
