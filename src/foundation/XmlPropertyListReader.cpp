@@ -27,6 +27,10 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
+bool isForbiddenControl(char c) {
+    return c >= '\0' && c < ' ' && c != '\t' && c != '\n' && c != '\r';
+}
+
 template <class T>
 std::optional<T> number(std::string_view digits, int base = 10) {
     T value = 0;
@@ -218,6 +222,10 @@ std::string XmlPropertyListReader::readText(const Tag& tag) {
         if (accept("<![CDATA[")) {
             text += takeThrough("]]>");
         } else if (!skipComment()) {
+            // What could not be written back would keep the agent from ever changing the file.
+            if (std::ranges::any_of(text, isForbiddenControl)) {
+                fail("text with control characters");
+            }
             expectClosing(tag.name);
             return text;
         }

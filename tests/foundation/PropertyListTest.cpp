@@ -149,6 +149,7 @@ TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
         {"<plist><string>&#0;</string></plist>", "no character"},
         {"<plist><string>&#xD800;</string></plist>", "no character"},
         {"<plist><string>\xFF</string></plist>", "not UTF-8"},
+        {"<plist><string>a<![CDATA[\x01]]></string></plist>", "control characters"},
         {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><plist><true/></plist>", "encoding"},
         {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>", "definitions"},
         {"<plist><string>a", "ends too early"},
