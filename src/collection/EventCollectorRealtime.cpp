@@ -53,6 +53,10 @@ void EventCollectorRealtime::start() {
     const auto reader = std::make_shared<EventCollector>(
         AuditSource::kPipe, EventSelection::split(GlobalVariables::getInstance().eventsToRead()));
     theSlot.get().set(reader);
+    {
+        MutexLock lock(mutex_);
+        reader_ = reader;
+    }
     // A cancel that came before the reader was in its place found nothing to end.
     if (isCancelled()) {
         reader->cancel();
@@ -69,6 +73,15 @@ void EventCollectorRealtime::cancel() {
     // The flag first: a reader that is only being made is then ended by start.
     cancelOperation();
     theSlot.get().cancelExecuting();
+    std::shared_ptr<EventCollector> reader;
+    {
+        MutexLock lock(mutex_);
+        reader = reader_;
+    }
+    // One that is in its place but does not execute yet would otherwise begin, and never end.
+    if (reader && !reader->isCancelled() && !reader->isFinished()) {
+        reader->cancel();
+    }
     completeOperation();
 }
 

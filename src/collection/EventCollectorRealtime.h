@@ -6,6 +6,7 @@
 
 #pragma once
 
+#include "collection/EventCollector.h"
 #include "foundation/KeyValueObserving.h"
 #include "foundation/Mutex.h"
 #include "operations/ConcurrentOperationAbstract.h"
@@ -31,6 +32,8 @@ class EventCollectorRealtime final : public ConcurrentOperationAbstract,
   private:
     Mutex mutex_{LockRank::owner};
     Subscription observation_ GUARDED_BY(mutex_);
+    // The reader of the latest start.
+    std::shared_ptr<EventCollector> reader_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sentrova

@@ -1,10 +1,12 @@
 #include "collection/EventCollectorRealtime.h"
 #include "core/GlobalVariables.h"
 #include "forwarding/EventQueueGCD.h"
+#include "foundation/FileSystem.h"
 #include "support/AgentFixture.h"
 #include "support/TrailWriter.h"
 
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -68,6 +70,23 @@ TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) 
         EXPECT_EQ(logged(std::string("[INFO]") + test.flags + "\r\n"), 1);
     }
     EXPECT_EQ(logged("[ERROR]EventCollectorRealtime didn't run because conditions didnot match"), 4);
+}
+
+TEST_F(EventCollectorRealtimeTest, CancelBetweenTheReadersMakingAndItsBeginningEndsTheReading) {
+    // Cancels as soon as the reader says that it starts.
+    struct CancelAtStart final : FileSystem {
+        CancelAtStart() { install(this); }
+        ~CancelAtStart() override { install(nullptr); }
+        Result<Done> append(const std::string& path, std::string_view text) override {
+            if (text.find("Eventcollector start called") != std::string_view::npos) {
+                operation->cancel();
+            }
+            return FileSystem::append(path, text);
+        }
+        std::shared_ptr<EventCollectorRealtime> operation = std::make_shared<EventCollectorRealtime>();
+    } fileSystem;
+    auto reading = std::async(std::launch::async, [&] { fileSystem.operation->start(); });
+    EXPECT_TRUE(eventually([&] { return reading.wait_for(0s) == std::future_status::ready; }));
 }
 
 TEST_F(EventCollectorRealtimeTest, ReachedSizeLimitEndsTheReadingForGood) {
