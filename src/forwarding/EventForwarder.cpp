@@ -25,17 +25,33 @@ bool looksLikeBatch(std::string_view data) {
     return data.starts_with('[') && data.ends_with(']') && isValidUtf8(data);
 }
 
+// Keeps what is no batch in a file of its own. Two of one second do not share one: together they might read as one.
+void setAside(const std::string& data) {
+    static Mutex oneAtATime;
+    MutexLock lock(oneAtATime);
+    const auto first = fmt::format("{}/undelivered_{}", GlobalVariables::getInstance().eventDataPath(),
+                                   Clock::shared().epochSeconds());
+    auto aside = first;
+    for (int number = 2; FileUtils::doesFileExist(aside); ++number) {
+        aside = fmt::format("{}_{}", first, number);
+    }
+    kLog.error("putBack", "A batch that was not delivered is no JSON array; its {} bytes are kept in {}", data.size(),
+               aside);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(data.data());
+    const auto written =
+        FileSystem::shared().writeAtomically(aside, {bytes, data.size()}, FileSystem::Durability::renamed);
+    if (!written) {
+        kLog.error("putBack", "The {} bytes are lost: {}", data.size(), written.error().description);
+    }
+}
+
 // Gives the events of a batch back to the spool, in their order. A batch that is none after all is put aside, since its
 // file is gone.
 void putBack(const std::string& data) {
     auto parsed = Json::parse(data, {data.size(), 512});
     auto* const events = parsed ? parsed->array() : nullptr;
     if (!events) {
-        const auto aside = fmt::format("{}/undelivered_{}", GlobalVariables::getInstance().eventDataPath(),
-                                       Clock::shared().epochSeconds());
-        kLog.error(__func__, "A batch that was not delivered is no JSON array; its {} bytes are kept in {}",
-                   data.size(), aside);
-        FileUtils::writeToFile(aside, data);
+        setAside(data);
         return;
     }
     for (auto& event : *events) {

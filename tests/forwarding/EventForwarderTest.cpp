@@ -175,12 +175,17 @@ TEST_F(EventForwarderTest, FileThatIsNoBatchStaysWhereItIs) {
     // What only looked like one is not lost when it is not delivered.
     forwarder_->process(addFile("event_2", "[{\"n\":1},2]"));
     forwarder_->process(addFile("event_3", "[no json]"));
-    answer(0, {500, ""});
-    answer(1, {500, ""});
+    forwarder_->process(addFile("event_4", "[nor this]"));
+    for (const auto number : {0U, 1U, 2U}) {
+        answer(number, {500, ""});
+    }
     EXPECT_EQ(EventQueueGCD::length(), 1U);
-    std::string kept;
-    std::getline(std::ifstream(volume().eventData() / ("undelivered_" + std::to_string(clock().epochSeconds()))), kept);
-    EXPECT_EQ(kept, "[no json]");
+    const auto aside = "undelivered_" + std::to_string(clock().epochSeconds());
+    for (const auto& [name, content] : {std::pair(aside, "[no json]"), std::pair(aside + "_2", "[nor this]")}) {
+        std::string kept;
+        std::getline(std::ifstream(volume().eventData() / name), kept);
+        EXPECT_EQ(kept, content) << "one of a second does not come to stand behind another";
+    }
 }
 
 TEST_F(EventForwarderTest, CancelledForwarderHearsNoMore) {
