@@ -15,6 +15,12 @@ namespace {
 
 // The threads of all activities; there is one for each run under way.
 struct BackgroundService {
+    // Waits for the runs under way.
+    void quiesce() {
+        queue.cancelAllOperations();
+        queue.waitUntilAllOperationsAreFinished();
+    }
+
     OperationQueue queue;
 };
 

@@ -23,7 +23,7 @@ void ProcessWideState::noteMade() {
     made().states.push_back(this);
 }
 
-void ProcessWideState::reset() {
+void ProcessWideState::endThreads() {
     std::vector<ProcessWideState*> states;
     {
         MutexLock lock(made().mutex);
@@ -32,6 +32,10 @@ void ProcessWideState::reset() {
     for (auto* state : states) {
         state->quiesce();
     }
+}
+
+void ProcessWideState::reset() {
+    endThreads();
     for (;;) {
         ProcessWideState* youngest = nullptr;
         {

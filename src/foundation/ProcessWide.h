@@ -15,9 +15,10 @@ namespace sentrova {
 class ProcessWideState {
   public:
     // Destroys everything process-wide, the youngest first, as if the process had just begun. Only while no other
-    // thread uses any of it, but for the threads of objects with a function quiesce, which is called before anything
-    // goes and ends them.
+    // thread uses any of it, but for those that endThreads ends, which is called first.
     static void reset();
+    // Ends the threads of the objects that have some, by their function quiesce.
+    static void endThreads();
 
     ProcessWideState(const ProcessWideState&) = delete;
     ProcessWideState& operator=(const ProcessWideState&) = delete;

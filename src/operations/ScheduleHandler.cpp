@@ -113,7 +113,12 @@ class TaskList {
 class DailyTimers {
   public:
     DailyTimers() = default;
-    ~DailyTimers() {
+    ~DailyTimers() { quiesce(); }
+    DailyTimers(const DailyTimers&) = delete;
+    DailyTimers& operator=(const DailyTimers&) = delete;
+
+    // Ends the timers and their threads.
+    void quiesce() EXCLUDES(mutex_) {
         std::list<std::thread> threads;
         {
             MutexLock lock(mutex_);
@@ -127,8 +132,6 @@ class DailyTimers {
             thread.join();
         }
     }
-    DailyTimers(const DailyTimers&) = delete;
-    DailyTimers& operator=(const DailyTimers&) = delete;
 
     void startThread(const Dictionary& entry) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);

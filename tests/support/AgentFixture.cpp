@@ -87,6 +87,9 @@ void AgentFixture::writeConfiguration() {
 
 void AgentFixture::restart() {
     session_->forget();
+    ProcessWideState::endThreads();
+    // What a task's last request was answered with.
+    session_->settle();
     ProcessWideState::reset();
 }
 
