@@ -14,3 +14,7 @@ if(SENTROVA_SANITIZE)
     target_compile_options(sentrova-options INTERFACE -fsanitize=${SENTROVA_SANITIZE} -fno-sanitize-recover=all -O1)
     target_link_options(sentrova-options INTERFACE -fsanitize=${SENTROVA_SANITIZE})
 endif()
+
+if(SENTROVA_FUZZ)
+    target_compile_options(sentrova-options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

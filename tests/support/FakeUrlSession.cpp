@@ -62,6 +62,14 @@ void FakeUrlSession::forget() {
     settle();
 }
 
+void FakeUrlSession::startAnew() {
+    forget();
+    respondWith(nullptr);
+    MutexLock lock(mutex_);
+    sent_.clear();
+    waiting_.clear();
+}
+
 void FakeUrlSession::complete(Completion completion, const Answer& answer) {
     delegateQueue_.async([completion = std::move(completion), answer] {
         if (answer.error) {

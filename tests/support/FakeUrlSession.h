@@ -54,6 +54,9 @@ class FakeUrlSession final : public UrlSession {
     // Drops the completions of unanswered requests; the requests stay on record.
     void forget() EXCLUDES(mutex_);
 
+    // As after the constructor: no requests on record, no responder.
+    void startAnew() EXCLUDES(mutex_);
+
   private:
     void complete(Completion completion, const Answer& answer);
 

@@ -1,0 +1,26 @@
+// JSON texts: what is read can be written, and reads again as the same.
+
+#include "foundation/Json.h"
+#include "foundation/Text.h"
+#include "fuzz/Fuzz.h"
+
+namespace sentrova::testing {
+
+void fuzz(std::span<const std::uint8_t> input) {
+    const auto value = Json::parse(asText(input));
+    if (!value) {
+        require(!value.error().description.empty(), "a refusal has a reason");
+        return;
+    }
+    require(isValidUtf8(value->description()), "the description of a value is text");
+    require(Json::isValidObject(*value), "what is read can be written");
+    const auto text = Json::write(*value);
+    require(static_cast<bool>(text), "what can be written is written");
+    const auto again = Json::parse(*text);
+    require(again && *again == *value, "what is written reads as the same", *text);
+    // Bodies go out as ASCII.
+    const auto sent = Json::parse(asciiLossy(*text));
+    require(sent && sent->array() == nullptr == (value->array() == nullptr), "what is sent is JSON", *text);
+}
+
+}  // namespace sentrova::testing

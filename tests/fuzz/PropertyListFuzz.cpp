@@ -1,0 +1,33 @@
+// Property lists in both forms: what is read can be written as XML, and reads again as the same.
+
+#include "foundation/PropertyList.h"
+#include "foundation/Text.h"
+#include "fuzz/Fuzz.h"
+
+namespace sentrova::testing {
+
+void fuzz(std::span<const std::uint8_t> input) {
+    const auto value = PropertyList::parse(input);
+    if (!value) {
+        require(!value.error().description.empty(), "a refusal has a reason");
+        return;
+    }
+    require(isValidUtf8(value->description()), "the description of a value is text");
+    const bool isBinary = asText(input).starts_with("bplist");
+    const auto written = PropertyList::writeXml(*value);
+    if (!written) {
+        // Binary lists carry control characters and far dates, which XML cannot.
+        require(isBinary, "what is read as XML is written as XML", written.error().description);
+        return;
+    }
+    const auto again = PropertyList::parse(*written);
+    require(static_cast<bool>(again), "what is written reads", asText(*written));
+    const auto text = PropertyList::writeXml(*again);
+    require(text && *text == *written, "what is written reads as the same", asText(*written));
+    // Parts of a second, and numbers that are none, are equal in their texts only.
+    if (!isBinary && asText(*written).find("nan") == std::string_view::npos) {
+        require(*again == *value, "the values are the same", asText(*written));
+    }
+}
+
+}  // namespace sentrova::testing

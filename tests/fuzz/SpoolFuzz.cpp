@@ -1,0 +1,128 @@
+// What lies in the spool's folder at a start. The input: a byte whose bits say which deliveries fail, then the files,
+// each a record separator (0x1E), a name, a unit separator (0x1F) and a content; a name that ends with "/" is a
+// folder's.
+
+#include "forwarding/EventForwarder.h"
+#include "forwarding/EventQueueGCD.h"
+#include "forwarding/TransportEngine.h"
+#include "foundation/Json.h"
+#include "foundation/Text.h"
+#include "fuzz/Fuzz.h"
+#include "fuzz/FuzzAgent.h"
+
+#include <algorithm>
+
+namespace sentrova::testing {
+
+namespace {
+
+using Files = std::map<std::string, Data>;
+
+std::size_t eventsIn(std::string_view batch) {
+    const auto parsed = Json::parse(batch, {batch.size(), 512});
+    const auto* const array = parsed ? parsed->array() : nullptr;
+    return array ? static_cast<std::size_t>(std::ranges::count_if(*array, [](auto& e) { return e.dictionary(); })) : 0;
+}
+
+Files putFiles(FuzzAgent& agent, std::string_view input) {
+    Files files;
+    for (const auto part : parts(input, '\x1E', 24)) {
+        const auto name = std::string(part.substr(0, std::min(part.find('\x1F'), part.size())));
+        const auto path = agent.path("eventData/") + name;
+        const auto content = asBytes(part.substr(std::min(name.size() + 1, part.size())));
+        const auto plain = name.substr(0, name.find('/'));
+        if (plain.empty() || plain == "." || plain == ".." || plain.find('\0') != std::string::npos ||
+            name.size() > plain.size() + 1 || agent.files().exists(path)) {
+            continue;
+        }
+        if (name.ends_with('/')) {
+            require(static_cast<bool>(agent.files().createFolder(path)), "a folder is made");
+        } else {
+            agent.files().put(path, content);
+            files.emplace(name, Data(content.begin(), content.end()));
+        }
+    }
+    return files;
+}
+
+// Starts the forwarder on what there is, and goes on until its queue has nothing to do, twice.
+std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
+    std::vector<std::string> delivered;
+    std::size_t requests = 0;
+    agent.session().respondWith([&](const FakeUrlSession::Sent& sent) {
+        const bool fails = (failing >> (requests++ % 8) & 1U) != 0;
+        if (!fails) {
+            delivered.push_back(sent.body);
+        }
+        return FakeUrlSession::Answer{fails ? 500 : 200, "{}"};
+    });
+    EventQueueGCD::init();
+    auto forwarder = EventForwarder::init();
+    // Each block of the forwarder's queue holds it.
+    const auto idle = [&forwarder] { return forwarder.use_count() == 1; };
+    forwarder->start();
+    for (int round = 0; round < 3; ++round) {
+        require(FuzzAgent::eventually(idle), "the forwarder ends its work");
+        agent.session().settle();
+        if (round < 2) {
+            TransportEngine::setIsConnected(true);
+            agent.clock().advance(std::chrono::seconds(10));
+            EventQueueGCD::length();
+        }
+    }
+    forwarder->cancel();
+    return delivered;
+}
+
+}  // namespace
+
+void fuzz(std::span<const std::uint8_t> input) {
+    // Lines of the log are counted, and must not be forged by what is logged.
+    if (input.empty() || asText(input).find("[ERROR]") != std::string_view::npos) {
+        return;
+    }
+    auto& agent = FuzzAgent::fresh();
+    const auto before = putFiles(agent, asText(input.subspan(1)));
+    auto delivered = deliver(agent, input[0]);
+    TransportEngine::setIsConnected(true);
+    const auto inMemory = EventQueueGCD::dequeue(std::nullopt);
+    auto after = agent.files().files(agent.path("eventData"));
+
+    std::size_t expected = 0;
+    std::vector<std::string_view> noJson;
+    for (const auto& [name, bytes] : before) {
+        const auto content = asText(bytes);
+        const auto left = after.find(name);
+        if (!(content.starts_with('[') && content.ends_with(']') && isValidUtf8(content))) {
+            require(left != after.end() && left->second == bytes, "a file that is no batch stays", name);
+            after.erase(left);
+        } else if (left != after.end() && left->second == bytes) {
+            require(input[0] != 0 || name.starts_with('.'), "a batch is delivered when the server is there", name);
+            after.erase(left);
+        } else if (const auto sent = std::ranges::find(delivered, asciiLossy(content)); sent != delivered.end()) {
+            delivered.erase(sent);
+        } else {
+            const auto json = Json::parse(content, {content.size(), 512});
+            expected += eventsIn(content);
+            if (!json || !json->array()) {
+                noJson.push_back(content);
+            }
+        }
+    }
+    // What was not delivered is in memory, in new files, or was sent by another batch; or a line names it.
+    std::size_t found = agent.logged("[ERROR]Invalid json") + eventsIn(inMemory.value_or("[]"));
+    std::string aside;
+    for (const auto& [name, content] : after) {
+        found += name.starts_with("event_") ? eventsIn(asText(content)) : 0;
+        aside += asText(content);
+    }
+    for (const auto& body : delivered) {
+        found += eventsIn(body);
+    }
+    require(found == expected, "no event is lost, none is made", fmt::format("{} of {}", found, expected));
+    for (const auto content : noJson) {
+        require(aside.find(content) != std::string::npos, "what could not be sent is kept as it is", content);
+    }
+}
+
+}  // namespace sentrova::testing
