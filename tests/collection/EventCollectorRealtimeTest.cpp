@@ -87,6 +87,7 @@ TEST_F(EventCollectorRealtimeTest, CancelBetweenTheReadersMakingAndItsBeginningE
     } fileSystem;
     auto reading = std::async(std::launch::async, [&] { fileSystem.operation->start(); });
     EXPECT_TRUE(eventually([&] { return reading.wait_for(0s) == std::future_status::ready; }));
+    fileSystem.operation->cancel();
 }
 
 TEST_F(EventCollectorRealtimeTest, ReachedSizeLimitEndsTheReadingForGood) {
