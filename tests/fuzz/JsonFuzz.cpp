@@ -20,7 +20,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     require(again && *again == *value, "what is written reads as the same", *text);
     // Bodies go out as ASCII.
     const auto sent = Json::parse(asciiLossy(*text));
-    require(sent && sent->array() == nullptr == (value->array() == nullptr), "what is sent is JSON", *text);
+    require(sent && (sent->array() == nullptr) == (value->array() == nullptr), "what is sent is JSON", *text);
 }
 
 }  // namespace sentrova::testing

@@ -32,7 +32,7 @@ void decodeTokens(std::span<const std::uint8_t> record, Decoded& decoded) {
         require(reader.left() < left, "every token takes some of the record");
         ++decoded.tokens;
         const auto& content = reader.token().content;
-        decoded.trailers += std::holds_alternative<bsm::TrailerToken>(content) ? 1 : 0;
+        decoded.trailers += std::holds_alternative<bsm::TrailerToken>(content) ? 1U : 0U;
         if (const auto* text = std::get_if<bsm::TextToken>(&content)) {
             requireWithin(record, asBytes(text->text));
         } else if (const auto* identity = std::get_if<bsm::IdentityToken>(&content)) {
