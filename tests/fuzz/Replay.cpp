@@ -7,7 +7,11 @@
 
 int main(int count, char** arguments) {
     using namespace sentrova;
-    const auto folder = std::filesystem::absolute(count == 2 ? arguments[1] : "").string();
+    if (count != 2) {
+        fmt::print(stderr, "usage: {} FOLDER\n", arguments[0]);
+        return 64;
+    }
+    const auto folder = std::filesystem::absolute(arguments[1]).string();
     const auto names = FileSystem::shared().names(folder).optional().value_or(std::vector<std::string>());
     for (const auto& name : names) {
         fmt::print(stderr, "{}\n", name);
