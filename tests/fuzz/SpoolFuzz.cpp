@@ -70,7 +70,10 @@ std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
             EventQueueGCD::length();
         }
     }
+    // What was put back may have made it begin again.
     forwarder->cancel();
+    require(FuzzAgent::eventually(idle), "the forwarder ends its work");
+    agent.session().settle();
     return delivered;
 }
 
