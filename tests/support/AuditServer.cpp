@@ -215,10 +215,13 @@ std::optional<std::vector<std::string>> elementsOf(const std::string& text) {
 }
 
 AuditServer::Failure failureFrom(const Json& object) {
-    static const std::map<std::string, Kind> kKinds = {
-        {"status", Kind::status}, {"redirect", Kind::status}, {"delay", Kind::delay}, {"noanswer", Kind::noAnswer},
-        {"hold", Kind::hold},     {"drop", Kind::drop},       {"cut", Kind::cut},     {"cuthead", Kind::cutHead},
-        {"slow", Kind::slow},     {"endless", Kind::endless}};
+    static const std::map<std::string, Kind> kKinds = {{"status", Kind::status},   {"redirect", Kind::status},
+                                                       {"delay", Kind::delay},     {"noanswer", Kind::noAnswer},
+                                                       {"hold", Kind::hold},       {"drop", Kind::drop},
+                                                       {"cut", Kind::cut},         {"cuthead", Kind::cutHead},
+                                                       {"reset", Kind::reset},     {"halfclose", Kind::halfClose},
+                                                       {"surplus", Kind::surplus}, {"slow", Kind::slow},
+                                                       {"endless", Kind::endless}};
     const auto kind = object.at("kind").get<std::string>();
     const auto found = kKinds.find(kind);
     if (found == kKinds.end()) {
@@ -234,6 +237,7 @@ AuditServer::Failure failureFrom(const Json& object) {
     failure.status = object.value("status", failure.status);
     failure.seconds = object.value("seconds", failure.seconds);
     failure.count = object.value("count", failure.count);
+    failure.after = object.value("after", failure.after);
     failure.body = object.value("body", failure.body);
     if (object.contains("headers")) {
         failure.headers.clear();
@@ -383,7 +387,7 @@ class AuditServer::Impl {
         }
         const auto ticket = remember(served, request);
         const auto failure = failureFor(request.path);
-        if (!failure || meet(*failure, ticket, served, response)) {
+        if (!failure || meet(*failure, ticket, served, request, response)) {
             answer(request, response);
         }
         const bool dropped = served.connection.isShutDown();
@@ -411,8 +415,9 @@ class AuditServer::Impl {
 
     std::optional<Failure> failureFor(const std::string& path) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        const auto found = std::ranges::find_if(
-            failures_, [&](const Failure& failure) { return path.starts_with(failure.path) && failure.count != 0; });
+        const auto found = std::ranges::find_if(failures_, [&](Failure& failure) {
+            return path.starts_with(failure.path) && failure.count != 0 && --failure.after < 0;
+        });
         if (found == failures_.end()) {
             return std::nullopt;
         }
@@ -424,7 +429,8 @@ class AuditServer::Impl {
     }
 
     // Returns whether the request is to be answered as ever.
-    bool meet(const Failure& failure, const Ticket& ticket, const Served& served, httplib::Response& response) {
+    bool meet(const Failure& failure, const Ticket& ticket, const Served& served, const httplib::Request& request,
+              httplib::Response& response) {
         switch (failure.kind) {
             case Kind::status:
                 response.status = failure.status;
@@ -442,6 +448,17 @@ class AuditServer::Impl {
                 break;
             case Kind::drop:
                 break;
+            case Kind::reset:
+                served.connection.reset();
+                return false;
+            case Kind::halfClose:
+                served.connection.endAnswer();
+                served.connection.awaitEnd();
+                break;
+            case Kind::surplus:
+            case Kind::slow:
+                answer(request, response);
+                [[fallthrough]];
             default: {
                 MutexLock lock(mutex_);
                 setStatusLocked(ticket, 200);
@@ -471,6 +488,9 @@ class AuditServer::Impl {
                 break;
             case Kind::cutHead:
                 connection.write(start);
+                break;
+            case Kind::surplus:
+                connection.write(start + std::to_string(body.size() / 2) + "\r\n\r\n" + body);
                 break;
             case Kind::slow:
                 connection.write(start + std::to_string(body.size()) + "\r\n\r\n");

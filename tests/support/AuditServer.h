@@ -25,7 +25,8 @@ namespace sentrova::testing {
 //   POST /control/answer     the body becomes the answer to a configuration sync
 //   POST /control/fail       one failure or an array of them, as JSON objects with the members of Failure; kind is one
 //   of
-//                            status, redirect, delay, noanswer, hold, drop, cut, cuthead, slow, endless
+//                            status, redirect, delay, noanswer, hold, drop, reset, halfclose, cut, cuthead, surplus,
+//                            slow, endless
 //   POST /control/release    see release()
 //   POST /control/reset      see reset()
 //
@@ -59,15 +60,18 @@ class AuditServer {
     // accepted only where the kind says so.
     struct Failure {
         enum class Kind {
-            status,    // is answered with the status, headers and body
-            delay,     // is answered as ever, after so many seconds
-            noAnswer,  // is held until the client closes the connection
-            hold,      // is held until release(), then answered as ever
-            drop,      // has its connection closed without a byte of answer
-            cut,       // gets half of the body that its "Content-Length" announces
-            cutHead,   // gets a status of 200 and half a header
-            slow,      // gets its body a byte at a time, so many seconds apart
-            endless,   // gets a body without end
+            status,     // is answered with the status, headers and body
+            delay,      // is answered as ever, after so many seconds
+            noAnswer,   // is held until the client closes the connection
+            hold,       // is held until release(), then answered as ever
+            drop,       // has its connection closed without a byte of answer
+            reset,      // the same, by a reset
+            halfClose,  // the same in the direction of the answer only
+            cut,        // gets half of the body that its "Content-Length" announces
+            cutHead,    // gets a status of 200 and half a header
+            surplus,    // is accepted, and gets more of a body than its "Content-Length" announces
+            slow,       // is accepted, and gets its body a byte at a time, so many seconds apart
+            endless,    // gets a body without end
         };
         Kind kind = Kind::status;
         // What the paths begin with; empty: any path.
@@ -76,6 +80,8 @@ class AuditServer {
         double seconds = 1;
         // How many requests meet it; -1: all until reset().
         int count = 1;
+        // How many come through before that.
+        int after = 0;
         std::vector<std::pair<std::string, std::string>> headers = {};
         std::string body = {};
     };

@@ -128,4 +128,14 @@ void ServerConnection::shutDown() {
     ::shutdown(socket_, SHUT_RDWR);
 }
 
+void ServerConnection::reset() {
+    shutDown_ = true;
+    const linger none{1, 0};
+    ::setsockopt(socket_, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+}
+
+void ServerConnection::endAnswer() {
+    ::shutdown(socket_, SHUT_WR);
+}
+
 }  // namespace sentrova::testing

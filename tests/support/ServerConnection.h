@@ -45,6 +45,10 @@ class ServerConnection {
 
     // Ends the connection in both directions, without a TLS farewell, and wakes whoever waits for it.
     void shutDown();
+    // Ends it by a reset, once it is destroyed.
+    void reset();
+    // Ends the direction of the answers.
+    void endAnswer();
     bool isShutDown() const { return shutDown_; }
 
   private:

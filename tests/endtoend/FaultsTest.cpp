@@ -1,0 +1,417 @@
+// Every single call of an event's road fails once, and no event goes missing without a word.
+
+#include "collection/EventCollectionSchedule.h"
+#include "collection/currentLoginUtility.h"
+#include "core/GlobalVariables.h"
+#include "forwarding/EventForwarder.h"
+#include "forwarding/EventQueueGCD.h"
+#include "forwarding/TransportEngine.h"
+#include "foundation/Json.h"
+#include "support/AgentFixture.h"
+#include "support/AuditServer.h"
+#include "support/FaultyFileSystem.h"
+#include "support/RunningAgent.h"
+#include "support/TrailWriter.h"
+#include "sync/ServerCommunicator.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include <fmt/ranges.h>
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+namespace {
+
+using namespace std::chrono_literals;
+using Fault = FaultyFileSystem::Fault;
+using NetworkFault = AuditServer::Failure::Kind;
+
+constexpr std::uint32_t kFirst = 100;
+constexpr std::uint32_t kEvents = 10;
+constexpr std::uint32_t kFirstAfterwards = 200;
+constexpr std::uint32_t kEventsAfterwards = 4;
+
+std::set<std::int64_t> processesIn(std::string_view batch) {
+    std::set<std::int64_t> processes;
+    const auto parsed = Json::parse(batch);
+    if (const auto* events = parsed ? parsed->array() : nullptr) {
+        for (const auto& event : *events) {
+            processes.insert((*event.dictionary())["subject_pid"].integerValue());
+        }
+    }
+    return processes;
+}
+
+// The parts that an event passes through, joined as the service joins them, with batches of three events. The server
+// refuses the first delivery, so that its events take the way back, too.
+class Road : public AgentFixture {
+  public:
+    // Without a server on loopback the network is left out.
+    explicit Road(const AuditServer* server = nullptr) : server_(server) {
+        if (server) {
+            TransportEngine::setSessionFactory(nullptr);
+            serverInfo = loopbackConfiguration(server->port());
+            serverInfo.set("NumberofEventsPerRequest", 3);
+        }
+        myConfigurations.set("LogLevel", 0);
+        writeConfiguration();
+        session().respondWith([this](const FakeUrlSession::Sent& sent) { return answer(sent); });
+    }
+    ~Road() { end(); }
+    Road(const Road&) = delete;
+    Road& operator=(const Road&) = delete;
+
+    void begin() {
+        static_cast<void>(GlobalVariables::getInstance().isEnabled());
+        EventQueueGCD::init();
+        currentLoginUtility::init();
+        forwarder_ = EventForwarder::init();
+        forwarder_->start();
+    }
+
+    void end() {
+        forwarder_->cancel();
+        EXPECT_TRUE(eventually([this] { return forwarder_.use_count() == 1; }));
+        forwarder_.reset();
+        restart();
+    }
+
+    void restartAgent() {
+        end();
+        begin();
+    }
+
+    // A closed trail with records of the last seconds, and a pass over the trails.
+    void collect(const std::string& name, std::uint32_t firstProcess, std::uint32_t records) {
+        // Records of the seconds right after the newest one are not read again.
+        clock().advance(1min);
+        {
+            const std::lock_guard lock(mutex_);
+            refusesNext_ = true;
+        }
+        TrailWriter trail;
+        for (std::uint32_t i = 0; i < records; ++i) {
+            const auto time = clock().epochSeconds() - records + i;
+            times_[firstProcess + i] = time;
+            trail.add(TrailRecord(45028)
+                          .at(std::chrono::seconds(time))
+                          .subject({.auditId = 4001, .processId = firstProcess + i})
+                          .returns(0));
+        }
+        volume().addTrail(name, trail.bytes(), trail.lastTime());
+        collect();
+    }
+    void collect() { std::make_shared<EventCollectionSchedule>()->start(); }
+
+    // Lets time pass until the condition holds, with a synchronisation where the server has become unreachable.
+    bool passTimeUntil(const std::function<bool()>& condition) {
+        return eventually([&] {
+            if (condition()) {
+                return true;
+            }
+            if (!TransportEngine::isConnected()) {
+                ServerCommunicator().syncFromServer();
+            }
+            clock().advance(10s);
+            EventQueueGCD::length();
+            session().settle();
+            return false;
+        });
+    }
+
+    // How often each event has arrived, by process number.
+    std::map<std::int64_t, int> arrivals() {
+        if (!server_) {
+            const std::lock_guard lock(mutex_);
+            return arrivals_;
+        }
+        std::map<std::int64_t, int> arrivals;
+        for (const auto& event : server_->events()) {
+            ++arrivals[*processesIn("[" + event + "]").begin()];
+        }
+        return arrivals;
+    }
+    bool haveArrived(std::uint32_t first, std::uint32_t count) {
+        const auto all = arrivals();
+        return std::distance(all.lower_bound(first), all.lower_bound(first + count)) == count;
+    }
+    // Whether each event has arrived, is named as lost, or lies in a file that could not be read.
+    bool areAccountedFor(std::uint32_t first, std::uint32_t count) {
+        const auto text = errors();
+        const bool isUnreadable = text.find("The spooled file cannot be read") != std::string::npos;
+        const auto waiting = isUnreadable ? spooled() : std::set<std::int64_t>();
+        const auto arrived = arrivals();
+        std::int64_t missing = 0;
+        for (auto process = first; process < first + count; ++process) {
+            missing += arrived.contains(process) || waiting.contains(process) ? 0 : 1;
+        }
+        return missing == namedAsLost();
+    }
+    // How many events of that time, or of any, the log names as lost.
+    std::int64_t namedAsLost(std::optional<std::uint32_t> process = {}) {
+        static const std::regex line(R"(A batch of (\d+) events is lost, recorded from (\d+) to (\d+): )");
+        const auto text = errors();
+        std::int64_t count = 0;
+        for (std::sregex_iterator match(text.begin(), text.end(), line), end; match != end; ++match) {
+            const auto time = process ? times_.at(*process) : std::stoll((*match)[2]);
+            const bool isMeant = std::stoll((*match)[2]) <= time && time <= std::stoll((*match)[3]);
+            count += isMeant ? std::stoll((*match)[1]) : 0;
+        }
+        return count;
+    }
+    std::string errors() {
+        std::string errors;
+        for (const auto* category : {"Config", "Communication", "Event"}) {
+            std::istringstream lines(logOf(volume(), category));
+            for (std::string line; std::getline(lines, line);) {
+                // One line of a healthy start names a path as well.
+                const bool tells =
+                    line.find("[ERROR]") != std::string::npos && line.find("already exists") == std::string::npos;
+                errors += tells ? line + "\n" : "";
+            }
+        }
+        return errors;
+    }
+
+    // For the message of a failure.
+    std::string account() {
+        const auto waiting = spooled();
+        return fmt::format("arrived: {}\nspooled: {}\nin memory: {}\n{}", arrivals(), waiting, EventQueueGCD::length(),
+                           errors());
+    }
+
+    std::set<std::int64_t> spooled() {
+        std::set<std::int64_t> processes;
+        for (const auto& file : std::filesystem::directory_iterator(volume().eventData())) {
+            std::ostringstream text;
+            text << std::ifstream(file.path()).rdbuf();
+            processes.merge(processesIn(text.str()));
+        }
+        return processes;
+    }
+
+  private:
+    FakeUrlSession::Answer answer(const FakeUrlSession::Sent& sent) {
+        if (sent.request.url.ends_with("agentData")) {
+            const std::lock_guard lock(mutex_);
+            if (std::exchange(refusesNext_, false)) {
+                return {500, ""};
+            }
+            for (const auto process : processesIn(sent.body)) {
+                ++arrivals_[process];
+            }
+        }
+        return {};
+    }
+
+    const AuditServer* const server_;
+    std::shared_ptr<EventForwarder> forwarder_;
+    std::mutex mutex_;
+    // When each event was recorded.
+    std::map<std::uint32_t, std::int64_t> times_;
+    bool refusesNext_ = false;
+    std::map<std::int64_t, int> arrivals_;
+};
+
+bool isOfTheAgent(const std::string& path) {
+    for (const auto* part : {"conf/", "logs/", "eventData", "/var/audit"}) {
+        if (path.find(part) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+struct Kind {
+    const char* name;
+    Fault fault;
+};
+
+const Kind kKinds[] = {
+    {"permission denied at open", {.call = FaultyFileSystem::kOpen, .error = EACCES}},
+    {"interrupted open", {.call = FaultyFileSystem::kOpen, .error = EINTR}},
+    {"failed read", {.call = FaultyFileSystem::kRead, .error = EIO}},
+    {"interrupted read", {.call = FaultyFileSystem::kRead, .error = EINTR}},
+    {"no space", {.call = FaultyFileSystem::kWrite, .error = ENOSPC}},
+    {"short write", {.call = FaultyFileSystem::kWrite, .isShort = true}},
+    {"short write, then no space", {.call = FaultyFileSystem::kWrite, .error = ENOSPC, .isShort = true}},
+    {"interrupted write", {.call = FaultyFileSystem::kWrite, .error = EINTR}},
+    {"failed flush", {.call = FaultyFileSystem::kFlush, .error = EIO}},
+    {"interrupted flush", {.call = FaultyFileSystem::kFlush, .error = EINTR}},
+    {"failed rename", {.call = FaultyFileSystem::kRename, .error = EIO}},
+    {"failed removal", {.call = FaultyFileSystem::kRemove, .error = EACCES}},
+    {"permission denied at status", {.call = FaultyFileSystem::kStatus, .error = EACCES}},
+    {"permission denied at list", {.call = FaultyFileSystem::kList, .error = EACCES}},
+};
+
+// What became of an agent that met a fault: the calls of its kind there were, and where it was met.
+struct Journey {
+    std::size_t calls = 0;
+    std::string met;
+};
+
+bool isHarmless(const Fault& fault) {
+    return fault.number == 0 || fault.error == 0 || fault.error == EINTR;
+}
+
+void expectNamed(const Fault& fault, const std::string& met, const std::string& errors) {
+    if (!met.empty() && !isHarmless(fault)) {
+        const bool named = errors.find(std::strerror(fault.error)) != std::string::npos ||
+                           errors.find(std::filesystem::path(met).filename().string()) != std::string::npos;
+        EXPECT_TRUE(named) << errors;
+    }
+}
+
+// The whole road under a fault; then a further trail, and a second start without one.
+Journey travel(const Fault& fault) {
+    FaultyFileSystem files(isOfTheAgent);
+    Road road;
+    road.begin();
+    files.arm(fault);
+    road.collect("1", kFirst, kEvents);
+    EXPECT_TRUE(road.passTimeUntil([&] {
+        return road.areAccountedFor(kFirst, kEvents) || road.errors().find("/var/audit") != std::string::npos;
+    })) << "at "
+        << files.met() << "\n"
+        << road.account();
+    const Journey journey{files.calls()[fault.call], files.met()};
+    EXPECT_GT(journey.calls, 0U);
+    files.arm({});
+    SCOPED_TRACE("at " + journey.met);
+    // What a pass could not read, the next one reads; all is on its way before the agent ends.
+    road.collect("2", kFirstAfterwards, kEventsAfterwards);
+    EXPECT_TRUE(road.passTimeUntil([&] {
+        return road.haveArrived(kFirstAfterwards, kEventsAfterwards) && road.areAccountedFor(kFirst, kEvents);
+    })) << road.account();
+    road.restartAgent();
+    road.collect();
+    EXPECT_TRUE(road.passTimeUntil([&] { return road.spooled().empty() && EventQueueGCD::length() == 0; }))
+        << road.account();
+
+    const auto errors = road.errors();
+    // Where a look at a file failed, the agent may do without.
+    if (fault.call != FaultyFileSystem::kStatus || !road.haveArrived(kFirst, kEvents)) {
+        expectNamed(fault, journey.met, errors);
+    }
+    const bool sentAgain = errors.find("is still there") != std::string::npos;
+    auto arrived = road.arrivals();
+    std::int64_t missing = 0;
+    EXPECT_TRUE(arrived.begin()->first >= kFirst && arrived.rbegin()->first < kFirstAfterwards + kEventsAfterwards);
+    for (auto process = kFirst; process < kFirst + kEvents; ++process) {
+        const auto arrivals = arrived[process];
+        missing += arrivals == 0 ? 1 : 0;
+        EXPECT_TRUE(arrivals == 1 || (arrivals == 2 && sentAgain) || (arrivals == 0 && road.namedAsLost(process) > 0))
+            << process << " arrived " << arrivals << " times\n"
+            << errors;
+    }
+    EXPECT_EQ(missing, road.namedAsLost()) << errors;
+    return journey;
+}
+
+// A start under a fault, and a second one without it, which finds everything as it was.
+Journey begin(const Fault& fault) {
+    FaultyFileSystem files(isOfTheAgent);
+    Road road;
+    files.arm(fault);
+    road.begin();
+    const Journey journey{files.calls()[fault.call], files.met()};
+    files.arm({});
+    SCOPED_TRACE("at " + journey.met);
+    // What the log could not take, it takes with its next line.
+    road.collect("0", kFirst - 1, 1);
+    expectNamed(fault, journey.met, road.errors());
+    road.restartAgent();
+    road.collect("1", kFirst, kEvents);
+    EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.errors();
+    return journey;
+}
+
+void tryEveryFault(Journey (*go)(const Fault&)) {
+    for (const auto& [name, kind] : kKinds) {
+        auto fault = kind;
+        const auto calls = go(fault).calls;
+        for (fault.number = 1; fault.number <= calls && !::testing::Test::HasFatalFailure(); ++fault.number) {
+            SCOPED_TRACE(fmt::format("{}, call {} of {}", name, fault.number, calls));
+            go(fault);
+        }
+    }
+}
+
+TEST(FaultsTest, FaultAtAnyCallOfTheRoadCostsNoEventThatIsNotNamed) {
+    tryEveryFault(travel);
+}
+
+TEST(FaultsTest, FaultAtAnyCallOfTheStartDoesNoLastingDamage) {
+    tryEveryFault(begin);
+}
+
+TEST(FaultsTest, NetworkTroubleAtAnyDeliveryCostsNoEvent) {
+    struct Trouble {
+        AuditServer::Failure failure;
+        // What the log says of it; nothing where the events have been accepted all the same.
+        const char* named;
+    };
+    // Where the first sending on a connection that was kept alive fails, the library sends once more by itself.
+    const Trouble troubles[] = {
+        {{.kind = NetworkFault::status, .status = 503}, "(null)"},
+        {{.kind = NetworkFault::drop, .count = 2}, "connection was lost"},
+        {{.kind = NetworkFault::reset, .count = 2}, "connection was lost"},
+        {{.kind = NetworkFault::halfClose, .count = 2}, "connection was lost"},
+        {{.kind = NetworkFault::cut}, "connection was lost"},
+        {{.kind = NetworkFault::cutHead}, "connection was lost"},
+        {{.kind = NetworkFault::endless}, "exceeds the maximum"},
+        {{.kind = NetworkFault::noAnswer}, "timed out"},
+        {{.kind = NetworkFault::surplus}, ""},
+        {{.kind = NetworkFault::slow, .seconds = 0.001}, ""},
+    };
+    // Ten events in batches of three.
+    constexpr int kDeliveries = 4;
+    for (const auto& [failure, named] : troubles) {
+        for (int after = 0; after < kDeliveries; ++after) {
+            SCOPED_TRACE(fmt::format("{} at delivery {}", static_cast<int>(failure.kind), after + 1));
+            AuditServer server;
+            Road road(&server);
+            auto trouble = failure;
+            trouble.after = after;
+            trouble.path = AuditServer::kEventsPath;
+            server.fail(trouble);
+            road.begin();
+            road.collect("1", kFirst, kEvents);
+            EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.account();
+            const auto errors = road.errors();
+            // Time goes by so fast here that any delivery may time out before anything else becomes of it.
+            const bool late = errors.find("timed out") != std::string::npos;
+            EXPECT_TRUE(late || errors.find(named) != std::string::npos) << errors;
+            for (const auto& [process, arrivals] : road.arrivals()) {
+                EXPECT_TRUE(process >= kFirst && process < kFirst + kEvents && (arrivals == 1 || late))
+                    << process << " arrived " << arrivals << " times\n"
+                    << errors;
+            }
+        }
+    }
+}
+
+TEST(FaultsTest, RefusedConnectionCostsNoEvent) {
+    std::optional<AuditServer> server(std::in_place);
+    Road road(&*server);
+    const int port = server->port();
+    road.begin();
+    server.reset();
+    road.collect("1", kFirst, kEvents);
+    ASSERT_TRUE(AgentFixture::eventually([&] { return road.errors().find("Could not connect") != std::string::npos; }));
+    server.emplace(AuditServer::Configuration{.port = port});
+    EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.account();
+}
+
+}  // namespace
+}  // namespace sentrova::testing

@@ -1,0 +1,48 @@
+// A session without a network whose server keeps nothing but account of the events.
+
+#pragma once
+
+#include "foundation/DispatchQueue.h"
+#include "foundation/Mutex.h"
+#include "foundation/UrlSession.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <utility>
+
+namespace sentrova::testing {
+
+// Answers every request with 200, or with an error while the server is away.
+class CountingSession final : public UrlSession {
+  public:
+    // Outlives the sessions of several starts. Safe from any thread.
+    class Account {
+      public:
+        void setAway(bool away) EXCLUDES(mutex_);
+        // How often each event came, by process number.
+        std::map<std::int64_t, int> arrivals() EXCLUDES(mutex_);
+        std::size_t different() EXCLUDES(mutex_);
+
+      private:
+        friend class CountingSession;
+        bool accept(std::string_view body) EXCLUDES(mutex_);
+
+        Mutex mutex_;
+        bool away_ GUARDED_BY(mutex_) = false;
+        std::map<std::int64_t, int> arrivals_ GUARDED_BY(mutex_);
+    };
+
+    explicit CountingSession(std::shared_ptr<Account> account) : account_(std::move(account)) {}
+
+    // Makes it the session of the transport's next first engine.
+    static std::shared_ptr<Account> install();
+
+    void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override;
+
+  private:
+    const std::shared_ptr<Account> account_;
+    DispatchQueue delegateQueue_{"CountingSession"};
+};
+
+}  // namespace sentrova::testing
