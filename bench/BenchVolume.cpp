@@ -1,0 +1,181 @@
+#include "BenchVolume.h"
+
+#include "foundation/ProcessWide.h"
+#include "support/RunningAgent.h"
+#include "support/TrailRecord.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+namespace sentrova::bench {
+
+using testing::TrailRecord;
+
+namespace {
+
+constexpr std::chrono::seconds kBegin{1'763'200'000};
+constexpr std::uint32_t kFirstOfEight = 4001;
+constexpr std::size_t kBlock = 100;
+
+testing::Subject person(std::size_t i) {
+    const auto id = kFirstOfEight + static_cast<std::uint32_t>(i % 8);
+    return {.auditId = id,
+            .effectiveUserId = 0,
+            .effectiveGroupId = 20,
+            .realUserId = id,
+            .realGroupId = 20,
+            .processId = static_cast<std::uint32_t>(1000 + i),
+            .sessionId = 100'007,
+            .port = 0x1000002,
+            .address = "10.20.3.41"};
+}
+
+TrailRecord selectedRecord(std::size_t i) {
+    if (i % 3 == 0) {
+        return TrailRecord(45023)
+            .subject(person(i), testing::Layout::k32Ex)
+            .text(fmt::format("Verify password for record type Users 'person{}' node '/Active Directory/CORP'", i % 8))
+            .returns(5000, 255)
+            .identity({.signingId = "com.apple.opendirectoryd"});
+    }
+    return TrailRecord(45028)
+        .subject(person(i), testing::Layout::k32Ex)
+        .text("system.privilege.admin")
+        .returns(0)
+        .identity({.signingId = "com.apple.sudo"});
+}
+
+// What a Mac's trail is full of: sessions, mechanisms of the authorisation, files and programs.
+TrailRecord otherRecord(std::size_t i) {
+    switch (i % 4) {
+        case 0:
+            return TrailRecord(44901)
+                .arg64(1, "sflags", 0x30)
+                .arg32(2, "am_success", 0x3000)
+                .arg32(3, "am_failure", 0x3000)
+                .subject(person(i), testing::Layout::k32Ex)
+                .returns(0)
+                .identity({.signingId = "com.apple.securityd"});
+        case 1:
+            return TrailRecord(45030)
+                .subject(person(i), testing::Layout::k32Ex)
+                .text("system.login.screensaver")
+                .text("mechanism builtin:authenticate,privileged")
+                .returns(0);
+        case 2:
+            return TrailRecord(72)
+                .arg32(2, "flags", 0x601)
+                .path("/private/var/folders/zz/zyxvpxvq6csfxvn_n0000000000000/T/com.apple.cache")
+                .attr32(0100644, 501, 20)
+                .subject(person(i), testing::Layout::k32Ex)
+                .returns(0);
+        default:
+            return TrailRecord(23)
+                .execArgs({"/usr/bin/xcrun", "--find", "clang"})
+                .path("/usr/bin/xcrun")
+                .attr32(0100755, 0, 0)
+                .subject(person(i), testing::Layout::k32Ex)
+                .returns(0)
+                .identity({.signingId = "com.apple.xcrun"});
+    }
+}
+
+// Records of one second; the places of their seconds are given back beside their bytes.
+struct Block {
+    std::string bytes;
+    std::vector<std::size_t> ends;
+    std::vector<std::size_t> seconds;
+};
+
+Block makeBlock(BenchVolume::Selected selected) {
+    constexpr std::size_t kSecondsInHeader = 10;
+    Block block;
+    for (std::size_t i = 0; i < kBlock; ++i) {
+        const bool chosen = selected == BenchVolume::Selected::all ||
+                            (selected == BenchVolume::Selected::fiveInHundred && i % 20 == 19);
+        const auto bytes = (chosen ? selectedRecord(i) : otherRecord(i)).bytes();
+        block.seconds.push_back(block.bytes.size() + kSecondsInHeader);
+        block.bytes.append(bytes.begin(), bytes.end());
+        block.ends.push_back(block.bytes.size());
+    }
+    return block;
+}
+
+}  // namespace
+
+BenchVolume::BenchVolume(const Configuration& configuration) {
+    auto serverInfo = testing::loopbackConfiguration(configuration.port);
+    serverInfo.set("ServerFQDN", "127.0.0.1");
+    serverInfo.set("NumberofEventsPerRequest", configuration.eventsPerRequest);
+    serverInfo.set("MaxEventDataSize", 100);
+    serverInfo.set("IsRealTime", configuration.realtime);
+    std::string names;
+    for (const auto& name : eventsToRead()) {
+        names += (names.empty() ? "" : ",") + name;
+    }
+    serverInfo.set("EventsToRead", names);
+    volume_.writeConfiguration("Serverinfo.plist", serverInfo);
+    volume_.writeConfiguration("myconfigurations.plist", {{"TimestampOfLastEvent", "0"},
+                                                          {"LogLevel", configuration.logLevel},
+                                                          {"AgentVersion", "1.0"},
+                                                          {"CommunicationType", 1}});
+    for (std::uint32_t i = 0; i < 8; ++i) {
+        volume_.addDomainUser(fmt::format("person{}", i), kFirstOfEight + i, fmt::format("S-1-5-21-7-{}", i), "CORP");
+    }
+    volume_.addLocalUser("root", 0);
+    volume_.addGroup("staff", {{"name", "staff"}, {"gid", 20}});
+}
+
+std::filesystem::path BenchVolume::addTrail(std::string_view name, std::size_t records, Selected selected) {
+    auto block = makeBlock(selected);
+    const auto path = volume_.auditFolder() / name;
+    std::ofstream out(path, std::ios::binary);
+    auto time = static_cast<std::uint32_t>(kBegin.count());
+    for (std::size_t left = records; left > 0; ++time) {
+        for (const auto at : block.seconds) {
+            for (std::size_t byte = 0; byte < 4; ++byte) {
+                block.bytes[at + byte] = static_cast<char>(time >> (24 - 8 * byte));
+            }
+        }
+        const auto count = std::min(left, kBlock);
+        out.write(block.bytes.data(), static_cast<std::streamsize>(block.ends[count - 1]));
+        left -= count;
+    }
+    out.close();
+    if (!out) {
+        throw std::runtime_error("cannot write " + path.string());
+    }
+    return path;
+}
+
+void BenchVolume::addUsers(std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+        volume_.addDomainUser(fmt::format("user{}", i), kFirstUserId + static_cast<std::uint32_t>(i),
+                              fmt::format("S-1-5-21-8-{}", i), "CORP");
+    }
+}
+
+void BenchVolume::enter() const {
+    ::setenv("TZ", "UTC", 1);
+    ::tzset();
+    ::setenv("SENTROVA_SYSTEM_VOLUME", volume_.volume().c_str(), 1);
+    std::filesystem::current_path(volume_.bin());
+    ProcessWideState::reset();
+}
+
+std::vector<std::string> eventsToRead() {
+    return {"AUE_auth_user", "AUE_sudo", "AUE_login", "AUE_logout", "AUE_ssh", "AUE_ssauthint", "AUE_lw_login"};
+}
+
+std::string contentOf(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+}  // namespace sentrova::bench

@@ -1,0 +1,348 @@
+// What the parts of the agent's road cost, each beside its baseline. Times are wall-clock ("real") and the processor
+// time of all threads of this process ("cpu").
+
+#include "BareClient.h"
+#include "BenchVolume.h"
+#include "LoopbackServer.h"
+#include "collection/DomainUtil.h"
+#include "collection/EventCollector.h"
+#include "collection/bsm/TokenReader.h"
+#include "collection/currentLoginUtility.h"
+#include "core/LogSource.h"
+#include "forwarding/EventForwarder.h"
+#include "forwarding/EventQueueGCD.h"
+#include "forwarding/TransportEngine.h"
+#include "foundation/CurlUrlSession.h"
+#include "foundation/FileSystem.h"
+#include "foundation/NotificationCenter.h"
+#include "foundation/ProcessWide.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <numeric>
+#include <optional>
+#include <thread>
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+namespace sentrova::bench {
+namespace {
+
+using Selected = BenchVolume::Selected;
+
+// Each at most once in the process, whatever the repetitions: making one takes longer than measuring with it.
+BenchVolume& filterVolume(std::size_t records) {
+    static BenchVolume volume({});
+    static const auto trail = volume.addTrail("filter", records, Selected::none);
+    return volume;
+}
+BenchVolume& spoolVolume(std::size_t records) {
+    static BenchVolume volume({});
+    static const auto trail = volume.addTrail("spool", records, Selected::all);
+    return volume;
+}
+
+LoopbackServer* theSink = nullptr;
+
+void countPerSecond(benchmark::State& state, const char* name, std::size_t perIteration) {
+    state.counters[name] =
+        benchmark::Counter(static_cast<double>(perIteration) * static_cast<double>(state.iterations()),
+                           benchmark::Counter::kIsRate);
+}
+
+// A byte source over a file, as plain as there is one.
+class PlainFile final : public bsm::ByteSource {
+  public:
+    explicit PlainFile(const std::filesystem::path& path) : file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    std::ptrdiff_t read(std::span<std::uint8_t> into) override { return ::read(file_.get(), into.data(), into.size()); }
+
+  private:
+    FileDescriptor file_;
+};
+
+void readAndSum(benchmark::State& state) {
+    const auto records = static_cast<std::size_t>(state.range(0));
+    const auto path = filterVolume(records).files().auditFolder() / "filter";
+    std::vector<std::uint8_t> block(256 * 1024);
+    for (auto _ : state) {
+        PlainFile file(path);
+        std::uint64_t sum = 0;
+        for (auto got = file.read(block); got > 0; got = file.read(block)) {
+            sum = std::accumulate(block.begin(), block.begin() + got, sum);
+        }
+        benchmark::DoNotOptimize(sum);
+    }
+    countPerSecond(state, "records/s", records);
+    state.counters["bytes a record"] =
+        static_cast<double>(std::filesystem::file_size(path)) / static_cast<double>(records);
+}
+
+// Reads a trail of the volume with the agent's own reader, as the batch collection does.
+void collect(const std::string& name) {
+    EventCollector collector("/var/audit/" + name, eventsToRead());
+    collector.start();
+}
+
+void decodeAndFilter(benchmark::State& state) {
+    const auto records = static_cast<std::size_t>(state.range(0));
+    auto& volume = filterVolume(records);
+    for (auto _ : state) {
+        state.PauseTiming();
+        volume.enter();
+        EventQueueGCD::init();
+        currentLoginUtility::initialize();
+        state.ResumeTiming();
+        collect("filter");
+    }
+    countPerSecond(state, "records/s", records);
+}
+
+void emptyFolder(const std::filesystem::path& folder) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        std::filesystem::remove(entry.path());
+    }
+}
+
+void selectedToSpool(benchmark::State& state) {
+    const auto records = static_cast<std::size_t>(state.range(0));
+    auto& volume = spoolVolume(records);
+    for (auto _ : state) {
+        state.PauseTiming();
+        emptyFolder(volume.files().eventData());
+        volume.enter();
+        EventQueueGCD::init();
+        currentLoginUtility::initialize();
+        state.ResumeTiming();
+        collect("spool");
+    }
+    countPerSecond(state, "events/s", records);
+}
+
+// Reads every token of the same records and writes files of the same size, with nothing in between.
+void selectedWithoutNamesAndJson(benchmark::State& state) {
+    const auto records = static_cast<std::size_t>(state.range(0));
+    auto& volume = spoolVolume(records);
+    const auto path = volume.files().auditFolder() / "spool";
+    const Data batch(500 * 640, ' ');
+    for (auto _ : state) {
+        state.PauseTiming();
+        emptyFolder(volume.files().eventData());
+        state.ResumeTiming();
+        PlainFile file(path);
+        bsm::RecordReader reader(file);
+        for (std::size_t read = 1; reader.au_read_rec() > 0; ++read) {
+            bsm::TokenReader tokens(reader.record());
+            while (tokens.left() > 0 && tokens.au_fetch_tok() == 0) {
+                benchmark::DoNotOptimize(tokens.token());
+            }
+            if (read % 500 == 0) {
+                const auto target = volume.files().eventData() / fmt::format("plain_{}", read);
+                static_cast<void>(
+                    FileSystem::shared().writeAtomically(target, batch, FileSystem::Durability::renamed));
+            }
+        }
+    }
+    countPerSecond(state, "events/s", records);
+}
+
+// Batches as the spool writes them.
+std::vector<std::string> spooledBatches(std::size_t count, int eventsEach) {
+    BenchVolume volume({.eventsPerRequest = eventsEach});
+    volume.addTrail("batches", count * static_cast<std::size_t>(eventsEach) + 1, Selected::all);
+    volume.enter();
+    EventQueueGCD::init();
+    currentLoginUtility::initialize();
+    collect("batches");
+    std::vector<std::string> batches;
+    for (const auto& entry : std::filesystem::directory_iterator(volume.files().eventData())) {
+        batches.push_back(contentOf(entry.path()));
+    }
+    ProcessWideState::reset();
+    return batches;
+}
+
+const std::vector<std::string>& theBatches(std::size_t count) {
+    static const auto batches = spooledBatches(count, 1000);
+    return batches;
+}
+
+void bareClient(benchmark::State& state) {
+    const auto& batches = theBatches(static_cast<std::size_t>(state.range(0)));
+    BareClient client(fmt::format("http://127.0.0.1:{}/api/agent/tabs/agentData", theSink->port()),
+                      EventForwarder::kDeliveriesUnderWay);
+    client.post(batches);
+    for (auto _ : state) {
+        client.post(batches);
+    }
+    countPerSecond(state, "events/s", batches.size() * 1000);
+    state.counters["bytes a batch"] = static_cast<double>(batches.front().size());
+}
+
+// The agent's own session, and how many completions have run.
+class CountingSession final : public UrlSession {
+  public:
+    CountingSession(std::shared_ptr<UrlSessionDelegate> delegate, std::atomic<std::size_t>& completed)
+        : session_(std::move(delegate)), completed_(completed) {}
+
+    void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override {
+        session_.uploadTask(request, std::move(body),
+                            [this, completion = std::move(completionHandler)](const auto& data, const auto& response,
+                                                                              const auto& error) {
+                                completion(data, response, error);
+                                completed_.fetch_add(1);
+                                completed_.notify_one();
+                            });
+    }
+
+  private:
+    CurlUrlSession session_;
+    std::atomic<std::size_t>& completed_;
+};
+
+// From the announcement of the first spool file to the completion of the last request.
+void spoolToDelivery(benchmark::State& state) {
+    const auto& batches = theBatches(static_cast<std::size_t>(state.range(0)));
+    const BenchVolume volume({.port = theSink->port()});
+    volume.enter();
+    std::atomic<std::size_t> completed = 0;
+    TransportEngine::setSessionFactory(
+        [&](auto delegate) { return std::make_unique<CountingSession>(std::move(delegate), completed); });
+    EventQueueGCD::init();
+    const auto forwarder = EventForwarder::init();
+    forwarder->start();
+    const auto deliver = [&](bool timed) {
+        std::vector<FileUrl> files;
+        for (std::size_t i = 0; i < batches.size(); ++i) {
+            files.emplace_back((volume.files().eventData() / fmt::format("event_{:017}", i)).string());
+            static_cast<void>(FileSystem::shared().append(files.back().path(), batches[i]));
+        }
+        completed = 0;
+        if (timed) {
+            state.ResumeTiming();
+        }
+        for (const auto& file : files) {
+            NotificationCenter::defaultCenter().post({EventQueueGCD::kEventFileNotification,
+                                                      EventQueueGCD::identity(),
+                                                      {{EventQueueGCD::kFileUrl, file.absoluteString()}}});
+        }
+        for (auto done = completed.load(); done < batches.size(); done = completed.load()) {
+            completed.wait(done);
+        }
+    };
+    deliver(false);
+    for (auto _ : state) {
+        state.PauseTiming();
+        deliver(true);
+    }
+    countPerSecond(state, "events/s", batches.size() * 1000);
+    if (!std::filesystem::is_empty(volume.files().eventData()) || !TransportEngine::isConnected()) {
+        state.SkipWithError("not everything was delivered");
+    }
+    forwarder->cancel();
+    ProcessWideState::reset();
+    TransportEngine::setSessionFactory(nullptr);
+}
+
+// One message of level 2, at the log's level.
+void logLine(benchmark::State& state) {
+    const BenchVolume volume({.logLevel = static_cast<int>(state.range(0))});
+    volume.enter();
+    constexpr LogSource kLog("EventQueueGCD");
+    for (auto _ : state) {
+        kLog.debug("enqueue", "EventQueueGCD dequeue count {}", 500);
+    }
+    countPerSecond(state, "lines/s", 1);
+}
+
+// The name of each user by id and the details by name, each asked twice.
+void users(benchmark::State& state) {
+    const auto count = static_cast<std::uint32_t>(state.range(0));
+    BenchVolume volume({});
+    volume.addUsers(count);
+    for (auto _ : state) {
+        state.PauseTiming();
+        volume.enter();
+        DomainUtil::getUserNameFromID(0);
+        state.ResumeTiming();
+        for (std::uint32_t asked = 0; asked < 2 * count; ++asked) {
+            const auto name = DomainUtil::getUserNameFromID(BenchVolume::kFirstUserId + asked % count);
+            if (!DomainUtil::getUserDetails(name)) {
+                state.SkipWithError("a user is not found");
+            }
+        }
+    }
+}
+
+// That many additions, a second apart by their records' time, the file, and as many look-ups.
+void loginHistory(benchmark::State& state) {
+    const auto count = state.range(0);
+    const BenchVolume volume({});
+    for (auto _ : state) {
+        state.PauseTiming();
+        volume.enter();
+        currentLoginUtility::initialize();
+        state.ResumeTiming();
+        for (std::int64_t i = 1; i <= count; ++i) {
+            currentLoginUtility::addToLoginHistory({{"uid", "person1"}}, static_cast<double>(i));
+        }
+        currentLoginUtility::flush();
+        for (std::int64_t i = 1; i <= count; ++i) {
+            if (!currentLoginUtility::getLogonUserAtTime(i)) {
+                state.SkipWithError("an entry is not found");
+            }
+        }
+    }
+}
+
+// Sizes: "full", "quick" or "smoke".
+void registerAll(std::string_view size) {
+    const bool full = size == "full";
+    const bool smoke = size == "smoke";
+    const int repetitions = full ? 5 : smoke ? 1 : 3;
+    const auto add = [&](const char* name, auto function, std::int64_t argument, double seconds = 0.5) {
+        auto* const made = benchmark::RegisterBenchmark(name, function);
+        made->Arg(argument)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
+        made->Repetitions(repetitions)->MinTime(smoke ? 0.01 : full ? seconds : seconds / 4);
+        return made;
+    };
+    const std::int64_t records = smoke ? 2000 : full ? 1'000'000 : 200'000;
+    add("read and sum", readAndSum, records);
+    add("decode and filter", decodeAndFilter, records);
+    const std::int64_t events = smoke ? 2000 : full ? 200'000 : 50'000;
+    add("selected, without names and JSON", selectedWithoutNamesAndJson, events);
+    add("selected to spool", selectedToSpool, events);
+    const std::int64_t batches = smoke ? 4 : full ? 200 : 60;
+    add("bare client", bareClient, batches);
+    add("spool to delivery", spoolToDelivery, batches);
+    for (const int level : {0, 2}) {
+        add("log line", logLine, level, 0.2);
+    }
+    for (std::int64_t n = 1; n <= (smoke ? 10 : full ? 100'000 : 10'000); n *= 10) {
+        add("users", users, n, 0.05)->Repetitions(smoke || n > 10'000 ? 1 : 3);
+        add("login history", loginHistory, n, 0.05)->Repetitions(smoke || n > 10'000 ? 1 : 3);
+    }
+}
+
+}  // namespace
+}  // namespace sentrova::bench
+
+int main(int argc, char** argv) {
+    using namespace sentrova::bench;
+    LoopbackServer sink(LoopbackServer::Kind::sink);
+    theSink = &sink;
+    const auto* const size = std::getenv("SENTROVA_BENCH_SIZE");
+    registerAll(size ? size : "quick");
+    // The names of the arguments are taken out of argv.
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 64;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    sentrova::ProcessWideState::reset();
+    return EXIT_SUCCESS;
+}
