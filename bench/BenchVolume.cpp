@@ -109,7 +109,7 @@ Block makeBlock(BenchVolume::Selected selected) {
 
 }  // namespace
 
-BenchVolume::BenchVolume(const Configuration& configuration) {
+BenchVolume::BenchVolume(const Configuration& configuration) : logLevel_(configuration.logLevel) {
     auto serverInfo = testing::loopbackConfiguration(configuration.port);
     serverInfo.set("ServerFQDN", "127.0.0.1");
     serverInfo.set("NumberofEventsPerRequest", configuration.eventsPerRequest);
@@ -121,15 +121,19 @@ BenchVolume::BenchVolume(const Configuration& configuration) {
     }
     serverInfo.set("EventsToRead", names);
     volume_.writeConfiguration("Serverinfo.plist", serverInfo);
-    volume_.writeConfiguration("myconfigurations.plist", {{"TimestampOfLastEvent", "0"},
-                                                          {"LogLevel", configuration.logLevel},
-                                                          {"AgentVersion", "1.0"},
-                                                          {"CommunicationType", 1}});
+    writeOwnConfiguration();
     for (std::uint32_t i = 0; i < 8; ++i) {
         volume_.addDomainUser(fmt::format("person{}", i), kFirstOfEight + i, fmt::format("S-1-5-21-7-{}", i), "CORP");
     }
     volume_.addLocalUser("root", 0);
     volume_.addGroup("staff", {{"name", "staff"}, {"gid", 20}});
+}
+
+// Nothing has been read yet.
+void BenchVolume::writeOwnConfiguration() {
+    volume_.writeConfiguration(
+        "myconfigurations.plist",
+        {{"TimestampOfLastEvent", "0"}, {"LogLevel", logLevel_}, {"AgentVersion", "1.0"}, {"CommunicationType", 1}});
 }
 
 std::filesystem::path BenchVolume::addTrail(std::string_view name, std::size_t records, Selected selected) {
@@ -161,11 +165,12 @@ void BenchVolume::addUsers(std::size_t count) {
     }
 }
 
-void BenchVolume::enter() const {
+void BenchVolume::enter() {
     ::setenv("TZ", "UTC", 1);
     ::tzset();
     ::setenv("SENTROVA_SYSTEM_VOLUME", volume_.volume().c_str(), 1);
     std::filesystem::current_path(volume_.bin());
+    writeOwnConfiguration();
     ProcessWideState::reset();
 }
 

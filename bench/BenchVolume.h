@@ -36,10 +36,13 @@ class BenchVolume {
     static constexpr std::uint32_t kFirstUserId = 100'000;
     void addUsers(std::size_t count);
 
-    // Makes this the surroundings of the process's own agent parts, fresh as after a start.
-    void enter() const;
+    // Makes this the surroundings of the process's own agent parts, fresh as after a first start.
+    void enter();
 
   private:
+    void writeOwnConfiguration();
+
+    const int logLevel_;
     testing::SystemVolume volume_;
 };
 

@@ -49,7 +49,8 @@ std::size_t contentLength(std::string_view head) {
 }
 
 void answerAll(int connection, Counter& requests) {
-    constexpr std::string_view kAnswer = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}";
+    constexpr std::string_view kAnswer =
+        "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}";
     std::vector<char> buffer(512 * 1024);
     std::size_t filled = 0;
     std::size_t bodyLeft = 0;

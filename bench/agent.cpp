@@ -1,1 +1,293 @@
-int main(){}
+// What the whole agent costs: its own program, as the service manager runs it, over made trails and spools and against
+// the stand-in audit server. Writes its results as Google Benchmark does, so that one program reads both; times are in
+// seconds, from the start of the process.
+
+#include "BenchVolume.h"
+#include "BuildPaths.h"
+#include "LoopbackServer.h"
+#include "support/RunningAgent.h"
+
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace sentrova::bench {
+namespace {
+
+using namespace std::chrono_literals;  // NOLINT(google-build-using-namespace)
+using Json = nlohmann::ordered_json;
+using testing::RunningAgent;
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds kPatience{300};
+constexpr std::size_t kEventsPerFile = 500;
+
+double secondsSince(std::chrono::steady_clock::time_point begin) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+double processorSecondsOfChildren() {
+    rusage usage{};
+    ::getrusage(RUSAGE_CHILDREN, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// A number of a line "Name:   123 kB" in one of the host's files on a process.
+std::int64_t numberIn(const fs::path& file, std::string_view name) {
+    const auto text = contentOf(file);
+    const auto at = text.find(fmt::format("{}:", name));
+    return at == std::string::npos ? -1 : std::strtoll(text.c_str() + at + name.size() + 1, nullptr, 10);
+}
+
+fs::path procOf(const RunningAgent& agent) {
+    return fmt::format("/proc/{}", agent.process());
+}
+
+class Results {
+  public:
+    void add(const std::string& name, const Json& values) {
+        Json result = {{"name", name}};
+        result.update(values);
+        fmt::print(stderr, "{}\n", result.dump());
+        all_.push_back(std::move(result));
+    }
+
+    void write(const fs::path& path) const { std::ofstream(path) << Json{{"benchmarks", all_}}.dump(1) << "\n"; }
+
+  private:
+    Json all_ = Json::array();
+};
+
+// Runs the agent over the volume until that many events have arrived and its spool is empty.
+Json deliver(const LoopbackServer& server, const BenchVolume& volume, std::uint64_t events,
+             const fs::path& program = testing::build::kAgent) {
+    const auto before = server.arrived();
+    const auto processorBefore = processorSecondsOfChildren();
+    const auto begin = std::chrono::steady_clock::now();
+    RunningAgent agent(program, volume.files());
+    const bool arrived = server.waitFor(before + events, kPatience) &&
+                         testing::waitUntil([&] { return fs::is_empty(volume.files().eventData()); }, kPatience);
+    const auto wall = secondsSince(begin);
+    const auto peak = numberIn(procOf(agent) / "status", "VmHWM");
+    if (!arrived || agent.stop() != 0) {
+        throw std::runtime_error(fmt::format("{} of {} events arrived: {}", server.arrived() - before, events,
+                                             testing::logOf(volume.files(), "Config").substr(0, 4000)));
+    }
+    return {{"real_time", wall},
+            {"cpu_time", processorSecondsOfChildren() - processorBefore},
+            {"peak_kib", peak},
+            {"events", server.arrived() - before}};
+}
+
+// A file is written when the event after its last one arrives: with so many more records that is one event.
+constexpr std::size_t kLastInMemory = 20;
+
+// The events of a trail of that many records, and kLastInMemory more, that leave memory.
+std::uint64_t spooled(std::size_t records) {
+    return records / 20 / kEventsPerFile * kEventsPerFile;
+}
+
+// Reading every byte is the baseline; wc by itself would only ask for the size.
+double secondsOfWordCount(const fs::path& trail) {
+    const auto begin = std::chrono::steady_clock::now();
+    const auto command = fmt::format("cat '{}' | wc -c >/dev/null", trail.string());
+    if (std::system(command.c_str()) != 0) {  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+        throw std::runtime_error(command);
+    }
+    return secondsSince(begin);
+}
+
+void runRecords(Results& results, const LoopbackServer& server, std::size_t largest, int repetitions) {
+    for (std::size_t records = 10'000; records <= largest; records *= 10) {
+        for (int i = 0; i < (records >= 10'000'000 ? std::min(repetitions, 2) : repetitions); ++i) {
+            BenchVolume volume({.port = server.port()});
+            const auto trail = volume.addTrail("1", records + kLastInMemory, BenchVolume::Selected::fiveInHundred);
+            results.add(fmt::format("word count/{}", records), {{"real_time", secondsOfWordCount(trail)}});
+            results.add(fmt::format("records/{}", records), deliver(server, volume, spooled(records)));
+        }
+    }
+}
+
+// Files of five events each, left by an earlier run.
+void runSpool(Results& results, const LoopbackServer& server, std::size_t largest) {
+    std::string batch = "[";
+    for (int i = 0; i < 5; ++i) {
+        batch += fmt::format(R"({}{{"record_event":45028,"UserName":"person{}","EventSource":"OpenBSM"}})",
+                             i > 0 ? "," : "", i);
+    }
+    batch += "]";
+    for (std::size_t files = 1; files <= largest; files *= 10) {
+        const BenchVolume volume({.port = server.port()});
+        for (std::size_t i = 0; i < files; ++i) {
+            std::ofstream(volume.files().eventData() / fmt::format("event_{:017}", 20260101000000000 + i)) << batch;
+        }
+        results.add(fmt::format("spool/{}", files), deliver(server, volume, files * 5));
+    }
+}
+
+// The same run at both levels; at level 2 also under strace, for what becomes of each line.
+void runLogLevels(Results& results, const LoopbackServer& server, std::size_t records) {
+    for (const int level : {0, 2}) {
+        BenchVolume volume({.port = server.port(), .logLevel = level});
+        volume.addTrail("1", records + kLastInMemory, BenchVolume::Selected::fiveInHundred);
+        auto run = deliver(server, volume, spooled(records));
+        std::int64_t lines = 0;
+        for (const auto* category : {"Config", "Event", "Communication"}) {
+            const auto log = testing::logOf(volume.files(), category);
+            lines += std::ranges::count(log, '\r');
+        }
+        run["lines"] = lines;
+        results.add(fmt::format("log level/{}", level), run);
+    }
+}
+
+// One file a thread, as strace writes it: a line of the log is "openat = N", then "write(N" and "close(N", each once
+// and with no other call between them.
+Json callsOf(const fs::path& folder) {
+    std::map<std::string, std::int64_t> counts;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        std::istringstream calls(contentOf(entry.path()));
+        std::string descriptor;
+        for (std::string call; std::getline(calls, call);) {
+            const bool opensLog = call.starts_with("openat(") && call.find("../logs/") != std::string::npos;
+            const bool ours = !descriptor.empty() && call.find("(" + descriptor) != std::string::npos;
+            if (opensLog) {
+                ++counts["opens"];
+                descriptor = call.substr(call.rfind("= ") + 2);
+            } else if (ours && call.starts_with("write(")) {
+                ++counts["writes"];
+            } else if (ours && call.starts_with("close(")) {
+                ++counts["closes"];
+                descriptor.clear();
+            }
+        }
+    }
+    return counts;
+}
+
+void runTracedLog(Results& results, const LoopbackServer& server) {
+    if (std::system("strace -o /dev/null true 2>/dev/null") != 0) {  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+        fmt::print(stderr, "strace is not there or may not trace: the log's calls are not counted\n");
+        return;
+    }
+    BenchVolume volume({.port = server.port(), .eventsPerRequest = 5, .logLevel = 2});
+    volume.addTrail("1", 400, BenchVolume::Selected::fiveInHundred);
+    const auto folder = volume.files().root() / "calls";
+    const auto program = volume.files().root() / "traced-agent";
+    fs::create_directory(folder);
+    std::ofstream(program) << "#!/bin/sh\nexec strace -I2 -ff -qq -e trace=openat,write,close -o '" << folder.string()
+                           << "/thread' '" << testing::build::kAgent << "'\n";
+    fs::permissions(program, fs::perms::owner_all);
+    RunningAgent agent(program, volume.files());
+    static_cast<void>(testing::waitForLog(volume.files(), "Config", "1 file read", kPatience));
+    agent.stop();
+    std::int64_t lines = 0;
+    for (const auto* category : {"Config", "Event", "Communication"}) {
+        const auto log = testing::logOf(volume.files(), category);
+        lines += std::ranges::count(log, '\r');
+    }
+    auto counts = callsOf(folder);
+    counts["lines"] = lines;
+    results.add("log calls", counts);
+}
+
+std::map<std::string, std::int64_t> switchesByThread(const RunningAgent& agent) {
+    std::map<std::string, std::int64_t> switches;
+    for (const auto& thread : fs::directory_iterator(procOf(agent) / "task")) {
+        switches[thread.path().filename()] = numberIn(thread.path() / "status", "voluntary_ctxt_switches");
+    }
+    return switches;
+}
+
+// With a spool that is empty, realtime collection on and the tasks of an installation.
+void runIdle(Results& results, const LoopbackServer& server, std::chrono::seconds time) {
+    BenchVolume volume({.port = server.port(), .realtime = true});
+    fs::copy_file(testing::build::kShippedSchedules, volume.files().conf() / "schedules.plist");
+    RunningAgent agent(testing::build::kAgent, volume.files());
+    std::this_thread::sleep_for(std::min<std::chrono::seconds>(time, 3s));
+    const auto before = switchesByThread(agent);
+    std::this_thread::sleep_for(time);
+    const auto after = switchesByThread(agent);
+    Json run = {{"seconds", time.count()},
+                {"threads", after.size()},
+                {"rss_kib", numberIn(procOf(agent) / "status", "VmRSS")},
+                {"pss_kib", numberIn(procOf(agent) / "smaps_rollup", "Pss")},
+                {"wakeups", 0}};
+    std::size_t place = 0;
+    for (const auto& [thread, count] : after) {
+        ++place;
+        const auto found = before.find(thread);
+        const auto woken = count - (found == before.end() ? 0 : found->second);
+        run["wakeups"] = run["wakeups"].get<std::int64_t>() + woken;
+        if (woken > 0) {
+            run["threads woken"].push_back(fmt::format("thread {}: {}", place, woken));
+        }
+    }
+    agent.stop();
+    results.add("idle", run);
+}
+
+int run(const std::vector<std::string>& arguments) {
+    const std::string size = arguments.at(1);
+    const bool full = size == "full";
+    const bool smoke = size == "smoke";
+    const LoopbackServer server(LoopbackServer::Kind::audit);
+    Results results;
+    const std::map<std::string, std::function<void()>> parts = {
+        {"idle", [&] { runIdle(results, server,
+                               full    ? 60s
+                               : smoke ? 1s
+                                       : 10s); }},
+        {"records",
+         [&] {
+             runRecords(results, server, smoke ? 100'000 : full ? 10'000'000 : 1'000'000, smoke ? 1 : 3);
+         }},
+        {"spool", [&] { runSpool(results, server,
+                                 smoke  ? 10
+                                 : full ? 100'000
+                                        : 10'000); }},
+        {"log",
+         [&] {
+             runLogLevels(results, server, smoke ? 20'000 : 1'000'000);
+             runTracedLog(results, server);
+         }},
+    };
+    for (auto name = arguments.begin() + 3; name != arguments.end(); ++name) {
+        parts.at (*name)();
+    }
+    results.write(arguments[2]);
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+}  // namespace sentrova::bench
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> arguments(argv, argv + argc);
+    if (arguments.size() < 4) {
+        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE idle|records|spool|log...\n", arguments[0]);
+        return 64;
+    }
+    try {
+        return sentrova::bench::run(arguments);
+    } catch (const std::exception& exception) {
+        fmt::print(stderr, "{}: {}\n", arguments[0], exception.what());
+        return EXIT_FAILURE;
+    }
+}

@@ -50,9 +50,8 @@ BenchVolume& spoolVolume(std::size_t records) {
 LoopbackServer* theSink = nullptr;
 
 void countPerSecond(benchmark::State& state, const char* name, std::size_t perIteration) {
-    state.counters[name] =
-        benchmark::Counter(static_cast<double>(perIteration) * static_cast<double>(state.iterations()),
-                           benchmark::Counter::kIsRate);
+    state.counters[name] = benchmark::Counter(
+        static_cast<double>(perIteration) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 // A byte source over a file, as plain as there is one.
@@ -102,18 +101,11 @@ void decodeAndFilter(benchmark::State& state) {
     countPerSecond(state, "records/s", records);
 }
 
-void emptyFolder(const std::filesystem::path& folder) {
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-        std::filesystem::remove(entry.path());
-    }
-}
-
 void selectedToSpool(benchmark::State& state) {
     const auto records = static_cast<std::size_t>(state.range(0));
     auto& volume = spoolVolume(records);
     for (auto _ : state) {
         state.PauseTiming();
-        emptyFolder(volume.files().eventData());
         volume.enter();
         EventQueueGCD::init();
         currentLoginUtility::initialize();
@@ -129,10 +121,8 @@ void selectedWithoutNamesAndJson(benchmark::State& state) {
     auto& volume = spoolVolume(records);
     const auto path = volume.files().auditFolder() / "spool";
     const Data batch(500 * 640, ' ');
+    static int files = 0;
     for (auto _ : state) {
-        state.PauseTiming();
-        emptyFolder(volume.files().eventData());
-        state.ResumeTiming();
         PlainFile file(path);
         bsm::RecordReader reader(file);
         for (std::size_t read = 1; reader.au_read_rec() > 0; ++read) {
@@ -141,9 +131,8 @@ void selectedWithoutNamesAndJson(benchmark::State& state) {
                 benchmark::DoNotOptimize(tokens.token());
             }
             if (read % 500 == 0) {
-                const auto target = volume.files().eventData() / fmt::format("plain_{}", read);
-                static_cast<void>(
-                    FileSystem::shared().writeAtomically(target, batch, FileSystem::Durability::renamed));
+                const auto target = volume.files().eventData() / fmt::format("plain_{}", ++files);
+                static_cast<void>(FileSystem::shared().writeAtomically(target, batch, FileSystem::Durability::renamed));
             }
         }
     }
@@ -207,7 +196,7 @@ class CountingSession final : public UrlSession {
 // From the announcement of the first spool file to the completion of the last request.
 void spoolToDelivery(benchmark::State& state) {
     const auto& batches = theBatches(static_cast<std::size_t>(state.range(0)));
-    const BenchVolume volume({.port = theSink->port()});
+    BenchVolume volume({.port = theSink->port()});
     volume.enter();
     std::atomic<std::size_t> completed = 0;
     TransportEngine::setSessionFactory(
@@ -250,7 +239,7 @@ void spoolToDelivery(benchmark::State& state) {
 
 // One message of level 2, at the log's level.
 void logLine(benchmark::State& state) {
-    const BenchVolume volume({.logLevel = static_cast<int>(state.range(0))});
+    BenchVolume volume({.logLevel = static_cast<int>(state.range(0))});
     volume.enter();
     constexpr LogSource kLog("EventQueueGCD");
     for (auto _ : state) {
@@ -281,7 +270,7 @@ void users(benchmark::State& state) {
 // That many additions, a second apart by their records' time, the file, and as many look-ups.
 void loginHistory(benchmark::State& state) {
     const auto count = state.range(0);
-    const BenchVolume volume({});
+    BenchVolume volume({});
     for (auto _ : state) {
         state.PauseTiming();
         volume.enter();

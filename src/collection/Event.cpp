@@ -35,10 +35,10 @@ std::int64_t asInt(std::uint32_t value) {
 std::optional<Dictionary> Event::parsedEvent() {
     GeneralEventParsing();
     AdditionalEventChecks();
-    return eventDict_;
+    return std::move(eventDict_);
 }
 
-void Event::set(std::string_view key, Value value) {
+void Event::set(std::string_view key, Value&& value) {
     if (!eventDict_) {
         return;
     }
@@ -131,7 +131,7 @@ void Event::checkAuthentication() {
         }
         const auto entry = currentLoginUtility::getLogonUserAtTime(get(kRecordTime).integerValue());
         if (entry) {
-            set(kUserName, (*entry)["uid"]);
+            set(kUserName, Value((*entry)["uid"]));
         }
         return;
     }
@@ -165,14 +165,17 @@ void Event::checkDirectory() {
         return;
     }
     if ((*details)[DomainUtil::kODAttributeTypePrimaryNTDomain].isNull()) {
-        kLog.in(LogCategory::Event)
-            .info("AdditionalEventChecks", "Excluding event because of {}", eventDict_ ? Value(*eventDict_) : Value());
+        if (LogSource::isWritten(LogLevel::Info)) {
+            kLog.in(LogCategory::Event)
+                .info("AdditionalEventChecks", "Excluding event because of {}",
+                      eventDict_ ? Value(*eventDict_) : Value());
+        }
         exclude();
         return;
     }
     const auto* const sids = (*details)[DomainUtil::kODAttributeTypeSMBSID].array();
     if (sids && !sids->empty()) {
-        set("UserSid", sids->front());
+        set("UserSid", Value(sids->front()));
     }
 }
 

@@ -77,7 +77,7 @@ class Event {
     void addToLoginHistory(const Value& user) const;
 
     // Does nothing when the event is excluded; an empty value leaves the key out.
-    void set(std::string_view key, Value value);
+    void set(std::string_view key, Value&& value);
     Value get(std::string_view key) const;
     void exclude() { eventDict_.reset(); }
 

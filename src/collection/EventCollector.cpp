@@ -83,6 +83,15 @@ std::optional<std::string> stored(std::string_view text) {
     return isValidUtf8(text) ? std::optional(std::string(text)) : std::nullopt;
 }
 
+Event eventOf(const bsm::HeaderToken& header) {
+    Event event;
+    event.version = header.version;
+    event.eventType = header.eventType;
+    event.eventModifier = header.eventModifier;
+    event.timeStampInMs = header.seconds;
+    return event;
+}
+
 void setSubject(const bsm::SubjectToken& token, Event& event) {
     event.auditId = token.auditId;
     event.effectiveUserID = token.effectiveUserId;
@@ -223,39 +232,41 @@ void EventCollector::readRecords(AuditSource& source) {
 
 void EventCollector::readRecord(std::span<const std::uint8_t> record) {
     bsm::TokenReader tokens(record);
+    // Of the event that is being read. The event itself is made once it is known to be wanted: few are.
+    std::optional<bsm::HeaderToken> header;
     std::optional<Event> event;
     while (tokens.left() > 0 && tokens.au_fetch_tok() == 0) {
-        if (event && !shouldProcessRecord(event->eventType, event->timeStampInMs)) {
+        if (header && !shouldProcessRecord(header->eventType, header->seconds)) {
             return;
         }
-        handleToken(tokens.token(), event);
+        const auto& token = tokens.token();
+        if (const auto* begun = std::get_if<bsm::HeaderToken>(&token.content)) {
+            header = *begun;
+            event.reset();
+        } else if (header) {
+            if (!event) {
+                event = eventOf(*header);
+            }
+            handleToken(token, *event);
+            if (token.id == bsm::TokenId::kTrailer) {
+                header.reset();
+            }
+        }
     }
 }
 
-void EventCollector::handleToken(const bsm::Token& token, std::optional<Event>& event) {
-    if (const auto* header = std::get_if<bsm::HeaderToken>(&token.content)) {
-        event.emplace();
-        event->version = header->version;
-        event->eventType = header->eventType;
-        event->eventModifier = header->eventModifier;
-        event->timeStampInMs = header->seconds;
-        return;
-    }
-    if (!event) {
-        return;
-    }
+void EventCollector::handleToken(const bsm::Token& token, Event& event) {
     if (const auto* subject = std::get_if<bsm::SubjectToken>(&token.content)) {
-        setSubject(*subject, *event);
+        setSubject(*subject, event);
     } else if (const auto* result = std::get_if<bsm::Return32Token>(&token.content)) {
-        event->ret = result->value;
-        event->status = result->status;
+        event.ret = result->value;
+        event.status = result->status;
     } else if (const auto* text = std::get_if<bsm::TextToken>(&token.content)) {
-        event->text = stored(text->text);
+        event.text = stored(text->text);
     } else if (const auto* identity = std::get_if<bsm::IdentityToken>(&token.content)) {
-        event->signing_id = stored(identity->signingId);
+        event.signing_id = stored(identity->signingId);
     } else if (std::holds_alternative<bsm::TrailerToken>(token.content)) {
-        deliver(*event);
-        event.reset();
+        deliver(event);
     }
 }
 
@@ -265,7 +276,9 @@ void EventCollector::deliver(Event& event) {
         theLastRead.get().setTime(event.timeStampInMs);
         ++counts_.events;
     } else {
-        kLog.info(__func__, "Error/Exclusion in {}", event.description());
+        if (LogSource::isWritten(LogLevel::Info)) {
+            kLog.info(__func__, "Error/Exclusion in {}", event.description());
+        }
         ++counts_.excluded;
     }
 }

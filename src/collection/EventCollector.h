@@ -57,7 +57,7 @@ class EventCollector final : public ConcurrentOperationAbstract {
     void readEvents();
     void readRecords(AuditSource& source);
     void readRecord(std::span<const std::uint8_t> record);
-    void handleToken(const bsm::Token& token, std::optional<Event>& event);
+    void handleToken(const bsm::Token& token, Event& event);
     void deliver(Event& event);
     void logEnd(const bsm::RecordReader& reader, const AuditSource& source) const;
     void complete() EXCLUDES(mutex_);

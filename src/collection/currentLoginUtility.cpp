@@ -68,8 +68,10 @@ class LoginHistory {
     void add(const Dictionary& entry, double time) EXCLUDES(mutex_) {
         const auto key = Value(time).integerValue();
         const auto oldest = GlobalVariables::getInstance().timeStampOfLastEvent().integerValue();
-        kLog.info("addToLoginHistory", "adding to loginhistory {} {} {}",
-                  Utilities::getCurrentTimeInFormat("E, d MMM yyyy HH:mm:ss Z"), key, Value(entry));
+        if (LogSource::isWritten(LogLevel::Info)) {
+            kLog.info("addToLoginHistory", "adding to loginhistory {} {} {}",
+                      Utilities::getCurrentTimeInFormat("E, d MMM yyyy HH:mm:ss Z"), key, Value(entry));
+        }
         bool writeNow = false;
         {
             MutexLock lock(mutex_);

@@ -26,11 +26,8 @@ class Json {
     static Result<Value> parse(std::string_view text, const Limits& limits);
     static Result<Value> parse(std::string_view text) { return parse(text, Limits()); }
 
-    // Whether the value can be written: a dictionary or array outermost, and below it no dates, no data, no infinite
-    // numbers, no text that is not UTF-8, no nesting beyond what parse accepts.
-    static bool isValidObject(const Value& value);
-
-    // The value as compact JSON; fails, naming the culprit, on what isValidObject refuses.
+    // The value as compact JSON. Fails, naming the culprit, unless a dictionary or array is outermost, with no dates,
+    // no data, no infinite numbers, no text that is not UTF-8 and no nesting beyond what parse accepts below it.
     static Result<std::string> write(const Value& value);
 };
 

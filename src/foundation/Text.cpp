@@ -54,9 +54,9 @@ Character firstCharacter(std::string_view text) {
 
 std::size_t asciiPrefix(std::string_view text) {
     std::size_t at = 0;
-    for (std::uint64_t eight = 0; at + sizeof eight <= text.size(); at += sizeof eight) {
-        std::memcpy(&eight, text.data() + at, sizeof eight);
-        if ((eight & 0x8080808080808080U) != 0) {
+    for (std::array<std::uint64_t, 4> words{}; at + sizeof words <= text.size(); at += sizeof words) {
+        std::memcpy(words.data(), text.data() + at, sizeof words);
+        if (((words[0] | words[1] | words[2] | words[3]) & 0x8080808080808080U) != 0) {
             break;
         }
     }

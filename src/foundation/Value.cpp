@@ -238,7 +238,7 @@ void Dictionary::set(std::string_view key, Value value) {
         entries_[at].value = std::move(value);
         return;
     }
-    entries_.push_back({std::string(key), std::move(value)});
+    entries_.emplace_back(std::string(key), std::move(value));
     if (index_) {
         index_->emplace(key, entries_.size() - 1);
     } else if (entries_.size() > kWalkedEntries) {

@@ -77,7 +77,6 @@ TEST(JsonTest, WrittenValuesAreCompactAndReadBackEqual) {
         {Dictionary{{"k\"\n", 1}}, R"({"k\"\n":1})"},
     };
     for (const auto& [value, text] : cases) {
-        ASSERT_TRUE(Json::isValidObject(value));
         EXPECT_EQ(*Json::write(value), text);
         EXPECT_EQ(*Json::parse(text), value);
     }
@@ -102,12 +101,11 @@ TEST(JsonTest, WhatJsonCannotCarryIsNamedAndRefused) {
         {deep, "nested too deep"},
     };
     for (const auto& [value, reason] : cases) {
-        EXPECT_FALSE(Json::isValidObject(value)) << reason;
         const auto written = Json::write(value);
         ASSERT_FALSE(written) << reason;
         EXPECT_NE(written.error().description.find(reason), std::string::npos) << written.error().description;
     }
-    EXPECT_TRUE(Json::isValidObject(deep.array()->front()));
+    EXPECT_TRUE(Json::write(deep.array()->front()));
 }
 
 }  // namespace
