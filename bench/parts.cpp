@@ -179,13 +179,18 @@ class CountingSession final : public UrlSession {
         : session_(std::move(delegate)), completed_(completed) {}
 
     void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override {
-        session_.uploadTask(request, std::move(body),
-                            [this, completion = std::move(completionHandler)](const auto& data, const auto& response,
-                                                                              const auto& error) {
-                                completion(data, response, error);
-                                completed_.fetch_add(1);
-                                completed_.notify_one();
-                            });
+        uploadShared(request, std::make_shared<const std::string>(std::move(body)), std::move(completionHandler));
+    }
+
+    void uploadShared(const UrlRequest& request, const std::shared_ptr<const std::string>& body,
+                      Completion completionHandler) override {
+        session_.uploadShared(request, body,
+                              [this, completion = std::move(completionHandler)](const auto& data, const auto& response,
+                                                                                const auto& error) {
+                                  completion(data, response, error);
+                                  completed_.fetch_add(1);
+                                  completed_.notify_one();
+                              });
     }
 
   private:

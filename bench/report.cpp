@@ -40,7 +40,8 @@ class Results {
   public:
     void read(const std::string& file) {
         std::ifstream in(file);
-        for (const auto& entry : Json::parse(in).at("benchmarks")) {
+        const auto content = Json::parse(in);
+        for (const auto& entry : content.at("benchmarks")) {
             if (entry.value("run_type", "iteration") == "iteration") {
                 add(entry);
             }
@@ -353,7 +354,7 @@ std::string machine() {
     utsname host{};
     ::uname(&host);
     const auto kib = std::strtod(lineOf("/proc/meminfo", "MemTotal").c_str(), nullptr);
-    return fmt::format("{}, {} cores, {:.0f} GiB of memory; {} {}; g++ or clang {}",
+    return fmt::format("{}, {} cores, {:.0f} GiB of memory; {} {}; compiler {}",
                        lineOf("/proc/cpuinfo", "model name"), std::thread::hardware_concurrency(), kib / 1024 / 1024,
                        host.sysname, host.release, __VERSION__);
 }
@@ -367,7 +368,8 @@ std::string document(const Results& results, const std::string& command) {
         "threads in brackets. What a row measures is said in `bench/parts.cpp` and `bench/agent.cpp`.\n\n",
         command, fmt::gmtime(now), machine());
     text += "| what | baseline | target | measured | |\n|---|---|---|---|---|\n";
-    for (const auto& row : Table(results).rows()) {
+    const Table table(results);
+    for (const auto& row : table.rows()) {
         text += fmt::format("| {} | {} | {} | {} | {} |\n", row.what, row.baseline, row.target, row.measured, row.met);
     }
     text += "\n" + growthTable(results);

@@ -19,7 +19,6 @@
 #include <memory>
 #include <set>
 #include <utility>
-#include <vector>
 
 #include <fmt/format.h>
 
