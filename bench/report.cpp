@@ -354,9 +354,8 @@ std::string machine() {
     utsname host{};
     ::uname(&host);
     const auto kib = std::strtod(lineOf("/proc/meminfo", "MemTotal").c_str(), nullptr);
-    return fmt::format("{}, {} cores, {:.0f} GiB of memory; {} {}; compiler {}",
-                       lineOf("/proc/cpuinfo", "model name"), std::thread::hardware_concurrency(), kib / 1024 / 1024,
-                       host.sysname, host.release, __VERSION__);
+    return fmt::format("{}, {} cores, {:.0f} GiB of memory; {} {}; compiler {}", lineOf("/proc/cpuinfo", "model name"),
+                       std::thread::hardware_concurrency(), kib / 1024 / 1024, host.sysname, host.release, __VERSION__);
 }
 
 std::string document(const Results& results, const std::string& command) {

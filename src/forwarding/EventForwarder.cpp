@@ -197,7 +197,7 @@ void EventForwarder::SendData(std::string data, Slot slot) {
         kLog.info(__func__, "EventForwarder next url {}", engine->baseURL());
         const auto batch = std::make_shared<const std::string>(std::move(data));
         engine->sendMessageToServer(
-            MessageType::eventDelivery, *batch,
+            MessageType::eventDelivery, batch,
             [engine, batch, slot = std::move(slot)](const auto& answer, const auto& response, const auto& error) {
                 finishDelivery(*engine, *batch, answer, response, error);
             });

@@ -173,12 +173,12 @@ class Spool {
             return std::nullopt;
         }
         kLog.info("dequeue", "Going to read from file {}", file.path());
-        const auto content = FileSystem::shared().read(file.path());
+        auto content = FileSystem::shared().readText(file.path());
         if (!content) {
             kLog.error("dequeue", "The spooled file cannot be read: {}", content.error().description);
             return std::nullopt;
         }
-        return std::string(reinterpret_cast<const char*>(content->data()), content->size());
+        return *std::move(content);
     }
 
     std::optional<std::string> takeEvents() {

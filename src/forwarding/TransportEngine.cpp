@@ -214,7 +214,13 @@ void TransportEngine::tryOtherURL() {
     compose(address.scheme, address.name, address.port);
 }
 
-void TransportEngine::sendMessageToServer(MessageType type, const std::string& andParameters,
+void TransportEngine::sendMessageToServer(MessageType type, std::string andParameters,
+                                          UrlSession::Completion andCompletionHandler) {
+    sendMessageToServer(type, std::make_shared<const std::string>(std::move(andParameters)),
+                        std::move(andCompletionHandler));
+}
+
+void TransportEngine::sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
                                           UrlSession::Completion andCompletionHandler) {
     try {
         MsgConfiguration message;
@@ -225,7 +231,8 @@ void TransportEngine::sendMessageToServer(MessageType type, const std::string& a
         if (baseURL_.find(*message.URL()) == std::string::npos) {
             baseURL_ += *message.URL();
         }
-        auto body = asciiLossy(andParameters);
+        const auto body =
+            isAscii(*andParameters) ? andParameters : std::make_shared<const std::string>(asciiLossy(*andParameters));
         UrlRequest request;
         if (isHostName(urlComp_[3])) {
             request.url = baseURL_;
@@ -235,12 +242,12 @@ void TransportEngine::sendMessageToServer(MessageType type, const std::string& a
         }
         request.method = *message.method();
         request.timeout = kRequestTimeout;
-        request.setHeader("Content-Length", fmt::format("{}", body.size()));
+        request.setHeader("Content-Length", fmt::format("{}", body->size()));
         request.setHeader("Content-Type", "text/json");
         if (const auto accessKey = GlobalVariables::getInstance().orgAccessKey()) {
             request.setHeader("OrgAccessKey", *accessKey);
         }
-        theSession.get().session->uploadTask(request, std::move(body), std::move(andCompletionHandler));
+        theSession.get().session->uploadShared(request, body, std::move(andCompletionHandler));
     } catch (const std::exception& exception) {
         kLog.error(__func__, "{}", exception.what());
     }

@@ -36,7 +36,9 @@ class TransportEngine {
 
     // Sends the body, as ASCII, without waiting. The completion runs on the session's delegate queue; it is not called
     // for a message type that there is not.
-    void sendMessageToServer(MessageType type, const std::string& andParameters,
+    void sendMessageToServer(MessageType type, std::string andParameters, UrlSession::Completion andCompletionHandler);
+    // The same for a body that the caller keeps as well; it is not copied when it is ASCII already.
+    void sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
                              UrlSession::Completion andCompletionHandler);
 
     // scheme://host:port, and the message's path once one was sent.

@@ -78,7 +78,7 @@ UrlErrorCode errorCodeFor(CURLcode code) {
 
 }  // namespace
 
-CurlTransfer::CurlTransfer(Address address, UrlRequest request, std::string body, UrlSession::Completion completion,
+CurlTransfer::CurlTransfer(Address address, UrlRequest request, Body body, UrlSession::Completion completion,
                            const Limits& limits)
     : id_(nextId()),
       address_(std::move(address)),
@@ -128,7 +128,7 @@ CurlTransfer::HeaderList CurlTransfer::headerList() const {
                                    [&](const auto& header) { return curl_strequal(header.first.c_str(), name); });
     };
     for (const auto& [name, value] : request_.headers) {
-        const std::string sent = curl_strequal(name.c_str(), "Content-Length") ? std::to_string(body_.size()) : value;
+        const std::string sent = curl_strequal(name.c_str(), "Content-Length") ? std::to_string(body_->size()) : value;
         // A name with a semicolon is how the library is asked for a header without a value, one with nothing after its
         // colon how it is asked for no such header.
         append(sent.empty() ? name + ";" : name + ": " + sent);
@@ -179,8 +179,8 @@ void CurlTransfer::setUpRequest() {
     set(CURLOPT_PROXY, "");
     set(CURLOPT_POST, 1L);
     set(CURLOPT_CUSTOMREQUEST, request_.method.c_str());
-    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_.size()));
-    set(CURLOPT_POSTFIELDS, body_.c_str());
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_->size()));
+    set(CURLOPT_POSTFIELDS, body_->c_str());
     set(CURLOPT_HTTPHEADER, headers_.get());
     set(CURLOPT_FOLLOWLOCATION, 0L);
     // The session measures the time; this only keeps the library's own, shorter limit for connecting out of the way.

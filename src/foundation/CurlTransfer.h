@@ -20,6 +20,8 @@ namespace sentrova {
 class CurlTransfer {
   public:
     using Method = UrlAuthenticationChallenge::Method;
+    // Never null.
+    using Body = std::shared_ptr<const std::string>;
 
     // What a transfer needs of its session. Called on the network thread, also from within the network library.
     class Session {
@@ -54,7 +56,7 @@ class CurlTransfer {
     // and https, and on a method or a header that would break out of its line.
     static Result<Address> addressOf(const UrlRequest& request);
 
-    CurlTransfer(Address address, UrlRequest request, std::string body, UrlSession::Completion completion,
+    CurlTransfer(Address address, UrlRequest request, Body body, UrlSession::Completion completion,
                  const Limits& limits);
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;
@@ -116,7 +118,7 @@ class CurlTransfer {
     const std::uint64_t id_;
     const Address address_;
     const UrlRequest request_;
-    const std::string body_;
+    const Body body_;
     const Limits limits_;
     UrlSession::Completion completion_;
 

@@ -136,7 +136,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         thread_.join();
     }
 
-    void add(const UrlRequest& request, std::string body, Completion completion) {
+    void add(const UrlRequest& request, CurlTransfer::Body body, Completion completion) {
         auto address = CurlTransfer::addressOf(request);
         if (!address) {
             complete(std::move(completion), {{}, {}, address.error()});
@@ -360,7 +360,12 @@ CurlUrlSession::CurlUrlSession(std::shared_ptr<UrlSessionDelegate> delegate, con
 CurlUrlSession::~CurlUrlSession() = default;
 
 void CurlUrlSession::uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) {
-    engine_->add(request, std::move(body), std::move(completionHandler));
+    engine_->add(request, std::make_shared<const std::string>(std::move(body)), std::move(completionHandler));
+}
+
+void CurlUrlSession::uploadShared(const UrlRequest& request, const std::shared_ptr<const std::string>& body,
+                                  Completion completionHandler) {
+    engine_->add(request, body, std::move(completionHandler));
 }
 
 }  // namespace sentrova

@@ -46,6 +46,8 @@ class CurlUrlSession final : public UrlSession {
     ~CurlUrlSession() override;
 
     void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override;
+    void uploadShared(const UrlRequest& request, const std::shared_ptr<const std::string>& body,
+                      Completion completionHandler) override;
 
   private:
     class Engine;

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -58,19 +59,24 @@ class Formatters {
 
     std::string format(std::string_view pattern, UDate date) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        const auto* formatter = formatterLocked(pattern);
+        auto* const formatter = formatterLocked(pattern);
         if (!formatter) {
             return {};
         }
-        icu::UnicodeString text;
-        formatter->format(date, text);
-        std::string result;
-        return text.toUTF8String(result);
+        const auto second = std::floor(date / U_MILLIS_PER_SECOND);
+        if (formatter->lastSecond != second) {
+            icu::UnicodeString text;
+            formatter->format->format(date, text);
+            formatter->lastText.clear();
+            text.toUTF8String(formatter->lastText);
+            formatter->lastSecond = formatter->wholeSeconds ? std::optional(second) : std::nullopt;
+        }
+        return formatter->lastText;
     }
 
     std::optional<UDate> parse(std::string_view pattern, std::string_view text) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        const auto* formatter = formatterLocked(pattern);
+        const auto* const formatter = formatterLocked(pattern);
         UErrorCode status = U_ZERO_ERROR;
         icu::GregorianCalendar calendar(*zone_, icu::Locale("en_US_POSIX"), status);
         if (!formatter || U_FAILURE(status)) {
@@ -82,7 +88,7 @@ class Formatters {
         calendar.setLenient(false);
         icu::ParsePosition position(0);
         const auto whole = unicode(text);
-        formatter->parse(whole, calendar, position);
+        formatter->format->parse(whole, calendar, position);
         const auto date = calendar.getTime(status);
         if (position.getIndex() != whole.length() || position.getErrorIndex() >= 0 || U_FAILURE(status)) {
             return std::nullopt;
@@ -110,11 +116,20 @@ class Formatters {
     static constexpr std::size_t kMaximumPatterns = 32;
     static constexpr std::chrono::seconds kZoneCheckInterval{1};
 
+    // With the text that it made last, which goes for the whole second where the pattern shows no part of one: the
+    // lines of a log come thousands a second.
+    struct Formatter {
+        std::unique_ptr<icu::SimpleDateFormat> format;
+        bool wholeSeconds = false;
+        std::optional<double> lastSecond = {};
+        std::string lastText = {};
+    };
+
     // The formatter, set to the device's present zone; null for a pattern that is none.
-    const icu::SimpleDateFormat* formatterLocked(std::string_view pattern) REQUIRES(mutex_) {
+    Formatter* formatterLocked(std::string_view pattern) REQUIRES(mutex_) {
         followZoneLocked();
         if (const auto known = formatters_.find(pattern); known != formatters_.end()) {
-            return known->second.get();
+            return &known->second;
         }
         // A fixed locale: stored texts and file names keep their form and their digits on every device.
         UErrorCode status = U_ZERO_ERROR;
@@ -128,7 +143,8 @@ class Formatters {
         if (formatters_.size() >= kMaximumPatterns) {
             formatters_.clear();
         }
-        return formatters_.emplace(pattern, std::move(formatter)).first->second.get();
+        const bool wholeSeconds = pattern.find_first_of("SA") == std::string_view::npos;
+        return &formatters_.emplace(pattern, Formatter{std::move(formatter), wholeSeconds}).first->second;
     }
 
     void followZoneLocked() REQUIRES(mutex_) {
@@ -148,7 +164,7 @@ class Formatters {
     }
 
     Mutex mutex_;
-    std::map<std::string, std::unique_ptr<icu::SimpleDateFormat>, std::less<>> formatters_ GUARDED_BY(mutex_);
+    std::map<std::string, Formatter, std::less<>> formatters_ GUARDED_BY(mutex_);
     ZoneSource source_ GUARDED_BY(mutex_);
     std::unique_ptr<icu::TimeZone> zone_ GUARDED_BY(mutex_);
     Clock::Monotonic checked_ GUARDED_BY(mutex_) = Clock::shared().monotonicTime();

@@ -57,7 +57,9 @@ class FileSystem {
     virtual Result<FileStatus> status(const std::string& path);
     virtual Result<FileStatus> linkStatus(const std::string& path);
     virtual Result<FileDescriptor> openForReading(const std::string& path);
+    // A regular file's whole content, as bytes and as text; whether that is UTF-8 is not looked at.
     virtual Result<Data> read(const std::string& path);
+    virtual Result<std::string> readText(const std::string& path);
 
     // Writes a temporary file beside the target and renames it, so that the path names either the old content or the
     // new one, whole. With `flush` it also survives a loss of power.
@@ -120,6 +122,8 @@ class FileSystem {
     static Location locationOf(const std::string& path);
     Result<Place> placeOf(const std::string& path, const char* what);
     bool isLink(const std::string& path);
+    template <class Content>
+    Result<Content> readWhole(const std::string& path);
     FileDescriptor open(const Location& at, int flags, mode_t mode = 0);
     int flush(int descriptor);
     int writeWhole(int descriptor, std::span<const std::uint8_t> content);

@@ -149,6 +149,10 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
+bool isAscii(std::string_view text) {
+    return asciiPrefix(text) == text.size();
+}
+
 std::u16string utf16(std::string_view text) {
     std::u16string result;
     result.reserve(text.size());

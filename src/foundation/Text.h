@@ -13,6 +13,8 @@ namespace sentrova {
 // Whether the text is UTF-8 in its strict form: no overlong forms, no surrogates, nothing above U+10FFFF.
 bool isValidUtf8(std::string_view text);
 
+bool isAscii(std::string_view text);
+
 // The text in UTF-16; each byte that is not part of valid UTF-8 becomes U+FFFD.
 std::u16string utf16(std::string_view text);
 

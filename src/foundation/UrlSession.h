@@ -83,6 +83,12 @@ class UrlSession {
     // Starts sending the body with the request. Returns at once, also when the request cannot be sent: that, too, is
     // told to the completion. A redirect is an answer like any other; it is not followed.
     virtual void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) = 0;
+
+    // The same for a body that the caller keeps as well: a session that can does without a copy of it.
+    virtual void uploadShared(const UrlRequest& request, const std::shared_ptr<const std::string>& body,
+                              Completion completionHandler) {
+        uploadTask(request, *body, std::move(completionHandler));
+    }
 };
 
 }  // namespace sentrova

@@ -75,6 +75,8 @@ TEST(JsonTest, WrittenValuesAreCompactAndReadBackEqual) {
         {Array{std::string("a\0b", 3), "caf\xC3\xA9 \xF0\x9F\x98\x80"},
          "[\"a\\u0000b\",\"caf\xC3\xA9 \xF0\x9F\x98\x80\"]"},
         {Dictionary{{"k\"\n", 1}}, R"({"k\"\n":1})"},
+        {Array{"eight by\"es", "eight by\\es", "eight by\x1F", "eight bytes!#[]", "eight b\xC3\xA9"},
+         "[\"eight by\\\"es\",\"eight by\\\\es\",\"eight by\\u001f\",\"eight bytes!#[]\",\"eight b\xC3\xA9\"]"},
     };
     for (const auto& [value, text] : cases) {
         EXPECT_EQ(*Json::write(value), text);

@@ -12,7 +12,9 @@ namespace {
 TEST(TextTest, OnlyStrictUtf8IsValid) {
     const std::pair<std::string_view, bool> cases[] = {
         {"", true},
-        {"plain text of more than eight bytes", true},
+        {"plain text of more than thirty-two bytes", true},
+        {"plain text, and within its second thirty-two bytes: caf\xC3\xA9", true},
+        {"plain text, and within its second thirty-two bytes: \xFF", false},
         {std::string_view("a\0b", 3), true},
         {"caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80 \xF4\x8F\xBF\xBF", true},
         {"\xED\x9F\xBF\xEE\x80\x80", true},
