@@ -23,6 +23,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -84,6 +85,9 @@ ProcessWide<Wakes> theWakes;
 void checkFolder(const std::string& folder) {
     const auto status = FileSystem::shared().linkStatus(folder);
     if (!status) {
+        if (status.error().code != ENOENT) {
+            kLog.error(__func__, "{}", status.error().description);
+        }
         return;
     }
     if (status->isSymbolicLink) {
@@ -101,6 +105,10 @@ void checkFolder(const std::string& folder) {
 void removeUnfinishedFiles(const std::string& folder) {
     const auto names = FileSystem::shared().ownNames(folder);
     if (!names) {
+        // A link has been named before.
+        if (names.error().code != ENOENT && names.error().code != ELOOP) {
+            kLog.error(__func__, "{}", names.error().description);
+        }
         return;
     }
     for (const auto& name : *names) {

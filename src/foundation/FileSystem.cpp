@@ -393,7 +393,10 @@ Result<std::vector<std::string>> FileSystem::names(const std::string& folder) {
 
 Result<std::vector<std::string>> FileSystem::ownNames(const std::string& folder) {
     const auto status = linkStatus(folder);
-    return status && status->isSymbolicLink ? failure(ELOOP, "cannot list", folder) : names(folder);
+    if (!status) {
+        return status.error();
+    }
+    return status->isSymbolicLink ? failure(ELOOP, "cannot list", folder) : names(folder);
 }
 
 bool FileSystem::isBehindLink(const std::string& path) {

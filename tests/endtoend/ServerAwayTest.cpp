@@ -46,12 +46,12 @@ class HeavyFiles final : public FileSystem {
         }
         return status;
     }
-    int hostRemove(const std::string& path) override {
+    int hostRemove(const Location& at) override {
         const MutexLock lock(mutex_);
-        if (const auto name = path.substr(path.rfind('/') + 1); name.starts_with("event_")) {
-            removed_.push_back(name);
+        if (at.name.starts_with("event_")) {
+            removed_.push_back(at.name);
         }
-        return FileSystem::hostRemove(path);
+        return FileSystem::hostRemove(at);
     }
     std::vector<std::string> removed() {
         const MutexLock lock(mutex_);

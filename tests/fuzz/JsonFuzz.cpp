@@ -13,9 +13,8 @@ void fuzz(std::span<const std::uint8_t> input) {
         return;
     }
     require(isValidUtf8(value->description()), "the description of a value is text");
-    require(Json::isValidObject(*value), "what is read can be written");
     const auto text = Json::write(*value);
-    require(static_cast<bool>(text), "what can be written is written");
+    require(static_cast<bool>(text), "what is read can be written");
     const auto again = Json::parse(*text);
     require(again && *again == *value, "what is written reads as the same", *text);
     // Bodies go out as ASCII.

@@ -108,6 +108,17 @@ Result<Data> MemoryFileSystem::read(const std::string& path) {
     return entry->second.content;
 }
 
+Result<std::string> MemoryFileSystem::readText(const std::string& path) {
+    const auto content = read(path);
+    return content ? Result<std::string>(std::string(content->begin(), content->end())) : content.error();
+}
+
+// Nobody else is there.
+Result<Done> MemoryFileSystem::restrictToOwner(const std::string& path) {
+    const auto there = status(path);
+    return there ? Result<Done>(Done()) : there.error();
+}
+
 Result<Done> MemoryFileSystem::writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
                                                Durability /*durability*/) {
     if (const auto there = status(writable(path)); there && there->isFolder) {

@@ -27,10 +27,12 @@ class MemoryFileSystem final : public FileSystem {
     Result<FileStatus> linkStatus(const std::string& path) override { return status(path); }
     Result<FileDescriptor> openForReading(const std::string& path) override;
     Result<Data> read(const std::string& path) override EXCLUDES(mutex_);
+    Result<std::string> readText(const std::string& path) override;
     Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content, Durability) override;
     Result<Done> append(const std::string& path, std::string_view text) override EXCLUDES(mutex_);
     Result<Done> createFile(const std::string& path) override { return add(path, false); }
     Result<Done> createFolder(const std::string& path) override { return add(path, true); }
+    Result<Done> restrictToOwner(const std::string& path) override;
     Result<Done> remove(const std::string& path) override EXCLUDES(mutex_);
     Result<Done> move(const std::string& from, const std::string& to) override EXCLUDES(mutex_);
     Result<std::vector<std::string>> names(const std::string& folder) override EXCLUDES(mutex_);
