@@ -83,8 +83,8 @@ bool FileUtils::createFile(const std::string& path) {
 }
 
 bool FileUtils::createFolder(const std::string& path) {
-    if (fileSystem().isBehindLink(path)) {
-        kLog.error(__func__, "The folder {} is a symbolic link and is not followed", path);
+    if (const auto own = fileSystem().checkNoLink(path); !own) {
+        kLog.error(__func__, "{}", own.error().description);
         return false;
     }
     if (fileSystem().exists(path)) {
@@ -143,8 +143,8 @@ bool FileUtils::zipFile(const std::string& path) {
     const auto zip = withoutExtension(path) + ".zip";
     // The command itself follows links, to read and to write.
     for (const auto& each : {path, zip}) {
-        if (fileSystem().isBehindLink(each)) {
-            kLog.error(__func__, "{} is not zipped: {} is behind a symbolic link, which is not followed", path, each);
+        if (const auto own = fileSystem().checkNoLink(each); !own) {
+            kLog.error(__func__, "{} is not zipped: {}", path, own.error().description);
             return false;
         }
     }

@@ -399,12 +399,14 @@ Result<std::vector<std::string>> FileSystem::ownNames(const std::string& folder)
     return status->isSymbolicLink ? failure(ELOOP, "cannot list", folder) : names(folder);
 }
 
-bool FileSystem::isBehindLink(const std::string& path) {
-    const auto isLinkNow = [this](const std::string& each) {
+Result<Done> FileSystem::checkNoLink(const std::string& path) {
+    for (const auto& each : {path, folderOf(path)}) {
         const auto status = linkStatus(each);
-        return status && status->isSymbolicLink;
-    };
-    return isLinkNow(path) || isLinkNow(folderOf(path));
+        if (status ? status->isSymbolicLink : status.error().code != ENOENT) {
+            return status ? failure(ELOOP, "cannot use", each) : status.error();
+        }
+    }
+    return Done();
 }
 
 bool FileSystem::isTemporaryName(std::string_view name) {

@@ -82,8 +82,9 @@ class FileSystem {
 
     // The same for a folder of the agent's own.
     Result<std::vector<std::string>> ownNames(const std::string& folder);
-    // Whether the path or the folder it is in is a symbolic link; for what is handed to other programs.
-    bool isBehindLink(const std::string& path);
+    // Fails when the path or the folder it is in is a symbolic link, or cannot be looked at; not when there is none.
+    // For what is handed to other programs.
+    Result<Done> checkNoLink(const std::string& path);
 
     // One read of the host, from a file opened for it: how many bytes it gave, or -1 and errno. Neither repeats an
     // interrupted call nor fills up a short one.
