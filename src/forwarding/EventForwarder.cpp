@@ -27,7 +27,7 @@ bool looksLikeBatch(std::string_view data) {
 
 // Keeps what is no batch in a file of its own. Two of one second do not share one: together they might read as one.
 void setAside(const std::string& data) {
-    static Mutex oneAtATime;
+    static Mutex oneAtATime(LockRank::file);
     MutexLock lock(oneAtATime);
     const auto first = fmt::format("{}/undelivered_{}", GlobalVariables::getInstance().eventDataPath(),
                                    Clock::shared().epochSeconds());
