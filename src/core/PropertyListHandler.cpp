@@ -35,7 +35,8 @@ PropertyListHandler PropertyListHandler::initWithFile(const std::string& path) {
     if (bytes) {
         handler.parse(*bytes);
     } else if (bytes.error().code != ENOENT) {
-        handler.unread_ = true;
+        // A symbolic link in the file's place is not followed, and has no content to lose.
+        (bytes.error().code == ELOOP ? handler.damaged_ : handler.unread_) = true;
         kLog.error(__func__, "Property list {} is not read: {}", path, bytes.error().description);
     }
     return handler;

@@ -108,10 +108,19 @@ TEST_F(PropertyListHandlerTest, DamagedFileIsReportedAndKeptWhenItIsReplaced) {
         EXPECT_TRUE(handler.WriteToProplist());
         EXPECT_EQ(read(kept_), content);
     }
+    const auto elsewhere = (volume().agent() / "elsewhere").string();
+    fs::copy(path_, elsewhere);
+    fs::remove(path_);
+    fs::create_symlink(elsewhere, path_);
+    EXPECT_TRUE(PropertyListHandler::change(path_, "key", "behind no link"));
+    EXPECT_EQ(stored(), (Dictionary{{"key", "behind no link"}}));
+    EXPECT_THAT(read(elsewhere), HasSubstr("new"));
+    EXPECT_TRUE(fs::is_symlink(kept_) && !fs::is_symlink(path_));
+
     fs::remove(path_);
     fs::create_directory(path_);
     PropertyListHandler::initWithFile(path_);
-    EXPECT_EQ(logged("][ERROR]Property list " + path_ + " is not read: "), reports);
+    EXPECT_EQ(logged("][ERROR]Property list " + path_ + " is not read: "), reports + 1);
 }
 
 TEST_F(PropertyListHandlerTest, FailedWriteKeepsTheOldContentAndIsOnlyLogged) {
