@@ -276,7 +276,7 @@ void Logger::file(std::string_view category, std::string_view print, std::int32_
         cleaned = harmless(str);
         str = cleaned;
     }
-    const auto lineOf = [this, now](std::string_view source, std::int32_t ofLevel, std::string_view text) {
+    const auto lineOf = [now](std::string_view source, std::int32_t ofLevel, std::string_view text) {
         return fmt::format("[{}][{}][{}:{}][{}]{}\r\n", DateFormat::format("yyyy-MM-dd HH:mm:ss Z", now), source,
                            ::getpid(), platform::currentThreadId(), formatTypeToString(ofLevel), text);
     };
