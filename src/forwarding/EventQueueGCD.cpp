@@ -117,6 +117,9 @@ class Spool {
         kLog.info("init", "EventQueueGCD queueData initialised");
     }
 
+    // Ends the thread that posts, and so uses what is younger than the spool.
+    void quiesce() { dispatchQueue_.close(); }
+
     void enqueue(Dictionary event) EXCLUDES(pairsMutex_) {
         dispatchQueue_.sync([this, &event] { add(std::move(event)); });
         announceLater();

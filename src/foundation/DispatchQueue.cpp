@@ -161,7 +161,7 @@ std::atomic<DispatchQueue::ExceptionHandler> exceptionHandler{nullptr};
 DispatchQueue::DispatchQueue(std::string label) : state_(std::make_shared<State>(std::move(label))) {}
 
 DispatchQueue::~DispatchQueue() {
-    state_->close();
+    close();
 }
 
 const std::string& DispatchQueue::label() const {
@@ -182,6 +182,10 @@ void DispatchQueue::after(Clock::Duration delay, Block block) {
             state->async(std::move(block));
         }
     });
+}
+
+void DispatchQueue::close() {
+    state_->close();
 }
 
 bool DispatchQueue::isCurrent() const {

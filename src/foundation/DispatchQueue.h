@@ -22,7 +22,7 @@ class DispatchQueue {
     using ExceptionHandler = void (*)(std::string_view where, std::string_view what);
 
     explicit DispatchQueue(std::string label);
-    // Drops the blocks that have not begun and waits for the one that runs.
+    // Closes it.
     ~DispatchQueue();
     DispatchQueue(const DispatchQueue&) = delete;
     DispatchQueue& operator=(const DispatchQueue&) = delete;
@@ -38,6 +38,10 @@ class DispatchQueue {
 
     // Hands the block over when the delay has passed; never if the queue is gone by then.
     void after(Clock::Duration delay, Block block);
+
+    // Ends the queue's thread: drops the blocks that have not begun, waits for the one that runs and takes no more but
+    // from `sync`. Not while another thread waits in `sync`.
+    void close();
 
     // Whether the caller runs inside a block of this queue.
     bool isCurrent() const;
