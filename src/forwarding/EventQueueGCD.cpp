@@ -62,7 +62,10 @@ class Batch {
         text_ += size_ == 0 ? "[]" : "]";
         return text_;
     }
-    std::string asArray() && { return std::move(asArray()); }
+    std::string asArray() && {
+        asArray();
+        return std::move(text_);
+    }
 
     // Keeps its memory for the next events of a burst.
     void clear() {

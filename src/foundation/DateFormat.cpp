@@ -121,8 +121,8 @@ class Formatters {
     struct Formatter {
         std::unique_ptr<icu::SimpleDateFormat> format;
         bool wholeSeconds = false;
-        std::optional<double> lastSecond = {};
-        std::string lastText = {};
+        std::optional<double> lastSecond;
+        std::string lastText;
     };
 
     // The formatter, set to the device's present zone; null for a pattern that is none.
@@ -143,8 +143,10 @@ class Formatters {
         if (formatters_.size() >= kMaximumPatterns) {
             formatters_.clear();
         }
-        const bool wholeSeconds = pattern.find_first_of("SA") == std::string_view::npos;
-        return &formatters_.emplace(pattern, Formatter{std::move(formatter), wholeSeconds}).first->second;
+        auto& made = formatters_[std::string(pattern)];
+        made.format = std::move(formatter);
+        made.wholeSeconds = pattern.find_first_of("SA") == std::string_view::npos;
+        return &made;
     }
 
     void followZoneLocked() REQUIRES(mutex_) {

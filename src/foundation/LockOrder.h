@@ -54,7 +54,7 @@ class LockOrder {
     void released();
 
   private:
-    [[noreturn]] void refuse(LockRank held) const;
+    [[noreturn]] void refuse(LockRank rank) const;
     void checkMaking() const;
 
     const LockRank rank_;
