@@ -87,32 +87,25 @@ void collect(const std::string& name) {
     collector.start();
 }
 
-void decodeAndFilter(benchmark::State& state) {
-    const auto records = static_cast<std::size_t>(state.range(0));
-    auto& volume = filterVolume(records);
+// The same, each time with a fresh agent.
+void collectEachTime(benchmark::State& state, BenchVolume& volume, const std::string& name, const char* unit) {
     for (auto _ : state) {
         state.PauseTiming();
         volume.enter();
         EventQueueGCD::init();
         currentLoginUtility::initialize();
         state.ResumeTiming();
-        collect("filter");
+        collect(name);
     }
-    countPerSecond(state, "records/s", records);
+    countPerSecond(state, unit, static_cast<std::size_t>(state.range(0)));
+}
+
+void decodeAndFilter(benchmark::State& state) {
+    collectEachTime(state, filterVolume(static_cast<std::size_t>(state.range(0))), "filter", "records/s");
 }
 
 void selectedToSpool(benchmark::State& state) {
-    const auto records = static_cast<std::size_t>(state.range(0));
-    auto& volume = spoolVolume(records);
-    for (auto _ : state) {
-        state.PauseTiming();
-        volume.enter();
-        EventQueueGCD::init();
-        currentLoginUtility::initialize();
-        state.ResumeTiming();
-        collect("spool");
-    }
-    countPerSecond(state, "events/s", records);
+    collectEachTime(state, spoolVolume(static_cast<std::size_t>(state.range(0))), "spool", "events/s");
 }
 
 // Reads every token of the same records and writes files of the same size, with nothing in between.
