@@ -139,17 +139,29 @@ bool anySpecial(std::uint64_t bytes) {
     return ((quotes | backslashes | controls | bytes) & kHighBits) != 0;
 }
 
-std::uint8_t kindsOfBytes(std::string_view text) {
-    std::uint8_t kinds = 0;
-    // Eight bytes at a time as long as none of them is special.
-    for (std::uint64_t eight = 0; text.size() >= sizeof eight; text.remove_prefix(sizeof eight)) {
-        std::memcpy(&eight, text.data(), sizeof eight);
+// Eight bytes at a time, the last eight whether or not some of them have been looked at.
+bool isPlain(std::string_view text) {
+    std::uint64_t eight = 0;
+    if (text.size() < sizeof eight) {
+        return false;
+    }
+    for (std::size_t at = 0, last = text.size() - sizeof eight;; at = std::min(at + sizeof eight, last)) {
+        std::memcpy(&eight, text.data() + at, sizeof eight);
         if (anySpecial(eight)) {
-            break;
+            return false;
+        }
+        if (at == last) {
+            return true;
         }
     }
-    for (const char c : text) {
-        kinds |= kByteKinds[static_cast<unsigned char>(c)];
+}
+
+std::uint8_t kindsOfBytes(std::string_view text) {
+    std::uint8_t kinds = 0;
+    if (!isPlain(text)) {
+        for (const char c : text) {
+            kinds |= kByteKinds[static_cast<unsigned char>(c)];
+        }
     }
     return kinds;
 }
@@ -157,9 +169,6 @@ std::uint8_t kindsOfBytes(std::string_view text) {
 // Appends values to one growing text. Its functions return false when a value cannot be written; where() then names it.
 class Writer {
   public:
-    // Room for an event without growing on the way.
-    Writer() { text_.reserve(1024); }
-
     bool writeContainer(const Value& value, std::size_t depth) {
         if (depth >= Json::Limits().depth) {
             return refuse("nested too deep");
@@ -173,7 +182,7 @@ class Writer {
         return refuse("neither a dictionary nor an array");
     }
 
-    std::string take() { return std::move(text_); }
+    std::string text() const { return fmt::to_string(text_); }
 
     // Why the value was refused and where it is: "text that is not UTF-8 at .users[2].name".
     std::string refusal() const { return where_.empty() ? why_ : fmt::format("{} at {}", why_, where_); }
@@ -185,11 +194,11 @@ class Writer {
         }
         if (const auto* integer = value.integer()) {
             const fmt::format_int digits(*integer);
-            text_.append(digits.data(), digits.size());
+            append({digits.data(), digits.size()});
             return true;
         }
         if (const auto* boolean = value.boolean()) {
-            text_ += *boolean ? "true" : "false";
+            append(*boolean ? "true" : "false");
             return true;
         }
         if (const auto* real = value.real()) {
@@ -200,7 +209,7 @@ class Writer {
             return true;
         }
         if (value.isNull()) {
-            text_ += "null";
+            append("null");
             return true;
         }
         if (value.date() || value.data()) {
@@ -210,39 +219,39 @@ class Writer {
     }
 
     bool writeArray(const Array& array, std::size_t depth) {
-        text_ += '[';
+        text_.push_back('[');
         for (std::size_t i = 0; i < array.size(); ++i) {
             if (i > 0) {
-                text_ += ',';
+                text_.push_back(',');
             }
             if (!write(array[i], depth + 1)) {
                 where_.insert(0, fmt::format("[{}]", i));
                 return false;
             }
         }
-        text_ += ']';
+        text_.push_back(']');
         return true;
     }
 
     bool writeDictionary(const Dictionary& dictionary, std::size_t depth) {
-        text_ += '{';
+        text_.push_back('{');
         bool first = true;
         for (const auto& [key, value] : dictionary) {
             if (!first) {
-                text_ += ',';
+                text_.push_back(',');
             }
             first = false;
             if (!writeString(key)) {
                 where_ = "." + asciiLossy(key);
                 return false;
             }
-            text_ += ':';
+            text_.push_back(':');
             if (!write(value, depth + 1)) {
                 where_.insert(0, "." + key);
                 return false;
             }
         }
-        text_ += '}';
+        text_.push_back('}');
         return true;
     }
 
@@ -251,31 +260,45 @@ class Writer {
         if ((kinds & kBeyondAscii) != 0 && !isValidUtf8(string)) {
             return refuse("text that is not UTF-8");
         }
-        text_ += '"';
         if ((kinds & kEscaped) != 0) {
             appendEscaped(string);
-        } else {
-            text_ += string;
+            return true;
         }
-        text_ += '"';
+        char* const quoted = extend(string.size() + 2);
+        quoted[0] = '"';
+        std::memcpy(quoted + 1, string.data(), string.size());
+        quoted[string.size() + 1] = '"';
         return true;
     }
 
     void appendEscaped(std::string_view string) {
         // The letters of the short escapes, at the place of their control character.
         constexpr std::string_view kShort("\0\0\0\0\0\0\0\0btn\0fr", 14);
+        text_.push_back('"');
         for (const char c : string) {
             const auto byte = static_cast<unsigned char>(c);
             if (kByteKinds[byte] != kEscaped) {
-                text_ += c;
+                text_.push_back(c);
             } else if (byte >= 0x20) {
-                text_ += {'\\', c};
+                text_.push_back('\\');
+                text_.push_back(c);
             } else if (byte < kShort.size() && kShort[byte] != '\0') {
-                text_ += {'\\', kShort[byte]};
+                text_.push_back('\\');
+                text_.push_back(kShort[byte]);
             } else {
                 fmt::format_to(std::back_inserter(text_), "\\u{:04x}", byte);
             }
         }
+        text_.push_back('"');
+    }
+
+    void append(std::string_view text) { std::memcpy(extend(text.size()), text.data(), text.size()); }
+
+    // Makes the text longer; gives back where the new characters belong.
+    char* extend(std::size_t characters) {
+        const auto end = text_.size();
+        text_.resize(end + characters);
+        return text_.data() + end;
     }
 
     bool refuse(std::string_view why) {
@@ -283,7 +306,8 @@ class Writer {
         return false;
     }
 
-    std::string text_;
+    // Room for an event without growing on the way.
+    fmt::basic_memory_buffer<char, 2048> text_;
     std::string where_;
     std::string why_;
 };
@@ -306,7 +330,7 @@ Result<std::string> Json::write(const Value& value) {
     if (!writer.writeContainer(value, 0)) {
         return Error{kCocoaErrorDomain, kWriteInvalid, "Cannot be written as JSON: " + writer.refusal()};
     }
-    return writer.take();
+    return writer.text();
 }
 
 }  // namespace sentrova

@@ -185,6 +185,13 @@ std::string describeData(const Data& data) {
     return text + "}";
 }
 
+// One of 64 bits, by the key's length and two of its characters.
+std::uint64_t markOf(std::string_view key) {
+    const auto character = [&](std::size_t at) { return static_cast<unsigned char>(key[at]); };
+    const auto mixed = key.empty() ? 0 : key.size() * 5 + character(key.size() / 2) * 3U + character(key.size() - 1);
+    return std::uint64_t{1} << (mixed % 64);
+}
+
 }  // namespace
 
 Dictionary::Dictionary() = default;
@@ -200,7 +207,9 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) {
 }
 
 Dictionary::Dictionary(const Dictionary& other)
-    : entries_(other.entries_), index_(other.index_ ? std::make_unique<Index>(*other.index_) : nullptr) {}
+    : entries_(other.entries_),
+      marks_(other.marks_),
+      index_(other.index_ ? std::make_unique<Index>(*other.index_) : nullptr) {}
 
 Dictionary& Dictionary::operator=(const Dictionary& other) {
     if (this != &other) {
@@ -211,6 +220,9 @@ Dictionary& Dictionary::operator=(const Dictionary& other) {
 }
 
 std::size_t Dictionary::position(std::string_view key) const {
+    if ((marks_ & markOf(key)) == 0) {
+        return kNowhere;
+    }
     if (index_) {
         const auto found = index_->find(std::string(key));
         return found == index_->end() ? kNowhere : found->second;
@@ -238,6 +250,7 @@ void Dictionary::set(std::string_view key, Value value) {
         entries_[at].value = std::move(value);
         return;
     }
+    marks_ |= markOf(key);
     entries_.emplace_back(std::string(key), std::move(value));
     if (index_) {
         index_->emplace(key, entries_.size() - 1);

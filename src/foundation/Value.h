@@ -64,6 +64,8 @@ class Dictionary {
     std::size_t position(std::string_view key) const;
 
     std::vector<Entry> entries_;
+    // The marks of all keys that were ever set: a key without its mark here is not there, which saves most walks.
+    std::uint64_t marks_ = 0;
     // Positions by key; only for a dictionary that has outgrown walking.
     std::unique_ptr<Index> index_;
 };
