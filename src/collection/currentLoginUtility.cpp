@@ -13,6 +13,7 @@
 #include "foundation/Mutex.h"
 #include "foundation/ProcessWide.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 #include <memory>
@@ -27,6 +28,8 @@ constexpr LogSource kLog("currentLoginUtility");
 
 constexpr const char* kConsole = "/dev/console";
 constexpr std::chrono::milliseconds kWritesApart{100};
+// A long history is written less often, so that additions that come fast cost the same each, however many there are.
+constexpr int kTimesOfAWrite = 10;
 
 std::string historyFile() {
     return fmt::format("{}/{}", GlobalConstants::CONF_PATH, GlobalConstants::CURRENT_LOGINS_FILE);
@@ -79,10 +82,10 @@ class LoginHistory {
             pruneLocked(oldest);
             ++unwritten_;
             const auto now = Clock::shared().monotonicTime();
-            writeNow = !writeTimed_ && (!lastWrite_ || now - *lastWrite_ >= kWritesApart);
+            writeNow = !writeTimed_ && (!lastWrite_ || now - *lastWrite_ >= writesApart_);
             if (!writeNow && !writeTimed_) {
                 writeTimed_ = true;
-                writer_.after(kWritesApart, [this] { flush(); });
+                writer_.after(writesApart_, [this] { flush(); });
             }
         }
         if (writeNow) {
@@ -109,6 +112,7 @@ class LoginHistory {
         const MutexLock writing(writeMutex_);
         KeyedArchive::Content content;
         std::size_t additions = 0;
+        const auto begin = Clock::shared().monotonicTime();
         {
             MutexLock lock(mutex_);
             writeTimed_ = false;
@@ -116,11 +120,16 @@ class LoginHistory {
                 return;
             }
             additions = std::exchange(unwritten_, 0);
-            lastWrite_ = Clock::shared().monotonicTime();
+            lastWrite_ = begin;
             content = history_;
             content.insert(pruned_.begin(), pruned_.end());
         }
         const bool written = write(content);
+        {
+            MutexLock lock(mutex_);
+            writesApart_ =
+                std::max<Clock::Duration>(kWritesApart, kTimesOfAWrite * (Clock::shared().monotonicTime() - begin));
+        }
         for (; additions > 0; --additions) {
             kLog.debug("addToLoginHistory", "{:d}", written);
             // The pruned history's own property-list form, which never comes about: number keys fit into none.
@@ -186,6 +195,7 @@ class LoginHistory {
     std::size_t unwritten_ GUARDED_BY(mutex_) = 0;
     bool writeTimed_ GUARDED_BY(mutex_) = false;
     std::optional<Clock::Monotonic> lastWrite_ GUARDED_BY(mutex_);
+    Clock::Duration writesApart_ GUARDED_BY(mutex_) = kWritesApart;
 
     // Last, so that its thread has ended before the rest goes.
     DispatchQueue writer_{"com.kelvark.vantorix.loginhistory"};
