@@ -2,6 +2,7 @@
 
 #include "foundation/Clock.h"
 #include "foundation/Mutex.h"
+#include "foundation/PlainDatePattern.h"
 #include "foundation/ProcessWide.h"
 
 #include <sys/stat.h>
@@ -9,8 +10,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
 #include <map>
 #include <memory>
+#include <utility>
 
 #include <fmt/format.h>
 #include <unicode/gregocal.h>
@@ -55,31 +58,25 @@ struct ZoneSource {
 // Formatters by pattern, ready to use: making one takes a thousand times as long as using it.
 class Formatters {
   public:
-    Formatters() : source_(ZoneSource::present()), zone_(icu::TimeZone::detectHostTimeZone()) {}
+    Formatters() : source_(ZoneSource::present()) { ::tzset(); }
 
     std::string format(std::string_view pattern, UDate date) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        auto* const formatter = formatterLocked(pattern);
-        if (!formatter) {
-            return {};
-        }
+        auto& formatter = formatterLocked(pattern);
         const auto second = std::floor(date / U_MILLIS_PER_SECOND);
-        if (formatter->lastSecond != second) {
-            icu::UnicodeString text;
-            formatter->format->format(date, text);
-            formatter->lastText.clear();
-            text.toUTF8String(formatter->lastText);
-            formatter->lastSecond = formatter->wholeSeconds ? std::optional(second) : std::nullopt;
+        if (formatter.lastSecond != second) {
+            formatter.lastText = textLocked(formatter, pattern, date);
+            formatter.lastSecond = formatter.wholeSeconds ? std::optional(second) : std::nullopt;
         }
-        return formatter->lastText;
+        return formatter.lastText;
     }
 
     std::optional<UDate> parse(std::string_view pattern, std::string_view text) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        const auto* const formatter = formatterLocked(pattern);
+        const auto* const format = libraryFormatLocked(formatterLocked(pattern), pattern);
         UErrorCode status = U_ZERO_ERROR;
-        icu::GregorianCalendar calendar(*zone_, icu::Locale("en_US_POSIX"), status);
-        if (!formatter || U_FAILURE(status)) {
+        icu::GregorianCalendar calendar(zoneLocked(), icu::Locale("en_US_POSIX"), status);
+        if (!format || U_FAILURE(status)) {
             return std::nullopt;
         }
         // A pattern without a day means the platform's reference day.
@@ -88,7 +85,7 @@ class Formatters {
         calendar.setLenient(false);
         icu::ParsePosition position(0);
         const auto whole = unicode(text);
-        formatter->format->parse(whole, calendar, position);
+        format->parse(whole, calendar, position);
         const auto date = calendar.getTime(status);
         if (position.getIndex() != whole.length() || position.getErrorIndex() >= 0 || U_FAILURE(status)) {
             return std::nullopt;
@@ -104,7 +101,7 @@ class Formatters {
         if (!formatter) {
             return {};
         }
-        formatter->setTimeZone(*zone_);
+        formatter->setTimeZone(zoneLocked());
         icu::UnicodeString text;
         formatter->format(date, text);
         std::string result;
@@ -116,37 +113,75 @@ class Formatters {
     static constexpr std::size_t kMaximumPatterns = 32;
     static constexpr std::chrono::seconds kZoneCheckInterval{1};
 
-    // With the text that it made last, which goes for the whole second where the pattern shows no part of one: the
-    // lines of a log come thousands a second.
+    // What a pattern has been turned into, with the text that it made last, which goes for the whole second where the
+    // pattern shows no part of one: the lines of a log come thousands a second.
     struct Formatter {
-        std::unique_ptr<icu::SimpleDateFormat> format;
+        std::optional<PlainDatePattern> plain;
+        // Made when it is first needed; null as well for a pattern that is none.
+        std::unique_ptr<icu::SimpleDateFormat> library;
+        bool libraryMade = false;
         bool wholeSeconds = false;
         std::optional<double> lastSecond;
         std::string lastText;
     };
 
-    // The formatter, set to the device's present zone; null for a pattern that is none.
-    Formatter* formatterLocked(std::string_view pattern) REQUIRES(mutex_) {
+    // Set to the device's present zone.
+    Formatter& formatterLocked(std::string_view pattern) REQUIRES(mutex_) {
         followZoneLocked();
         if (const auto known = formatters_.find(pattern); known != formatters_.end()) {
-            return &known->second;
+            return known->second;
         }
-        // A fixed locale: stored texts and file names keep their form and their digits on every device.
-        UErrorCode status = U_ZERO_ERROR;
-        auto formatter = std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale("en_US_POSIX"), status);
-        if (U_FAILURE(status)) {
-            return nullptr;
-        }
-        formatter->setTimeZone(*zone_);
-        formatter->setLenient(false);
-        formatter->setBooleanAttribute(UDAT_PARSE_PARTIAL_LITERAL_MATCH, false, status);
         if (formatters_.size() >= kMaximumPatterns) {
             formatters_.clear();
         }
         auto& made = formatters_[std::string(pattern)];
-        made.format = std::move(formatter);
+        made.plain = PlainDatePattern::of(pattern);
         made.wholeSeconds = pattern.find_first_of("SA") == std::string_view::npos;
-        return &made;
+        return made;
+    }
+
+    std::string textLocked(Formatter& formatter, std::string_view pattern, UDate date) REQUIRES(mutex_) {
+        constexpr UDate kYear10000 = 253402300800000.0;
+        if (formatter.plain && date >= 0 && date < kYear10000 - U_MILLIS_PER_DAY) {
+            const auto whole = static_cast<std::int64_t>(date);
+            const std::time_t second = whole / U_MILLIS_PER_SECOND;
+            std::tm local{};
+            if (::localtime_r(&second, &local)) {
+                return formatter.plain->format(local, static_cast<int>(whole % U_MILLIS_PER_SECOND));
+            }
+        }
+        std::string result;
+        if (const auto* const format = libraryFormatLocked(formatter, pattern)) {
+            icu::UnicodeString text;
+            format->format(date, text);
+            text.toUTF8String(result);
+        }
+        return result;
+    }
+
+    // Null for a pattern that is none.
+    const icu::SimpleDateFormat* libraryFormatLocked(Formatter& formatter, std::string_view pattern) REQUIRES(mutex_) {
+        if (std::exchange(formatter.libraryMade, true)) {
+            return formatter.library.get();
+        }
+        // A fixed locale: stored texts and file names keep their form and their digits on every device.
+        UErrorCode status = U_ZERO_ERROR;
+        auto format = std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale("en_US_POSIX"), status);
+        if (U_FAILURE(status)) {
+            return nullptr;
+        }
+        format->setTimeZone(zoneLocked());
+        format->setLenient(false);
+        format->setBooleanAttribute(UDAT_PARSE_PARTIAL_LITERAL_MATCH, false, status);
+        formatter.library = std::move(format);
+        return formatter.library.get();
+    }
+
+    const icu::TimeZone& zoneLocked() REQUIRES(mutex_) {
+        if (!zone_) {
+            zone_.reset(icu::TimeZone::detectHostTimeZone());
+        }
+        return *zone_;
     }
 
     void followZoneLocked() REQUIRES(mutex_) {
@@ -161,13 +196,15 @@ class Formatters {
             return;
         }
         source_ = std::move(source);
-        zone_.reset(icu::TimeZone::detectHostTimeZone());
+        ::tzset();
+        zone_.reset();
         formatters_.clear();
     }
 
     Mutex mutex_;
     std::map<std::string, Formatter, std::less<>> formatters_ GUARDED_BY(mutex_);
     ZoneSource source_ GUARDED_BY(mutex_);
+    // The library's idea of the zone; null until it is needed.
     std::unique_ptr<icu::TimeZone> zone_ GUARDED_BY(mutex_);
     Clock::Monotonic checked_ GUARDED_BY(mutex_) = Clock::shared().monotonicTime();
 };

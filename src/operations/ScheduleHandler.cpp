@@ -145,8 +145,10 @@ class DailyTimers {
             return;
         }
         const auto fireDate = time->firstAfter(Clock::shared().wallTime());
-        kLog.info("initiateTimer", "Next fire time for {} is {}", nameOf(entry),
-                  DateFormat::format("yyyy-MM-dd HH:mm:ss zzz", fireDate));
+        if (LogSource::isWritten(LogLevel::Info)) {
+            kLog.info("initiateTimer", "Next fire time for {} is {}", nameOf(entry),
+                      DateFormat::format("yyyy-MM-dd HH:mm:ss zzz", fireDate));
+        }
         Timer::Next next = [](Date, Date) { return std::optional<Date>(); };
         if (entry[ScheduleHandler::kRepeat].boolValue()) {
             next = [time = *time, interval = intervalOf(entry)](Date fired, Date now) {

@@ -85,6 +85,24 @@ TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
     EXPECT_EQ(DateFormat::universal(Date::min()), "1677-09-21 00:12:43 +0000");
 }
 
+TEST_F(DateFormatTest, PlainPatternsGiveTheLibrarysText) {
+    // A quoted quote leaves the pattern to the library.
+    const auto byTheLibrary = [](const std::string& pattern, Date date) {
+        auto text = DateFormat::format(pattern + "''", date);
+        text.pop_back();
+        return text;
+    };
+    for (const auto* zone : {"UTC", "America/St_Johns", "Europe/Paris", "Australia/Lord_Howe"}) {
+        setZone(zone);
+        for (std::int64_t second = -86400; second < 9'000'000'000; second += 40'000'003) {
+            const auto date = Date(seconds(second) + milliseconds(second % 1000));
+            for (const auto* pattern : {"yyyy-MM-dd HH:mm:ss Z", "E, d MMM HH:mm:ss", "yyyyMMddHHmmssSSS"}) {
+                EXPECT_EQ(DateFormat::format(pattern, date), byTheLibrary(pattern, date)) << zone;
+            }
+        }
+    }
+}
+
 TEST_F(DateFormatTest, OnlyWholeAndRealDatesParse) {
     constexpr auto kPattern = "yyyy-MM-dd HH:mm:ss";
     EXPECT_EQ(DateFormat::parse(kPattern, "2020-01-01 00:00:00"), Date(seconds(1577836800)));
