@@ -310,8 +310,8 @@ void registerAll(std::string_view size) {
         add("log line", logLine, level, 0.2);
     }
     for (std::int64_t n = 1; n <= (smoke ? 10 : full ? 100'000 : 10'000); n *= 10) {
-        add("users", users, n, 0.05)->Repetitions(smoke || n > 10'000 ? 1 : 3);
-        add("login history", loginHistory, n, 0.05)->Repetitions(smoke || n > 10'000 ? 1 : 3);
+        add("users", users, n, 0.05)->Repetitions(smoke ? 1 : 3);
+        add("login history", loginHistory, n, 0.05)->Repetitions(smoke ? 1 : 3);
     }
 }
 
