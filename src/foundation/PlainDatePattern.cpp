@@ -17,8 +17,9 @@ constexpr std::array<std::string_view, 7> kDays = {"Sun", "Mon", "Tue", "Wed", "
 constexpr std::array<std::string_view, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
-bool isLetter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+bool standsForItself(char c) {
+    const bool isLetter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    return static_cast<unsigned char>(c) < 0x80 && !isLetter && c != '\'';
 }
 
 template <std::size_t Count>
@@ -33,7 +34,8 @@ std::optional<PlainDatePattern> PlainDatePattern::of(std::string_view pattern) {
     while (!pattern.empty()) {
         const auto length = std::min(pattern.find_first_not_of(pattern.front()), pattern.size());
         const auto run = pattern.substr(0, length);
-        if (run.front() == '\'' || (isLetter(run.front()) && std::ranges::find(kFields, run) == kFields.end())) {
+        const bool isField = std::ranges::find(kFields, run) != kFields.end();
+        if (!isField && !standsForItself(run.front())) {
             return std::nullopt;
         }
         plain.runs_.push_back({run.front(), length});

@@ -14,7 +14,8 @@ namespace sentrova {
 
 class PlainDatePattern {
   public:
-    // Nothing when the pattern has a quote or a field other than yyyy, MM, MMM, dd, d, E, HH, mm, ss, SSS and Z.
+    // Nothing when the pattern has a quote, a character beyond ASCII, or a field other than yyyy, MM, MMM, dd, d, E,
+    // HH, mm, ss, SSS and Z.
     static std::optional<PlainDatePattern> of(std::string_view pattern);
 
     // The text of a local time of the years 1970 to 9999, with English names.
