@@ -162,7 +162,10 @@ void EventForwarder::gotFilesToProcess(const Notification& notification) {
 
 void EventForwarder::gotEventsToProcess(const Notification& /*notification*/) {
     kLog.debug(__func__, "Received Event Timeout notification");
-    opQueue_.addBlockToQueue([self = shared_from_this()] { self->process(std::nullopt); });
+    // One delivery takes all events there are: while one waits for its turn, others would find nothing.
+    if (!eventsWait_.exchange(true)) {
+        opQueue_.addBlockToQueue([self = shared_from_this()] { self->process(std::nullopt); });
+    }
     opQueue_.countOfOperationsInQueue();
 }
 
@@ -170,6 +173,9 @@ void EventForwarder::process(const std::optional<FileUrl>& file) {
     auto slot = slots_->take();
     if (!slot) {
         return;
+    }
+    if (!file) {
+        eventsWait_ = false;
     }
     auto data = EventQueueGCD::dequeue(file);
     if (!data) {

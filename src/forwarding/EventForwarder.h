@@ -13,6 +13,7 @@
 #include "operations/ConcurrentOperationAbstract.h"
 #include "operations/OperationsHandler.h"
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -66,6 +67,8 @@ class EventForwarder final : public ConcurrentOperationAbstract, public std::ena
     const std::shared_ptr<Slots> slots_ = std::make_shared<Slots>();
     Mutex observersMutex_{LockRank::owner};
     std::vector<Subscription> observers_ GUARDED_BY(observersMutex_);
+    // A delivery of what is in memory waits on the queue: a slow server must not make one for each event pile up.
+    std::atomic<bool> eventsWait_ = false;
     OperationsHandler opQueue_{1};
 };
 

@@ -245,7 +245,7 @@ void TransportEngine::sendMessageToServer(MessageType type, const std::shared_pt
         request.setHeader("Content-Length", fmt::format("{}", body->size()));
         request.setHeader("Content-Type", "text/json");
         if (const auto accessKey = GlobalVariables::getInstance().orgAccessKey()) {
-            request.setHeader("OrgAccessKey", *accessKey);
+            request.setHeader(std::string(GlobalConstants::ORG_ACCESS_KEY), *accessKey);
         }
         theSession.get().session->uploadShared(request, body, std::move(andCompletionHandler));
     } catch (const std::exception& exception) {
