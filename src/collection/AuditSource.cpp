@@ -67,8 +67,12 @@ std::unique_ptr<AuditSource> AuditSource::open(const std::string& path) {
 
 std::ptrdiff_t AuditSource::read(std::span<std::uint8_t> into) {
     while (!interrupted_) {
-        if (wakeReading_ && platform::waitForInput(file_.get(), wakeReading_.get()) != platform::InputWait::ready) {
-            return -1;
+        if (wakeReading_) {
+            const auto wait = platform::waitForInput(file_.get(), wakeReading_.get());
+            if (wait != platform::InputWait::ready) {
+                problem_ = wait == platform::InputWait::failed ? errno : 0;
+                return -1;
+            }
         }
         const auto got = FileSystem::shared().readOnce(file_.get(), into);
         if (got >= 0) {

@@ -178,7 +178,7 @@ std::optional<std::string> DomainUtil::getHostName() {
     return host;
 }
 
-void DomainUtil::setDomainName(const std::string& domain) {
+void DomainUtil::setDomainName(const std::optional<std::string>& domain) {
     theDomainData.get().create();
     theDomainData.get().store(GlobalConstants::DOMAIN_NAME, domain);
 }

@@ -31,7 +31,8 @@ class DomainUtil {
     // directory tool.
     static std::optional<std::string> getDomainName();
     static std::optional<std::string> getHostName();
-    static void setDomainName(const std::string& domain);
+    // Without a name what is known stays, and is remembered from now on.
+    static void setDomainName(const std::optional<std::string>& domain);
 
     // Null when the directory has no such user.
     static UserDetails getUserDetails(const std::string& user);

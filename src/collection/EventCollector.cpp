@@ -148,6 +148,8 @@ std::shared_ptr<AuditSource> EventCollector::initAuditFile(const std::string& pa
         if (path == AuditSource::kPipe) {
             AuditCheck::logFailedOpening(error.systemReason());
         }
+    } catch (const std::exception& exception) {
+        kLog.error(__func__, "{} {}", path, exception.what());
     }
     return nullptr;
 }

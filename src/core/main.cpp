@@ -27,8 +27,10 @@ constexpr LogSource kLog("main");
 }
 
 void terminate() {
-    const platform::Transaction transaction;
-    AgentServiceHandler::stop();
+    {
+        const platform::Transaction transaction;
+        AgentServiceHandler::stop();
+    }
     leave(EXIT_SUCCESS);
 }
 

@@ -117,9 +117,8 @@ void apply(const PropertyListHandler& sent, Dictionary answer) {
     store.WriteToProplist(serverInfoFile());
     auto& configuration = GlobalVariables::getInstance();
     configuration.initialiseServerInfo();
-    if (const auto& domain = answer[GlobalConstants::DOMAIN_NAME]; !domain.isNull()) {
-        DomainUtil::setDomainName(domain.description());
-    }
+    const auto& domain = answer[GlobalConstants::DOMAIN_NAME];
+    DomainUtil::setDomainName(domain.isNull() ? std::nullopt : std::optional(domain.description()));
     using Handler = void (*)(const PropertyListHandler&, Dictionary&);
     static constexpr std::array<Handler, 7> kHandlers = {
         ServerCommunicator::ConfigurationChangesCheckWithOldData,

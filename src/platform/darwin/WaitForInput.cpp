@@ -19,6 +19,7 @@ bool fitsASet(int descriptor) {
 // By select, because poll does not support the audit device.
 InputWait waitForInput(int device, int wake) {
     if (!fitsASet(device) || !fitsASet(wake)) {
+        errno = EBADF;
         return InputWait::failed;
     }
     fd_set readable;

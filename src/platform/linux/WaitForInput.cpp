@@ -13,7 +13,11 @@ InputWait waitForInput(int device, int wake) {
     do {
         ready = ::poll(waits.data(), waits.size(), -1);
     } while (ready < 0 && errno == EINTR);
-    if (ready < 0 || (waits[0].revents & POLLNVAL) != 0) {
+    if (ready < 0) {
+        return InputWait::failed;
+    }
+    if ((waits[0].revents & POLLNVAL) != 0) {
+        errno = EBADF;
         return InputWait::failed;
     }
     return waits[1].revents != 0 ? InputWait::woken : InputWait::ready;
