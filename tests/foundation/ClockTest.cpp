@@ -24,8 +24,8 @@ TEST(ClockTest, SystemClockCallsTimersInTheOrderOfTheirTimesAndNotBefore) {
     Semaphore allSet;
     clock.schedule(now - seconds(10), [&allSet] { allSet.wait(); });
     clock.schedule(now + milliseconds(5), [&] { last.set_value(clock.monotonicTime()); });
-    for (const auto& [ago, name] : {std::pair(1, 'c'), std::pair(3, 'a'), std::pair(2, 'b')}) {
-        clock.schedule(now - seconds(ago), [&order, name = name] { order += name; });
+    for (const auto& timer : {std::pair(1, 'c'), std::pair(3, 'a'), std::pair(2, 'b')}) {
+        clock.schedule(now - seconds(timer.first), [&order, name = timer.second] { order += name; });
     }
     allSet.signal();
     EXPECT_GE(last.get_future().get(), now + milliseconds(5));

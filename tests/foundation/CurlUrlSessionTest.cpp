@@ -310,6 +310,7 @@ TEST_F(CurlUrlSessionTest, CertificateIsGoodByTheDelegatesWordAloneAndForItsConn
     AuditServer server({.https = true});
     const auto request = post(server.url() + AuditServer::kEventsPath);
     auto future = send(session_, request);
+    letNetworkThreadCatchUp(session_);
     ASSERT_TRUE(clock_.awaitTimerIn(30s));
     clock_.advance(30s);
     EXPECT_EQ(await(std::move(future)).error, UrlErrorCode::timedOut);
@@ -323,30 +324,27 @@ TEST_F(CurlUrlSessionTest, CertificateIsGoodByTheDelegatesWordAloneAndForItsConn
     EXPECT_THAT(delegate->seen, ElementsAre(Pair(Method::serverTrust, "127.0.0.1")));
 }
 
-struct HeldCase {
+struct Challenge {
+    const char* name;
     Method method;
-    bool https = false;
-    bool asksForClientCertificate = false;
-    int status = 200;
-    std::pair<std::string, std::string> header = {};
+    AuditServer::Configuration server = {.https = true};
+    // What the server answers, other than 200.
+    AuditServer::Failure answer = {.status = 200};
 };
 
-class CurlUrlSessionHeldTest : public ::testing::TestWithParam<std::tuple<HeldCase, bool>> {};
-
-TEST_P(CurlUrlSessionHeldTest, ChallengeHoldsTheRequestUntilItIsAnsweredOrItsTimeIsUp) {
-    const auto& [held, answeredInTime] = GetParam();
+void expectHeld(const Challenge& challenge, bool answeredInTime) {
     testing::ManualClock clock;
-    AuditServer server({.https = held.https, .tls = {.asksForClientCertificate = held.asksForClientCertificate}});
-    if (held.status != 200) {
-        server.fail({.status = held.status, .count = -1, .headers = {held.header}});
+    AuditServer server(challenge.server);
+    if (challenge.answer.status != 200) {
+        server.fail(challenge.answer);
     }
-    const auto delegate = std::make_shared<Delegate>(held.method);
+    const auto delegate = std::make_shared<Delegate>(challenge.method);
     CurlUrlSession session(delegate);
     auto future = send(session, post(server.url() + AuditServer::kEventsPath));
     const auto kept = delegate->kept.get_future().get();
     if (answeredInTime) {
         kept(UrlChallengeDisposition::useCredential);
-        EXPECT_EQ(await(std::move(future)).status, held.status);
+        EXPECT_EQ(await(std::move(future)).status, challenge.answer.status);
         EXPECT_THAT(server.requests(), SizeIs(1));
         return;
     }
@@ -357,19 +355,28 @@ TEST_P(CurlUrlSessionHeldTest, ChallengeHoldsTheRequestUntilItIsAnsweredOrItsTim
     // Too late to matter.
     kept(UrlChallengeDisposition::useCredential);
     // A server that is not trusted, or wants to know more of its client, has been told nothing.
-    EXPECT_THAT(server.requests(), SizeIs(held.https ? 0 : 1));
+    EXPECT_THAT(server.requests(), SizeIs(challenge.server.https ? 0 : 1));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Challenges, CurlUrlSessionHeldTest,
-    ::testing::Combine(
-        ::testing::Values(
-            HeldCase{Method::serverTrust, true}, HeldCase{Method::clientCertificate, true, true},
-            HeldCase{Method::httpBasic, false, false, 401, {"WWW-Authenticate", "Basic realm=\"x\""}},
-            HeldCase{Method::httpDigest, false, false, 401, {"WWW-Authenticate", "Digest realm=\"x\", nonce=\"y\""}},
-            HeldCase{Method::ntlm, false, false, 401, {"WWW-Authenticate", "NTLM"}},
-            HeldCase{Method::httpBasic, false, false, 407, {"Proxy-Authenticate", "Basic realm=\"x\""}}),
-        ::testing::Bool()));
+TEST(CurlUrlSessionChallengeTest, HoldsTheRequestUntilItIsAnsweredOrTheTimeIsUp) {
+    const auto wants = [](int status, const char* header, const char* value) {
+        return AuditServer::Failure{.status = status, .count = -1, .headers = {{header, value}}};
+    };
+    const Challenge challenges[] = {
+        {"certificate", Method::serverTrust},
+        {"client certificate", Method::clientCertificate, {.https = true, .tls = {.asksForClientCertificate = true}}},
+        {"basic", Method::httpBasic, {}, wants(401, "WWW-Authenticate", "Basic realm=\"x\"")},
+        {"digest", Method::httpDigest, {}, wants(401, "WWW-Authenticate", "Digest realm=\"x\", nonce=\"y\"")},
+        {"ntlm", Method::ntlm, {}, wants(401, "WWW-Authenticate", "NTLM")},
+        {"proxy", Method::httpBasic, {}, wants(407, "Proxy-Authenticate", "Basic realm=\"x\"")},
+    };
+    for (const auto& challenge : challenges) {
+        for (const bool answeredInTime : {true, false}) {
+            SCOPED_TRACE(std::string(challenge.name) + (answeredInTime ? ", answered" : ", not answered"));
+            expectHeld(challenge, answeredInTime);
+        }
+    }
+}
 
 TEST_F(CurlUrlSessionTest, CompletionsRunOneAfterAnotherAndMaySendAgain) {
     std::atomic<int> running{0};
