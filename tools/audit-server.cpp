@@ -1,5 +1,4 @@
-// A stand-in audit server on loopback that shows the events that reach it. See support/AuditServer.h for the paths
-// below /control/ by which it is questioned and made to fail.
+// A stand-in audit server on loopback that shows the events that reach it.
 
 #include "server/EventTable.h"
 #include "support/AuditServer.h"

@@ -1,9 +1,8 @@
 #include "foundation/Clock.h"
 #include "foundation/DateFormat.h"
-#include "support/ManualClock.h"
+#include "support/AgentFixture.h"
 
 #include <cstdlib>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,39 +19,17 @@ using std::chrono::seconds;
 // 15 November 2026, 15:58:40 UTC.
 constexpr Date kDate{seconds(1794758320)};
 
-class DateFormatTest : public ::testing::Test {
+class DateFormatTest : public ::testing::Test, protected testing::AgentFixture {
   protected:
-    DateFormatTest() {
-        if (const auto* zone = std::getenv("TZ")) {
-            zoneBefore_ = zone;
-        }
-        Clock::install(&clock_);
-        setZone("UTC");
-    }
-
+    // The change is seen before another clock takes over.
     ~DateFormatTest() override {
-        if (zoneBefore_) {
-            setZone(*zoneBefore_);
-        } else {
-            ::unsetenv("TZ");
-            clock_.advance(seconds(1));
-        }
-        // The change is seen before another clock takes over.
+        setZone("UTC");
         DateFormat::format("yyyy", kDate);
-        Clock::install(nullptr);
     }
-
-    DateFormatTest(const DateFormatTest&) = delete;
-    DateFormatTest& operator=(const DateFormatTest&) = delete;
-
-    void setZone(const std::string& zone) {
-        ::setenv("TZ", zone.c_str(), 1);
-        clock_.advance(seconds(1));
+    void setZone(const char* zone) {
+        ::setenv("TZ", zone, 1);
+        clock().advance(seconds(1));
     }
-
-  private:
-    testing::ManualClock clock_;
-    std::optional<std::string> zoneBefore_;
 };
 
 TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
@@ -63,14 +40,10 @@ TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
         const char* text;
     };
     const Case cases[] = {
-        {"UTC", "yyyy-MM-dd HH:mm:ss Z", kDate, "2026-11-15 15:58:40 +0000"},
         {"UTC", "E, d MMM yyyy HH:mm:ss Z", kDate, "Sun, 15 Nov 2026 15:58:40 +0000"},
-        {"UTC", "yyyy-MM-dd HH:mm:ss zzz", kDate, "2026-11-15 15:58:40 UTC"},
-        {"UTC", "yyyyMMddHHmmssSSS", kDate + milliseconds(123), "20261115155840123"},
-        {"UTC", "yyyyMMddHHmmssSSS", kDate + nanoseconds(999'999'999), "20261115155840999"},
+        {"UTC", "yyyyMMddHHmmssSSS zzz", kDate + nanoseconds(123'999'999), "20261115155840123 UTC"},
         {"UTC", "yyyyMMddHHmmssSSS", Date(nanoseconds(-1)), "19691231235959999"},
         {"Asia/Kolkata", "yyyy-MM-dd HH:mm:ss Z", kDate, "2026-11-15 21:28:40 +0530"},
-        {"Asia/Tokyo", "yyyy-MM-dd", kDate, "2026-11-16"},
         {"America/New_York", "HH:mm zzz", kDate, "10:58 EST"},
         // An hour that there is twice.
         {"Europe/Paris", "HH:mm Z", Date(seconds(1792888200)), "02:30 +0200"},
@@ -79,6 +52,11 @@ TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
     for (const auto& [zone, pattern, date, text] : cases) {
         setZone(zone);
         EXPECT_EQ(DateFormat::format(pattern, date), text) << zone;
+    }
+    setZone("UTC");
+    const auto text = DateFormat::longStyle(kDate);
+    for (const auto* part : {"November", "15", "2026", "58:40", "UTC"}) {
+        EXPECT_NE(text.find(part), std::string::npos) << text;
     }
     EXPECT_EQ(DateFormat::universal(kDate), "2026-11-15 15:58:40 +0000");
     EXPECT_EQ(DateFormat::universal(Date(nanoseconds(-1))), "1969-12-31 23:59:59 +0000");
@@ -117,13 +95,6 @@ TEST_F(DateFormatTest, OnlyWholeAndRealDatesParse) {
         << "to the last millisecond";
     setZone("Europe/Paris");
     EXPECT_EQ(DateFormat::parse(kPattern, "2020-01-01 00:00:00"), Date(seconds(1577833200)));
-}
-
-TEST_F(DateFormatTest, LongStyleNamesDateTimeAndZone) {
-    const auto text = DateFormat::longStyle(kDate);
-    for (const auto* part : {"November", "15", "2026", "58:40", "UTC"}) {
-        EXPECT_NE(text.find(part), std::string::npos) << text;
-    }
 }
 
 TEST_F(DateFormatTest, ManyPatternsFromManyThreadsGiveTheirOwnText) {

@@ -1,4 +1,5 @@
 #include "foundation/FileSystem.h"
+#include "support/SystemVolume.h"
 
 #include <sys/stat.h>
 
@@ -17,16 +18,7 @@ namespace fs = std::filesystem;
 
 class FileSystemTest : public ::testing::Test {
   protected:
-    FileSystemTest() : formerMask_(::umask(0)) {
-        auto name = (fs::temp_directory_path() / "sentrova-files-XXXXXX").string();
-        folder_ = ::mkdtemp(name.data());
-    }
-    ~FileSystemTest() override {
-        ::umask(formerMask_);
-        fs::remove_all(folder_);
-    }
-    FileSystemTest(const FileSystemTest&) = delete;
-    FileSystemTest& operator=(const FileSystemTest&) = delete;
+    ~FileSystemTest() override { ::umask(formerMask_); }
 
     std::string at(const std::string& name) const { return folder_ + "/" + name; }
 
@@ -41,11 +33,12 @@ class FileSystemTest : public ::testing::Test {
         return list;
     }
 
+    testing::SystemVolume volume_;
+    const std::string folder_ = volume_.eventData();
     FileSystem& files_ = FileSystem::shared();
-    std::string folder_;
 
   private:
-    const mode_t formerMask_;
+    const mode_t formerMask_ = ::umask(0);
 };
 
 using Names = std::vector<std::string>;

@@ -1,6 +1,5 @@
 #include "foundation/KeyValueObserving.h"
 
-#include <atomic>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -16,62 +15,49 @@ class Observed final : public KeyValueObserving {
         didChangeValueForKey("value");
     }
     void setBoth(int value, int other) {
-        willChangeValueForKey("value");
         willChangeValueForKey("other");
-        value_ = value;
+        set(value);
         other_ = other;
         didChangeValueForKey("other");
-        didChangeValueForKey("value");
     }
 
   protected:
-    Value valueForKey(std::string_view key) const override {
-        return key == "value" ? Value(value_.load()) : key == "other" ? Value(other_.load()) : Value();
-    }
+    Value valueForKey(std::string_view key) const override { return key == "value" ? value_ : other_; }
 
   private:
-    std::atomic<int> value_ = 0;
-    std::atomic<int> other_ = 0;
+    int value_ = 0;
+    int other_ = 0;
 };
 
-std::string text(const KeyValueChange& change) {
-    return std::string(change.key) + (change.isPrior ? " from " : ":") + change.oldValue.description() +
-           (change.isPrior ? "; " : ">" + change.newValue.description() + "; ");
-}
-
-TEST(KeyValueObservingTest, ChangesAreToldWithOldAndNewValuesInTheirOrder) {
+TEST(KeyValueObservingTest, ChangesAreToldWithOldAndNewValuesAndAnObserverMayEndItselfAndChangeAgain) {
     Observed object;
     std::string heard;
-    const auto note = [&heard](const KeyValueChange& change) { heard += text(change); };
-    const auto priors = KeyValueObserving::Options::changesAndPriors;
-    const auto value = object.observe("value", note, priors);
-    auto other = object.observe("other", note);
+    const auto note = [&heard](const KeyValueChange& change) {
+        heard += std::string(change.key) + (change.isPrior ? " from " : ":") + change.oldValue.description() +
+                 (change.isPrior ? "; " : ">" + change.newValue.description() + "; ");
+    };
+    auto priors = object.observe("value", note, KeyValueObserving::Options::changesAndPriors);
+    const auto other = object.observe("other", note);
     object.set(1);
     object.set(1);
     EXPECT_EQ(heard, "value from 0; value:0>1; value from 1; value:1>1; ");
     heard.clear();
     object.setBoth(2, 3);
-    EXPECT_EQ(heard, "value from 1; other:0>3; value:1>2; ");
+    EXPECT_EQ(heard, "value from 1; value:1>2; other:0>3; ");
     heard.clear();
-    other.reset();
-    object.setBoth(4, 5);
-    EXPECT_EQ(heard, "value from 2; value:2>4; ");
-}
 
-TEST(KeyValueObservingTest, ObserverMayEndItselfAndOthersAndChangeTheValueAgain) {
-    Observed object;
-    std::string heard;
+    priors.reset();
     Subscription second;
     const auto first = object.observe("value", [&](const KeyValueChange& change) {
-        heard += text(change);
+        note(change);
         second.reset();
-        if (change.newValue == Value(1)) {
-            object.set(2);
+        if (change.newValue == Value(4)) {
+            object.set(5);
         }
     });
-    second = object.observe("value", [&heard](const KeyValueChange&) { heard += "second"; });
-    object.set(1);
-    EXPECT_EQ(heard, "value:0>1; value:1>2; ");
+    second = object.observe("value", [&heard](const KeyValueChange&) { heard += "an ended one"; });
+    object.set(4);
+    EXPECT_EQ(heard, "value:2>4; value:4>5; ");
 }
 
 }  // namespace

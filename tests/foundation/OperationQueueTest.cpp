@@ -53,31 +53,34 @@ auto operation(HandOperation::Body body = [](HandOperation&) {}) {
     return std::make_shared<HandOperation>(std::move(body));
 }
 
-TEST(OperationQueueTest, OperationWhoseStartReturnedHoldsItsPlaceUntilItIsFinished) {
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(1);
+class OperationQueueTest : public ::testing::Test {
+  protected:
+    OperationQueue queue_;
+};
+
+TEST_F(OperationQueueTest, OperationWhoseStartReturnedHoldsItsPlaceUntilItIsFinished) {
+    queue_.setMaxConcurrentOperationCount(1);
     const auto first = operation();
     bool wasFinished = false;
     const auto second = operation([&](HandOperation& self) {
         wasFinished = first->isFinished();
         self.finish();
     });
-    queue.addOperation(first);
-    queue.addOperation(second);
+    queue_.addOperation(first);
+    queue_.addOperation(second);
     ASSERT_TRUE(eventually([&] { return first->isExecuting(); }));
-    EXPECT_EQ(queue.operations(), (std::vector<std::shared_ptr<Operation>>{first, second}));
+    EXPECT_EQ(queue_.operations(), (std::vector<std::shared_ptr<Operation>>{first, second}));
     first->finish();
-    queue.waitUntilAllOperationsAreFinished();
+    queue_.waitUntilAllOperationsAreFinished();
     EXPECT_TRUE(wasFinished);
-    EXPECT_EQ(queue.operationCount(), 0U);
-    queue.addOperation(first);
-    EXPECT_EQ(queue.operationCount(), 0U) << "a finished operation was taken again";
+    EXPECT_EQ(queue_.operationCount(), 0U);
+    queue_.addOperation(first);
+    EXPECT_EQ(queue_.operationCount(), 0U) << "a finished operation was taken again";
 }
 
-TEST(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCancelled) {
+TEST_F(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCancelled) {
     for (const bool cancelled : {false, true}) {
         SCOPED_TRACE(cancelled);
-        OperationQueue queue;
         const auto first = operation();
         const auto second = operation();
         std::atomic<int> finishedBefore = -1;
@@ -88,7 +91,7 @@ TEST(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCancell
         dependent->addDependency(first);
         dependent->addDependency(second);
         for (const auto& each : {dependent, first, second}) {
-            queue.addOperation(each);
+            queue_.addOperation(each);
         }
         if (cancelled) {
             dependent->cancel();
@@ -97,27 +100,30 @@ TEST(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCancell
         ASSERT_TRUE(eventually([&] { return first->isExecuting() && second->isExecuting(); }));
         second->finish();
         first->finish();
-        queue.waitUntilAllOperationsAreFinished();
+        queue_.waitUntilAllOperationsAreFinished();
         EXPECT_EQ(finishedBefore, cancelled ? 0 : 2);
     }
 }
 
-TEST(OperationQueueTest, LimitOfOneRunsBlocksOneAfterAnotherInTheirOrder) {
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(1);
+TEST_F(OperationQueueTest, LimitOfOneRunsBlocksInTheirOrderAlsoAfterOneThatThrows) {
+    static std::string reported;
+    DispatchQueue::setExceptionHandler([](std::string_view, std::string_view what) { reported = what; });
+    queue_.setMaxConcurrentOperationCount(1);
+    queue_.addOperationWithBlock([] { throw std::runtime_error("a block's own fault"); });
     std::vector<int> order;
     std::vector<int> expected;
     for (int i = 0; i < 300; ++i) {
-        queue.addOperationWithBlock([&order, i] { order.push_back(i); });
+        queue_.addOperationWithBlock([&order, i] { order.push_back(i); });
         expected.push_back(i);
     }
-    queue.waitUntilAllOperationsAreFinished();
+    queue_.waitUntilAllOperationsAreFinished();
+    DispatchQueue::setExceptionHandler(nullptr);
     EXPECT_EQ(order, expected);
+    EXPECT_EQ(reported, "a block's own fault");
 }
 
-TEST(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(3);
+TEST_F(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
+    queue_.setMaxConcurrentOperationCount(3);
     std::atomic<int> running = 0;
     std::atomic<int> most = 0;
     std::atomic<int> ended = 0;
@@ -133,7 +139,7 @@ TEST(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
                     ++ended;
                     self.finish();
                 });
-                queue.addOperation(added);
+                queue_.addOperation(added);
                 if (j % 7 == 0) {
                     added->cancel();
                 }
@@ -143,15 +149,14 @@ TEST(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
     for (auto& adder : adders) {
         adder.join();
     }
-    queue.waitUntilAllOperationsAreFinished();
+    queue_.waitUntilAllOperationsAreFinished();
     EXPECT_EQ(ended, 300);
     EXPECT_LE(most, 3);
-    EXPECT_EQ(queue.operationCount(), 0U);
+    EXPECT_EQ(queue_.operationCount(), 0U);
 }
 
-TEST(OperationQueueTest, OperationEndedInsideTheStartOfAnotherMakesRoomAtOnce) {
-    OperationQueue queue;
-    queue.setMaxConcurrentOperationCount(2);
+TEST_F(OperationQueueTest, OperationEndedInsideTheStartOfAnotherMakesRoomAtOnce) {
+    queue_.setMaxConcurrentOperationCount(2);
     const auto idle = operation();
     const auto waiting = operation([](HandOperation& self) { self.finish(); });
     bool madeRoom = false;
@@ -162,25 +167,13 @@ TEST(OperationQueueTest, OperationEndedInsideTheStartOfAnotherMakesRoomAtOnce) {
         self.finish();
     });
     for (const auto& each : {busy, idle, waiting}) {
-        queue.addOperation(each);
+        queue_.addOperation(each);
     }
-    queue.waitUntilAllOperationsAreFinished();
+    queue_.waitUntilAllOperationsAreFinished();
     EXPECT_TRUE(madeRoom);
 }
 
-TEST(OperationQueueTest, BlockThatThrowsIsReportedAndFinished) {
-    static std::string reported;
-    DispatchQueue::setExceptionHandler([](std::string_view, std::string_view what) { reported = what; });
-    {
-        OperationQueue queue;
-        queue.addOperationWithBlock([] { throw std::runtime_error("a block's own fault"); });
-        queue.waitUntilAllOperationsAreFinished();
-    }
-    DispatchQueue::setExceptionHandler(nullptr);
-    EXPECT_EQ(reported, "a block's own fault");
-}
-
-TEST(OperationQueueTest, DestructionWaitsForWhatRunsAndDropsTheRest) {
+TEST(OperationQueueEndTest, DestructionWaitsForWhatRunsAndDropsTheRest) {
     auto queue = std::make_unique<OperationQueue>();
     queue->setMaxConcurrentOperationCount(1);
     Semaphore begun;
@@ -202,7 +195,7 @@ TEST(OperationQueueTest, DestructionWaitsForWhatRunsAndDropsTheRest) {
     opener.join();
 }
 
-TEST(OperationQueueTest, QueueMayGoInsideItsOwnBlock) {
+TEST(OperationQueueEndTest, QueueMayGoInsideItsOwnBlock) {
     auto queue = std::make_shared<OperationQueue>();
     Semaphore gone;
     queue->setMaxConcurrentOperationCount(1);

@@ -19,14 +19,20 @@ std::pair<int, std::string> runShell(const std::string& script) {
 
 TEST(ProcessTest, StatusAndOutputAreThoseOfTheProgram) {
     const std::pair<std::string, std::pair<int, std::string>> cases[] = {
-        {"printf out; exit 3", {3, "out"}},
-        {"echo complaint >&2", {0, ""}},
+        {"printf out; echo complaint >&2; exit 3", {3, "out"}},
         {"kill -9 $$", {SIGKILL, ""}},
         {"head -c 300000 /dev/zero | tr '\\0' x", {0, std::string(300'000, 'x')}},
     };
     for (const auto& [script, expected] : cases) {
         EXPECT_EQ(runShell(script), expected) << script;
     }
+    // Pipes of other processes are not inherited.
+    const std::string count = "ls /proc/self/fd | wc -l";
+    const auto alone = runShell(count);
+    Process open("/bin/cat", {"/dev/null"});
+    open.launch();
+    EXPECT_EQ(runShell(count), alone);
+    open.waitUntilExit();
 }
 
 TEST(ProcessTest, ProgramThatCannotBeStartedIsAnError) {
@@ -48,15 +54,6 @@ TEST(ProcessTest, TerminationReachesTheChildOfAnAgentThatIgnoresTheSignal) {
     process.waitUntilExit();
     std::signal(SIGTERM, before);
     EXPECT_EQ(process.terminationStatus(), SIGTERM);
-}
-
-TEST(ProcessTest, PipesOfOtherProcessesAreNotInherited) {
-    const std::string count = "ls /proc/self/fd | wc -l";
-    const auto alone = runShell(count);
-    Process open("/bin/cat", {"/dev/null"});
-    open.launch();
-    EXPECT_EQ(runShell(count), alone);
-    open.waitUntilExit();
 }
 
 }  // namespace

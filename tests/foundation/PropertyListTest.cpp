@@ -1,8 +1,6 @@
 #include "foundation/PropertyList.h"
 
-#include <cmath>
 #include <limits>
-#include <memory>
 #include <random>
 #include <string>
 
@@ -52,27 +50,19 @@ Value sample() {
 
 // The same list in its other form, by an independent implementation.
 Data converted(const Data& list, bool toBinary) {
-    plist_t tree = nullptr;
     const std::string text(list.begin(), list.end());
-    const auto size = static_cast<std::uint32_t>(text.size());
-    if (toBinary) {
-        plist_from_xml(text.data(), size, &tree);
-    } else {
-        plist_from_bin(text.data(), size, &tree);
-    }
-    const std::unique_ptr<void, decltype(&plist_free)> owner(tree, &plist_free);
+    plist_t tree = nullptr;
+    (toBinary ? plist_from_xml : plist_from_bin)(text.data(), static_cast<std::uint32_t>(text.size()), &tree);
     char* out = nullptr;
     std::uint32_t length = 0;
-    if (toBinary) {
-        plist_to_bin(tree, &out, &length);
-    } else {
-        plist_to_xml(tree, &out, &length);
-    }
-    const std::unique_ptr<char, decltype(&plist_to_xml_free)> outOwner(out, &plist_to_xml_free);
-    return {out, out + length};
+    (toBinary ? plist_to_bin : plist_to_xml)(tree, &out, &length);
+    const Data bytes(out, out + length);
+    plist_to_xml_free(out);
+    plist_free(tree);
+    return bytes;
 }
 
-TEST(PropertyListTest, EveryKindOfValueSurvivesBothForms) {
+TEST(PropertyListTest, EveryKindOfValueSurvivesBothFormsAndIsWrittenAsTheUsualXml) {
     const auto xml = PropertyList::writeXml(sample());
     ASSERT_TRUE(xml);
     EXPECT_EQ(*PropertyList::parse(*xml), sample());
@@ -82,11 +72,9 @@ TEST(PropertyListTest, EveryKindOfValueSurvivesBothForms) {
     ASSERT_TRUE(read) << read.error().description;
     EXPECT_EQ(*read, sample());
     EXPECT_EQ(*PropertyList::parse(converted(binary, false)), sample());
-}
 
-TEST(PropertyListTest, WrittenFileIsTheUsualXml) {
-    const auto xml = PropertyList::writeXml(Dictionary{{"z", Array{1, true}}, {"a", "x<y"}, {"d", Data{1, 2}}});
-    EXPECT_EQ(std::string(xml->begin(), xml->end()),
+    const auto usual = PropertyList::writeXml(Dictionary{{"z", Array{1, true}}, {"a", "x<y"}, {"d", Data{1, 2}}});
+    EXPECT_EQ(std::string(usual->begin(), usual->end()),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
               "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
               "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
@@ -122,48 +110,53 @@ TEST(PropertyListTest, XmlOfOtherWritersIsUnderstood) {
     EXPECT_GT(*parse("<plist><date>9999-12-31T23:59:59Z</date></plist>")->date(), Date(seconds(9'000'000'000)));
 }
 
+void expectRefused(const std::string& text, std::string_view reason) {
+    const auto parsed = parse(text);
+    ASSERT_FALSE(parsed) << text.substr(0, 100);
+    EXPECT_NE(parsed.error().description.find(reason), std::string::npos) << parsed.error().description;
+    EXPECT_LT(parsed.error().description.size(), 300u);
+}
+
 TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
-    const std::pair<std::string, std::string> cases[] = {
+    // What is in the list, and in the whole text.
+    const std::pair<const char*, std::vector<std::string>> inList[] = {
+        {"unexpected </plist>", {"", "<array>"}},
+        {"unknown element", {"<array><bogus/></array>", "<" + repeated("x", 100'000) + ">"}},
+        {"expected </plist>", {"<true/><false/>"}},
+        {"<true>", {"<true>x</true>"}},
+        {"expected <key>", {"<dict><string>a</string></dict>"}},
+        {"unexpected </dict>", {"<dict><key>a</key></dict>"}},
+        {"text between", {"<array>text</array>"}},
+        {"<integer>", {"<integer></integer>", "<integer>12abc</integer>", "<integer>99999999999999999999</integer>"}},
+        {"<real>", {"<real>1.5.2</real>"}},
+        {"<date>", {"<date>2023-02-29T00:00:00Z</date>", "<date>yesterday</date>"}},
+        {"<data>", {"<data>QUJ</data>", "<data>=UJD</data>"}},
+        {"unknown entity", {"<string>&bogus;</string>"}},
+        {"no character", {"<string>&#0;</string>", "<string>&#xD800;</string>"}},
+        {"not UTF-8", {"<string>\xFF</string>"}},
+        {"control characters", {"<string>a<![CDATA[\x01]]></string>"}},
+        {"-->", {"<!-- <true/>"}},
+        {"deeper than 128",
+         {repeated("<array>", 129) + repeated("</array>", 129), repeated("<array>", 100'000),
+          repeated("<dict><key>k</key>", 100'000)}},
+    };
+    for (const auto& [reason, texts] : inList) {
+        for (const auto& text : texts) {
+            expectRefused("<plist>" + text + "</plist>", reason);
+        }
+    }
+    const std::pair<const char*, const char*> whole[] = {
         {"", "empty"},
         {"hello", "text between elements"},
-        {"{\"a\":1}", "text between elements"},
         {"<plist/>", "unknown element"},
-        {"<plist></plist>", "unexpected </plist>"},
         {"<plist>\n<array>\n</plist>", "line 3: unexpected </plist>"},
-        {"<plist><array><bogus/></array></plist>", "unknown element <bogus>"},
-        {"<plist><true/><false/></plist>", "expected </plist>"},
         {"<plist><true/></plist>x", "after its end"},
-        {"<plist><true>x</true></plist>", "<true>"},
-        {"<plist><dict><string>a</string></dict></plist>", "expected <key>"},
-        {"<plist><dict><key>a</key></dict></plist>", "unexpected </dict>"},
-        {"<plist><array>text</array></plist>", "text between"},
-        {"<plist><integer></integer></plist>", "<integer>"},
-        {"<plist><integer>12abc</integer></plist>", "<integer>"},
-        {"<plist><integer>99999999999999999999</integer></plist>", "<integer>"},
-        {"<plist><real>1.5.2</real></plist>", "<real>"},
-        {"<plist><date>2023-02-29T00:00:00Z</date></plist>", "<date>"},
-        {"<plist><date>yesterday</date></plist>", "<date>"},
-        {"<plist><data>QUJ</data></plist>", "<data>"},
-        {"<plist><data>=UJD</data></plist>", "<data>"},
-        {"<plist><string>&bogus;</string></plist>", "unknown entity"},
-        {"<plist><string>&#0;</string></plist>", "no character"},
-        {"<plist><string>&#xD800;</string></plist>", "no character"},
-        {"<plist><string>\xFF</string></plist>", "not UTF-8"},
-        {"<plist><string>a<![CDATA[\x01]]></string></plist>", "control characters"},
         {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><plist><true/></plist>", "encoding"},
         {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>", "definitions"},
         {"<plist><string>a", "ends too early"},
-        {"<plist><!-- <true/></plist>", "-->"},
-        {repeated("<array>", 129) + repeated("</array>", 129), "deeper than 128"},
-        {repeated("<array>", 100'000), "deeper than 128"},
-        {repeated("<dict><key>k</key>", 100'000), "deeper than 128"},
-        {"<" + repeated("x", 100'000) + ">", "unknown element"},
     };
-    for (const auto& [text, reason] : cases) {
-        const auto parsed = parse(text);
-        ASSERT_FALSE(parsed) << text.substr(0, 100);
-        EXPECT_NE(parsed.error().description.find(reason), std::string::npos) << parsed.error().description;
-        EXPECT_LT(parsed.error().description.size(), 300u);
+    for (const auto& [text, reason] : whole) {
+        expectRefused(text, reason);
     }
     EXPECT_TRUE(parse(repeated("<array>", 128) + repeated("</array>", 128)));
 }

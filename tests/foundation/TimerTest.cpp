@@ -2,7 +2,6 @@
 #include "foundation/Timer.h"
 #include "support/AgentFixture.h"
 
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -19,16 +18,19 @@ class TimerTest : public ::testing::Test, protected testing::AgentFixture {
     static std::optional<Date> anHourLater(Date fired, Date now) {
         return fired + hours(1) * ((now - fired) / hours(1) + 1);
     }
-    static void noticeClock() {
+    static std::optional<Date> never(Date /*fired*/, Date /*now*/) { return std::nullopt; }
+    void setClock(Date date) {
+        clock().setWallTime(date);
         NotificationCenter::defaultCenter().post({Timer::kClockChangedNotification, nullptr, {}});
     }
 
     Date start_ = clock().wallTime();
+    std::vector<Date> firings_;
+    std::function<void()> note_ = [this] { firings_.push_back(clock().wallTime()); };
 };
 
 TEST_F(TimerTest, FiresOnItsThreadAtEachDateAndOnceForThoseMissed) {
-    std::vector<Date> firings;
-    Timer timer(start_ + hours(1), anHourLater, [&] { firings.push_back(clock().wallTime()); });
+    Timer timer(start_ + hours(1), anHourLater, note_);
     std::thread thread([&timer] { timer.run(); });
     for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(clock().awaitTimerIn(hours(1)));
@@ -36,47 +38,39 @@ TEST_F(TimerTest, FiresOnItsThreadAtEachDateAndOnceForThoseMissed) {
     }
     ASSERT_TRUE(clock().awaitTimerIn(hours(1)));
     // The machine slept through four dates.
-    clock().setWallTime(start_ + minutes(390));
-    noticeClock();
+    setClock(start_ + minutes(390));
     EXPECT_TRUE(clock().awaitTimerIn(minutes(30)));
     timer.invalidate();
     thread.join();
-    EXPECT_EQ(firings, (std::vector<Date>{start_ + hours(1), start_ + hours(2), start_ + minutes(390)}));
+    EXPECT_EQ(firings_, (std::vector<Date>{start_ + hours(1), start_ + hours(2), start_ + minutes(390)}));
 }
 
 TEST_F(TimerTest, DateInThePastFiresAtOnceAndTheFunctionMayEndTheTimer) {
-    int firings = 0;
-    Timer once(start_ - hours(1), [](Date, Date) { return std::optional<Date>(); }, [&firings] { ++firings; });
-    once.run();
-    EXPECT_EQ(firings, 1);
+    Timer(start_ - hours(1), never, note_).run();
+    EXPECT_EQ(firings_.size(), 1U);
 
     Timer* own = nullptr;
     Timer ended(start_, anHourLater, [&] {
-        ++firings;
+        note_();
         own->invalidate();
     });
     own = &ended;
     ended.run();
-    EXPECT_EQ(firings, 2);
     ended.run();
-    EXPECT_EQ(firings, 2) << "an invalidated timer fired";
+    EXPECT_EQ(firings_.size(), 2U) << "an invalidated timer fired, or a timer not at all";
 }
 
 TEST_F(TimerTest, WallClockThatIsSetIsFollowedOnceItIsNoticed) {
-    std::vector<Date> firings;
-    Timer timer(
-        start_ + hours(10), [](Date, Date) { return std::optional<Date>(); },
-        [&] { firings.push_back(clock().wallTime()); });
+    Timer timer(start_ + hours(10), never, note_);
     std::thread thread([&timer] { timer.run(); });
     ASSERT_TRUE(clock().awaitTimerIn(hours(10)));
     // Back: the old alarm must not count, whether or not the change is noticed.
     clock().setWallTime(start_ - hours(2));
     clock().advance(hours(10));
     ASSERT_TRUE(clock().awaitTimerIn(hours(2)));
-    clock().setWallTime(start_ + hours(11));
-    noticeClock();
+    setClock(start_ + hours(11));
     thread.join();
-    EXPECT_EQ(firings, std::vector<Date>{start_ + hours(11)});
+    EXPECT_EQ(firings_, std::vector<Date>{start_ + hours(11)});
 }
 
 }  // namespace

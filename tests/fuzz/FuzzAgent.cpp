@@ -2,14 +2,13 @@
 
 #include "forwarding/SecurityUtil.h"
 #include "foundation/ProcessWide.h"
-#include "foundation/PropertyList.h"
 #include "fuzz/Fuzz.h"
 
 namespace sentrova::testing {
 
-FuzzAgent::FuzzAgent() : files_((prepare(), volume().root().string()), volume().agent().string()) {}
+FuzzAgent::FuzzAgent() : files_((prepare(), volume().agent())) {}
 
-// What the inputs find on the disk, which is then read into memory.
+// What the inputs find.
 void FuzzAgent::prepare() {
     myConfigurations.set("LogLevel", 1);
     writeConfiguration();
@@ -32,25 +31,6 @@ FuzzAgent& FuzzAgent::fresh() {
     agent.clock().setWallTime(start);
     agent.files().reset();
     return agent;
-}
-
-Dictionary FuzzAgent::configuration(std::string_view name) {
-    const auto bytes = files_.read(path("conf/") + std::string(name));
-    const auto parsed = bytes ? PropertyList::parse(*bytes) : Result<Value>(bytes.error());
-    require(parsed && parsed->dictionary(), "the configuration files still parse", name);
-    return *parsed->dictionary();
-}
-
-std::size_t FuzzAgent::logged(std::string_view text, std::string_view category) {
-    std::size_t count = 0;
-    for (const auto& [name, content] : files_.files(path("logs"))) {
-        const auto whole = asText(content);
-        for (auto at = name.starts_with(category) ? whole.find(text) : std::string::npos; at != std::string::npos;
-             at = whole.find(text, at + text.size())) {
-            ++count;
-        }
-    }
-    return count;
 }
 
 }  // namespace sentrova::testing

@@ -11,6 +11,7 @@
 #include "fuzz/FuzzAgent.h"
 
 #include <algorithm>
+#include <climits>
 
 namespace sentrova::testing {
 
@@ -28,17 +29,17 @@ Files putFiles(FuzzAgent& agent, std::string_view input) {
     Files files;
     for (const auto part : parts(input, '\x1E', 24)) {
         const auto name = std::string(part.substr(0, std::min(part.find('\x1F'), part.size())));
-        const auto path = agent.path("eventData/") + name;
         const auto content = asBytes(part.substr(std::min(name.size() + 1, part.size())));
         const auto plain = name.substr(0, name.find('/'));
+        const auto path = agent.path("eventData/") + plain;
         if (plain.empty() || plain == "." || plain == ".." || plain.find('\0') != std::string::npos ||
-            name.size() > plain.size() + 1 || agent.files().exists(path)) {
+            name.size() > plain.size() + 1 || plain.size() > NAME_MAX || agent.files().exists(path)) {
             continue;
         }
         if (name.ends_with('/')) {
             require(static_cast<bool>(agent.files().createFolder(path)), "a folder is made");
         } else {
-            agent.files().put(path, content);
+            require(agent.files().put(path, content), "a file is made");
             files.emplace(name, Data(content.begin(), content.end()));
         }
     }

@@ -2,6 +2,7 @@
 
 #include "forwarding/TransportEngine.h"
 #include "foundation/DateFormat.h"
+#include "foundation/Json.h"
 #include "foundation/ProcessWide.h"
 
 #include <cstdlib>
@@ -21,29 +22,14 @@ AgentFixture::AgentFixture() : formerFolder_(std::filesystem::current_path()) {
     ProcessWideState::reset();
     installSession();
 
-    serverInfo = {
-        {"DomainName", "corp.example.com"},
-        {"OrgAccessKey", "org-access-key"},
-        {"ServerIP", "192.0.2.1"},
-        {"ServerFQDN", "audit.example.com"},
-        {"ServerName", "audit"},
-        {"Port", 9443},
-        {"Protocol", "https"},
-        {"AgentPort", 8443},
-        {"AgentProtocol", "http"},
-        {"NATServerName", "-"},
-        {"NATPort", 7443},
-        {"NATProtocol", "https"},
-        {"IsRealTime", false},
-        {"isEnabled", true},
-        {"NumberofEventsPerRequest", 3},
-        {"MaxEventDataSize", 1},
-        {"FetchInterval", 3600},
-        {"SyncTime", 900},
-        {"EventsToRead",
-         "AUE_auth_user,AUE_sudo,AUE_login,AUE_logout,AUE_telnet,AUE_rshd,AUE_su,AUE_ssh,AUE_openssh,AUE_lw_login,"
-         "AUE_lw_logout,AUE_ssauthint"},
-    };
+    serverInfo = *Json::parse(R"({
+        "DomainName": "corp.example.com", "OrgAccessKey": "org-access-key", "ServerIP": "192.0.2.1",
+        "ServerFQDN": "audit.example.com", "ServerName": "audit", "Port": 9443, "Protocol": "https",
+        "AgentPort": 8443, "AgentProtocol": "http", "NATServerName": "-", "NATPort": 7443, "NATProtocol": "https",
+        "IsRealTime": false, "isEnabled": true, "NumberofEventsPerRequest": 3, "MaxEventDataSize": 1,
+        "FetchInterval": 3600, "SyncTime": 900, "EventsToRead": "AUE_auth_user,AUE_sudo,AUE_login,AUE_logout,AUE_telnet,)"
+                              R"(AUE_rshd,AUE_su,AUE_ssh,AUE_openssh,AUE_lw_login,AUE_lw_logout,AUE_ssauthint"})")
+                      ->dictionary();
     myConfigurations = {
         {"TimestampOfLastEvent", "0"}, {"LogLevel", 2}, {"AgentVersion", "1.0.0"}, {"CommunicationType", 1}};
     const auto task = [](const char* name, const char* className, const char* selector) {

@@ -1,23 +1,16 @@
 #include "support/AuditServer.h"
 
-#include "foundation/Mutex.h"
-#include "support/ServerConnection.h"
-
-#include <httplib.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/socket.h>
+#include <strings.h>
 
 #include <algorithm>
-#include <cmath>
-#include <deque>
+#include <array>
 #include <fstream>
+#include <future>
 #include <iterator>
-#include <map>
-#include <set>
-#include <stdexcept>
+#include <sstream>
 #include <string_view>
-#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -25,634 +18,322 @@ namespace sentrova::testing {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
-using Headers = std::vector<std::pair<std::string, std::string>>;
-using Kind = AuditServer::Failure::Kind;
 
-// Each connection occupies one for as long as it is kept alive.
-constexpr std::size_t kConnectionsAtOnce = 48;
-constexpr const char* kJsonType = "application/json";
+std::size_t contentLength(const AuditServer::Headers& headers) {
+    const auto found = std::ranges::find_if(
+        headers, [](const auto& header) { return ::strcasecmp(header.first.c_str(), "Content-Length") == 0; });
+    return found == headers.end() ? 0 : std::stoul(found->second);
+}
 
-// A connection as the HTTP library reads it: through a buffer that spares a system call a byte, and with a copy of the
-// present request's head, whose order of headers the library does not keep.
-class BufferedStream final : public httplib::Stream {
-  public:
-    explicit BufferedStream(ServerConnection& connection) : connection_(connection) {}
-
-    // What comes next is the head of a request.
-    void beginRequest() {
-        head_.clear();
-        headComplete_ = false;
-    }
-    const std::string& head() const { return head_; }
-
-    bool is_readable() const override { return true; }
-    bool is_writable() const override { return !connection_.isShutDown(); }
-
-    ssize_t read(char* bytes, std::size_t room) override {
-        if (next_ == filled_) {
-            filled_ = connection_.read(buffer_.data(), buffer_.size());
-            next_ = 0;
-        }
-        const auto count = std::min(room, filled_ - next_);
-        std::copy_n(buffer_.data() + next_, count, bytes);
-        next_ += count;
-        if (!headComplete_) {
-            head_.append(bytes, count);
-            headComplete_ = head_.ends_with("\r\n\r\n");
-        }
-        return static_cast<ssize_t>(count);
-    }
-
-    ssize_t write(const char* bytes, std::size_t count) override {
-        return connection_.write({bytes, count}) ? static_cast<ssize_t>(count) : -1;
-    }
-
-    void get_remote_ip_and_port(std::string&, int&) const override {}
-    void get_local_ip_and_port(std::string&, int&) const override {}
-    socket_t socket() const override { return connection_.socket(); }
-
-  private:
-    ServerConnection& connection_;
-    std::vector<char> buffer_ = std::vector<char>(16384);
-    std::size_t next_ = 0;
-    std::size_t filled_ = 0;
-    std::string head_;
-    bool headComplete_ = true;
-};
-
-// The connection that the present thread serves.
-struct Served {
-    ServerConnection& connection;
-    BufferedStream& stream;
-    int number;
-};
-
-// The HTTP library with connections of our own, so that each can be cut at any byte and all can be closed at once.
-class Listener final : public httplib::Server {
-  public:
-    using Handler = std::function<void(const Served&, const httplib::Request&, httplib::Response&)>;
-
-    Listener(TlsContext tls, Handler handler) : tls_(std::move(tls)), handler_(std::move(handler)) {
-        new_task_queue = [] { return std::make_unique<httplib::ThreadPool>(kConnectionsAtOnce).release(); };
-        // Without the library's choice to share the port with other servers.
-        set_socket_options([](socket_t socket) {
-            const int yes = 1;
-            ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-        });
-        set_tcp_nodelay(true);
-        const auto handle = [this](const httplib::Request& request, httplib::Response& response) {
-            handler_(*served_, request, response);
-        };
-        Get(".*", handle);
-        Post(".*", handle);
-        Put(".*", handle);
-        Delete(".*", handle);
-    }
-
-    void shutDownAll() EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        stopped_ = true;
-        for (auto* const connection : connections_) {
-            connection->shutDown();
-        }
-    }
-
-  private:
-    bool process_and_close_socket(socket_t socket) override {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGPIPE);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
-        ServerConnection connection(socket, tls_);
-        const int number = enlist(connection);
-        serve(connection, number);
-        MutexLock lock(mutex_);
-        connections_.erase(&connection);
-        return true;
-    }
-
-    int enlist(ServerConnection& connection) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        connections_.insert(&connection);
-        if (stopped_) {
-            connection.shutDown();
-        }
-        return ++accepted_;
-    }
-
-    void serve(ServerConnection& connection, int number) {
-        if (!connection.handshake()) {
-            return;
-        }
-        BufferedStream stream(connection);
-        const Served served{connection, stream, number};
-        served_ = &served;
-        bool closed = false;
-        do {
-            stream.beginRequest();
-        } while (process_request(stream, false, closed, nullptr) && !closed && !connection.isShutDown());
-        served_ = nullptr;
-    }
-
-    // The library hands a request to its handler on the same thread, but not the connection that it came by.
-    static thread_local const Served* served_;
-
-    const TlsContext tls_;
-    const Handler handler_;
-    Mutex mutex_;
-    std::set<ServerConnection*> connections_ GUARDED_BY(mutex_);
-    int accepted_ GUARDED_BY(mutex_) = 0;
-    bool stopped_ GUARDED_BY(mutex_) = false;
-};
-
-thread_local const Served* Listener::served_ = nullptr;
-
-Headers headersOf(std::string_view head) {
-    Headers headers;
-    head.remove_prefix(std::min(head.find("\r\n") + 2, head.size()));
-    for (auto end = head.find("\r\n"); end != std::string_view::npos && end > 0; end = head.find("\r\n")) {
-        const auto line = head.substr(0, end);
+// The head of a request without the empty line at its end; the headers' names and values as they came.
+AuditServer::Request parsed(const std::string& head) {
+    AuditServer::Request request;
+    std::istringstream lines(head);
+    std::string line;
+    lines >> request.method >> request.path;
+    std::getline(lines, line);
+    while (std::getline(lines, line)) {
+        line.resize(line.find_last_not_of('\r') + 1);
         const auto colon = std::min(line.find(':'), line.size());
         const auto value = std::min(line.find_first_not_of(" \t", colon + 1), line.size());
-        headers.emplace_back(line.substr(0, colon), line.substr(value));
-        head.remove_prefix(end + 2);
+        request.headers.emplace_back(line.substr(0, colon), line.substr(value));
     }
-    return headers;
+    return request;
 }
 
-// The elements of a JSON array, each without its blanks; nothing when the text is no JSON array.
-std::optional<std::vector<std::string>> elementsOf(const std::string& text) {
-    if (!Json::accept(text) || text[text.find_first_not_of(" \t\r\n")] != '[') {
-        return std::nullopt;
-    }
-    std::vector<std::string> elements;
-    std::string element;
-    int depth = 0;
-    bool quoted = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        const bool opens = !quoted && (c == '[' || c == '{');
-        const bool closes = !quoted && (c == ']' || c == '}');
-        depth -= closes ? 1 : 0;
-        if (!quoted && ((depth == 1 && c == ',') || depth == 0)) {
-            if (!element.empty()) {
-                elements.push_back(std::exchange(element, {}));
-            }
-        } else if (quoted || std::string_view(" \t\r\n").find(c) == std::string_view::npos) {
-            element += c;
-        }
-        depth += opens ? 1 : 0;
-        if (c == '"') {
-            quoted = !quoted;
-        } else if (quoted && c == '\\') {
-            element += text[++i];
+// Takes the next request from the front of what has been received. Nothing once the connection has ended.
+std::optional<AuditServer::Request> readRequest(ServerConnection& connection, std::string& received) {
+    constexpr std::string_view kEndOfHead = "\r\n\r\n";
+    const auto receive = [&] {
+        std::array<char, 16384> bytes;
+        const auto count = connection.read(bytes.data(), bytes.size());
+        received.append(bytes.data(), count);
+        return count > 0;
+    };
+    auto end = received.find(kEndOfHead);
+    for (; end == std::string::npos; end = received.find(kEndOfHead)) {
+        // What is no HTTP at all, a greeting of TLS, would never have the end of a head.
+        if (!receive() || received[0] < 'A' || received[0] > 'Z') {
+            return std::nullopt;
         }
     }
-    return elements;
-}
-
-AuditServer::Failure failureFrom(const Json& object) {
-    static const std::map<std::string, Kind> kKinds = {{"status", Kind::status},   {"redirect", Kind::status},
-                                                       {"delay", Kind::delay},     {"noanswer", Kind::noAnswer},
-                                                       {"hold", Kind::hold},       {"drop", Kind::drop},
-                                                       {"cut", Kind::cut},         {"cuthead", Kind::cutHead},
-                                                       {"reset", Kind::reset},     {"halfclose", Kind::halfClose},
-                                                       {"surplus", Kind::surplus}, {"slow", Kind::slow},
-                                                       {"endless", Kind::endless}};
-    const auto kind = object.at("kind").get<std::string>();
-    const auto found = kKinds.find(kind);
-    if (found == kKinds.end()) {
-        throw std::runtime_error("unknown kind \"" + kind + "\"");
-    }
-    AuditServer::Failure failure;
-    failure.kind = found->second;
-    if (kind == "redirect") {
-        failure.status = 302;
-        failure.headers = {{"Location", "/elsewhere"}};
-    }
-    failure.path = object.value("path", failure.path);
-    failure.status = object.value("status", failure.status);
-    failure.seconds = object.value("seconds", failure.seconds);
-    failure.count = object.value("count", failure.count);
-    failure.after = object.value("after", failure.after);
-    failure.body = object.value("body", failure.body);
-    if (object.contains("headers")) {
-        failure.headers.clear();
-        for (const auto& [name, value] : object.at("headers").items()) {
-            failure.headers.emplace_back(name, value.get<std::string>());
+    auto request = parsed(received.substr(0, end));
+    const auto length = contentLength(request.headers);
+    received.erase(0, end + kEndOfHead.size());
+    while (received.size() < length) {
+        if (!receive()) {
+            return std::nullopt;
         }
     }
-    return failure;
-}
-
-std::string jsonOf(const std::vector<AuditServer::Request>& requests) {
-    auto array = Json::array();
-    for (const auto& request : requests) {
-        array.push_back({{"method", request.method},
-                         {"path", request.path},
-                         {"headers", request.headers},
-                         {"body", request.body},
-                         {"connection", request.connection},
-                         {"status", request.status}});
-    }
-    return array.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::chrono::milliseconds pace(const AuditServer::Failure& failure) {
-    constexpr double kLongest = 24 * 60 * 60;
-    return std::chrono::milliseconds(std::llround(std::clamp(failure.seconds, 0.0, kLongest) * 1000));
+    request.body = received.substr(0, length);
+    received.erase(0, length);
+    return request;
 }
 
 }  // namespace
 
-class AuditServer::Impl {
-  public:
-    explicit Impl(const Configuration& configuration)
-        : configuration_(configuration),
-          listener_(configuration.https ? makeTlsContext(configuration.tls) : nullptr,
-                    [this](const Served& served, const httplib::Request& request, httplib::Response& response) {
-                        handle(served, request, response);
-                    }) {
-        constexpr const char* kLoopback = "127.0.0.1";
-        if (configuration.port == 0) {
-            port_ = listener_.bind_to_any_port(kLoopback);
-        } else {
-            port_ = listener_.bind_to_port(kLoopback, configuration.port) ? configuration.port : -1;
-        }
-        if (port_ <= 0) {
-            throw std::runtime_error("cannot listen on port " + std::to_string(configuration.port));
-        }
-        thread_ = std::thread([this] { listener_.listen_after_bind(); });
-    }
+AuditServer::AuditServer(const Configuration& configuration)
+    : configuration_(configuration),
+      tls_(configuration.https ? makeTlsContext(configuration.tls) : nullptr),
+      listener_(configuration.port),
+      thread_([this] { acceptAll(); }) {}
 
-    Impl(const Impl&) = delete;
-    Impl& operator=(const Impl&) = delete;
-
-    ~Impl() {
-        {
-            MutexLock lock(mutex_);
-            stopped_ = true;
-            changed_.notifyAll();
-        }
-        listener_.shutDownAll();
-        while (!listener_.is_running()) {
-            std::this_thread::yield();
-        }
-        listener_.stop();
-        thread_.join();
-    }
-
-    int port() const { return port_; }
-    std::string url() const {
-        return std::string(configuration_.https ? "https" : "http") + "://127.0.0.1:" + std::to_string(port_);
-    }
-
-    void setAnswer(std::string json) EXCLUDES(mutex_) {
+AuditServer::~AuditServer() {
+    {
         MutexLock lock(mutex_);
-        answer_ = std::move(json);
-    }
-
-    void fail(Failure failure) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        failures_.push_back(std::move(failure));
-    }
-
-    void release() EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        ++releases_;
+        stopped_ = true;
         changed_.notifyAll();
     }
-
-    void reset() EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        failures_.clear();
-        requests_.clear();
-        ++resets_;
-        events_.clear();
-        answer_.reset();
-        mostAtOnce_ = 0;
-        ++releases_;
-        changed_.notifyAll();
-    }
-
-    std::vector<Request> requests() const EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        return requests_;
-    }
-
-    std::vector<std::string> events() const EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        return events_;
-    }
-
-    int mostAtOnce() const EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        return mostAtOnce_;
-    }
-
-    bool waitForRequests(std::size_t count, std::chrono::seconds time) const EXCLUDES(mutex_) {
-        const auto giveUp = Clock::now() + time;
-        MutexLock lock(mutex_);
-        while (requests_.size() < count && Clock::now() < giveUp) {
-            changed_.waitUntil(lock, giveUp);
-        }
-        return requests_.size() >= count;
-    }
-
-    bool waitForEvents(std::size_t count, std::chrono::seconds time) const EXCLUDES(mutex_) {
-        const auto giveUp = Clock::now() + time;
-        MutexLock lock(mutex_);
-        while (events_.size() < count && Clock::now() < giveUp) {
-            changed_.waitUntil(lock, giveUp);
-        }
-        return events_.size() >= count;
-    }
-
-  private:
-    // A request's place in requests_, as long as there has been no reset since.
-    struct Ticket {
-        std::size_t index;
-        int resets;
-        // How many releases there had been when it arrived: the next one lets it go.
-        int releases;
-    };
-
-    void handle(const Served& served, const httplib::Request& request, httplib::Response& response) {
-        if (request.path.starts_with("/control/")) {
-            control(request, response);
-            return;
-        }
-        const auto ticket = remember(served, request);
-        const auto failure = failureFor(request.path);
-        if (!failure || meet(*failure, ticket, served, request, response)) {
-            answer(request, response);
-        }
-        const bool dropped = served.connection.isShutDown();
-        MutexLock lock(mutex_);
-        --underWay_;
-        if (!dropped) {
-            setStatusLocked(ticket, response.status);
-        }
-    }
-
-    Ticket remember(const Served& served, const httplib::Request& request) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        requests_.push_back(
-            {request.method, request.path, headersOf(served.stream.head()), request.body, served.number, 0});
-        mostAtOnce_ = std::max(mostAtOnce_, ++underWay_);
-        changed_.notifyAll();
-        return {requests_.size() - 1, resets_, releases_};
-    }
-
-    void setStatusLocked(const Ticket& ticket, int status) REQUIRES(mutex_) {
-        if (ticket.resets == resets_) {
-            requests_[ticket.index].status = status;
-        }
-    }
-
-    std::optional<Failure> failureFor(const std::string& path) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        const auto found = std::ranges::find_if(failures_, [&](Failure& failure) {
-            return path.starts_with(failure.path) && failure.count != 0 && --failure.after < 0;
-        });
-        if (found == failures_.end()) {
-            return std::nullopt;
-        }
-        auto failure = *found;
-        if (found->count > 0 && --found->count == 0) {
-            failures_.erase(found);
-        }
-        return failure;
-    }
-
-    // Returns whether the request is to be answered as ever.
-    bool meet(const Failure& failure, const Ticket& ticket, const Served& served, const httplib::Request& request,
-              httplib::Response& response) {
-        switch (failure.kind) {
-            case Kind::status:
-                response.status = failure.status;
-                for (const auto& [name, value] : failure.headers) {
-                    response.set_header(name, value);
-                }
-                response.set_content(failure.body, kJsonType);
-                return false;
-            case Kind::delay:
-                return !served.connection.awaitEnd(pace(failure));
-            case Kind::hold:
-                return awaitRelease(ticket);
-            case Kind::noAnswer:
-                served.connection.awaitEnd();
-                break;
-            case Kind::drop:
-                break;
-            case Kind::reset:
-                served.connection.reset();
-                return false;
-            case Kind::halfClose:
-                served.connection.endAnswer();
-                served.connection.awaitEnd();
-                break;
-            case Kind::surplus:
-            case Kind::slow:
-                answer(request, response);
-                [[fallthrough]];
-            default: {
-                MutexLock lock(mutex_);
-                setStatusLocked(ticket, 200);
-            }
-                answerBadly(failure, served.connection);
-                break;
-        }
-        served.connection.shutDown();
-        return false;
-    }
-
-    // Returns whether the release has come, rather than the end of the server.
-    bool awaitRelease(const Ticket& ticket) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        while (ticket.releases == releases_ && !stopped_) {
-            changed_.wait(lock);
-        }
-        return !stopped_;
-    }
-
-    static void answerBadly(const Failure& failure, ServerConnection& connection) {
-        const std::string body = failure.body.empty() ? R"({"status":"ok"})" : failure.body;
-        const std::string start = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: ";
-        switch (failure.kind) {
-            case Kind::cut:
-                connection.write(start + std::to_string(2 * body.size()) + "\r\n\r\n" + body);
-                break;
-            case Kind::cutHead:
-                connection.write(start);
-                break;
-            case Kind::surplus:
-                connection.write(start + std::to_string(body.size() / 2) + "\r\n\r\n" + body);
-                break;
-            case Kind::slow:
-                connection.write(start + std::to_string(body.size()) + "\r\n\r\n");
-                for (const char& byte : body) {
-                    if (connection.awaitEnd(pace(failure)) || !connection.write({&byte, 1})) {
-                        break;
-                    }
-                }
-                break;
-            default:
-                connection.write("HTTP/1.1 200 OK\r\n\r\n");
-                for (const std::string flood(65536, ' '); connection.write(flood);) {
-                }
-        }
-    }
-
-    void answer(const httplib::Request& request, httplib::Response& response) {
-        response.status = 404;
-        if (request.method != "POST") {
-            return;
-        }
-        if (request.path == kSyncPath) {
-            answerSync(response);
-        } else if (request.path == kEventsPath) {
-            answerEvents(request, response);
-        }
-    }
-
-    void answerSync(httplib::Response& response) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        std::string text = answer_.value_or("{}");
-        if (!answer_ && !configuration_.answerFile.empty()) {
-            std::ifstream file(configuration_.answerFile, std::ios::binary);
-            if (!file) {
-                response.status = 500;
-                return;
-            }
-            text.assign(std::istreambuf_iterator<char>(file), {});
-        }
-        response.status = 200;
-        response.set_content(text, kJsonType);
-    }
-
-    void answerEvents(const httplib::Request& request, httplib::Response& response) EXCLUDES(mutex_) {
-        const auto events = elementsOf(request.body);
-        if (!events) {
-            response.status = 400;
-            return;
-        }
-        response.status = 200;
-        response.set_content(R"({"status":"ok"})", kJsonType);
-        MutexLock lock(mutex_);
-        events_.insert(events_.end(), events->begin(), events->end());
-        changed_.notifyAll();
-        if (configuration_.onEvent) {
-            std::ranges::for_each(*events, configuration_.onEvent);
-        }
-    }
-
-    void control(const httplib::Request& request, httplib::Response& response) {
-        const std::string what = request.method + " " + request.path;
-        if (what == "GET /control/requests") {
-            response.set_content(jsonOf(requests()), kJsonType);
-        } else if (what == "GET /control/events") {
-            std::string array = "[";
-            for (const auto& event : events()) {
-                array += (array.size() > 1 ? "," : "") + event;
-            }
-            response.set_content(array + "]", kJsonType);
-        } else if (what == "POST /control/answer") {
-            setAnswer(request.body);
-        } else if (what == "POST /control/fail") {
-            controlFail(request, response);
-        } else if (what == "POST /control/release") {
-            release();
-        } else if (what == "POST /control/reset") {
-            reset();
-        } else {
-            response.status = 404;
-        }
-    }
-
-    void controlFail(const httplib::Request& request, httplib::Response& response) {
-        try {
-            auto rules = Json::parse(request.body);
-            if (!rules.is_array()) {
-                rules = Json::array({rules});
-            }
-            std::vector<Failure> failures;
-            std::ranges::transform(rules, std::back_inserter(failures), failureFrom);
-            std::ranges::for_each(failures, [this](const Failure& failure) { fail(failure); });
-        } catch (const std::exception& exception) {
-            response.status = 400;
-            response.set_content(std::string(exception.what()) + "\n", "text/plain");
-        }
-    }
-
-    const Configuration configuration_;
-
-    mutable Mutex mutex_;
-    mutable Condition changed_;
-    std::deque<Failure> failures_ GUARDED_BY(mutex_);
-    std::vector<Request> requests_ GUARDED_BY(mutex_);
-    std::vector<std::string> events_ GUARDED_BY(mutex_);
-    std::optional<std::string> answer_ GUARDED_BY(mutex_);
-    int underWay_ GUARDED_BY(mutex_) = 0;
-    int mostAtOnce_ GUARDED_BY(mutex_) = 0;
-    int releases_ GUARDED_BY(mutex_) = 0;
-    int resets_ GUARDED_BY(mutex_) = 0;
-    bool stopped_ GUARDED_BY(mutex_) = false;
-
-    Listener listener_;
-    int port_ = 0;
-    std::thread thread_;
-};
-
-AuditServer::AuditServer(const Configuration& configuration) : impl_(std::make_unique<Impl>(configuration)) {}
-
-AuditServer::~AuditServer() = default;
-
-int AuditServer::port() const {
-    return impl_->port();
+    listener_.shutDown();
+    thread_.join();
 }
 
 std::string AuditServer::url() const {
-    return impl_->url();
+    return std::string(configuration_.https ? "https" : "http") + "://127.0.0.1:" + std::to_string(port());
 }
 
 void AuditServer::setAnswer(std::string json) {
-    impl_->setAnswer(std::move(json));
+    MutexLock lock(mutex_);
+    answer_ = std::move(json);
 }
 
 void AuditServer::fail(Failure failure) {
-    impl_->fail(std::move(failure));
+    MutexLock lock(mutex_);
+    failures_.push_back(std::move(failure));
 }
 
 void AuditServer::release() {
-    impl_->release();
+    MutexLock lock(mutex_);
+    ++releases_;
+    changed_.notifyAll();
 }
 
 void AuditServer::reset() {
-    impl_->reset();
+    MutexLock lock(mutex_);
+    failures_.clear();
+    requests_.clear();
+    events_.clear();
+    answer_.reset();
+    mostAtOnce_ = 0;
+    ++releases_;
+    changed_.notifyAll();
 }
 
 std::vector<AuditServer::Request> AuditServer::requests() const {
-    return impl_->requests();
+    MutexLock lock(mutex_);
+    std::vector<Request> copies;
+    std::ranges::transform(requests_, std::back_inserter(copies), [](const auto& request) { return *request; });
+    return copies;
 }
 
 std::vector<std::string> AuditServer::events() const {
-    return impl_->events();
+    MutexLock lock(mutex_);
+    return events_;
 }
 
 int AuditServer::mostAtOnce() const {
-    return impl_->mostAtOnce();
+    MutexLock lock(mutex_);
+    return mostAtOnce_;
 }
 
 bool AuditServer::waitForRequests(std::size_t count, std::chrono::seconds time) const {
-    return impl_->waitForRequests(count, time);
+    const auto giveUp = Clock::now() + time;
+    MutexLock lock(mutex_);
+    while (requests_.size() < count && Clock::now() < giveUp) {
+        changed_.waitUntil(lock, giveUp);
+    }
+    return requests_.size() >= count;
 }
 
 bool AuditServer::waitForEvents(std::size_t count, std::chrono::seconds time) const {
-    return impl_->waitForEvents(count, time);
+    const auto giveUp = Clock::now() + time;
+    MutexLock lock(mutex_);
+    while (events_.size() < count && Clock::now() < giveUp) {
+        changed_.waitUntil(lock, giveUp);
+    }
+    return events_.size() >= count;
+}
+
+void AuditServer::acceptAll() {
+    // Also for the threads of the connections.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+    struct Served {
+        std::weak_ptr<ServerConnection> connection;
+        std::future<void> end;
+    };
+    std::vector<Served> all;
+    int accepted = 0;
+    while (std::shared_ptr<ServerConnection> connection = listener_.accept(tls_)) {
+        std::erase_if(all, [](const Served& served) { return served.connection.expired(); });
+        Served served{connection, {}};
+        served.end = std::async(std::launch::async, [this, number = ++accepted, own = std::move(connection)]() mutable {
+            serve(std::move(own), number);
+        });
+        all.push_back(std::move(served));
+    }
+    for (const auto& served : all) {
+        if (const auto connection = served.connection.lock()) {
+            connection->shutDown();
+        }
+    }
+}
+
+void AuditServer::serve(std::shared_ptr<ServerConnection> connection, int number) {
+    std::string received;
+    bool goesOn = connection->handshake();
+    while (goesOn) {
+        auto request = readRequest(*connection, received);
+        if (!request) {
+            return;
+        }
+        request->connection = number;
+        MutexLock lock(mutex_);
+        const Arrival arrival{std::make_shared<Request>(*std::move(request)), releases_};
+        requests_.push_back(arrival.request);
+        mostAtOnce_ = std::max(mostAtOnce_, ++underWay_);
+        changed_.notifyAll();
+        lock.unlock();
+        goesOn = handle(arrival, *connection);
+    }
+}
+
+bool AuditServer::handle(const Arrival& arrival, ServerConnection& connection) {
+    using Kind = Failure::Kind;
+    const auto failure = failureFor(arrival.request->path);
+    const auto kind = failure ? failure->kind : Kind::hold;
+    if (!failure || (kind == Kind::hold && awaitRelease(arrival))) {
+        return answer(arrival, connection);
+    }
+    if (kind == Kind::status) {
+        return send(arrival, connection, failure->status, failure->headers, failure->body);
+    }
+    if (kind >= Kind::cut) {
+        if (kind == Kind::surplus || kind == Kind::slow) {
+            accept(arrival.request->body);
+        }
+        finish(arrival, 200);
+        sendBadly(*failure, connection);
+        return false;
+    }
+    if (kind == Kind::reset) {
+        connection.reset();
+    } else if (kind == Kind::halfClose) {
+        connection.endAnswer();
+    }
+    if (kind == Kind::halfClose || kind == Kind::noAnswer) {
+        connection.awaitEnd();
+    }
+    finish(arrival, 0);
+    return false;
+}
+
+bool AuditServer::answer(const Arrival& arrival, ServerConnection& connection) {
+    const auto& [method, path, headers, body, number, status] = *arrival.request;
+    if (method == "POST" && path == kSyncPath) {
+        const auto text = syncAnswer();
+        return send(arrival, connection, text ? 200 : 500, {}, text.value_or(""));
+    }
+    if (method == "POST" && path == kEventsPath) {
+        const bool accepted = accept(body);
+        return send(arrival, connection, accepted ? 200 : 400, {}, accepted ? R"({"status":"ok"})" : "");
+    }
+    return send(arrival, connection, 404, {}, "");
+}
+
+bool AuditServer::send(const Arrival& arrival, ServerConnection& connection, int status, const Headers& headers,
+                       const std::string& body) {
+    finish(arrival, status);
+    auto text = "HTTP/1.1 " + std::to_string(status) + " \r\n";
+    for (const auto& [name, value] : headers) {
+        text += name + ": " + value + "\r\n";
+    }
+    if (status != 204) {
+        text += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
+    }
+    return connection.write(text + "\r\n" + body);
+}
+
+void AuditServer::sendBadly(const Failure& failure, ServerConnection& connection) {
+    using Kind = Failure::Kind;
+    const std::string body = failure.body.empty() ? R"({"status":"ok"})" : failure.body;
+    const std::string start = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: ";
+    if (failure.kind == Kind::cut) {
+        connection.write(start + std::to_string(2 * body.size()) + "\r\n\r\n" + body);
+    } else if (failure.kind == Kind::cutHead) {
+        connection.write(start);
+    } else if (failure.kind == Kind::surplus) {
+        connection.write(start + std::to_string(body.size() / 2) + "\r\n\r\n" + body);
+    } else if (failure.kind == Kind::slow) {
+        const auto pace =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(failure.seconds));
+        bool goesOn = connection.write(start + std::to_string(body.size()) + "\r\n\r\n");
+        for (std::size_t i = 0; goesOn && i < body.size(); ++i) {
+            goesOn = !connection.awaitEnd(pace) && connection.write({&body[i], 1});
+        }
+    } else {
+        connection.write("HTTP/1.1 200 OK\r\n\r\n");
+        for (const std::string flood(65536, ' '); connection.write(flood);) {
+        }
+    }
+}
+
+std::optional<AuditServer::Failure> AuditServer::failureFor(const std::string& path) {
+    MutexLock lock(mutex_);
+    const auto found = std::ranges::find_if(failures_, [&](Failure& failure) {
+        return path.starts_with(failure.path) && failure.count != 0 && --failure.after < 0;
+    });
+    if (found == failures_.end()) {
+        return std::nullopt;
+    }
+    auto failure = *found;
+    if (found->count > 0 && --found->count == 0) {
+        failures_.erase(found);
+    }
+    return failure;
+}
+
+std::optional<std::string> AuditServer::syncAnswer() {
+    MutexLock lock(mutex_);
+    if (answer_ || configuration_.answerFile.empty()) {
+        return answer_.value_or("{}");
+    }
+    std::ifstream file(configuration_.answerFile, std::ios::binary);
+    return file ? std::optional(std::string(std::istreambuf_iterator<char>(file), {})) : std::nullopt;
+}
+
+bool AuditServer::accept(const std::string& batch) {
+    const auto events = nlohmann::ordered_json::parse(batch, nullptr, false);
+    if (!events.is_array()) {
+        return false;
+    }
+    MutexLock lock(mutex_);
+    for (const auto& event : events) {
+        events_.push_back(event.dump());
+        if (configuration_.onEvent) {
+            configuration_.onEvent(events_.back());
+        }
+    }
+    changed_.notifyAll();
+    return true;
+}
+
+bool AuditServer::awaitRelease(const Arrival& arrival) {
+    MutexLock lock(mutex_);
+    while (arrival.releases == releases_ && !stopped_) {
+        changed_.wait(lock);
+    }
+    return !stopped_;
+}
+
+void AuditServer::finish(const Arrival& arrival, int status) {
+    MutexLock lock(mutex_);
+    arrival.request->status = status;
+    --underWay_;
 }
 
 }  // namespace sentrova::testing

@@ -3,34 +3,24 @@
 
 #pragma once
 
-#include "support/ServerTls.h"
+#include "foundation/Mutex.h"
+#include "support/ServerConnection.h"
 
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 namespace sentrova::testing {
 
-// Answers a configuration sync with a JSON text, accepts batches of events, and remembers what it was asked. The same
-// can be asked and told over HTTP:
-//
-//   GET /control/requests    all requests, as a JSON array of objects: method, path, headers, body, connection, status
-//   GET /control/events      all accepted events, as one JSON array
-//   POST /control/answer     the body becomes the answer to a configuration sync
-//   POST /control/fail       one failure or an array of them, as JSON objects with the members of Failure; kind is one
-//   of
-//                            status, redirect, delay, noanswer, hold, drop, reset, halfclose, cut, cuthead, surplus,
-//                            slow, endless
-//   POST /control/release    see release()
-//   POST /control/reset      see reset()
-//
-// Requests to these paths are not remembered. Safe from any thread.
+// Answers a configuration sync with a JSON text, accepts batches of events, and remembers what it was asked. Every
+// connection has a thread of its own. Safe from any thread.
 class AuditServer {
   public:
     struct Configuration {
@@ -45,10 +35,12 @@ class AuditServer {
         std::function<void(const std::string& event)> onEvent = {};
     };
 
+    using Headers = std::vector<std::pair<std::string, std::string>>;
+
     struct Request {
         std::string method;
         std::string path;
-        std::vector<std::pair<std::string, std::string>> headers;
+        Headers headers;
         std::string body;
         // Counts the server's connections from 1.
         int connection = 0;
@@ -61,7 +53,6 @@ class AuditServer {
     struct Failure {
         enum class Kind {
             status,     // is answered with the status, headers and body
-            delay,      // is answered as ever, after so many seconds
             noAnswer,   // is held until the client closes the connection
             hold,       // is held until release(), then answered as ever
             drop,       // has its connection closed without a byte of answer
@@ -82,7 +73,7 @@ class AuditServer {
         int count = 1;
         // How many come through before that.
         int after = 0;
-        std::vector<std::pair<std::string, std::string>> headers = {};
+        Headers headers = {};
         std::string body = {};
     };
 
@@ -97,31 +88,69 @@ class AuditServer {
     // Closes all connections, also those with a request under way.
     ~AuditServer();
 
-    int port() const;
+    int port() const { return listener_.port(); }
     // Scheme, host and port, without a slash at the end.
     std::string url() const;
 
-    void setAnswer(std::string json);
-    void fail(Failure failure);
+    void setAnswer(std::string json) EXCLUDES(mutex_);
+    void fail(Failure failure) EXCLUDES(mutex_);
     // Answers the requests held that have arrived.
-    void release();
+    void release() EXCLUDES(mutex_);
     // Forgets failures, requests, events and the answer that was set; releases what is held.
-    void reset();
+    void reset() EXCLUDES(mutex_);
 
     // In the order in which they arrived.
-    std::vector<Request> requests() const;
+    std::vector<Request> requests() const EXCLUDES(mutex_);
     // The events of all batches answered 200, each as compact JSON text.
-    std::vector<std::string> events() const;
+    std::vector<std::string> events() const EXCLUDES(mutex_);
     // The most requests that have been under way at one time.
-    int mostAtOnce() const;
+    int mostAtOnce() const EXCLUDES(mutex_);
 
     // Wait until that many have arrived since the last reset; false when they have not within the time.
-    [[nodiscard]] bool waitForRequests(std::size_t count, std::chrono::seconds time = std::chrono::seconds(60)) const;
-    [[nodiscard]] bool waitForEvents(std::size_t count, std::chrono::seconds time = std::chrono::seconds(60)) const;
+    [[nodiscard]] bool waitForRequests(std::size_t count, std::chrono::seconds time = std::chrono::seconds(60)) const
+        EXCLUDES(mutex_);
+    [[nodiscard]] bool waitForEvents(std::size_t count, std::chrono::seconds time = std::chrono::seconds(60)) const
+        EXCLUDES(mutex_);
 
   private:
-    class Impl;
-    std::unique_ptr<Impl> impl_;
+    struct Arrival {
+        std::shared_ptr<Request> request;
+        // How many releases there had been by then: the next one lets it go.
+        int releases;
+    };
+
+    void acceptAll();
+    void serve(std::shared_ptr<ServerConnection> connection, int number) EXCLUDES(mutex_);
+    // These return whether the connection goes on.
+    bool handle(const Arrival& arrival, ServerConnection& connection) EXCLUDES(mutex_);
+    bool answer(const Arrival& arrival, ServerConnection& connection) EXCLUDES(mutex_);
+    bool send(const Arrival& arrival, ServerConnection& connection, int status, const Headers& headers,
+              const std::string& body) EXCLUDES(mutex_);
+    void sendBadly(const Failure& failure, ServerConnection& connection);
+
+    std::optional<Failure> failureFor(const std::string& path) EXCLUDES(mutex_);
+    std::optional<std::string> syncAnswer() EXCLUDES(mutex_);
+    bool accept(const std::string& batch) EXCLUDES(mutex_);
+    bool awaitRelease(const Arrival& arrival) EXCLUDES(mutex_);
+    // Puts the status on record, before the client learns of it.
+    void finish(const Arrival& arrival, int status) EXCLUDES(mutex_);
+
+    const Configuration configuration_;
+    const TlsContext tls_;
+    const Listener listener_;
+
+    mutable Mutex mutex_;
+    mutable Condition changed_;
+    std::deque<Failure> failures_ GUARDED_BY(mutex_);
+    std::vector<std::shared_ptr<Request>> requests_ GUARDED_BY(mutex_);
+    std::vector<std::string> events_ GUARDED_BY(mutex_);
+    std::optional<std::string> answer_ GUARDED_BY(mutex_);
+    int underWay_ GUARDED_BY(mutex_) = 0;
+    int mostAtOnce_ GUARDED_BY(mutex_) = 0;
+    int releases_ GUARDED_BY(mutex_) = 0;
+    bool stopped_ GUARDED_BY(mutex_) = false;
+
+    std::thread thread_;
 };
 
 }  // namespace sentrova::testing

@@ -6,10 +6,10 @@
 #include "foundation/Mutex.h"
 #include "foundation/UrlSession.h"
 
-#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sentrova::testing {
@@ -33,32 +33,85 @@ class FakeUrlSession final : public UrlSession {
     }
 
     void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override
-        EXCLUDES(mutex_);
+        EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        sent_.push_back({request, std::move(body)});
+        const auto answer = responder_ ? responder_(sent_.back()) : std::nullopt;
+        waiting_.push_back(answer ? nullptr : completionHandler);
+        arrived_.notifyAll();
+        lock.unlock();
+        if (answer) {
+            complete(std::move(completionHandler), *answer);
+        }
+    }
 
     // Answers every request from now on, when it comes, with what the function says; requests for which it has no
     // answer wait for `answer`.
     using Responder = std::function<std::optional<Answer>(const Sent&)>;
-    void respondWith(Responder responder) EXCLUDES(mutex_);
+    void respondWith(Responder responder) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        responder_ = std::move(responder);
+    }
 
     // Answers the request of this number (from 0), which must have come and wait. Does not wait for the completion.
-    void answer(std::size_t number, const Answer& answer) EXCLUDES(mutex_);
+    void answer(std::size_t number, const Answer& answer) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        auto completion = std::exchange(waiting_.at(number), nullptr);
+        lock.unlock();
+        if (completion) {
+            complete(std::move(completion), answer);
+        }
+    }
 
     // All requests, in their order.
-    std::vector<Sent> sent() EXCLUDES(mutex_);
+    std::vector<Sent> sent() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return sent_;
+    }
     // False when there are not that many within a minute.
-    [[nodiscard]] bool waitForRequests(std::size_t count) EXCLUDES(mutex_);
+    [[nodiscard]] bool waitForRequests(std::size_t count) EXCLUDES(mutex_) {
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+        MutexLock lock(mutex_);
+        while (sent_.size() < count && std::chrono::steady_clock::now() < giveUp) {
+            arrived_.waitUntil(lock, giveUp);
+        }
+        return sent_.size() >= count;
+    }
 
     // Waits until the completions that have been started are over.
-    void settle();
+    void settle() {
+        delegateQueue_.sync([] {});
+    }
 
     // Drops the completions of unanswered requests; the requests stay on record.
-    void forget() EXCLUDES(mutex_);
+    void forget() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        std::vector<Completion> dropped(waiting_.size());
+        std::swap(dropped, waiting_);
+        lock.unlock();
+        dropped.clear();
+        settle();
+    }
 
     // As after the constructor: no requests on record, no responder.
-    void startAnew() EXCLUDES(mutex_);
+    void startAnew() EXCLUDES(mutex_) {
+        forget();
+        respondWith(nullptr);
+        MutexLock lock(mutex_);
+        sent_.clear();
+        waiting_.clear();
+    }
 
   private:
-    void complete(Completion completion, const Answer& answer);
+    void complete(Completion completion, const Answer& answer) {
+        delegateQueue_.async([completion = std::move(completion), answer] {
+            if (answer.error) {
+                completion(std::nullopt, std::nullopt, answer.error);
+            } else {
+                completion(Data(answer.body.begin(), answer.body.end()), UrlResponse{answer.status}, std::nullopt);
+            }
+        });
+    }
 
     Mutex mutex_{LockRank::owner};
     Condition arrived_;

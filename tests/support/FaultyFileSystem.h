@@ -6,6 +6,7 @@
 #include "foundation/Mutex.h"
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -29,34 +30,89 @@ class FaultyFileSystem final : public FileSystem {
     };
 
     // Only calls on paths that the function says yes to are counted and fail.
-    explicit FaultyFileSystem(std::function<bool(const std::string& path)> concerns);
-    ~FaultyFileSystem() override;
+    explicit FaultyFileSystem(std::function<bool(const std::string& path)> concerns) : concerns_(std::move(concerns)) {
+        install(this);
+    }
+    ~FaultyFileSystem() override { install(nullptr); }
 
     // Counts from 0 again.
-    void arm(const Fault& fault) EXCLUDES(mutex_);
+    void arm(const Fault& fault) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        fault_ = fault;
+        calls_ = {};
+        met_.clear();
+    }
     // The calls since the last arm, or the beginning.
-    std::array<std::size_t, kCalls> calls() EXCLUDES(mutex_);
+    std::array<std::size_t, kCalls> calls() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return calls_;
+    }
     // The path whose call has failed; empty while none has.
-    std::string met() EXCLUDES(mutex_);
+    std::string met() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return met_;
+    }
 
-    std::ptrdiff_t readOnce(int descriptor, std::span<std::uint8_t> into) override;
+    std::ptrdiff_t readOnce(int descriptor, std::span<std::uint8_t> into) override {
+        return fails(kRead, pathOf(descriptor)) ? -1 : FileSystem::readOnce(descriptor, into);
+    }
 
   protected:
-    int hostOpen(const Location& at, int flags, mode_t mode) override;
-    std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content) override;
-    int hostFlush(int descriptor) override;
-    int hostRename(const Location& from, const Location& to) override;
-    int hostRemove(const Location& at) override;
-    int hostStatus(const std::string& path, struct stat& status) override;
-    int hostLinkStatus(const Location& at, struct stat& status) override;
-    DIR* hostOpenFolder(const std::string& path) override;
+    int hostOpen(const Location& at, int flags, mode_t mode) override EXCLUDES(mutex_) {
+        if (fails(kOpen, at.path)) {
+            return -1;
+        }
+        const int descriptor = FileSystem::hostOpen(at, flags, mode);
+        MutexLock lock(mutex_);
+        opened_[descriptor] = at.path;
+        return descriptor;
+    }
+    std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content) override {
+        const auto verdict = judge(kWrite, pathOf(descriptor));
+        const auto half = content.first(content.size() / 2);
+        return verdict == Verdict::fails
+                   ? -1
+                   : FileSystem::hostWrite(descriptor, verdict == Verdict::isShort ? half : content);
+    }
+    // No test outlives a loss of power.
+    int hostFlush(int descriptor) override { return fails(kFlush, pathOf(descriptor)) ? -1 : 0; }
+    int hostRename(const Location& from, const Location& to) override {
+        return fails(kRename, to.path) ? -1 : FileSystem::hostRename(from, to);
+    }
+    int hostRemove(const Location& at) override { return fails(kRemove, at.path) ? -1 : FileSystem::hostRemove(at); }
+    int hostStatus(const std::string& path, struct stat& status) override {
+        return fails(kStatus, path) ? -1 : FileSystem::hostStatus(path, status);
+    }
+    int hostLinkStatus(const Location& at, struct stat& status) override {
+        return fails(kStatus, at.path) ? -1 : FileSystem::hostLinkStatus(at, status);
+    }
+    DIR* hostOpenFolder(const std::string& path) override {
+        return fails(kList, path) ? nullptr : FileSystem::hostOpenFolder(path);
+    }
 
   private:
     enum class Verdict { passes, fails, isShort };
     // Counts the call; errno is set for one that fails.
-    Verdict judge(Call call, const std::string& path) EXCLUDES(mutex_);
+    Verdict judge(Call call, const std::string& path) EXCLUDES(mutex_) {
+        if (!concerns_(path)) {
+            return Verdict::passes;
+        }
+        MutexLock lock(mutex_);
+        const auto number = ++calls_[call];
+        // A short write that is followed by an error is two calls.
+        const bool isSecond = fault_.isShort && fault_.error != 0 && number == fault_.number + 1;
+        if (call != fault_.call || fault_.number == 0 || (number != fault_.number && !isSecond)) {
+            return Verdict::passes;
+        }
+        met_ = path;
+        errno = fault_.error;
+        return fault_.isShort && !isSecond ? Verdict::isShort : Verdict::fails;
+    }
     bool fails(Call call, const std::string& path) { return judge(call, path) == Verdict::fails; }
-    std::string pathOf(int descriptor) EXCLUDES(mutex_);
+    std::string pathOf(int descriptor) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return opened_[descriptor];
+    }
 
     const std::function<bool(const std::string&)> concerns_;
     Mutex mutex_;

@@ -5,46 +5,93 @@
 #include "foundation/Clock.h"
 #include "foundation/Mutex.h"
 
-#include <condition_variable>
+#include <algorithm>
 #include <map>
 
 namespace sentrova::testing {
 
-// Installs itself as the process's clock for its lifetime.
+// Installs itself as the process's clock for its lifetime. Begins at 15 November 2026, 12:00:00 UTC.
 class ManualClock final : public Clock {
   public:
-    // Begins at 15 November 2026, 12:00:00 UTC.
-    ManualClock();
-    explicit ManualClock(Date start);
-    ~ManualClock() override;
+    ManualClock() { install(this); }
+    ~ManualClock() override { install(nullptr); }
 
-    Date wallTime() override EXCLUDES(mutex_);
-    Monotonic monotonicTime() override EXCLUDES(mutex_);
-    TimerId schedule(Monotonic due, std::function<void()> function) override EXCLUDES(mutex_);
-    bool cancel(TimerId timer) override EXCLUDES(mutex_);
+    Date wallTime() override EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return wall_;
+    }
+    Monotonic monotonicTime() override EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return monotonic_;
+    }
+    TimerId schedule(Monotonic due, std::function<void()> function) override EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        timers_.emplace(Key(due, ++lastId_), std::move(function));
+        scheduled_.notifyAll();
+        return lastId_;
+    }
+    bool cancel(TimerId timer) override EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return std::erase_if(timers_, [timer](const auto& entry) { return entry.first.second == timer; }) > 0;
+    }
 
     // Moves both clocks; every timer that comes due meanwhile runs on this thread, at its time and in order, those that
     // are set on the way among them.
-    void advance(Duration duration) EXCLUDES(mutex_);
+    void advance(Duration duration) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        const auto target = monotonic_ + duration;
+        while (!timers_.empty() && timers_.begin()->first.first <= target) {
+            auto node = timers_.extract(timers_.begin());
+            moveToLocked(std::max(node.key().first, monotonic_));
+            lock.unlock();
+            node.mapped()();
+            node.mapped() = nullptr;
+            lock.lock();
+        }
+        moveToLocked(target);
+    }
 
     // Moves the wall clock alone, as a person or a time server does.
-    void setWallTime(Date date) EXCLUDES(mutex_);
+    void setWallTime(Date date) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        wall_ = date;
+    }
 
-    std::size_t pendingTimers() EXCLUDES(mutex_);
+    std::size_t pendingTimers() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return timers_.size();
+    }
 
     // Blocks until some thread waits for, or has asked to be called at, a time exactly this far away. Fails a test that
     // waits in vain by returning false after a minute.
-    [[nodiscard]] bool awaitTimerIn(Duration delay) EXCLUDES(mutex_);
+    [[nodiscard]] bool awaitTimerIn(Duration delay) EXCLUDES(mutex_) {
+        const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+        MutexLock lock(mutex_);
+        while (std::chrono::steady_clock::now() < giveUp) {
+            const auto due = monotonic_ + delay;
+            const auto first = timers_.lower_bound(Key(due, 0));
+            if (first != timers_.end() && first->first.first == due) {
+                return true;
+            }
+            scheduled_.waitUntil(lock, giveUp);
+        }
+        return false;
+    }
 
   private:
     using Key = std::pair<Monotonic, TimerId>;
+
+    void moveToLocked(Monotonic time) REQUIRES(mutex_) {
+        wall_ += std::chrono::duration_cast<Date::duration>(time - monotonic_);
+        monotonic_ = time;
+    }
 
     Mutex mutex_{LockRank::clock};
     Condition scheduled_;
     std::map<Key, std::function<void()>> timers_ GUARDED_BY(mutex_);
     TimerId lastId_ GUARDED_BY(mutex_) = 0;
-    Date wall_ GUARDED_BY(mutex_);
-    Monotonic monotonic_ GUARDED_BY(mutex_);
+    Date wall_ GUARDED_BY(mutex_){std::chrono::seconds(1794744000)};
+    Monotonic monotonic_ GUARDED_BY(mutex_){std::chrono::hours(1)};
 };
 
 }  // namespace sentrova::testing

@@ -1,5 +1,6 @@
 #include "support/RunningAgent.h"
 
+#include "foundation/Json.h"
 #include "platform/Environment.h"
 
 #include <fcntl.h>
@@ -96,25 +97,16 @@ bool waitForLog(const SystemVolume& volume, std::string_view category, std::stri
 }
 
 Dictionary loopbackConfiguration(int port) {
-    return {
-        {"DomainName", "corp.example.com"},
-        {"OrgAccessKey", "org-key"},
-        {"ServerIP", "127.0.0.1"},
-        {"ServerFQDN", "localhost"},
-        {"ServerName", "LocalHost"},
-        {"Port", port},
-        {"Protocol", "http"},
-        {"AgentPort", port},
-        {"AgentProtocol", "http"},
-        {"NATServerName", "-"},
-        {"NATPort", port},
-        {"NATProtocol", "http"},
-        {"IsRealTime", false},
-        {"isEnabled", true},
-        {"NumberofEventsPerRequest", 4},
-        {"MaxEventDataSize", 1},
-        {"EventsToRead", "AUE_auth_user,AUE_sudo,AUE_logout"},
-    };
+    auto configuration = *Json::parse(R"({
+        "DomainName": "corp.example.com", "OrgAccessKey": "org-key", "ServerIP": "127.0.0.1", "ServerFQDN": "localhost",
+        "ServerName": "LocalHost", "Protocol": "http", "AgentProtocol": "http", "NATServerName": "-",
+        "NATProtocol": "http", "IsRealTime": false, "isEnabled": true, "NumberofEventsPerRequest": 4,
+        "MaxEventDataSize": 1, "EventsToRead": "AUE_auth_user,AUE_sudo,AUE_logout"})")
+                              ->dictionary();
+    for (const auto* key : {"Port", "AgentPort", "NATPort"}) {
+        configuration.set(key, port);
+    }
+    return configuration;
 }
 
 bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds time) {

@@ -1,12 +1,15 @@
 #include "support/ServerConnection.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <array>
-#include <cerrno>
+#include <cstdint>
 #include <stdexcept>
+#include <string>
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -63,54 +66,37 @@ TlsContext makeTlsContext(const ServerTls& tls) {
     return context;
 }
 
-ServerConnection::ServerConnection(int socket, TlsContext tls) : socket_(socket), tls_(std::move(tls)) {}
-
 ServerConnection::~ServerConnection() {
-    ssl_.reset();
+    stream_.reset();
     ::close(socket_);
 }
 
 bool ServerConnection::handshake() {
+    stream_.reset(BIO_new_socket(socket_, BIO_NOCLOSE));
     if (!tls_) {
         return true;
     }
-    ssl_.reset(SSL_new(tls_.get()));
-    return ssl_ && SSL_set_fd(ssl_.get(), socket_) == 1 && SSL_accept(ssl_.get()) == 1;
+    stream_.reset(BIO_push(BIO_new_ssl(tls_.get(), 0), stream_.release()));
+    return BIO_do_handshake(stream_.get()) == 1;
 }
 
 std::size_t ServerConnection::read(char* bytes, std::size_t room) {
-    if (ssl_) {
-        std::size_t count = 0;
-        return SSL_read_ex(ssl_.get(), bytes, room, &count) == 1 ? count : 0;
-    }
-    const auto count = ::recv(socket_, bytes, room, 0);
-    return count > 0 ? static_cast<std::size_t>(count) : 0;
+    std::size_t count = 0;
+    return BIO_read_ex(stream_.get(), bytes, room, &count) == 1 ? count : 0;
 }
 
 bool ServerConnection::write(std::string_view bytes) {
-    while (!bytes.empty() && !shutDown_) {
-        std::size_t count = 0;
-        if (ssl_) {
-            if (SSL_write_ex(ssl_.get(), bytes.data(), bytes.size(), &count) != 1) {
-                return false;
-            }
-        } else {
-            const auto sent = ::send(socket_, bytes.data(), bytes.size(), 0);
-            if (sent <= 0) {
-                return false;
-            }
-            count = static_cast<std::size_t>(sent);
+    for (std::size_t count = 0; !bytes.empty() && !shutDown_; bytes.remove_prefix(count)) {
+        if (BIO_write_ex(stream_.get(), bytes.data(), bytes.size(), &count) != 1) {
+            return false;
         }
-        bytes.remove_prefix(count);
     }
     return !shutDown_;
 }
 
 void ServerConnection::awaitEnd() {
     std::array<char, 4096> lost;
-    // The socket has a time-out of its own, which is no end.
-    for (ssize_t got = 1; got > 0 || (got < 0 && errno == EAGAIN);) {
-        got = ::recv(socket_, lost.data(), lost.size(), 0);
+    while (::recv(socket_, lost.data(), lost.size(), 0) > 0) {
     }
 }
 
@@ -136,6 +122,38 @@ void ServerConnection::reset() {
 
 void ServerConnection::endAnswer() {
     ::shutdown(socket_, SHUT_WR);
+}
+
+Listener::Listener(int port) : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const int yes = 1;
+    ::setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    if (::bind(socket_, generic, size) != 0 || ::listen(socket_, 64) != 0 ||
+        ::getsockname(socket_, generic, &size) != 0) {
+        ::close(socket_);
+        throw std::runtime_error("cannot listen on port " + std::to_string(port));
+    }
+    port_ = ntohs(address.sin_port);
+}
+
+Listener::~Listener() {
+    ::close(socket_);
+}
+
+std::unique_ptr<ServerConnection> Listener::accept(const TlsContext& tls) const {
+    const int socket = ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+    const int yes = 1;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    return socket < 0 ? nullptr : std::make_unique<ServerConnection>(socket, tls);
+}
+
+void Listener::shutDown() const {
+    ::shutdown(socket_, SHUT_RDWR);
 }
 
 }  // namespace sentrova::testing

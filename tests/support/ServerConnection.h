@@ -1,8 +1,6 @@
-// One connection that a server has accepted, plain or with TLS.
+// A listening socket on loopback, and one connection that a server has accepted, plain or with TLS.
 
 #pragma once
-
-#include "support/ServerTls.h"
 
 #include <atomic>
 #include <chrono>
@@ -14,6 +12,21 @@
 
 namespace sentrova::testing {
 
+// What a server shows of itself when it speaks TLS. Numbers without a meaning of their own are OpenSSL's.
+struct ServerTls {
+    bool asksForClientCertificate = false;
+    // Whom the certificate is for.
+    const char* host = "audit-server";
+    // Days from now.
+    int validFrom = -1;
+    int validUntil = 365;
+    // 0: a key on a curve.
+    unsigned rsaBits = 0;
+    const char* digest = "SHA256";
+    // The one version of the protocol that the server speaks; 0: the library's choice.
+    int onlyVersion = 0;
+};
+
 using TlsContext = std::shared_ptr<SSL_CTX>;
 
 // A server's TLS with a key and a self-signed certificate of its own, made anew, with nothing too weak for it. One that
@@ -24,14 +37,12 @@ TlsContext makeTlsContext(const ServerTls& tls);
 class ServerConnection {
   public:
     // Takes the socket, which it closes in the end. Without a context the connection is plain.
-    ServerConnection(int socket, TlsContext tls);
+    ServerConnection(int socket, TlsContext tls) : socket_(socket), tls_(std::move(tls)) {}
     ServerConnection(const ServerConnection&) = delete;
     ServerConnection& operator=(const ServerConnection&) = delete;
     ~ServerConnection();
 
-    int socket() const { return socket_; }
-
-    // What comes before the first byte; false when that fails.
+    // What comes before the first byte, also on a plain connection; false when that fails.
     bool handshake();
     // Blocks until there is something. Returns how many bytes were read; 0 at the end of the connection.
     std::size_t read(char* bytes, std::size_t room);
@@ -52,14 +63,28 @@ class ServerConnection {
     bool isShutDown() const { return shutDown_; }
 
   private:
-    struct SslDeleter {
-        void operator()(SSL* ssl) const { SSL_free(ssl); }
-    };
-
     const int socket_;
     const TlsContext tls_;
-    std::unique_ptr<SSL, SslDeleter> ssl_;
+    std::unique_ptr<BIO, void (*)(BIO*)> stream_{nullptr, BIO_free_all};
     std::atomic<bool> shutDown_{false};
+};
+
+class Listener {
+  public:
+    // 0: any port that is free. Throws std::runtime_error when the port cannot be had.
+    explicit Listener(int port = 0);
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+    ~Listener();
+
+    int port() const { return port_; }
+    // Blocks for the next connection; nothing once the listener is shut down, which any thread may do.
+    std::unique_ptr<ServerConnection> accept(const TlsContext& tls = nullptr) const;
+    void shutDown() const;
+
+  private:
+    const int socket_;
+    int port_ = 0;
 };
 
 }  // namespace sentrova::testing

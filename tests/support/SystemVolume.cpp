@@ -42,14 +42,6 @@ std::string xml(const Dictionary& content) {
     return {bytes->begin(), bytes->end()};
 }
 
-Dictionary withArrays(const Dictionary& attributes) {
-    Dictionary record;
-    for (const auto& [key, value] : attributes) {
-        record.set(key, value.array() ? value : Array{value.description()});
-    }
-    return record;
-}
-
 fs::path temporaryFolder() {
     auto name = (fs::temp_directory_path() / "sentrova-volume-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) {
@@ -110,14 +102,12 @@ void SystemVolume::bindTo(std::string_view domain, std::string_view computerAcco
     setDirectoryTool(xml({{"General Info", general}}), 0);
 }
 
-void SystemVolume::addUser(std::string_view name, const Dictionary& attributes) {
-    writeFile(volume() / "var/db/dslocal/nodes/Default/users" / fmt::format("{}.plist", name),
-              xml(withArrays(attributes)));
-}
-
-void SystemVolume::addGroup(std::string_view name, const Dictionary& attributes) {
-    writeFile(volume() / "var/db/dslocal/nodes/Default/groups" / fmt::format("{}.plist", name),
-              xml(withArrays(attributes)));
+void SystemVolume::addRecord(const char* kind, std::string_view name, const Dictionary& attributes) {
+    Dictionary record;
+    for (const auto& [key, value] : attributes) {
+        record.set(key, value.array() ? value : Array{value.description()});
+    }
+    writeFile(volume() / "var/db/dslocal/nodes/Default" / kind / fmt::format("{}.plist", name), xml(record));
 }
 
 void SystemVolume::addLocalUser(std::string_view name, std::uint32_t uid) {

@@ -49,8 +49,8 @@ class SystemVolume {
     void bindTo(std::string_view domain, std::string_view computerAccount);
 
     // The attributes are the file's keys; every value is stored as an array of strings.
-    void addUser(std::string_view name, const Dictionary& attributes);
-    void addGroup(std::string_view name, const Dictionary& attributes);
+    void addUser(std::string_view name, const Dictionary& attributes) { addRecord("users", name, attributes); }
+    void addGroup(std::string_view name, const Dictionary& attributes) { addRecord("groups", name, attributes); }
     // A user that only this Mac knows, and one whose account is a domain's.
     void addLocalUser(std::string_view name, std::uint32_t uid);
     void addDomainUser(std::string_view name, std::uint32_t uid, std::string_view sid, std::string_view domain);
@@ -66,6 +66,7 @@ class SystemVolume {
 
   private:
     void create();
+    void addRecord(const char* kind, std::string_view name, const Dictionary& attributes);
 
     std::filesystem::path root_;
     bool temporary_ = false;

@@ -8,9 +8,13 @@
 
 #include "foundation/Value.h"
 
+#include <arpa/inet.h>
+
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,42 +44,183 @@ struct Identity {
     std::uint32_t signerType = 1;
 };
 
+// Appends what audit records consist of.
+struct TrailBytes {
+    // The highest byte first.
+    template <std::unsigned_integral Number>
+    void put(Number number) {
+        for (std::size_t left = sizeof number; left-- > 0;) {
+            bytes.push_back(static_cast<std::uint8_t>(number >> (8 * left)));
+        }
+    }
+    void put(std::span<const std::uint8_t> raw) { bytes.insert(bytes.end(), raw.begin(), raw.end()); }
+    // With a zero byte at its end.
+    void put(std::string_view text) {
+        bytes.insert(bytes.end(), text.begin(), text.end());
+        bytes.push_back(0);
+    }
+    // The same after its length, the zero byte included.
+    void putCounted(std::string_view text) {
+        const auto fitting = text.substr(0, 0xFFFE);
+        put(static_cast<std::uint16_t>(fitting.size() + 1));
+        put(fitting);
+    }
+    void putWord(std::uint64_t number, Layout layout) {
+        if (layout == Layout::k64 || layout == Layout::k64Ex) {
+            put(number);
+        } else {
+            put(static_cast<std::uint32_t>(number));
+        }
+    }
+    // Throws std::invalid_argument for what is no address, or too long for the layout.
+    void putAddress(const std::string& text, Layout layout) {
+        Data address(16);
+        if (::inet_pton(AF_INET, text.c_str(), address.data()) == 1) {
+            address.resize(4);
+        } else if (::inet_pton(AF_INET6, text.c_str(), address.data()) != 1) {
+            throw std::invalid_argument("no address: " + text);
+        }
+        if (layout == Layout::k32Ex || layout == Layout::k64Ex) {
+            put(static_cast<std::uint32_t>(address.size()));
+        } else if (address.size() != 4) {
+            throw std::invalid_argument("too long for its layout: " + text);
+        }
+        put(std::span<const std::uint8_t>(address));
+    }
+
+    Data bytes;
+};
+
 class TrailRecord {
   public:
     explicit TrailRecord(std::uint16_t event) : event_(event) {}
 
-    TrailRecord& at(std::chrono::seconds sinceEpoch, std::chrono::milliseconds fraction = {});
-    TrailRecord& header(Layout layout, std::string address = "127.0.0.1");
-    TrailRecord& version(std::uint8_t version);
-    TrailRecord& modifier(std::uint16_t modifier);
+    TrailRecord& at(std::chrono::seconds sinceEpoch, std::chrono::milliseconds fraction = {}) {
+        time_ = sinceEpoch;
+        fraction_ = fraction;
+        return *this;
+    }
+    TrailRecord& header(Layout layout, std::string address = "127.0.0.1") {
+        layout_ = layout;
+        address_ = std::move(address);
+        return *this;
+    }
+    TrailRecord& version(std::uint8_t version) {
+        version_ = version;
+        return *this;
+    }
+    TrailRecord& modifier(std::uint16_t modifier) {
+        modifier_ = modifier;
+        return *this;
+    }
 
-    TrailRecord& subject(const Subject& subject, Layout layout = Layout::k32);
+    TrailRecord& subject(const Subject& subject, Layout layout = Layout::k32) {
+        return subjectToken("\x24\x75\x7A\x7C", subject, layout);
+    }
     // A process token: who the record's action was done to.
-    TrailRecord& process(const Subject& subject, Layout layout = Layout::k32);
-    TrailRecord& text(std::string_view text);
-    TrailRecord& returns(std::uint32_t value, std::uint8_t status = 0);
-    TrailRecord& returns64(std::uint64_t value, std::uint8_t status = 0);
-    TrailRecord& identity(const Identity& identity);
-    TrailRecord& path(std::string_view path);
-    TrailRecord& arg32(std::uint8_t number, std::string_view name, std::uint32_t value);
-    TrailRecord& arg64(std::uint8_t number, std::string_view name, std::uint64_t value);
-    TrailRecord& attr32(std::uint32_t mode, std::uint32_t user, std::uint32_t group);
-    TrailRecord& execArgs(const std::vector<std::string>& arguments);
-    TrailRecord& opaque(std::span<const std::uint8_t> bytes);
-    TrailRecord& groups(const std::vector<std::uint32_t>& groups);
-    TrailRecord& zoneName(std::string_view name);
-    TrailRecord& sockInet32(std::uint16_t port, const std::string& address);
-    TrailRecord& sockUnix(std::string_view path);
+    TrailRecord& process(const Subject& subject, Layout layout = Layout::k32) {
+        return subjectToken("\x26\x77\x7B\x7D", subject, layout);
+    }
+    TrailRecord& text(std::string_view text) { return token(0x28).counted(text); }
+    TrailRecord& returns(std::uint32_t value, std::uint8_t status = 0) { return token(0x27, status, value); }
+    TrailRecord& returns64(std::uint64_t value, std::uint8_t status = 0) { return token(0x72, status, value); }
+    TrailRecord& identity(const Identity& identity) {
+        token(0xED, identity.signerType).counted(identity.signingId);
+        tokens_.put(std::uint8_t{0});
+        counted(identity.teamId);
+        tokens_.put(std::uint8_t{0});
+        tokens_.put(static_cast<std::uint16_t>(identity.cdhash.size()));
+        return raw(identity.cdhash);
+    }
+    TrailRecord& path(std::string_view path) { return token(0x23).counted(path); }
+    TrailRecord& arg32(std::uint8_t number, std::string_view name, std::uint32_t value) {
+        return token(0x2D, number, value).counted(name);
+    }
+    TrailRecord& arg64(std::uint8_t number, std::string_view name, std::uint64_t value) {
+        return token(0x71, number, value).counted(name);
+    }
+    TrailRecord& attr32(std::uint32_t mode, std::uint32_t user, std::uint32_t group) {
+        constexpr std::uint32_t kFileSystem = 0x01000004, kDevice = 0;
+        constexpr std::uint64_t kFile = 8675309;
+        return token(0x3E, mode, user, group, kFileSystem, kFile, kDevice);
+    }
+    TrailRecord& execArgs(const std::vector<std::string>& arguments) {
+        token(0x3C, static_cast<std::uint32_t>(arguments.size()));
+        for (const auto& argument : arguments) {
+            tokens_.put(std::string_view(argument));
+        }
+        return *this;
+    }
+    TrailRecord& opaque(std::span<const std::uint8_t> bytes) {
+        return token(0x29, static_cast<std::uint16_t>(bytes.size()), bytes);
+    }
+    TrailRecord& groups(const std::vector<std::uint32_t>& groups) {
+        token(0x3B, static_cast<std::uint16_t>(groups.size()));
+        for (const auto group : groups) {
+            tokens_.put(group);
+        }
+        return *this;
+    }
+    TrailRecord& zoneName(std::string_view name) { return token(0x60).counted(name); }
+    TrailRecord& sockInet32(std::uint16_t port, const std::string& address) {
+        token(0x80, std::uint16_t{2}, port);
+        tokens_.putAddress(address, Layout::k32);
+        return *this;
+    }
+    TrailRecord& sockUnix(std::string_view path) { return token(0x82, std::uint16_t{1}, path); }
     // Bytes as they are: other tokens, damaged ones.
-    TrailRecord& raw(std::span<const std::uint8_t> bytes);
+    TrailRecord& raw(std::span<const std::uint8_t> bytes) {
+        tokens_.put(bytes);
+        return *this;
+    }
 
     std::chrono::seconds time() const { return time_; }
-    Data bytes() const;
+
+    Data bytes() const {
+        TrailBytes rest;
+        rest.put(version_);
+        rest.put(event_);
+        rest.put(modifier_);
+        if (layout_ == Layout::k32Ex || layout_ == Layout::k64Ex) {
+            rest.putAddress(address_, layout_);
+        }
+        rest.putWord(static_cast<std::uint64_t>(time_.count()), layout_);
+        rest.putWord(static_cast<std::uint64_t>(fraction_.count()), layout_);
+        rest.put(std::span<const std::uint8_t>(tokens_.bytes));
+
+        constexpr std::uint8_t kIds[] = {0x14, 0x74, 0x15, 0x79};
+        constexpr std::size_t kStartAndTrailer = 5 + 7;
+        const auto length = static_cast<std::uint32_t>(rest.bytes.size() + kStartAndTrailer);
+        TrailBytes record;
+        record.put(kIds[static_cast<std::size_t>(layout_)]);
+        record.put(length);
+        record.put(std::span<const std::uint8_t>(rest.bytes));
+        record.put(std::uint8_t{0x13});
+        record.put(std::uint16_t{0xB105});
+        record.put(length);
+        return std::move(record.bytes);
+    }
 
   private:
-    TrailRecord& token(std::uint8_t id);
-    TrailRecord& subjectToken(std::uint8_t id, const Subject& subject, Layout layout);
-    TrailRecord& countedText(std::string_view text);
+    template <class... Parts>
+    TrailRecord& token(std::uint8_t id, Parts... parts) {
+        tokens_.put(id);
+        (tokens_.put(parts), ...);
+        return *this;
+    }
+    TrailRecord& counted(std::string_view text) {
+        tokens_.putCounted(text);
+        return *this;
+    }
+    // The ids in the order of the layouts.
+    TrailRecord& subjectToken(std::string_view ids, const Subject& subject, Layout layout) {
+        token(static_cast<std::uint8_t>(ids[static_cast<std::size_t>(layout)]), subject.auditId,
+              subject.effectiveUserId, subject.effectiveGroupId, subject.realUserId, subject.realGroupId,
+              subject.processId, subject.sessionId);
+        tokens_.putWord(subject.port, layout);
+        tokens_.putAddress(subject.address, layout);
+        return *this;
+    }
 
     std::uint16_t event_;
     std::uint16_t modifier_ = 0;
@@ -85,7 +230,7 @@ class TrailRecord {
     std::chrono::seconds time_{};
     std::chrono::milliseconds fraction_{};
     // The tokens between the header and the trailer.
-    Data tokens_;
+    TrailBytes tokens_;
 };
 
 }  // namespace sentrova::testing

@@ -2,31 +2,43 @@
 
 #pragma once
 
-#include "foundation/Value.h"
 #include "support/TrailRecord.h"
 
-#include <chrono>
+#include <algorithm>
 #include <cstddef>
-#include <span>
-#include <string_view>
 
 namespace sentrova::testing {
 
 class TrailWriter {
   public:
-    TrailWriter& add(const TrailRecord& record);
+    TrailWriter& add(const TrailRecord& record) {
+        lastTime_ = std::max(lastTime_, record.time());
+        ++records_;
+        return addRaw(record.bytes());
+    }
     // The token that names the trail's file, at a trail's beginning and end.
-    TrailWriter& addFile(std::chrono::seconds sinceEpoch, std::string_view path);
-    TrailWriter& addRaw(std::span<const std::uint8_t> bytes);
+    TrailWriter& addFile(std::chrono::seconds sinceEpoch, std::string_view path) {
+        lastTime_ = std::max(lastTime_, sinceEpoch);
+        ++records_;
+        trail_.put(std::uint8_t{0x11});
+        trail_.put(static_cast<std::uint32_t>(sinceEpoch.count()));
+        trail_.put(std::uint32_t{0});
+        trail_.putCounted(path);
+        return *this;
+    }
+    TrailWriter& addRaw(std::span<const std::uint8_t> bytes) {
+        trail_.put(bytes);
+        return *this;
+    }
 
-    const Data& bytes() const { return bytes_; }
+    const Data& bytes() const { return trail_.bytes; }
     // File tokens count as records, as they do for a reader.
     std::size_t records() const { return records_; }
     // The time of the latest record.
     std::chrono::seconds lastTime() const { return lastTime_; }
 
   private:
-    Data bytes_;
+    TrailBytes trail_;
     std::size_t records_ = 0;
     std::chrono::seconds lastTime_{};
 };

@@ -1,7 +1,6 @@
 #include "BuildPaths.h"
 #include "collection/bsm/RecordReader.h"
 #include "collection/bsm/TokenReader.h"
-#include "support/BigEndian.h"
 #include "support/MemorySource.h"
 #include "support/TrailWriter.h"
 

@@ -1,0 +1,98 @@
+// The host's files with a guard on where the agent writes, and dates that follow the clock of the test.
+
+#pragma once
+
+#include "foundation/Clock.h"
+#include "foundation/FileSystem.h"
+#include "fuzz/Fuzz.h"
+
+#include <fcntl.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace sentrova::testing {
+
+// Installs itself for its lifetime. A change to anything outside the folder, an absolute path, is a finding. A file was
+// last changed just now, whenever it is asked for.
+class GuardedFileSystem final : public FileSystem {
+  public:
+    explicit GuardedFileSystem(std::filesystem::path folder)
+        : folder_(std::move(folder)), original_(folder_.string() + ".original") {
+        std::filesystem::copy(folder_, original_, std::filesystem::copy_options::recursive);
+        install(this);
+    }
+    ~GuardedFileSystem() override { install(nullptr); }
+
+    // Everything in the folder as it was in the beginning, but for bin/, where the agent is at work.
+    void reset() {
+        for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+            if (entry.path().filename() != "bin") {
+                std::filesystem::remove_all(entry);
+            }
+        }
+        constexpr auto kOptions =
+            std::filesystem::copy_options::recursive | std::filesystem::copy_options::skip_existing;
+        std::filesystem::copy(original_, folder_, kOptions);
+    }
+    // Puts a file anywhere; false when the host takes no such name.
+    static bool put(const std::string& path, std::span<const std::uint8_t> content) {
+        return static_cast<bool>(
+            std::ofstream(path, std::ios::binary).write(asText(content).data(), std::ssize(content)));
+    }
+    // A folder's files by their names.
+    std::map<std::string, Data> files(const std::string& folder) {
+        std::map<std::string, Data> found;
+        for (const auto& name : names(folder).optional().value_or(std::vector<std::string>())) {
+            if (auto content = read(folder + "/" + name)) {
+                found.emplace(name, *std::move(content));
+            }
+        }
+        return found;
+    }
+
+  protected:
+    int hostOpen(const Location& at, int flags, mode_t mode) override {
+        if ((flags & (O_ACCMODE | O_CREAT)) != O_RDONLY) {
+            requireInside(at);
+        }
+        return FileSystem::hostOpen(at, flags, mode);
+    }
+    // No input outlives a loss of power.
+    int hostFlush(int /*descriptor*/) override { return 0; }
+    int hostRename(const Location& from, const Location& to) override {
+        requireInside(from);
+        requireInside(to);
+        return FileSystem::hostRename(from, to);
+    }
+    int hostRemove(const Location& at) override {
+        requireInside(at);
+        return FileSystem::hostRemove(at);
+    }
+    int hostMakeFolder(const Location& at, mode_t mode) override {
+        requireInside(at);
+        return FileSystem::hostMakeFolder(at, mode);
+    }
+    int hostStatus(const std::string& path, struct stat& status) override {
+        return dated(FileSystem::hostStatus(path, status), status);
+    }
+    int hostLinkStatus(const Location& at, struct stat& status) override {
+        return dated(FileSystem::hostLinkStatus(at, status), status);
+    }
+
+  private:
+    void requireInside(const Location& at) const {
+        const auto path = std::filesystem::absolute(at.path).lexically_normal().string();
+        require(path.starts_with(folder_.string() + "/"), "nothing is written outside the agent's folder", path);
+    }
+    static int dated(int result, struct stat& status) {
+        status.st_mtim = {static_cast<time_t>(epochSeconds(Clock::shared().wallTime())), 0};
+        return result;
+    }
+
+    const std::filesystem::path folder_;
+    const std::filesystem::path original_;
+};
+
+}  // namespace sentrova::testing
