@@ -1,11 +1,10 @@
 #include "core/GlobalVariables.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/FileSystem.h"
 #include "support/AgentFixture.h"
 
 #include <array>
 #include <future>
-#include <vector>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -20,10 +19,6 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
         serverInfo.set("AgentProtocol", "agent");
         serverInfo.set("Protocol", "prod");
         writeConfiguration();
-    }
-
-    std::uint64_t fileIdentity() {
-        return FileSystem::shared().status((volume().conf() / "myconfigurations.plist").string())->identity;
     }
 };
 
@@ -94,18 +89,14 @@ TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAscii
 }
 
 TEST_F(TransportEngineTest, ConnectionIsStoredOnlyWhenReachabilityChanges) {
-    EXPECT_TRUE(TransportEngine::isConnected());
-    const auto before = fileIdentity();
-    TransportEngine::setIsConnected(true);
-    EXPECT_EQ(fileIdentity(), before);
-    GlobalVariables::getInstance().setType(2);
-    TransportEngine::setIsConnected(false);
-    EXPECT_FALSE(TransportEngine::isConnected());
-    myConfigurations.set("CommunicationType", 2);
-    EXPECT_EQ(volume().readConfiguration("myconfigurations.plist"), myConfigurations);
-    GlobalVariables::getInstance().setType(0);
-    TransportEngine::setIsConnected(false);
-    EXPECT_EQ(volume().readConfiguration("myconfigurations.plist"), myConfigurations);
+    const std::tuple<bool, std::uint64_t, int> steps[] = {{true, 2, 1}, {false, 2, 2}, {false, 0, 2}, {true, 0, 0}};
+    for (const auto& [connected, type, stored] : steps) {
+        GlobalVariables::getInstance().setType(type);
+        TransportEngine::setIsConnected(connected);
+        EXPECT_EQ(TransportEngine::isConnected(), connected);
+        myConfigurations.set("CommunicationType", stored);
+        EXPECT_EQ(volume().readConfiguration("myconfigurations.plist"), myConfigurations);
+    }
 }
 
 TEST_F(TransportEngineTest, NameThatIsNoHostFailsTheRequestThroughItsCompletion) {
@@ -125,24 +116,6 @@ TEST_F(TransportEngineTest, NameThatIsNoHostFailsTheRequestThroughItsCompletion)
         EXPECT_TRUE(result.get()) << name;
     }
     EXPECT_EQ(logged("is not the name of a host"), 7);
-}
-
-TEST_F(TransportEngineTest, AnyCertificateIsAcceptedAndNoOtherQuestionAnswered) {
-    std::vector<std::shared_ptr<UrlSessionDelegate>> delegates;
-    TransportEngine::setSessionFactory([&](auto given) {
-        delegates.push_back(std::move(given));
-        return std::make_unique<FakeUrlSession>();
-    });
-    const TransportEngine first;
-    const TransportEngine second;
-    ASSERT_EQ(delegates.size(), 1U) << "one session for all";
-    using Method = UrlAuthenticationChallenge::Method;
-    for (const auto method : {Method::serverTrust, Method::clientCertificate, Method::httpBasic, Method::httpDigest,
-                              Method::ntlm, Method::negotiate, Method::other}) {
-        int answers = 0;
-        delegates[0]->didReceiveChallenge({method, "anywhere"}, [&](UrlChallengeDisposition) { ++answers; });
-        EXPECT_EQ(answers, method == Method::serverTrust ? 1 : 0);
-    }
 }
 
 }  // namespace sentrova::testing

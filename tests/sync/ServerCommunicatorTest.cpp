@@ -108,28 +108,15 @@ TEST_F(ServerCommunicatorTest, AnswerWithoutAConfigurationIsASuccessThatChangesN
     EXPECT_EQ(logged("[ERROR]The server's answer is no configuration"), 6);
 }
 
-TEST_F(ServerCommunicatorTest, AnswerReplacesTheStoredConfigurationWithoutItsNulls) {
-    syncAnsweredWith(R"({"DomainName":"new.example.com","ServerFQDN":"new.example.com","MaxEventDataSize":null,)"
-                     R"("Nested":{"a":null,"b":[1,null,{"c":null}]},"NATServerName":"-","OrgAccessKey":"key-2"})");
-    const Dictionary expected = {{"DomainName", "new.example.com"},
-                                 {"ServerFQDN", "new.example.com"},
-                                 {"Nested", Dictionary{{"b", Array{1, Dictionary()}}}},
-                                 {"NATServerName", "-"},
-                                 {"OrgAccessKey", "key-2"}};
-    EXPECT_EQ(volume().readConfiguration("Serverinfo.plist"), expected);
-    const auto& configuration = GlobalVariables::getInstance();
-    EXPECT_EQ(configuration.serverFQDN(), "new.example.com");
-    EXPECT_EQ(configuration.orgAccessKey(), "key-2");
-    EXPECT_EQ(configuration.serverIP(), std::nullopt) << "what the server did not send is gone";
-    EXPECT_EQ(DomainUtil::getDomainName(), "new.example.com");
-    EXPECT_EQ(log("Communication").find("key-2"), std::string::npos) << "no secret is logged";
-}
-
-TEST_F(ServerCommunicatorTest, ChangesAreAppliedInTheirOrderFromWhatWasSent) {
+TEST_F(ServerCommunicatorTest, AnswerIsStoredWithoutItsNullsAndItsChangesAreAppliedInTheirOrder) {
     syncAnsweredWith(
-        R"({"AgentGuid":"guid-1","DomainID":"1","DomainName":"corp.example.com","isEnabled":false,"FetchInterval":60,)"
+        R"({"AgentGuid":"guid-1","DomainID":"1","DomainName":"new.example.com","isEnabled":false,"FetchInterval":60,)"
         R"("NATServerName":"relay.example.com","SyncTime":"120","EventsToRead":"AUE_su","AgentAuthID":"identity-7",)"
-        R"("AgentUID":"uid-1"})");
+        R"("AgentUID":"uid-1","Port":null,"Nested":{"a":null,"b":[1,null,{"c":null}]},"OrgAccessKey":"key-2"})");
+    const auto stored = volume().readConfiguration("Serverinfo.plist");
+    EXPECT_EQ(stored["Nested"], Value(Dictionary{{"b", Array{1, Dictionary()}}}));
+    EXPECT_FALSE(stored.contains("Port"));
+    EXPECT_EQ(stored.size(), 12U) << "what the server did not send is gone";
     std::size_t at = 0;
     for (const auto* message : {"First Time Configuration", "State Changed to disabled",
                                 "Fetch interval has been changed updating schedule to 60",
@@ -139,8 +126,12 @@ TEST_F(ServerCommunicatorTest, ChangesAreAppliedInTheirOrderFromWhatWasSent) {
     }
     const auto& configuration = GlobalVariables::getInstance();
     EXPECT_EQ(configuration.type(), 0U);
+    EXPECT_EQ(configuration.serverFQDN(), std::nullopt);
+    EXPECT_EQ(configuration.orgAccessKey(), "key-2");
     EXPECT_EQ(configuration.agentUUID(), "identity-7") << "reloaded after it was stored";
     EXPECT_FALSE(configuration.isEnabled());
+    EXPECT_EQ(DomainUtil::getDomainName(), "new.example.com");
+    EXPECT_EQ(log("Communication").find("key-2"), std::string::npos) << "no secret is logged";
 }
 
 }  // namespace sentrova::testing
