@@ -94,6 +94,15 @@ TEST_F(PropertyListHandlerTest, FailedWriteKeepsTheOldContentAndIsOnlyLogged) {
     EXPECT_EQ(read(path_), "garbage");
 }
 
+TEST_F(PropertyListHandlerTest, DamagedBytesDoNotMakeAGoodFileADamagedOne) {
+    store({{"key", "old"}});
+    auto garbage = PropertyListHandler::initWithData(Data{1, 2, 3});
+    EXPECT_FALSE(garbage.WriteToProplist()) << "there is no file";
+    EXPECT_TRUE(garbage.WriteToProplist(path_));
+    EXPECT_FALSE(fs::exists(kept_));
+    EXPECT_FALSE(PropertyListHandler::initWithData(std::nullopt).WriteToProplist(path_));
+}
+
 TEST_F(PropertyListHandlerTest, JsonTextKeepsItsStructureInAsciiAndIsNothingForDates) {
     PropertyListHandler handler;
     // Wide forms of the quote and the backslash.

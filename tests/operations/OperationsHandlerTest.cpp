@@ -81,7 +81,7 @@ TEST_F(OperationsHandlerTest, FirstOfTwoDependsOnTheSecondWithoutALimit) {
     handler.addToOperationQueue(batch);
     ASSERT_TRUE(runs(batch) && runs(add(handler, "together with the batch")));
     batch->completeOperation();
-    ASSERT_TRUE(runs(dependent));
+    ASSERT_TRUE(eventually([&] { return batchWasFinished != -1; }));
     observation.reset();
     EXPECT_EQ(batchWasFinished, 1);
     handler.suspend();
