@@ -1,14 +1,13 @@
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/FileSystem.h"
 #include "foundation/Mutex.h"
 #include "foundation/NotificationCenter.h"
 #include "support/AgentFixture.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -52,18 +51,6 @@ class Announcements {
     std::vector<Subscription> observers_;
 };
 
-class FullDisk final : public FileSystem {
-  public:
-    FullDisk() { install(this); }
-    ~FullDisk() override { install(nullptr); }
-
-    Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
-                                 Durability durability) override {
-        return path.find("/event_") != std::string::npos ? posixError(ENOSPC)
-                                                         : FileSystem::writeAtomically(path, content, durability);
-    }
-};
-
 void enqueue(int from, int to) {
     for (int number = from; number <= to; ++number) {
         EventQueueGCD::enqueue({{"n", number}});
@@ -89,31 +76,22 @@ class EventQueueGCDTest : public ::testing::Test, protected AgentFixture {
     FileUrl url(const std::string& name) { return FileUrl((volume().eventData() / name).string()); }
 };
 
-TEST_F(EventQueueGCDTest, FullBatchBecomesAFileWhenTheNextEventComes) {
+TEST_F(EventQueueGCDTest, FullBatchBecomesAFileOfItsOwnWhenTheNextEventComes) {
     fs::remove(volume().eventData());
     EventQueueGCD::init();
-    EventQueueGCD::init();
-    EXPECT_EQ(logged("EventQueueGCD queueData initialised"), 1);
-    EXPECT_EQ(logged("EventQueueGCD init Finished"), 2);
+    std::ofstream(volume().eventData() / "event_20261115120000001") << "of an earlier run";
     Announcements announced;
     enqueue(1, 3);
-    EXPECT_TRUE(files().empty());
-    enqueue(4, 4);
-    EXPECT_EQ(files(),
-              (std::map<std::string, std::string>{{"event_20261115120000000", R"([{"n":1},{"n":2},{"n":3}])"}}));
-    EXPECT_EQ(announced.all(), std::vector<std::string>{"event_20261115120000000"});
+    EXPECT_EQ(announced.all(), std::vector<std::string>());
+    enqueue(4, 10);
+    std::map<std::string, std::string> expected = {{"event_20261115120000000", R"([{"n":1},{"n":2},{"n":3}])"},
+                                                   {"event_20261115120000001", "of an earlier run"},
+                                                   {"event_20261115120000002", R"([{"n":4},{"n":5},{"n":6}])"},
+                                                   {"event_20261115120000003", R"([{"n":7},{"n":8},{"n":9}])"}};
+    EXPECT_EQ(files(), expected);
+    EXPECT_EQ(announced.all(), (std::vector<std::string>{"event_20261115120000000", "event_20261115120000002",
+                                                         "event_20261115120000003"}));
     EXPECT_EQ(EventQueueGCD::length(), 1U);
-    EXPECT_EQ(logged("[INFO] filename "), 1);
-}
-
-TEST_F(EventQueueGCDTest, BatchesOfOneMillisecondGetNamesOfTheirOwn) {
-    std::ofstream(volume().eventData() / "event_20261115120000001") << "of an earlier run";
-    enqueue(1, 10);
-    EXPECT_EQ(files(),
-              (std::map<std::string, std::string>{{"event_20261115120000000", R"([{"n":1},{"n":2},{"n":3}])"},
-                                                  {"event_20261115120000001", "of an earlier run"},
-                                                  {"event_20261115120000002", R"([{"n":4},{"n":5},{"n":6}])"},
-                                                  {"event_20261115120000003", R"([{"n":7},{"n":8},{"n":9}])"}}));
     // A file that has been delivered does not give its name to another, nor does a clock that is set back a little.
     fs::remove(volume().eventData() / "event_20261115120000003");
     clock().setWallTime(clock().wallTime() - 1s);
@@ -140,35 +118,18 @@ TEST_F(EventQueueGCDTest, EveryEventIsFollowedByItsPairOfNotifications) {
     enqueue(1, 2);
     clock().advance(5s);
     enqueue(3, 3);
-    clock().advance(4999ms);
-    EventQueueGCD::length();
-    EXPECT_TRUE(announced.all().empty());
-    clock().advance(1ms);
-    ASSERT_TRUE(eventually([&] { return announced.all().size() >= 4; }));
-    EXPECT_EQ(announced.all(), (std::vector<std::string>{"EventForwardNotification", "TimeUpdateNotification",
-                                                         "EventForwardNotification", "TimeUpdateNotification"}));
-    ASSERT_TRUE(clock().awaitTimerIn(5s));
-    clock().advance(5s);
-    ASSERT_TRUE(eventually([&] { return announced.all().size() >= 6; }));
-    clock().advance(14999ms);
-    EventQueueGCD::length();
-    EXPECT_EQ(announced.all().size(), 6U);
-    clock().advance(1ms);
-    ASSERT_TRUE(eventually([&] { return announced.all().size() >= 7; }));
-    EXPECT_EQ(announced.all().back(), "TimeUpdateNotification") << "once, 30 seconds after the start";
-}
-
-TEST_F(EventQueueGCDTest, EventsAndFilesAreHandedOutWhileTheServerIsReachable) {
-    EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), std::nullopt);
-    enqueue(1, 2);
-    EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), R"([{"n":1},{"n":2}])");
-    EXPECT_EQ(EventQueueGCD::length(), 0U);
-    EXPECT_EQ(logged("EventQueueGCD dequeue count 2"), 1);
-
-    std::ofstream(volume().eventData() / "event_1") << "[]";
-    EXPECT_EQ(EventQueueGCD::dequeue(url("event_1")), "[]");
-    EXPECT_TRUE(files().contains("event_1")) << "the forwarder deletes it";
-    EXPECT_EQ(EventQueueGCD::dequeue(url("event_2")), std::nullopt);
+    // How many there are after each further time, a pair for each event and, 30 seconds after the start, one more; and
+    // the timers that are set then.
+    const std::tuple<std::chrono::milliseconds, std::size_t, std::size_t> moments[] = {
+        {4999ms, 0, 2}, {1ms, 4, 2}, {4999ms, 4, 2}, {1ms, 6, 1}, {14999ms, 6, 1}, {1ms, 7, 0}};
+    for (const auto& [further, count, timers] : moments) {
+        clock().advance(further);
+        ASSERT_TRUE(eventually([&] { return announced.all().size() >= count && clock().pendingTimers() == timers; }));
+        EventQueueGCD::length();
+        EXPECT_EQ(announced.all().size(), count);
+    }
+    EXPECT_EQ(announced.count("EventForwardNotification"), 3U);
+    EXPECT_EQ(announced.all().back(), "TimeUpdateNotification");
 }
 
 TEST_F(EventQueueGCDTest, WorkIsAnnouncedAgainLaterWhileTheServerIsNotReachable) {
@@ -176,8 +137,6 @@ TEST_F(EventQueueGCDTest, WorkIsAnnouncedAgainLaterWhileTheServerIsNotReachable)
     TransportEngine::setIsConnected(false);
     std::ofstream(volume().eventData() / "event_1") << "[]";
     Announcements announced;
-    EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), std::nullopt);
-    EXPECT_EQ(logged("Created Event notification again"), 0) << "nothing is announced where there is nothing";
     enqueue(1, 2);
     EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), std::nullopt);
     EXPECT_EQ(EventQueueGCD::dequeue(url("event_1")), std::nullopt);
@@ -195,17 +154,13 @@ TEST_F(EventQueueGCDTest, WorkIsAnnouncedAgainLaterWhileTheServerIsNotReachable)
     clock().advance(1ms);
     EXPECT_TRUE(eventually([&] { return announced.count("EventForwardNotification") == 3; }));
     EXPECT_EQ(announced.count("event_1"), 1U);
-}
 
-TEST_F(EventQueueGCDTest, BatchThatCannotBeWrittenIsNamedInTheLog) {
-    const FullDisk disk;
-    Announcements announced;
-    enqueue(1, 4);
-    EXPECT_EQ(logged("[ERROR]A batch of 3 events is lost: "), 1);
-    EXPECT_TRUE(files().empty());
-    EXPECT_EQ(announced.all().size(), 1U) << "the file is announced all the same";
-    EXPECT_EQ(EventQueueGCD::dequeue(url(announced.all().front())), std::nullopt);
-    EXPECT_EQ(EventQueueGCD::length(), 1U);
+    TransportEngine::setIsConnected(true);
+    EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), R"([{"n":1},{"n":2}])");
+    EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), std::nullopt);
+    EXPECT_EQ(EventQueueGCD::dequeue(url("event_1")), "[]");
+    EXPECT_TRUE(files().contains("event_1")) << "the forwarder deletes it";
+    EXPECT_EQ(EventQueueGCD::dequeue(url("event_2")), std::nullopt);
 }
 
 }  // namespace sentrova::testing

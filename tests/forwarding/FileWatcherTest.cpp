@@ -10,50 +10,30 @@ namespace sentrova::testing {
 
 namespace fs = std::filesystem;
 
-class FileWatcherTest : public ::testing::Test, protected AgentFixture {
-  protected:
-    void changeMode(fs::perms mode) { fs::permissions(volume().console(), mode); }
-    static std::ptrdiff_t openDescriptors() {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    }
+class FileWatcherTest : public ::testing::Test, protected AgentFixture {};
 
-    std::atomic<int> calls_ = 0;
-};
-
-TEST_F(FileWatcherTest, PathThatCannotBeOpenedGivesNoWatcher) {
+TEST_F(FileWatcherTest, ChangeOfAttributesIsToldUntilTheWatcherIsSuspendedAndWritingIsNot) {
     EXPECT_EQ(FileWatcher::initWithPath("/dev/missing", [] {}), nullptr);
-}
-
-TEST_F(FileWatcherTest, ChangeOfAttributesIsToldAndWritingIsNot) {
-    const auto watcher = FileWatcher::initWithPath("/dev/console", [this] { ++calls_; });
-    ASSERT_TRUE(watcher);
-    EXPECT_EQ(watcher->watchedPath(), "/dev/console");
-    ASSERT_TRUE(watcher->startListening());
-    std::ofstream(volume().console(), std::ios::app) << "text";
-    changeMode(fs::perms::owner_read);
-    ASSERT_TRUE(eventually([this] { return calls_ == 1; }));
-    std::ofstream(volume().console(), std::ios::app) << "text";
-    changeMode(fs::perms::owner_all);
-    EXPECT_TRUE(eventually([this] { return calls_ == 2; }));
-    EXPECT_EQ(calls_, 2);
-}
-
-TEST_F(FileWatcherTest, SuspendedWatcherIsSilentForGood) {
+    const auto openDescriptors = [] {
+        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    };
     const auto before = openDescriptors();
-    const auto watcher = FileWatcher::initWithPath("/dev/console", [this] { ++calls_; });
-    ASSERT_TRUE(watcher && watcher->startListening());
-    watcher->suspend();
+    std::atomic<int> calls[2] = {};
+    const auto suspended = FileWatcher::initWithPath("/dev/console", [&calls] { ++calls[0]; });
+    ASSERT_TRUE(suspended && suspended->startListening());
+    suspended->suspend();
     EXPECT_EQ(openDescriptors(), before);
-    EXPECT_FALSE(watcher->startListening());
-    changeMode(fs::perms::owner_read);
-    // Another watcher of the same file hears of the change after the first would have.
-    std::atomic<int> others = 0;
-    const auto other = FileWatcher::initWithPath("/dev/console", [&others] { ++others; });
-    ASSERT_TRUE(other && other->startListening());
-    changeMode(fs::perms::owner_all);
-    EXPECT_TRUE(eventually([&others] { return others > 0; }));
-    EXPECT_EQ(calls_, 0);
-    EXPECT_EQ(logged("[INFO]Filewatcher suspended"), 1);
+    EXPECT_FALSE(suspended->startListening());
+    // Hears of a change after the first would have.
+    const auto watcher = FileWatcher::initWithPath("/dev/console", [&calls] { ++calls[1]; });
+    ASSERT_TRUE(watcher && watcher->startListening());
+    for (int change = 1; change <= 2; ++change) {
+        std::ofstream(volume().console(), std::ios::app) << "text";
+        fs::permissions(volume().console(), change == 1 ? fs::perms::owner_read : fs::perms::owner_all);
+        ASSERT_TRUE(eventually([&] { return calls[1] >= change; }));
+        EXPECT_EQ(calls[1], change);
+    }
+    EXPECT_EQ(calls[0], 0);
 }
 
 }  // namespace sentrova::testing

@@ -1,6 +1,5 @@
 // What the agent makes of a server's TLS: its own delegate and the real session, against a real server.
 
-#include "core/GlobalVariables.h"
 #include "forwarding/TransportEngine.h"
 #include "support/AgentFixture.h"
 #include "support/AuditServer.h"
@@ -8,6 +7,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <future>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
@@ -31,22 +31,13 @@ class ServerTrustTest : public ::testing::Test, protected AgentFixture {
 
 TEST_F(ServerTrustTest, AnyCertificateIsAcceptedAndNoTlsOlderThanVersion1Point2) {
     constexpr auto kRefused = static_cast<std::int64_t>(UrlErrorCode::secureConnectionFailed);
-    struct Case {
-        const char* what;
-        ServerTls tls;
-        std::int64_t outcome;
-    };
-    const Case cases[] = {
-        {"self-signed, for its own host", {.host = "127.0.0.1"}, 200},
+    const std::tuple<const char*, ServerTls, std::int64_t> cases[] = {
         {"for another host", {.host = "somebody.example.net"}, 200},
         {"expired", {.validFrom = -730, .validUntil = -365}, 200},
         {"not valid yet", {.validFrom = 365, .validUntil = 730}, 200},
         {"a short key and an old digest", {.rsaBits = 1024, .digest = "SHA1"}, 200},
         {"TLS 1.3", {.onlyVersion = TLS1_3_VERSION}, 200},
-        {"TLS 1.2", {.onlyVersion = TLS1_2_VERSION}, 200},
-        {"TLS 1.2 with a short key and an old digest",
-         {.rsaBits = 1024, .digest = "SHA1", .onlyVersion = TLS1_2_VERSION},
-         200},
+        {"TLS 1.2", {.rsaBits = 1024, .digest = "SHA1", .onlyVersion = TLS1_2_VERSION}, 200},
         {"TLS 1.1", {.onlyVersion = TLS1_1_VERSION}, kRefused},
         {"TLS 1.0", {.onlyVersion = TLS1_VERSION}, kRefused},
     };
@@ -58,9 +49,7 @@ TEST_F(ServerTrustTest, AnyCertificateIsAcceptedAndNoTlsOlderThanVersion1Point2)
     for (const auto& [what, tls, outcome] : cases) {
         SCOPED_TRACE(what);
         AuditServer server({.https = true, .tls = tls});
-        for (const auto* key : {"ServerFQDN", "ServerIP", "ServerName"}) {
-            serverInfo.set(key, "127.0.0.1");
-        }
+        serverInfo.set("ServerFQDN", "127.0.0.1");
         serverInfo.set("AgentPort", server.port());
         serverInfo.set("AgentProtocol", "https");
         writeConfiguration();

@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <memory>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -15,11 +14,7 @@ namespace {
 class Lasting final : public ConcurrentOperationAbstract {
   public:
     explicit Lasting(const char* name) : ConcurrentOperationAbstract(name) {}
-    void start() override {
-        if (canStart()) {
-            started();
-        }
-    }
+    void start() override { canStart() ? started() : void(); }
     void cancel() override {
         cancelOperation();
         if (isExecuting()) {
@@ -54,23 +49,14 @@ TEST_F(OperationsHandlerTest, SecondOperationOfANameIsRefusedOnlyWhileTheFirstEx
     const auto waiting = add(handler, "Other");
     const auto same = add(handler, "Other");
     EXPECT_EQ(handler.queue().operationCount(), 3U);
-    EXPECT_EQ(logged("][INFO]OperationsHandler EventForwarder has been added to the queue\r\n"), 1);
-    EXPECT_EQ(logged("][INFO]OperationsHandler Other has been added to the queue\r\n"), 2);
-
     EXPECT_TRUE(handler.getTaskStatus("EventForwarder"));
-    EXPECT_FALSE(handler.getTaskStatus("Other"));
-    EXPECT_EQ(logged("doesnot exists"), 0);
-    EXPECT_FALSE(handler.getTaskStatus("Nobody"));
-    EXPECT_EQ(logged("][ERROR]Nobody operation doesnot exists\r\n"), 1);
-    handler.countOfOperationsInQueue();
-    EXPECT_EQ(logged("][DEBUG]operations count 3\r\n"), 1);
+    EXPECT_FALSE(handler.getTaskStatus("Other") || handler.getTaskStatus("Nobody"));
+    EXPECT_EQ(logged(" operation doesnot exists\r\n"), 1);
 
     handler.cancelOperationWithName("Other");
-    EXPECT_EQ(logged("][INFO]operations count (\n"), 1);
+    handler.cancelOperationWithName("Nobody");
     EXPECT_EQ(logged("][INFO]OperationsHandler Other has been cancelled\r\n"), 2);
     EXPECT_TRUE(waiting->isCancelled() && same->isCancelled() && !first->isCancelled());
-    handler.cancelOperationWithName("Nobody");
-    EXPECT_EQ(logged("has been cancelled"), 2);
 
     handler.suspend();
     handler.waitToFinish();
@@ -83,20 +69,8 @@ TEST_F(OperationsHandlerTest, SecondOperationOfANameIsRefusedOnlyWhileTheFirstEx
     handler.waitToFinish();
 }
 
-TEST_F(OperationsHandlerTest, WithoutALimitOperationsRunTogether) {
-    for (const int maximum : {0, -1}) {
-        OperationsHandler handler(maximum);
-        const std::shared_ptr<Lasting> all[] = {add(handler, "a"), add(handler, "b"), add(handler, "c")};
-        for (const auto& each : all) {
-            EXPECT_TRUE(runs(each));
-        }
-        handler.suspend();
-        handler.waitToFinish();
-    }
-}
-
-TEST_F(OperationsHandlerTest, FirstOfTwoDependsOnTheSecond) {
-    OperationsHandler handler(-1);
+TEST_F(OperationsHandlerTest, FirstOfTwoDependsOnTheSecondWithoutALimit) {
+    OperationsHandler handler(0);
     const auto dependent = std::make_shared<Lasting>("realtime");
     const auto batch = std::make_shared<Lasting>("batch");
     std::atomic<int> batchWasFinished = -1;
@@ -105,13 +79,13 @@ TEST_F(OperationsHandlerTest, FirstOfTwoDependsOnTheSecond) {
     handler.addDependency(dependent, batch);
     handler.addToOperationQueue(dependent);
     handler.addToOperationQueue(batch);
-    ASSERT_TRUE(runs(batch));
+    ASSERT_TRUE(runs(batch) && runs(add(handler, "together with the batch")));
     batch->completeOperation();
     ASSERT_TRUE(eventually([&] { return batchWasFinished != -1; }));
     observation.reset();
-    dependent->completeOperation();
-    handler.waitToFinish();
     EXPECT_EQ(batchWasFinished, 1);
+    handler.suspend();
+    handler.waitToFinish();
 }
 
 }  // namespace
