@@ -9,12 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <csignal>
-#include <mutex>
+#include <map>
 #include <set>
 #include <sstream>
-#include <thread>
 #include <vector>
 
 #include <fmt/format.h>
@@ -25,60 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using Kind = AuditServer::Failure::Kind;
-
-// Writes a record to the pipe every so often, and keeps account of them.
-class PipeWriter {
-  public:
-    struct Written {
-        std::int64_t process;
-        std::int64_t second;
-    };
-
-    explicit PipeWriter(const SystemVolume& volume)
-        : pipe_(::open(volume.auditPipe().c_str(), O_RDWR | O_CLOEXEC)), thread_([this] { write(); }) {}
-    ~PipeWriter() { end(); }
-    PipeWriter(const PipeWriter&) = delete;
-    PipeWriter& operator=(const PipeWriter&) = delete;
-
-    // Whether the records from now on must arrive.
-    void expect(bool expected) {
-        const std::lock_guard lock(mutex_);
-        expected_ = expected;
-    }
-
-    // All records that must arrive; writes no more.
-    std::vector<Written> end() {
-        ended_ = true;
-        if (thread_.joinable()) {
-            thread_.join();
-        }
-        return written_;
-    }
-
-  private:
-    void write() {
-        for (std::uint32_t process = 20000; !ended_; ++process) {
-            const auto second = Clock::shared().epochSeconds();
-            const auto bytes = sudoRecord(std::chrono::seconds(second), process).bytes();
-            {
-                const std::lock_guard lock(mutex_);
-                if (expected_) {
-                    written_.push_back({process, second});
-                }
-                EXPECT_EQ(::write(pipe_.get(), bytes.data(), bytes.size()), std::ssize(bytes));
-            }
-            // The pace of the records; nothing is waited for.
-            Clock::shared().sleepFor(50ms);
-        }
-    }
-
-    const FileDescriptor pipe_;
-    std::mutex mutex_;
-    std::vector<Written> written_;
-    bool expected_ = true;
-    std::atomic<bool> ended_ = false;
-    std::thread thread_;
-};
 
 class LivingAgentTest : public EndToEnd {
   protected:
@@ -106,14 +49,31 @@ class LivingAgentTest : public EndToEnd {
 
     void answer() { server.setAnswer(*Json::write(serverInfo)); }
 
-    // Sets the key at the server and waits until the agent's log has all the texts, after what it has now.
+    // A record with a process number of its own, every twentieth of a second while this is called.
+    void keepWriting() {
+        const auto second = Clock::shared().epochSeconds();
+        if (Clock::shared().monotonicTime() < nextWrite) {
+            return;
+        }
+        nextWrite = Clock::shared().monotonicTime() + 50ms;
+        const auto bytes = sudoRecord(std::chrono::seconds(second), ++process).bytes();
+        EXPECT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
+        if (isCollected) {
+            written.emplace(process, second);
+        }
+    }
+
+    // Sets the key at the server and writes until the agent's log has all the texts, after what it has now.
     void change(const char* key, const Value& value, const std::vector<std::string>& messages) {
         const auto from = log().size();
         serverInfo.set(key, value);
         answer();
         for (const auto& message : messages) {
-            ASSERT_TRUE(waitUntil([&] { return log().find(message, from) != std::string::npos; }))
-                << key << ": " << message;
+            ASSERT_TRUE(waitUntil([&] {
+                keepWriting();
+                return log().find(message, from) != std::string::npos;
+            })) << key
+                << ": " << message;
         }
     }
 
@@ -130,38 +90,45 @@ class LivingAgentTest : public EndToEnd {
         }
         return seconds;
     }
+
+    const FileDescriptor pipe{::open(volume.auditPipe().c_str(), O_RDWR | O_CLOEXEC)};
+    // The records that must arrive, by process number, with their seconds.
+    std::map<std::int64_t, std::int64_t> written;
+    bool isCollected = true;
+    std::uint32_t process = 20000;
+    Clock::Monotonic nextWrite;
 };
 
 TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce) {
     RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
-    PipeWriter writer(volume);
 
     change("EventsToRead", "AUE_sudo,AUE_ssh",
            {"Events to be audited are changed to AUE_sudo,AUE_ssh", "reinitiatizing real time collection",
             "EventCollectorRealtime has been cancelled", "Eventcollector readEvents called"});
     change("FetchInterval", 1800, {"Fetch interval has been changed updating schedule to 1800"});
-    writer.expect(false);
+    isCollected = false;
     change("isEnabled", false, {"State Changed to disabled", "EventCollectorRealtime has been cancelled"});
     change("isEnabled", true, {"State Changed to enabled", "Eventcollector readEvents called"});
-    writer.expect(true);
+    isCollected = true;
     change("NATServerName", "localhost", {"GlobalVariables next url"});
     change("SyncTime", 5, {"SyncTime has been updated to 5"});
     change("EventsToRead", "AUE_sudo",
            {"Events to be audited are changed to AUE_sudo\r\n", "Eventcollector readEvents called"});
     change("NATServerName", "-", {"GlobalVariables next url"});
-    writer.expect(false);
+    isCollected = false;
     change("IsRealTime", false, {"Realtime disabled stopping listening", "EventCollectorRealtime has been cancelled"});
     change("IsRealTime", true,
            {"Realtime enabled starting listening", "EventCollection schedule has been stopped",
             "Eventcollector readEvents called"});
-    writer.expect(true);
+    isCollected = true;
     change("AgentAuthID", "identity-of-the-agent", {"GlobalVariables going to sync data from server"});
     const auto from = server.requests().size();
-    ASSERT_TRUE(server.waitForRequests(from + 2));
-
-    const auto written = writer.end();
-    EXPECT_TRUE(waitUntil([&] { return processesIn(server.events()).contains(written.back().process); }));
+    ASSERT_TRUE(waitUntil([&] {
+        keepWriting();
+        return server.requests().size() >= from + 2;
+    }));
+    EXPECT_TRUE(waitUntil([&] { return processesIn(server.events()).contains(process); }));
     EXPECT_EQ(agent.stop(1s), 0);
 
     const auto arrived = processesIn(server.events());
@@ -169,11 +136,11 @@ TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce
     // A reader that is opened takes no record of the second that was read last: those, and only those, may be missing.
     const auto openings = openingSeconds();
     int dropped = 0;
-    for (const auto& record : written) {
-        if (!arrived.contains(record.process)) {
+    for (const auto& [number, second] : written) {
+        if (!arrived.contains(number)) {
             ++dropped;
-            EXPECT_TRUE(openings.contains(record.second) || openings.contains(record.second + 1))
-                << record.process << " of " << record.second << " is lost";
+            EXPECT_TRUE(openings.contains(second) || openings.contains(second + 1))
+                << number << " of " << second << " is lost";
         }
     }
     fmt::print("{} records written while collected, {} dropped by the time rule at {} openings\n", written.size(),
@@ -189,7 +156,6 @@ TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
     RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
     constexpr std::uint32_t kRecords = 20'000;
-    const FileDescriptor pipe(::open(volume.auditPipe().c_str(), O_RDWR | O_CLOEXEC));
     const auto bytes = sudoTrail(std::chrono::seconds(Clock::shared().epochSeconds()), 0, kRecords, 0s).bytes();
     ASSERT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
     // The last batch, in memory, follows ten seconds later.
