@@ -25,16 +25,14 @@ namespace {
 using platform::AuditState;
 
 // What the host says of itself, unless the test says something else.
-class FakeCondition final : public platform::AuditCondition {
-  public:
-    explicit FakeCondition(std::optional<Result<AuditState>> state) : state_(std::move(state)) {
-        install(state_ ? this : nullptr);
+struct FakeCondition final : platform::AuditCondition {
+    explicit FakeCondition(std::optional<Result<AuditState>> given) : answer(std::move(given)) {
+        install(answer ? this : nullptr);
     }
     ~FakeCondition() override { install(nullptr); }
-    Result<AuditState> state() override { return *state_; }
+    Result<AuditState> state() override { return *answer; }
 
-  private:
-    std::optional<Result<AuditState>> state_;
+    const std::optional<Result<AuditState>> answer;
 };
 
 }  // namespace
@@ -42,13 +40,14 @@ class FakeCondition final : public platform::AuditCondition {
 class AuditCheckTest : public ::testing::Test, protected AgentFixture {};
 
 TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
-    std::ostringstream page;
-    page << std::ifstream(std::string(build::kSourceDir) + "/docs/macos.md").rdbuf();
-    EXPECT_NE(page.str().find("\n## Switch auditing on\n"), std::string::npos);
-    EXPECT_NE(page.str().find("\n## Troubleshoot\n"), std::string::npos);
-
     const std::string switchOn = "see \"Switch auditing on\" in docs/macos.md\r\n";
     const std::string troubleshoot = "see \"Troubleshoot\" in docs/macos.md\r\n";
+    std::ostringstream page;
+    page << std::ifstream(std::string(build::kSourceDir) + "/docs/macos.md").rdbuf();
+    for (const auto& reference : {switchOn, troubleshoot}) {
+        const auto title = reference.substr(5, reference.rfind('"') - 5);
+        EXPECT_NE(page.str().find("\n## " + title + "\n"), std::string::npos) << title;
+    }
     const std::string noDevice = "There is no /dev/auditpipe, so no logon is reported as it happens: " + switchOn;
     const std::string off = "Auditing is off on this system, so no logon is recorded: " + switchOn;
     const std::string unknown = "Whether auditing is on cannot be told (Operation not permitted): " + troubleshoot;
@@ -93,12 +92,12 @@ TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
         EXPECT_EQ(newErrors(), test.atStart);
 
         const auto reader = std::make_shared<EventCollector>(AuditSource::kPipe, std::nullopt);
-        const bool opened = test.pipe == Pipe::there;
-        EXPECT_EQ(newErrors(), opened ? ""
-                                      : "failed to open audit pipe /dev/auditpipe\r\n"
-                                        "FileNotOpen failed to open audit pipe\r\n" +
-                                            test.atOpening +
-                                            "auditfile is null going to cancel\r\nEventCollector cancel called\r\n");
+        EXPECT_EQ(newErrors(), test.pipe == Pipe::there
+                                   ? ""
+                                   : "failed to open audit pipe /dev/auditpipe\r\n"
+                                     "FileNotOpen failed to open audit pipe\r\n" +
+                                         test.atOpening +
+                                         "auditfile is null going to cancel\r\nEventCollector cancel called\r\n");
     }
 }
 

@@ -1,23 +1,14 @@
 // The agent killed at random moments of a run with a backlog, and started again each time: what becomes of every event.
 
-#include "BuildPaths.h"
-#include "support/AuditServer.h"
-#include "support/RunningAgent.h"
-#include "support/SystemVolume.h"
-#include "support/TrailWriter.h"
+#include "endtoend/EndToEnd.h"
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <map>
-#include <mutex>
 #include <random>
-#include <regex>
-#include <set>
 #include <sstream>
 #include <thread>
-#include <vector>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -30,84 +21,52 @@ using namespace std::chrono_literals;
 constexpr std::uint32_t kBatch = 20;
 // Of a trail: some batches that become files, and a rest that stays in memory for ten seconds.
 constexpr std::uint32_t kRecords = 6 * kBatch + kBatch / 2;
-constexpr std::int64_t kFirstSecond = 1'700'000'000;
-// So many seconds after a trail's first record the next trail begins.
-constexpr std::int64_t kTrailsApart = 1000;
 
-using Events = std::set<std::int64_t>;
-
-void addEventsIn(const std::string& text, Events& events) {
-    static const std::regex key(R"re("subject_pid":(\d+))re");
-    for (std::sregex_iterator match(text.begin(), text.end(), key), end; match != end; ++match) {
-        events.insert(std::stoll((*match)[1]));
-    }
+// Process numbers count through all trails; the events of one are a second apart, and the trails a thousand.
+std::int64_t timeOf(std::int64_t process) {
+    return 1'700'000'000 + process / kRecords * 1000 + process % kRecords;
 }
 
 // What a killed agent has left behind, and what it had begun to send.
 struct Remains {
     std::int64_t storedTime = 0;
-    Events spooled;
-    Events unfinished;
-    Events requested;
+    Processes spooled;
+    Processes unfinished;
+    Processes requested;
 };
 
-class KillTest : public ::testing::Test {
+class KillTest : public EndToEnd {
   protected:
     KillTest() {
-        auto configuration = loopbackConfiguration(server_.port());
-        configuration.set("NumberofEventsPerRequest", kBatch);
-        volume_.writeConfiguration("Serverinfo.plist", configuration);
-        volume_.writeConfiguration(
-            "myconfigurations.plist",
-            {{"TimestampOfLastEvent", "0"}, {"LogLevel", 2}, {"AgentVersion", "1.0"}, {"CommunicationType", 1}});
+        serverInfo.set("NumberofEventsPerRequest", kBatch);
+        configure();
     }
 
-    // Process numbers count through all trails; the events of one are a second apart.
-    void addTrail() {
-        TrailWriter trail;
-        for (std::uint32_t i = 0; i < kRecords; ++i, ++records_) {
-            trail.add(TrailRecord(45028)
-                          .at(std::chrono::seconds(timeOf(records_)))
-                          .subject({.auditId = 4001, .processId = records_})
-                          .returns(0));
-        }
-        volume_.addTrail(std::to_string(trail.lastTime().count()), trail.bytes(), trail.lastTime());
-    }
-    static std::int64_t timeOf(std::int64_t process) {
-        return kFirstSecond + process / kRecords * kTrailsApart + process % kRecords;
+    void addNextTrail() {
+        addTrail(volume, sudoTrail(std::chrono::seconds(timeOf(records_)), records_, kRecords));
+        records_ += kRecords;
     }
 
-    Remains lookAtRemains() {
-        Remains remains;
-        remains.storedTime = volume_.readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"].integerValue();
-        for (const auto& file : std::filesystem::directory_iterator(volume_.eventData())) {
-            std::ostringstream text;
-            text << std::ifstream(file.path()).rdbuf();
-            addEventsIn(text.str(),
-                        file.path().filename().string().starts_with('.') ? remains.unfinished : remains.spooled);
+    void lookAtRemains() {
+        auto& remains = remains_.emplace_back();
+        remains.storedTime = volume.readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"].integerValue();
+        for (const auto& file : std::filesystem::directory_iterator(volume.eventData())) {
+            const bool isWhole = !file.path().filename().string().starts_with('.');
+            (isWhole ? remains.spooled : remains.unfinished).merge(processesIn(textOf(file)));
         }
-        std::istringstream log(logOf(volume_, "Config"));
-        for (std::string line; std::getline(log, line);) {
+        std::istringstream lines(log());
+        for (std::string line; std::getline(lines, line);) {
             if (line.find("Dequeued array=") != std::string::npos) {
-                addEventsIn(line, remains.requested);
+                remains.requested.merge(processesIn(line));
             }
         }
-        std::filesystem::remove_all(volume_.logs());
-        std::filesystem::create_directories(volume_.logs() / "archive");
-        return remains;
-    }
-
-    int arrivalsOf(std::int64_t process) {
-        const std::lock_guard lock(mutex_);
-        const auto found = arrivals_.find(process);
-        return found == arrivals_.end() ? 0 : found->second;
+        removeLogs();
     }
 
     // At which step an event that never arrived was lost: the kill after which it was neither read nor sent again.
     std::string stepOfLoss(std::int64_t process) const {
         std::int64_t formerTime = 0;
-        for (std::size_t kill = 0; kill < remains_.size(); ++kill) {
-            const auto& after = remains_[kill];
+        for (const auto& after : remains_) {
             if (timeOf(process) <= after.storedTime && !after.spooled.contains(process)) {
                 if (after.requested.contains(process)) {
                     return "lost: its request had begun, and its file was gone";
@@ -139,15 +98,6 @@ class KillTest : public ::testing::Test {
         return "";
     }
 
-    std::mutex mutex_;
-    std::map<std::int64_t, int> arrivals_;
-    AuditServer server_{{.onEvent = [this](const std::string& event) {
-        Events one;
-        addEventsIn(event, one);
-        const std::lock_guard lock(mutex_);
-        ++arrivals_[*one.begin()];
-    }}};
-    SystemVolume volume_;
     std::uint32_t records_ = 0;
     std::vector<Remains> remains_;
 };
@@ -161,47 +111,45 @@ TEST_F(KillTest, EveryLossAndEveryRepetitionHasAStepThatExplainsIt) {
     const auto kills = setting("SENTROVA_KILLS", 10);
     const auto seed = setting("SENTROVA_KILL_SEED", 20261123);
     std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
+    std::uniform_real_distribution<> moment(0, 1.5);
 
-    // A run that is let be, for the length of a run.
-    addTrail();
-    const auto began = std::chrono::steady_clock::now();
-    {
-        RunningAgent agent(build::kAgent, volume_);
-        ASSERT_TRUE(waitUntil([this] { return arrivalsOf(kRecords - kBatch) > 0; })) << logOf(volume_, "Config");
-        const auto length = std::chrono::steady_clock::now() - began;
-        std::cout << "seed " << seed << ", a run takes " << length / 1ms << " ms\n";
-        agent.signal(SIGKILL);
-        agent.wait();
-        remains_.push_back(lookAtRemains());
-        std::uniform_real_distribution<> moment(0, 1.5);
-        for (unsigned long i = 1; i < kills; ++i) {
-            addTrail();
-            RunningAgent killed(build::kAgent, volume_);
+    // The first run is let be, for the length of a run.
+    std::chrono::steady_clock::duration length{};
+    for (unsigned long kill = 0; kill < kills; ++kill) {
+        addNextTrail();
+        const auto began = std::chrono::steady_clock::now();
+        RunningAgent agent(build::kAgent, volume);
+        if (kill == 0) {
+            ASSERT_TRUE(server.waitForEvents(kRecords - kBatch + 1)) << log();
+            length = std::chrono::steady_clock::now() - began;
+            std::cout << "seed " << seed << ", a run takes " << length / 1ms << " ms\n";
+        } else {
             // The moment of the kill; nothing is waited for.
             std::this_thread::sleep_for(length * moment(random));
-            killed.signal(SIGKILL);
-            ASSERT_EQ(killed.wait(), 128 + SIGKILL);
-            remains_.push_back(lookAtRemains());
         }
+        agent.signal(SIGKILL);
+        ASSERT_EQ(agent.wait(), 128 + SIGKILL);
+        lookAtRemains();
     }
-    addTrail();
-    RunningAgent last(build::kAgent, volume_);
-    const bool isQuiet =
-        waitUntil([this] { return arrivalsOf(records_ - 1) > 0 && std::filesystem::is_empty(volume_.eventData()); });
+    addNextTrail();
+    RunningAgent last(build::kAgent, volume);
+    const bool isQuiet = waitUntil([this] {
+        return std::filesystem::is_empty(volume.eventData()) && processesIn(server.events()).contains(records_ - 1);
+    });
     EXPECT_EQ(last.stop(), 0);
-    ASSERT_TRUE(isQuiet) << arrivalsOf(records_ - 1) << " " << logOf(volume_, "Event");
+    ASSERT_TRUE(isQuiet) << log("Event");
 
+    const auto arrived = processesIn(server.events());
     std::map<std::string, int> table;
     for (std::int64_t process = 0; process < records_; ++process) {
-        const int arrivals = arrivalsOf(process);
+        const auto arrivals = arrived.count(process);
         const auto step = arrivals == 1   ? "delivered once"
                           : arrivals == 0 ? stepOfLoss(process)
                                           : stepOfRepetition(process);
         EXPECT_FALSE(step.empty()) << process << " arrived " << arrivals << " times";
         ++table[step];
     }
-    const std::lock_guard lock(mutex_);
-    EXPECT_LT(arrivals_.rbegin()->first, records_) << "an event that never was";
+    EXPECT_LT(*arrived.rbegin(), records_) << "an event that never was";
     std::cout << kills << " kills, " << records_ << " events\n";
     for (const auto& [step, count] : table) {
         std::cout << fmt::format("{:8} {}\n", count, step);

@@ -1,17 +1,11 @@
 // What others must not get out of the agent, or into it: the agent's own program in surroundings that mean it ill.
 
-#include "BuildPaths.h"
+#include "endtoend/EndToEnd.h"
 #include "foundation/Json.h"
-#include "support/AuditServer.h"
-#include "support/RunningAgent.h"
-#include "support/SystemVolume.h"
-#include "support/TrailWriter.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <map>
 #include <span>
 #include <sstream>
@@ -26,22 +20,12 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-class SecurityTest : public ::testing::Test {
+class SecurityTest : public EndToEnd {
   protected:
-    SecurityTest() : serverInfo(loopbackConfiguration(server.port())) { addTrail(1'700'000'000s); }
+    SecurityTest() { addNineEvents(1'700'000'000s); }
 
-    // Nine events: two full batches, and one event that waits in memory.
-    void addTrail(std::chrono::seconds begin) {
-        TrailWriter trail;
-        for (int i = 0; i < 9; ++i) {
-            trail.add(TrailRecord(45028).at(begin + std::chrono::seconds(i)).subject({}).returns(0));
-        }
-        volume.addTrail(std::to_string(begin.count()), trail.bytes(), trail.lastTime());
-    }
-    void configure() {
-        volume.writeConfiguration("Serverinfo.plist", serverInfo);
-        volume.writeConfiguration("myconfigurations.plist", {{"TimestampOfLastEvent", "0"}, {"LogLevel", 2}});
-    }
+    // Two full batches, and one event that waits in memory.
+    void addNineEvents(std::chrono::seconds begin) { addTrail(volume, sudoTrail(begin, 0, 9)); }
     static void write(const fs::path& path, const std::string& text, std::chrono::hours age = 0h) {
         std::ofstream(path) << text;
         fs::last_write_time(path, fs::file_time_type::clock::now() - age);
@@ -50,11 +34,7 @@ class SecurityTest : public ::testing::Test {
         const auto time = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() + later);
         return volume.logs() / fmt::format("{}{:%F}.log", category, fmt::gmtime(time));
     }
-    std::string logs() const { return logOf(volume, "Config") + logOf(volume, "Communication"); }
-
-    AuditServer server;
-    SystemVolume volume;
-    Dictionary serverInfo;
+    std::string logs() const { return log() + log("Communication"); }
 };
 
 TEST_F(SecurityTest, WhateverTheAgentMakesIsForItsOwnerOnly) {
@@ -67,7 +47,7 @@ TEST_F(SecurityTest, WhateverTheAgentMakesIsForItsOwnerOnly) {
         std::map<fs::path, ino_t> found;
         for (const auto& entry : fs::recursive_directory_iterator(volume.agent())) {
             struct stat status{};
-            ::lstat(entry.path().c_str(), &status);
+            EXPECT_EQ(::lstat(entry.path().c_str(), &status), 0);
             found[entry.path()] = status.st_ino;
         }
         return found;
@@ -117,7 +97,7 @@ TEST_F(SecurityTest, LinksPlantedInTheFoldersAreNamedAndNotFollowed) {
     const auto state = [&outside] {
         std::map<fs::path, std::string> contents;
         for (const auto& entry : fs::recursive_directory_iterator(outside)) {
-            std::getline(std::ifstream(entry.path()), contents[entry.path()], '\0');
+            contents[entry.path()] = entry.is_directory() ? "" : textOf(entry.path());
         }
         return contents;
     };
@@ -185,29 +165,35 @@ TEST_F(SecurityTest, IdentityAndAccessKeyAreInNoLogInAnyForm) {
     for (const auto& [status, body] : answers) {
         server.fail({.path = AuditServer::kSyncPath, .status = status, .body = body});
         server.fail({.path = AuditServer::kEventsPath, .status = status, .body = body});
-        addTrail(begin += 1000s);
+        addNineEvents(begin += 1000s);
         std::error_code firstTime;
         fs::rename(logFile("Communication"), volume.logs() / fmt::format("Communication{}", begin.count()), firstTime);
         RunningAgent agent(build::kAgent, volume);
         ASSERT_TRUE(waitForLog(volume, "Communication2", "EventForwarder DATA= "));
         EXPECT_EQ(agent.stop(), 0);
     }
-    EXPECT_TRUE(std::ranges::any_of(server.requests(), [&](const auto& request) {
+    const auto requests = server.requests();
+    EXPECT_EQ(requests.front().body.find("AgentAuthID"), std::string::npos);
+    EXPECT_TRUE(std::ranges::any_of(requests, [&](const auto& request) {
         return request.body.find(letters[0]) != std::string::npos;
-    })) << "it did go over the wire";
-    const auto log = logs();
+    })) << "it is sent from the next start on";
+    const auto stored = volume.readConfiguration("myconfigurations.plist")["AgentAuthID"].description();
+    EXPECT_EQ(stored.size(), 32U + 44U) << "characters at random, and 32 bytes of cipher text in base64";
+    EXPECT_EQ(stored.find("Kernel"), std::string::npos);
+    const auto text = logs();
     for (const auto& secret : letters) {
         for (std::size_t i = 0; i + 6 <= secret.size(); ++i) {
             const auto piece = secret.substr(i, 6);
-            EXPECT_EQ(log.find(piece), std::string::npos) << piece;
-            EXPECT_EQ(log.find(fmt::format("{:02x}", fmt::join(piece, ""))), std::string::npos) << piece << " as bytes";
+            EXPECT_EQ(text.find(piece), std::string::npos) << piece;
+            EXPECT_EQ(text.find(fmt::format("{:02x}", fmt::join(piece, ""))), std::string::npos)
+                << piece << " as bytes";
         }
         for (const std::size_t shift : {0U, 1U, 2U}) {
             std::string encoded(100, '\0');
             const auto* bytes = reinterpret_cast<const unsigned char*>(secret.data()) + shift;
             encoded.resize(
                 static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()), bytes, 12)));
-            EXPECT_EQ(log.find(encoded), std::string::npos) << "in base64";
+            EXPECT_EQ(text.find(encoded), std::string::npos) << "in base64";
         }
     }
 }

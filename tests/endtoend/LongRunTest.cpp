@@ -1,0 +1,212 @@
+// Hours and days of the agent's life, by a clock that is moved by hand.
+
+#include "collection/EventCollector.h"
+#include "core/AgentServiceHandler.h"
+#include "core/GlobalVariables.h"
+#include "endtoend/EndToEnd.h"
+#include "foundation/FileDescriptor.h"
+#include "foundation/FileSystem.h"
+#include "foundation/Mutex.h"
+#include "support/AgentFixture.h"
+#include "support/CountingSession.h"
+#include "support/Footprint.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <thread>
+
+#include <fmt/ranges.h>
+#include <gtest/gtest.h>
+
+namespace sentrova::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t kMebibyte = 1024 * 1024;
+// The limit of the spool is a gigabyte: so many files reach it.
+constexpr std::size_t kFilesToTheLimit = 80;
+
+// Files of the spool that count for more than they are, and the order in which they are let go.
+class HeavyFiles final : public FileSystem {
+  public:
+    HeavyFiles() { install(this); }
+    ~HeavyFiles() override { install(nullptr); }
+
+    Result<FileStatus> linkStatus(const std::string& path) override {
+        auto status = FileSystem::linkStatus(path);
+        if (status && path.find("eventData") != std::string::npos) {
+            status->allocatedSize = 1'000'000'000 / kFilesToTheLimit;
+        }
+        return status;
+    }
+    int hostRemove(const Location& at) override {
+        const MutexLock lock(mutex_);
+        if (at.name.starts_with("event_")) {
+            removed_.push_back(at.name);
+        }
+        return FileSystem::hostRemove(at);
+    }
+    std::vector<std::string> removed() {
+        const MutexLock lock(mutex_);
+        return removed_;
+    }
+
+  private:
+    Mutex mutex_;
+    std::vector<std::string> removed_ GUARDED_BY(mutex_);
+};
+
+// The service in this process, below a server that keeps account of the events.
+class LongRun : public AgentFixture {
+  public:
+    LongRun(bool isRealTime, std::uint32_t batch) {
+        serverInfo.set("IsRealTime", isRealTime);
+        serverInfo.set("NumberofEventsPerRequest", batch);
+        myConfigurations.set("LogLevel", 0);
+        writeConfiguration();
+        EXPECT_TRUE(AgentServiceHandler::initializeService());
+    }
+    ~LongRun() {
+        AgentServiceHandler::stop();
+        service_.join();
+    }
+    LongRun(const LongRun&) = delete;
+    LongRun& operator=(const LongRun&) = delete;
+
+    void start() {
+        service_ = std::thread([] { AgentServiceHandler::start(); });
+    }
+    // What is in memory goes out with its announcement.
+    void expectEachOnce(std::size_t events) {
+        EXPECT_TRUE(eventually([&] {
+            clock().advance(10s);
+            return account->different() == events;
+        })) << account->different();
+        for (const auto& [process, count] : account->arrivals()) {
+            ASSERT_EQ(count, 1) << process;
+        }
+    }
+
+    const std::shared_ptr<CountingSession::Account> account = CountingSession::install();
+
+  private:
+    std::thread service_;
+};
+
+class LongRunTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (::getuid() != 0) {
+            GTEST_SKIP() << "the agent runs as root only";
+        }
+    }
+};
+
+TEST_F(LongRunTest, InEightHoursNothingIsLostAndNothingPilesUp) {
+    constexpr int kMinutes = 8 * 60;
+    constexpr std::uint32_t kRecordsAMinute = 20;
+    LongRun agent(true, 50);
+    agent.volume().addDomainUser("bruno", 4001, "S-1-5-21-1-2-3-1104", "CORP");
+    agent.start();
+    const FileDescriptor pipe(::open(agent.volume().auditPipe().c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_TRUE(LongRun::eventually(
+        [] { return AgentServiceHandler::getOperationStatusOnMainQueue("EventCollectorRealtime"); }));
+
+    std::uint32_t process = 1;
+    std::optional<Footprint> afterAnHour;
+    for (int minute = 1; minute <= kMinutes; ++minute) {
+        agent.clock().advance(1min);
+        const auto now = std::chrono::seconds(agent.clock().epochSeconds());
+        const auto bytes = sudoTrail(now - std::chrono::seconds(kRecordsAMinute - 1), process, kRecordsAMinute).bytes();
+        process += kRecordsAMinute;
+        ASSERT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
+        ASSERT_TRUE(LongRun::eventually([now] {
+            return EventCollector::LastTimeStamp() == static_cast<std::uint64_t>(now.count());
+        })) << minute;
+        if (minute == 60) {
+            afterAnHour.emplace();
+        }
+    }
+    agent.expectEachOnce(kMinutes * kRecordsAMinute);
+    EXPECT_EQ(agent.logged("WriteToProplist:failed"), 0);
+    EXPECT_TRUE(std::filesystem::is_empty(agent.volume().eventData()));
+    // Threads and descriptors come and go with the tasks of the moment.
+    EXPECT_TRUE(LongRun::eventually([&] {
+        const Footprint atTheEnd;
+        return atTheEnd.descriptors <= afterAnHour->descriptors && atTheEnd.threads <= afterAnHour->threads;
+    }));
+    EXPECT_LT(Footprint().memory, afterAnHour->memory + kMebibyte);
+    std::cout << fmt::format("{} descriptors, {} threads and {} KiB after an hour, {} KiB after eight\n",
+                             afterAnHour->descriptors, afterAnHour->threads, afterAnHour->memory / 1024,
+                             Footprint().memory / 1024);
+}
+
+TEST_F(LongRunTest, DayWithoutAServerIsMadeUpForInTheOrderOfTheFiles) {
+    constexpr int kHours = 24;
+    constexpr std::uint32_t kEventsAnHour = 100;
+    constexpr std::uint32_t kBatch = 20;
+    HeavyFiles files;
+    LongRun agent(false, kBatch);
+    agent.account->setAway(true);
+    agent.start();
+    const auto lastPass = [&] {
+        const auto tasks = agent.volume().readConfiguration("schedules.plist")["ScheduleTasks"];
+        return (*tasks.array()->front().dictionary())["LastScheduleTimeInMillis"].integerValue();
+    };
+    ASSERT_TRUE(LongRun::eventually([&] { return lastPass() > 0; }));
+
+    std::uint32_t process = 0;
+    std::optional<Footprint> afterAnHour;
+    std::size_t most = 0;
+    auto& configuration = GlobalVariables::getInstance();
+    for (int hour = 1; hour <= kHours; ++hour) {
+        addTrail(agent.volume(),
+                 sudoTrail(std::chrono::seconds(agent.clock().epochSeconds() + 60), process, kEventsAnHour, 30s));
+        process += kEventsAnHour;
+        const auto formerly = lastPass();
+        for (int tick = 0; tick < 360; ++tick) {
+            agent.clock().advance(10s);
+        }
+        // The pass of this hour has read the trail, or was refused by the size guard.
+        ASSERT_TRUE(LongRun::eventually([&] {
+            agent.clock().advance(10s);
+            return lastPass() > formerly || configuration.maxEventDataSizeReached();
+        }));
+        most = std::max(most, Footprint::entriesOf(agent.volume().eventData().c_str()));
+        if (hour == 1) {
+            afterAnHour.emplace();
+        }
+    }
+    const Footprint afterADay;
+    std::cout << fmt::format("{} files; {} KiB after an hour, {} KiB after a day\n", most, afterAnHour->memory / 1024,
+                             afterADay.memory / 1024);
+    EXPECT_TRUE(configuration.maxEventDataSizeReached());
+    EXPECT_GE(most, kFilesToTheLimit);
+    // One pass may begin just below the limit.
+    EXPECT_LE(most, kFilesToTheLimit + kEventsAnHour / kBatch);
+    EXPECT_LT(afterADay.memory, afterAnHour->memory + kMebibyte);
+
+    EXPECT_EQ(agent.account->different(), 0U);
+    // The first deliveries were attempted while the server counted as reachable.
+    const auto before = files.removed().size();
+    agent.account->setAway(false);
+    agent.expectEachOnce(process);
+    // In order within a round; a clock as fast as this one begins new rounds before the last one is over.
+    const auto sent = files.removed();
+    EXPECT_GE(sent.size(), kFilesToTheLimit);
+    int rounds = 1;
+    for (auto i = before + 1; i < sent.size(); ++i) {
+        rounds += sent[i] < sent[i - 1] ? 1 : 0;
+    }
+    EXPECT_LE(rounds, 6) << fmt::format("{}", fmt::join(sent, " "));
+    EXPECT_FALSE(configuration.maxEventDataSizeReached());
+}
+
+}  // namespace
+}  // namespace sentrova::testing
