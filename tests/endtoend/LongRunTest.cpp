@@ -188,8 +188,8 @@ TEST_F(LongRunTest, DayWithoutAServerIsMadeUpForInTheOrderOfTheFiles) {
                              afterADay.memory / 1024);
     EXPECT_TRUE(configuration.maxEventDataSizeReached());
     EXPECT_GE(most, kFilesToTheLimit);
-    // One pass may begin just below the limit.
-    EXPECT_LE(most, kFilesToTheLimit + kEventsAnHour / kBatch);
+    // One pass may begin just below the limit, and on a busy machine a second one before the guard has looked.
+    EXPECT_LE(most, kFilesToTheLimit + 2 * kEventsAnHour / kBatch);
     EXPECT_LT(afterADay.memory, afterAnHour->memory + kMebibyte);
 
     EXPECT_EQ(agent.account->different(), 0U);
