@@ -125,14 +125,11 @@ void GlobalVariables::loadServerKeys(const Dictionary& serverInfo) {
 
     if (const auto& recent = serverInfo[GlobalConstants::RECENT_EVENT_TIME_MILLIS]; !recent.isNull()) {
         setTimeStampOfLastEvent(recent);
-        // Only into a file that was not there: what was loaded is written back as it was.
-        PropertyListHandler::change(
-            fmt::format("{}/{}", GlobalConstants::CONF_PATH, GlobalConstants::MY_CONFIGURATIONS_FILE),
-            [&recent](Dictionary& mine) {
-                if (mine.empty()) {
-                    mine.set(GlobalConstants::TIMESTAMP_LE, recent);
-                }
-            });
+        // The same file by two paths: the working directory is the program folder.
+        auto mine = PropertyListHandler::initWithFile(
+            fmt::format("{}/{}", confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE));
+        mine.SetValueForKey(GlobalConstants::TIMESTAMP_LE, recent);
+        mine.WriteToProplist(fmt::format("{}/{}", GlobalConstants::CONF_PATH, GlobalConstants::MY_CONFIGURATIONS_FILE));
     }
 }
 
