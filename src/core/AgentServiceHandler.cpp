@@ -62,8 +62,9 @@ class MainQueue {
             MutexLock lock(mutex_);
             queue = std::move(queue_);
         }
+        // Not left to the destructor: an operation may hold the queue for a moment longer.
         if (queue) {
-            queue->suspend();
+            queue->close();
         }
     }
 

@@ -219,7 +219,7 @@ thread_local OperationQueue::State::Work OperationQueue::State::working_;
 OperationQueue::OperationQueue() : state_(std::make_shared<State>()) {}
 
 OperationQueue::~OperationQueue() {
-    state_->close();
+    close();
 }
 
 void OperationQueue::setMaxConcurrentOperationCount(int count) {
@@ -252,6 +252,10 @@ void OperationQueue::cancelAllOperations() {
 
 void OperationQueue::waitUntilAllOperationsAreFinished() {
     state_->waitUntilEmpty();
+}
+
+void OperationQueue::close() {
+    state_->close();
 }
 
 }  // namespace sentrova

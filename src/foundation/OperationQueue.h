@@ -17,7 +17,7 @@ namespace sentrova {
 class OperationQueue {
   public:
     OperationQueue();
-    // Drops what has not been started and waits for the threads that are inside `start`.
+    // Closes it.
     ~OperationQueue();
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
@@ -35,6 +35,10 @@ class OperationQueue {
 
     void cancelAllOperations();
     void waitUntilAllOperationsAreFinished();
+
+    // Drops what has not been started, takes nothing any more, and waits for the threads that are inside `start`, but
+    // for the caller's own.
+    void close();
 
   private:
     class State;

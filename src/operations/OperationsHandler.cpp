@@ -42,6 +42,11 @@ void OperationsHandler::suspend() {
     queue_.cancelAllOperations();
 }
 
+void OperationsHandler::close() {
+    suspend();
+    queue_.close();
+}
+
 void OperationsHandler::waitToFinish() {
     queue_.waitUntilAllOperationsAreFinished();
 }

@@ -29,6 +29,8 @@ class OperationsHandler {
 
     // Cancels all operations; the queue goes on with what is added later.
     void suspend();
+    // Cancels all operations and waits for their threads; the queue takes no others.
+    void close();
     void waitToFinish();
     // Logs how many operations there are.
     void countOfOperationsInQueue() const;
