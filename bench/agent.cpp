@@ -177,7 +177,8 @@ Json callsOf(const fs::path& folder, std::int64_t lines) {
             if (opensLog) {
                 ++opens;
                 written = 0;
-                descriptor = call.substr(call.rfind("= ") + 2);
+                const auto result = call.rfind(") = ");
+                descriptor = result == std::string::npos ? "?" : call.substr(result + 4);
             } else if (ours && call.starts_with("write(")) {
                 ++writes;
                 ++written;

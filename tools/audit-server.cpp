@@ -108,6 +108,10 @@ int serve(Options options) {
 
 int main(int argc, char** argv) {
     try {
+        if (argc == 2 && std::string_view(argv[1]) == "--help") {
+            fmt::print("{}", kUsage);
+            return EXIT_SUCCESS;
+        }
         const auto options = optionsFrom({argv + 1, argv + argc});
         if (!options) {
             fmt::print(stderr, "{}", kUsage);

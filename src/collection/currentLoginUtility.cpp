@@ -30,6 +30,7 @@ constexpr const char* kConsole = "/dev/console";
 constexpr std::chrono::milliseconds kWritesApart{100};
 // A long history is written less often, so that additions that come fast cost the same each, however many there are.
 constexpr int kTimesOfAWrite = 10;
+constexpr std::chrono::seconds kMostApart{10};
 
 std::string historyFile() {
     return fmt::format("{}/{}", GlobalConstants::CONF_PATH, GlobalConstants::CURRENT_LOGINS_FILE);
@@ -127,8 +128,8 @@ class LoginHistory {
         const bool written = write(content);
         {
             MutexLock lock(mutex_);
-            writesApart_ =
-                std::max<Clock::Duration>(kWritesApart, kTimesOfAWrite * (Clock::shared().monotonicTime() - begin));
+            writesApart_ = std::clamp<Clock::Duration>(kTimesOfAWrite * (Clock::shared().monotonicTime() - begin),
+                                                       kWritesApart, kMostApart);
         }
         for (; additions > 0; --additions) {
             kLog.debug("addToLoginHistory", "{:d}", written);

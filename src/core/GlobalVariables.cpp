@@ -125,7 +125,8 @@ void GlobalVariables::loadServerKeys(const Dictionary& serverInfo) {
 
     if (const auto& recent = serverInfo[GlobalConstants::RECENT_EVENT_TIME_MILLIS]; !recent.isNull()) {
         setTimeStampOfLastEvent(recent);
-        // The same file by two paths: the working directory is the program folder.
+        // Takes effect only on a file that was not there: what was loaded is written back as it was. The same file by
+        // two paths: the working directory is the program folder.
         auto mine = PropertyListHandler::initWithFile(
             fmt::format("{}/{}", confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE));
         mine.SetValueForKey(GlobalConstants::TIMESTAMP_LE, recent);

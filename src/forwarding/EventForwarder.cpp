@@ -164,7 +164,12 @@ void EventForwarder::gotEventsToProcess(const Notification& /*notification*/) {
     kLog.debug(__func__, "Received Event Timeout notification");
     // One delivery takes all events there are: while one waits for its turn, others would find nothing.
     if (!eventsWait_.exchange(true)) {
-        opQueue_.addBlockToQueue([self = shared_from_this()] { self->process(std::nullopt); });
+        try {
+            opQueue_.addBlockToQueue([self = shared_from_this()] { self->process(std::nullopt); });
+        } catch (...) {
+            eventsWait_ = false;
+            throw;
+        }
     }
     opQueue_.countOfOperationsInQueue();
 }

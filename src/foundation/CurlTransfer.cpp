@@ -18,9 +18,11 @@ namespace {
 constexpr int kMostSendings = 2;
 
 // A body goes to the host in portions, for which the library keeps memory while it is sent: the larger they are, the
-// fewer calls and wake-ups of the other side a batch costs.
+// fewer calls and wake-ups of the other side a batch costs. With TLS a portion counts as progress only as a whole: there
+// it stays small enough for a slow line.
 constexpr std::size_t kSmallestPortion = 16 * 1024;
 constexpr std::size_t kLargestPortion = 512 * 1024;
+constexpr std::size_t kLargestTlsPortion = 64 * 1024;
 
 std::uint64_t nextId() {
     static std::atomic<std::uint64_t> last{0};
@@ -186,7 +188,9 @@ void CurlTransfer::setUpRequest() {
     set(CURLOPT_CUSTOMREQUEST, request_.method.c_str());
     set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_->size()));
     set(CURLOPT_POSTFIELDS, body_->c_str());
-    set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(std::clamp(body_->size(), kSmallestPortion, kLargestPortion)));
+    const bool isTls = curl_strnequal(address_.origin.c_str(), "https:", 6) != 0;
+    const auto largest = isTls ? kLargestTlsPortion : kLargestPortion;
+    set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(std::clamp(body_->size(), kSmallestPortion, largest)));
     set(CURLOPT_HTTPHEADER, headers_.get());
     set(CURLOPT_FOLLOWLOCATION, 0L);
     // The session measures the time; this only keeps the library's own, shorter limit for connecting out of the way.

@@ -13,7 +13,6 @@
 #include <ctime>
 #include <map>
 #include <memory>
-#include <utility>
 
 #include <fmt/format.h>
 #include <unicode/gregocal.h>
@@ -161,16 +160,18 @@ class Formatters {
 
     // Null for a pattern that is none.
     const icu::SimpleDateFormat* libraryFormatLocked(Formatter& formatter, std::string_view pattern) REQUIRES(mutex_) {
-        if (std::exchange(formatter.libraryMade, true)) {
+        if (formatter.libraryMade) {
             return formatter.library.get();
         }
+        const auto& zone = zoneLocked();
         // A fixed locale: stored texts and file names keep their form and their digits on every device.
         UErrorCode status = U_ZERO_ERROR;
         auto format = std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale("en_US_POSIX"), status);
+        formatter.libraryMade = true;
         if (U_FAILURE(status)) {
             return nullptr;
         }
-        format->setTimeZone(zoneLocked());
+        format->setTimeZone(zone);
         format->setLenient(false);
         format->setBooleanAttribute(UDAT_PARSE_PARTIAL_LITERAL_MATCH, false, status);
         formatter.library = std::move(format);

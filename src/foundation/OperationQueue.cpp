@@ -75,6 +75,9 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
         }
         {
             MutexLock lock(mutex_);
+            if (closed_) {
+                return;
+            }
             entries_.push_back(std::move(entry));
         }
         // It may have been finished before the subscription stood.
@@ -110,6 +113,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
         MutexLock lock(mutex_);
         closed_ = true;
         dropped.swap(entries_);
+        changed_.notifyAll();
         const std::size_t own = working_.queue == this ? 1 : 0;
         while (workers_ > own) {
             changed_.wait(lock);

@@ -59,7 +59,11 @@ void PlainDatePattern::append(const Run& run, const std::tm& time, int milliseco
             number(time.tm_year + 1900);
             break;
         case 'M':
-            run.length == 3 ? static_cast<void>(text += nameAt(kMonths, time.tm_mon)) : number(time.tm_mon + 1);
+            if (run.length == 3) {
+                text += nameAt(kMonths, time.tm_mon);
+            } else {
+                number(time.tm_mon + 1);
+            }
             break;
         case 'd':
             number(time.tm_mday);

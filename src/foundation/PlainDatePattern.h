@@ -18,7 +18,7 @@ class PlainDatePattern {
     // HH, mm, ss, SSS and Z.
     static std::optional<PlainDatePattern> of(std::string_view pattern);
 
-    // The text of a local time of the years 1970 to 9999, with English names.
+    // The text of a local time of the years 1969 to 9999, with English names.
     std::string format(const std::tm& time, int millisecond) const;
 
   private:

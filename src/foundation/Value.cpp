@@ -251,7 +251,7 @@ void Dictionary::set(std::string_view key, Value value) {
         return;
     }
     marks_ |= markOf(key);
-    entries_.emplace_back(std::string(key), std::move(value));
+    entries_.push_back({std::string(key), std::move(value)});
     if (index_) {
         index_->emplace(key, entries_.size() - 1);
     } else if (entries_.size() > kWalkedEntries) {
