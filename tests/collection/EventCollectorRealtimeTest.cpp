@@ -112,6 +112,9 @@ TEST_F(EventCollectorRealtimeTest, OneReaderReadsUntilTheSizeLimitIsReached) {
     // It waited for the device, on which nothing more is written.
     EXPECT_TRUE(eventually([this] { return logged("[INFO]/dev/auditpipe ended: 2 records read", "Event") == 1; }));
     EXPECT_EQ(logged("[ERROR]Reading /dev/auditpipe failed"), 0) << "a cancel is no failure";
+    EXPECT_TRUE(eventually([this] {
+        return volume().readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"] == Value("1000");
+    }));
     configuration.setMaxEventDataSizeReached(true);
     configuration.setMaxEventDataSizeReached(false);
     EXPECT_EQ(logged("EventCollectorRealtime cancel called"), 1);

@@ -9,6 +9,8 @@
 #include "support/TrailWriter.h"
 
 #include <charconv>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <iterator>

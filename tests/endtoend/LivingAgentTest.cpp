@@ -6,12 +6,15 @@
 #include "foundation/Json.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <set>
 #include <sstream>
+#include <string>
 #include <vector>
 
 #include <fmt/format.h>
@@ -56,6 +59,11 @@ class LivingAgentTest : public EndToEnd {
             return;
         }
         nextWrite = Clock::shared().monotonicTime() + 50ms;
+        // An agent that reads no more must not hold the test up.
+        pollfd writable{pipe.get(), POLLOUT, 0};
+        if (::poll(&writable, 1, 0) != 1) {
+            return;
+        }
         const auto bytes = sudoRecord(std::chrono::seconds(second), ++process).bytes();
         EXPECT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
         if (isCollected) {
@@ -171,7 +179,9 @@ TEST_F(LivingAgentTest, RemovalAtTheServerClearsTheKeysAndEndsTheProcess) {
     answer();
     EXPECT_EQ(agent.wait(), 0);
     EXPECT_NE(log().find("Agent Deleted/Unconfigured"), std::string::npos);
-    EXPECT_FALSE(volume.readConfiguration("Serverinfo.plist").contains("AgentGuid"));
+    const auto stored = volume.readConfiguration("Serverinfo.plist");
+    EXPECT_FALSE(stored.contains("AgentGuid") || stored.contains("DomainName"));
+    EXPECT_EQ(stored["EventsToRead"], serverInfo["EventsToRead"]) << "the other keys stay";
 }
 
 TEST_F(LivingAgentTest, TerminationEndsTheProcessWithinASecondAtEveryStage) {

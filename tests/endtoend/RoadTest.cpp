@@ -140,6 +140,7 @@ TEST_F(RoadTest, AgentThatCannotRunSaysWhyAndEnds) {
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.says);
+        removeLogs();
         volume.setVersion(test.version);
         if (test.identity) {
             mine.set("AgentAuthID", test.identity);

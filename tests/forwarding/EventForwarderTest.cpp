@@ -159,6 +159,7 @@ TEST_F(EventForwarderTest, EventsInMemoryAreDeliveredTenSecondsAfterTheyCameUnti
     answer(0, {500, ""});
     TransportEngine::setIsConnected(true);
     EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), "[{\"text\":\"caf\xC3\xA9\"}]") << "back as it was";
+    ASSERT_TRUE(eventually([&] { return announced > 0; }));
 
     forwarder_->cancel();
     EXPECT_TRUE(forwarder_->isFinished());

@@ -33,6 +33,13 @@ TEST_F(FileWatcherTest, ChangeOfAttributesIsToldUntilTheWatcherIsSuspendedAndWri
         ASSERT_TRUE(eventually([&] { return calls[1] >= change; }));
         EXPECT_EQ(calls[1], change);
     }
+    // By the time a younger one has heard of a change, the others have heard of all before it.
+    std::atomic<int> fence = 0;
+    const auto youngest = FileWatcher::initWithPath("/dev/console", [&fence] { ++fence; });
+    ASSERT_TRUE(youngest && youngest->startListening());
+    fs::permissions(volume().console(), fs::perms::owner_read);
+    ASSERT_TRUE(eventually([&] { return fence > 0 && calls[1] >= 3; }));
+    EXPECT_EQ(calls[1], 3) << "writing is no such change";
     EXPECT_EQ(calls[0], 0);
 }
 

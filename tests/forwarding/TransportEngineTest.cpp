@@ -118,4 +118,21 @@ TEST_F(TransportEngineTest, NameThatIsNoHostFailsTheRequestThroughItsCompletion)
     EXPECT_EQ(logged("is not the name of a host"), 7);
 }
 
+TEST_F(TransportEngineTest, AnyCertificateIsAcceptedAndNoOtherQuestionAnswered) {
+    std::shared_ptr<UrlSessionDelegate> delegate;
+    TransportEngine::setSessionFactory([&](std::shared_ptr<UrlSessionDelegate> given) -> std::unique_ptr<UrlSession> {
+        delegate = std::move(given);
+        return std::make_unique<FakeUrlSession>();
+    });
+    const TransportEngine engine;
+    ASSERT_TRUE(delegate);
+    using Method = UrlAuthenticationChallenge::Method;
+    for (const auto method : {Method::serverTrust, Method::clientCertificate, Method::httpBasic, Method::httpDigest,
+                              Method::ntlm, Method::negotiate, Method::other}) {
+        int answers = 0;
+        delegate->didReceiveChallenge({method, "anywhere"}, [&](UrlChallengeDisposition) { ++answers; });
+        EXPECT_EQ(answers, method == Method::serverTrust ? 1 : 0);
+    }
+}
+
 }  // namespace sentrova::testing

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -85,8 +86,8 @@ TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIs
     {
         DispatchQueue queue("delayed");
         queue.after(seconds(10), [&runs] { ++runs; });
-        for (const int ran : {0, 1}) {
-            clock.advance(seconds(9));
+        for (const auto& [further, ran] : {std::pair(9, 0), std::pair(1, 1)}) {
+            clock.advance(seconds(further));
             queue.sync([] {});
             EXPECT_EQ(runs, ran);
         }

@@ -12,6 +12,10 @@ class FuzzAgent : public AgentFixture {
   public:
     // Lets go of everything that the input before it left, threads and timers among it.
     static FuzzAgent& fresh();
+    // While the files are still there.
+    ~FuzzAgent() { restart(); }
+    FuzzAgent(const FuzzAgent&) = delete;
+    FuzzAgent& operator=(const FuzzAgent&) = delete;
 
     GuardedFileSystem& files() { return files_; }
     // A path in the agent's folder: "conf/schedules.plist".

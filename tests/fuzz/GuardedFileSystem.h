@@ -11,6 +11,9 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <span>
+#include <string>
+#include <utility>
 
 namespace sentrova::testing {
 

@@ -8,9 +8,12 @@
 #include "foundation/Mutex.h"
 #include "foundation/UrlSession.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
+#include <string>
 #include <utility>
 
 namespace sentrova::testing {

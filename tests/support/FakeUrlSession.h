@@ -6,6 +6,8 @@
 #include "foundation/Mutex.h"
 #include "foundation/UrlSession.h"
 
+#include <chrono>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>

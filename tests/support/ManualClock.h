@@ -6,7 +6,11 @@
 #include "foundation/Mutex.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <functional>
 #include <map>
+#include <utility>
 
 namespace sentrova::testing {
 

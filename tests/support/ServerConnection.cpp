@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -146,10 +147,16 @@ Listener::~Listener() {
 }
 
 std::unique_ptr<ServerConnection> Listener::accept(const TlsContext& tls) const {
-    const int socket = ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+    int socket = -1;
+    do {
+        socket = ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+    } while (socket < 0 && (errno == EINTR || errno == ECONNABORTED));
+    if (socket < 0) {
+        return nullptr;
+    }
     const int yes = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    return socket < 0 ? nullptr : std::make_unique<ServerConnection>(socket, tls);
+    return std::make_unique<ServerConnection>(socket, tls);
 }
 
 void Listener::shutDown() const {
