@@ -18,8 +18,8 @@ namespace {
 constexpr int kMostSendings = 2;
 
 // A body goes to the host in portions, for which the library keeps memory while it is sent: the larger they are, the
-// fewer calls and wake-ups of the other side a batch costs. With TLS a portion counts as progress only as a whole: there
-// it stays small enough for a slow line.
+// fewer calls and wake-ups of the other side a batch costs. With TLS a portion counts as progress only as a whole:
+// there it stays small enough for a slow line.
 constexpr std::size_t kSmallestPortion = 16 * 1024;
 constexpr std::size_t kLargestPortion = 512 * 1024;
 constexpr std::size_t kLargestTlsPortion = 64 * 1024;

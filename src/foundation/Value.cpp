@@ -187,8 +187,8 @@ std::string describeData(const Data& data) {
 
 // One of 64 bits, by the key's length and two of its characters.
 std::uint64_t markOf(std::string_view key) {
-    const auto character = [&](std::size_t at) { return static_cast<unsigned char>(key[at]); };
-    const auto mixed = key.empty() ? 0 : key.size() * 5 + character(key.size() / 2) * 3U + character(key.size() - 1);
+    const auto character = [&](std::size_t at) -> std::size_t { return static_cast<unsigned char>(key[at]); };
+    const auto mixed = key.empty() ? 0 : key.size() * 5 + character(key.size() / 2) * 3 + character(key.size() - 1);
     return std::uint64_t{1} << (mixed % 64);
 }
 
