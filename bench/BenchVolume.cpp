@@ -109,7 +109,8 @@ Block makeBlock(BenchVolume::Selected selected) {
 
 }  // namespace
 
-BenchVolume::BenchVolume(const Configuration& configuration) : logLevel_(configuration.logLevel) {
+BenchVolume::BenchVolume(const Configuration& configuration)
+    : logLevel_(configuration.logLevel), volume_(testing::SystemVolume::TemporaryIn{configuration.folder}) {
     auto serverInfo = testing::loopbackConfiguration(configuration.port);
     serverInfo.set("ServerFQDN", "127.0.0.1");
     serverInfo.set("NumberofEventsPerRequest", configuration.eventsPerRequest);

@@ -21,6 +21,7 @@ class BenchVolume {
         int eventsPerRequest = 500;
         int logLevel = 0;
         bool realtime = false;
+        std::filesystem::path folder = std::filesystem::temp_directory_path();
     };
     explicit BenchVolume(const Configuration& configuration);
 

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <numeric>
 #include <optional>
 #include <thread>
@@ -35,6 +36,12 @@ namespace {
 
 using Selected = BenchVolume::Selected;
 
+// Where the files lie that the spool makes.
+std::string spoolFolder() {
+    const auto* const folder = std::getenv("SENTROVA_BENCH_SPOOL");
+    return folder ? folder : std::filesystem::temp_directory_path().string();
+}
+
 // Each at most once in the process, whatever the repetitions: making one takes longer than measuring with it.
 BenchVolume& filterVolume(std::size_t records) {
     static BenchVolume volume({});
@@ -42,7 +49,7 @@ BenchVolume& filterVolume(std::size_t records) {
     return volume;
 }
 BenchVolume& spoolVolume(std::size_t records) {
-    static BenchVolume volume({});
+    static BenchVolume volume({.folder = spoolFolder()});
     static const auto trail = volume.addTrail("spool", records, Selected::all);
     return volume;
 }
@@ -304,8 +311,8 @@ void registerAll(std::string_view size) {
     add("selected, without names and JSON", selectedWithoutNamesAndJson, events);
     add("selected to spool", selectedToSpool, events);
     const std::int64_t batches = smoke ? 4 : full ? 200 : 60;
-    add("bare client", bareClient, batches);
-    add("spool to delivery", spoolToDelivery, batches);
+    add("bare client", bareClient, batches)->Repetitions(2 * repetitions);
+    add("spool to delivery", spoolToDelivery, batches)->Repetitions(2 * repetitions);
     for (const int level : {0, 2}) {
         add("log line", logLine, level, 0.2);
     }
@@ -329,6 +336,7 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 64;
     }
+    benchmark::AddCustomContext("spool", spoolFolder());
     benchmark::RunSpecifiedBenchmarks();
     sentrova::ProcessWideState::reset();
     return EXIT_SUCCESS;

@@ -41,12 +41,18 @@ class Results {
     void read(const std::string& file) {
         std::ifstream in(file);
         const auto content = Json::parse(in);
+        if (const auto context = content.find("context"); context != content.end()) {
+            spoolFolder_ = context->value("spool", "");
+        }
         for (const auto& entry : content.at("benchmarks")) {
             if (entry.value("run_type", "iteration") == "iteration") {
                 add(entry);
             }
         }
     }
+
+    // Where the spool of the parts made its files.
+    const std::string& spoolFolder() const { return spoolFolder_; }
 
     const std::map<double, Best>& of(const std::string& name) const {
         static const std::map<double, Best> kNone;
@@ -80,6 +86,7 @@ class Results {
         best.last = entry;
     }
 
+    std::string spoolFolder_;
     std::map<std::string, std::map<double, Best>> all_;
 };
 
@@ -363,9 +370,9 @@ std::string document(const Results& results, const std::string& command) {
     auto text = fmt::format(
         "# Performance\n\nWritten by `{}` on {:%Y-%m-%d}, on this machine: {}.\n\nEach figure is the best of several "
         "repetitions; each baseline was measured in the same run. Times are wall-clock, with the processor\ntime of "
-        "all "
-        "threads in brackets. What a row measures is said in `bench/parts.cpp` and `bench/agent.cpp`.\n\n",
-        command, fmt::gmtime(now), machine());
+        "all threads in brackets. What a row measures is said in `bench/parts.cpp` and `bench/agent.cpp`. Files lie\n"
+        "on the disk, but those that the spool makes in the row of the selected record, which lie in `{}`.\n\n",
+        command, fmt::gmtime(now), machine(), results.spoolFolder());
     text += "| what | baseline | target | measured | |\n|---|---|---|---|---|\n";
     const Table table(results);
     for (const auto& row : table.rows()) {

@@ -42,8 +42,8 @@ std::string xml(const Dictionary& content) {
     return {bytes->begin(), bytes->end()};
 }
 
-fs::path temporaryFolder() {
-    auto name = (fs::temp_directory_path() / "sentrova-volume-XXXXXX").string();
+fs::path temporaryFolder(const fs::path& below) {
+    auto name = (below / "sentrova-volume-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) {
         failed(name);
     }
@@ -52,7 +52,9 @@ fs::path temporaryFolder() {
 
 }  // namespace
 
-SystemVolume::SystemVolume() : root_(temporaryFolder()), temporary_(true) {
+SystemVolume::SystemVolume() : SystemVolume(TemporaryIn{fs::temp_directory_path()}) {}
+
+SystemVolume::SystemVolume(const TemporaryIn& place) : root_(temporaryFolder(place.folder)), temporary_(true) {
     create();
 }
 

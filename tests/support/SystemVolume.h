@@ -24,6 +24,11 @@ class SystemVolume {
   public:
     // In a new temporary folder, which goes away with the object.
     SystemVolume();
+    // The same below that folder.
+    struct TemporaryIn {
+        std::filesystem::path folder;
+    };
+    explicit SystemVolume(const TemporaryIn& place);
     // In the given folder, which must be empty or absent; it stays.
     explicit SystemVolume(const std::filesystem::path& folder);
     ~SystemVolume();
