@@ -7,6 +7,7 @@
 #include <exception>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace sentrova {
 
@@ -70,7 +71,14 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
         {
             MutexLock lock(mutex_);
             closed_ = true;
-            dropped.swap(waiting_);
+            for (auto& item : std::exchange(waiting_, {})) {
+                (item.turn ? waiting_ : dropped).push_back(std::move(item));
+            }
+            if (std::exchange(workerCalled_, false)) {
+                // The block for which it was called has not begun, and is dropped.
+                held_ = false;
+                passOnLocked();
+            }
             worker = std::move(worker_);
             workerChanged_.notifyAll();
         }

@@ -40,7 +40,7 @@ class DispatchQueue {
     void after(Clock::Duration delay, Block block);
 
     // Ends the queue's thread: drops the blocks that have not begun, waits for the one that runs and takes no more but
-    // from `sync`. Not while another thread waits in `sync`.
+    // from `sync`. Who waits in `sync` gets his turn.
     void close();
 
     // Whether the caller runs inside a block of this queue.

@@ -97,6 +97,21 @@ TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIs
     EXPECT_EQ(runs, 1);
 }
 
+TEST(DispatchQueueTest, ClosingLetsWhoWaitsInSyncHaveHisTurn) {
+    // Each time the end comes at another moment.
+    for (int i = 0; i < 500; ++i) {
+        DispatchQueue queue("closing");
+        std::atomic<int> runs = 0;
+        queue.async([] { std::this_thread::yield(); });
+        queue.async([] {});
+        std::thread waiting([&] { queue.sync([&runs] { ++runs; }); });
+        queue.close();
+        queue.sync([&runs] { ++runs; });
+        waiting.join();
+        EXPECT_EQ(runs, 2);
+    }
+}
+
 TEST(DispatchQueueTest, DestructionWaitsForTheRunningBlockAndDropsTheOthers) {
     auto queue = std::make_unique<DispatchQueue>("ending");
     Semaphore begun;
