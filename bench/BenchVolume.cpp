@@ -2,7 +2,7 @@
 
 #include "foundation/ProcessWide.h"
 #include "support/RunningAgent.h"
-#include "support/TrailRecord.h"
+#include "volume/TrailRecord.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::chrono::seconds kBegin{1'763'200'000};
 constexpr std::uint32_t kFirstOfEight = 4001;
-constexpr std::size_t kBlock = 100;
+constexpr std::size_t kBlock = 200;
 
 testing::Subject person(std::size_t i) {
     const auto id = kFirstOfEight + static_cast<std::uint32_t>(i % 8);
@@ -36,19 +36,28 @@ testing::Subject person(std::size_t i) {
             .address = "10.20.3.41"};
 }
 
-TrailRecord selectedRecord(std::size_t i) {
+// As a daemon that no user has started, under an account that is gone.
+testing::Subject stranger(std::size_t i) {
+    auto subject = person(i);
+    subject.auditId = 0xFFFFFFFF;
+    subject.effectiveUserId = subject.realUserId = 70'001;
+    subject.effectiveGroupId = subject.realGroupId = 70'002;
+    return subject;
+}
+
+TrailRecord selectedRecord(std::size_t i, const testing::Subject& subject) {
     if (i % 3 == 0) {
         return TrailRecord(45023)
-            .subject(person(i), testing::Layout::k32Ex)
+            .subject(subject, testing::Layout::k32Ex)
             .text(fmt::format("Verify password for record type Users 'person{}' node '/Active Directory/CORP'", i % 8))
             .returns(5000, 255)
-            .identity({.signingId = "com.apple.opendirectoryd"});
+            .identity("com.apple.opendirectoryd");
     }
     return TrailRecord(45028)
-        .subject(person(i), testing::Layout::k32Ex)
+        .subject(subject, testing::Layout::k32Ex)
         .text("system.privilege.admin")
         .returns(0)
-        .identity({.signingId = "com.apple.sudo"});
+        .identity("com.apple.sudo");
 }
 
 // What a Mac's trail is full of: sessions, mechanisms of the authorisation, files and programs.
@@ -61,7 +70,7 @@ TrailRecord otherRecord(std::size_t i) {
                 .arg32(3, "am_failure", 0x3000)
                 .subject(person(i), testing::Layout::k32Ex)
                 .returns(0)
-                .identity({.signingId = "com.apple.securityd"});
+                .identity("com.apple.securityd");
         case 1:
             return TrailRecord(45030)
                 .subject(person(i), testing::Layout::k32Ex)
@@ -82,7 +91,7 @@ TrailRecord otherRecord(std::size_t i) {
                 .attr32(0100755, 0, 0)
                 .subject(person(i), testing::Layout::k32Ex)
                 .returns(0)
-                .identity({.signingId = "com.apple.xcrun"});
+                .identity("com.apple.xcrun");
     }
 }
 
@@ -93,13 +102,14 @@ struct Block {
     std::vector<std::size_t> seconds;
 };
 
-Block makeBlock(BenchVolume::Selected selected) {
+Block makeBlock(BenchVolume::Selected selected, BenchVolume::Ids ids) {
     constexpr std::size_t kSecondsInHeader = 10;
     Block block;
     for (std::size_t i = 0; i < kBlock; ++i) {
         const bool chosen = selected == BenchVolume::Selected::all ||
                             (selected == BenchVolume::Selected::fiveInHundred && i % 20 == 19);
-        const auto bytes = (chosen ? selectedRecord(i) : otherRecord(i)).bytes();
+        const bool unknown = ids == BenchVolume::Ids::halfUnknown && i / 20 % 2 == 1;
+        const auto bytes = (chosen ? selectedRecord(i, unknown ? stranger(i) : person(i)) : otherRecord(i)).bytes();
         block.seconds.push_back(block.bytes.size() + kSecondsInHeader);
         block.bytes.append(bytes.begin(), bytes.end());
         block.ends.push_back(block.bytes.size());
@@ -137,8 +147,8 @@ void BenchVolume::writeOwnConfiguration() {
         {{"TimestampOfLastEvent", "0"}, {"LogLevel", logLevel_}, {"AgentVersion", "1.0"}, {"CommunicationType", 1}});
 }
 
-std::filesystem::path BenchVolume::addTrail(std::string_view name, std::size_t records, Selected selected) {
-    auto block = makeBlock(selected);
+std::filesystem::path BenchVolume::addTrail(std::string_view name, std::size_t records, Selected selected, Ids ids) {
+    auto block = makeBlock(selected, ids);
     const auto path = volume_.auditFolder() / name;
     std::ofstream out(path, std::ios::binary);
     auto time = static_cast<std::uint32_t>(kBegin.count());

@@ -30,8 +30,11 @@ class BenchVolume {
     // Which of a trail's records are of a configured type.
     enum class Selected { none, fiveInHundred, all };
 
+    // Whether the directory knows the ids of the selected records.
+    enum class Ids { known, halfUnknown };
+
     // A closed trail of that many records; its path.
-    std::filesystem::path addTrail(std::string_view name, std::size_t records, Selected selected);
+    std::filesystem::path addTrail(std::string_view name, std::size_t records, Selected selected, Ids ids = Ids::known);
 
     // People of the domain, beside the eight, with ids from firstUserId on.
     static constexpr std::uint32_t kFirstUserId = 100'000;

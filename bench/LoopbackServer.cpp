@@ -112,12 +112,15 @@ int listenOnLoopback(int& port) {
     }
 }
 
-[[noreturn]] void runAudit(std::atomic<int>& port, Counter& arrived) {
+[[noreturn]] void runAudit(std::atomic<int>& port, Counter& arrived, bool isRefusing) {
     // What it remembers is let go from time to time: a long run must not fill the memory.
     constexpr std::uint64_t kRemembered = 50'000;
     testing::AuditServer::Configuration configuration;
     configuration.onEvent = [&arrived](const std::string&) { ++arrived; };
     testing::AuditServer server(configuration);
+    if (isRefusing) {
+        server.fail({.path = testing::AuditServer::kEventsPath, .status = 503, .count = -1});
+    }
     port = server.port();
     for (std::uint64_t forgotten = 0;; std::this_thread::sleep_for(std::chrono::milliseconds(20))) {
         if (arrived > forgotten + kRemembered) {
@@ -151,7 +154,8 @@ LoopbackServer::LoopbackServer(Kind kind)
             }
             ::_exit(0);
         }).detach();
-        kind == Kind::sink ? runSink(shared_->port, shared_->arrived) : runAudit(shared_->port, shared_->arrived);
+        kind == Kind::sink ? runSink(shared_->port, shared_->arrived)
+                           : runAudit(shared_->port, shared_->arrived, kind == Kind::refusing);
     }
     ::close(ends[0]);
     lifeline_ = FileDescriptor(ends[1]);

@@ -17,6 +17,8 @@ class LoopbackServer {
     enum class Kind {
         // The stand-in audit server of the tests, which reads what it gets; counts events.
         audit,
+        // The same, but it refuses every delivery.
+        refusing,
         // Answers every request with 200 as soon as its last byte has come, and looks at none; counts requests. What
         // is measured against it is the client.
         sink,

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -122,22 +123,60 @@ void runRecords(Results& results, const LoopbackServer& server, std::size_t larg
             results.add(fmt::format("records/{}", records), deliver(server, volume, spooled(records)));
         }
     }
+    const auto records = std::min<std::size_t>(largest, 1'000'000);
+    for (int i = 0; i < repetitions; ++i) {
+        BenchVolume volume({.port = server.port()});
+        volume.addTrail("1", records + kLastInMemory, BenchVolume::Selected::fiveInHundred,
+                        BenchVolume::Ids::halfUnknown);
+        results.add(fmt::format("unknown ids/{}", records), deliver(server, volume, spooled(records)));
+    }
 }
 
 // Files of five events each, left by an earlier run.
-void runSpool(Results& results, const LoopbackServer& server, std::size_t largest) {
+void addSpoolFiles(const BenchVolume& volume, std::size_t files) {
     std::string batch = "[";
     for (int i = 0; i < 5; ++i) {
         batch += fmt::format(R"({}{{"record_event":45028,"UserName":"person{}","EventSource":"OpenBSM"}})",
                              i > 0 ? "," : "", i);
     }
     batch += "]";
+    for (std::size_t i = 0; i < files; ++i) {
+        std::ofstream(volume.files().eventData() / fmt::format("event_{:017}", 20260101000000000 + i)) << batch;
+    }
+}
+
+void runSpool(Results& results, const LoopbackServer& server, std::size_t largest) {
     for (std::size_t files = 1; files <= largest; files *= 10) {
         const BenchVolume volume({.port = server.port()});
-        for (std::size_t i = 0; i < files; ++i) {
-            std::ofstream(volume.files().eventData() / fmt::format("event_{:017}", 20260101000000000 + i)) << batch;
-        }
+        addSpoolFiles(volume, files);
         results.add(fmt::format("spool/{}", files), deliver(server, volume, files * 5));
+    }
+}
+
+double processorSeconds(const RunningAgent& agent) {
+    clockid_t clock{};
+    timespec time{};
+    if (::clock_getcpuclockid(agent.process(), &clock) != 0 || ::clock_gettime(clock, &time) != 0) {
+        throw std::runtime_error("the agent's processor time cannot be read");
+    }
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+// An agent whose server refuses deliveries, over rounds of announcements, without waiting files and with that many.
+void runOutage(Results& results, const LoopbackServer& refusing, std::size_t largest, std::chrono::seconds time) {
+    for (const std::size_t files : {std::size_t{0}, largest}) {
+        const BenchVolume volume({.port = refusing.port()});
+        addSpoolFiles(volume, files);
+        RunningAgent agent(testing::build::kAgent, volume.files());
+        // The start is over, and the first deliveries have failed.
+        std::this_thread::sleep_for(time < 30s ? 2s : 5s);
+        const auto before = processorSeconds(agent);
+        std::this_thread::sleep_for(time);
+        const auto after = processorSeconds(agent);
+        results.add(fmt::format("outage/{}", files), {{"real_time", time.count()},
+                                                      {"cpu_time", after - before},
+                                                      {"peak_kib", numberIn(procOf(agent) / "status", "VmHWM")}});
+        agent.stop();
     }
 }
 
@@ -263,6 +302,7 @@ int run(const std::vector<std::string>& arguments) {
     const bool full = size == "full";
     const bool smoke = size == "smoke";
     const LoopbackServer server(LoopbackServer::Kind::audit);
+    const LoopbackServer refusing(LoopbackServer::Kind::refusing);
     Results results;
     const std::map<std::string, std::function<void()>> parts = {
         {"idle", [&] { runIdle(results, server,
@@ -277,6 +317,10 @@ int run(const std::vector<std::string>& arguments) {
                                  smoke  ? 10
                                  : full ? 100'000
                                         : 10'000); }},
+        {"outage", [&] { runOutage(results, refusing, smoke ? 100 : 100'000,
+                                   full    ? 60s
+                                   : smoke ? 1s
+                                           : 30s); }},
         {"log",
          [&] {
              runLogLevels(results, server, smoke ? 20'000 : 1'000'000);
@@ -296,7 +340,7 @@ int run(const std::vector<std::string>& arguments) {
 int main(int argc, char** argv) {
     const std::vector<std::string> arguments(argv, argv + argc);
     if (arguments.size() < 4) {
-        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE idle|records|spool|log...\n", arguments[0]);
+        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE idle|records|spool|outage|log...\n", arguments[0]);
         return 64;
     }
     try {

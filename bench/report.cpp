@@ -163,7 +163,9 @@ class Table {
         spool();
         deliver();
         whole();
+        ids();
         memory();
+        outage();
         idle();
         log();
     }
@@ -246,6 +248,21 @@ class Table {
                          "2 s; ten times the trail, at most ten times the time", measured, verdict(met)});
     }
 
+    void ids() {
+        const auto unknown = results_.largest("unknown ids");
+        const auto known = unknown ? results_.at("records", sizeOf(*unknown)) : std::nullopt;
+        if (!known) {
+            return;
+        }
+        const auto ratio = unknown->wall / known->wall;
+        rows_.push_back({fmt::format("the same with {} records, half of the selected ones with unknown ids",
+                                     count(sizeOf(*unknown))),
+                         fmt::format("with known ids: {} (cpu {})", seconds(known->wall), seconds(known->cpu)),
+                         "at most 1.1x",
+                         fmt::format("{} (cpu {}): {:.2f}x", seconds(unknown->wall), seconds(unknown->cpu), ratio),
+                         verdict(ratio <= 1.1)});
+    }
+
     void memory() {
         const auto one = results_.at("records", 1e6);
         const auto ten = results_.at("records", 1e7);
@@ -257,6 +274,22 @@ class Table {
         rows_.push_back({"peak memory (VmHWM) in that run", fmt::format("10^6 records: {:.1f} MiB", small),
                          "equal within 10 %, at most 32 MiB", fmt::format("10^7 records: {:.1f} MiB", large),
                          verdict(large <= 32 && std::abs(large - small) <= 0.1 * small)});
+    }
+
+    void outage() {
+        const auto none = results_.at("outage", 0);
+        const auto many = results_.largest("outage");
+        if (!none || !many || sizeOf(*many) == 0) {
+            return;
+        }
+        const auto small = counter(*none, "peak_kib") / 1024;
+        const auto large = counter(*many, "peak_kib") / 1024;
+        rows_.push_back(
+            {fmt::format("{} files waiting while the server is away, over {:.0f} s", count(sizeOf(*many)), many->wall),
+             fmt::format("no file: peak memory {:.1f} MiB, cpu {}", small, seconds(none->cpu)),
+             "at most 32 MiB more; no processor time beyond noise",
+             fmt::format("{:.1f} MiB: {:.1f} MiB more; cpu {}", large, large - small, seconds(many->cpu)),
+             verdict(large - small <= 32 && many->cpu - none->cpu <= 0.05)});
     }
 
     void idle() {

@@ -6,10 +6,13 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,7 +30,9 @@ constexpr const char* kUsage =
     "  --port N              listen on this port of the loopback; 0, the default, takes any that is free\n"
     "  --https               speak TLS, with a certificate made at the start\n"
     "  --client-certificate  ask clients for a certificate\n"
-    "  --answer FILE         answer a configuration sync with this file, read anew each time; default {}\n"
+    "  --answer FILE         answer a configuration sync with this file, read anew each time; default {}. Given "
+    "several\n"
+    "                        times, the files are the answers one after another, and the last one stays\n"
     "  --table               show a line of a table for each event (the default)\n"
     "  --json                show each event as JSON, one a line\n"
     "  --quiet               show no events\n"
@@ -38,6 +43,7 @@ enum class Display { table, json, quiet };
 
 struct Options {
     AuditServer::Configuration server;
+    std::vector<std::string> answerFiles;
     Display display = Display::table;
 };
 
@@ -55,7 +61,7 @@ std::optional<Options> optionsFrom(const std::vector<std::string_view>& argument
                 return std::nullopt;
             }
         } else if (argument == "--answer" && hasValue) {
-            options.server.answerFile = arguments[++i];
+            options.answerFiles.emplace_back(arguments[++i]);
         } else if (argument == "--https") {
             options.server.https = true;
         } else if (argument == "--client-certificate") {
@@ -91,6 +97,13 @@ int serve(Options options) {
         options.server.onEvent = [display = options.display](const std::string& event) {
             print(display == Display::table ? sentrova::testing::eventTableLine(event)
                                             : sentrova::testing::withoutControls(event));
+        };
+    }
+    if (!options.answerFiles.empty()) {
+        options.server.onSync = [&options, answered = std::size_t{0}]() mutable {
+            const auto& path = options.answerFiles[std::min(answered++, options.answerFiles.size() - 1)];
+            std::ifstream file(path, std::ios::binary);
+            return file ? std::optional(std::string(std::istreambuf_iterator<char>(file), {})) : std::nullopt;
         };
     }
     const AuditServer server(options.server);

@@ -231,7 +231,7 @@ void make(const Options& options) {
     const WorkingDay day(start, options.seed);
     day.putOn(volume);
     configure(volume, options);
-    const bool consoleGiven = volume.setConsoleOwner(501, 20);
+    const bool consoleGiven = ::chown(volume.console().c_str(), 501, 20) == 0;
 
     fmt::print("A Mac with macOS 14.6.1 in {}\n", volume.volume().string());
     std::size_t records = 0;

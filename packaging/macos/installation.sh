@@ -45,6 +45,8 @@ locate_on() {
     previous=$home/previous
     program=$bin/sentrova-agent
     job=$volume/Library/LaunchDaemons/$label.plist
+    # What the agent could not write to its log; launchd makes the file, the job names it as well.
+    errors=$volume/var/log/$label.log
 }
 
 require_root() {

@@ -2,14 +2,14 @@
 
 #include "foundation/FileSystem.h"
 #include "platform/AuditPipeDevice.h"
+#include "platform/ChildDescriptors.h"
 #include "platform/SystemPath.h"
 #include "platform/WaitForInput.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <utility>
 
 namespace sentrova {
 
@@ -52,15 +52,13 @@ std::unique_ptr<AuditSource> AuditSource::open(const std::string& path) {
     source->file_ = *std::move(file);
     if (isPipe) {
         configure(source->file_);
-        std::array<int, 2> ends{};
-        if (::pipe(ends.data()) != 0) {
+        auto wake = platform::makePipe();
+        if (!wake) {
             const auto reason = posixError(errno).description;
             throw AuditSourceError("FileNotOpen", reason, reason);
         }
-        source->wakeReading_ = FileDescriptor(ends[0]);
-        source->wakeWriting_ = FileDescriptor(ends[1]);
-        ::fcntl(ends[0], F_SETFD, FD_CLOEXEC);
-        ::fcntl(ends[1], F_SETFD, FD_CLOEXEC);
+        source->wakeReading_ = std::move(wake->reading);
+        source->wakeWriting_ = std::move(wake->writing);
     }
     return source;
 }

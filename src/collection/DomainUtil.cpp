@@ -73,36 +73,55 @@ class UserDetailsCache {
     std::unordered_map<std::string, DomainUtil::UserDetails> details_ GUARDED_BY(mutex_);
 };
 
-// Remembers for a short while which name an id has. Ids without a name are looked up each time.
+// Remembers which name an id has, or for a second that it has none.
 class NameCache {
   public:
     template <class LookUp>
     std::optional<std::string> find(std::uint32_t id, LookUp lookUp) EXCLUDES(mutex_) {
+        if (id == kUnsetId) {
+            return std::nullopt;
+        }
         const auto now = Clock::shared().monotonicTime();
         {
             MutexLock lock(mutex_);
-            if (now >= emptiedAt_ + kRemembered) {
+            if (now >= emptiedAt_ + kNameRemembered) {
                 names_.clear();
                 emptiedAt_ = now;
             }
             if (const auto found = names_.find(id); found != names_.end()) {
                 return found->second;
             }
+            if (const auto found = nameless_.find(id); found != nameless_.end() && now < found->second) {
+                return std::nullopt;
+            }
         }
         auto name = lookUp(id);
+        MutexLock lock(mutex_);
         if (name) {
-            MutexLock lock(mutex_);
             names_.insert_or_assign(id, *name);
+        } else {
+            // The ids come out of records, which may hold any number of them.
+            if (nameless_.size() >= kMostNameless) {
+                nameless_.clear();
+            }
+            nameless_.insert_or_assign(id, now + kNamelessRemembered);
         }
         return name;
     }
 
   private:
-    static constexpr std::chrono::minutes kRemembered{1};
+    // What a record holds in the place of an id that was never set.
+    static constexpr std::uint32_t kUnsetId = 0xFFFFFFFF;
+    static constexpr std::chrono::minutes kNameRemembered{1};
+    static constexpr std::chrono::seconds kNamelessRemembered{1};
+    static constexpr std::size_t kMostNameless = 4096;
 
     Mutex mutex_;
+    // Bounded by the directory.
     std::unordered_map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
     Clock::Monotonic emptiedAt_ GUARDED_BY(mutex_);
+    // Each with the time until which it is remembered.
+    std::unordered_map<std::uint32_t, Clock::Monotonic> nameless_ GUARDED_BY(mutex_);
 };
 
 ProcessWide<DomainData> theDomainData;

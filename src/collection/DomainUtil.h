@@ -1,7 +1,8 @@
 // Names for the numbers in audit records, and the machine's place in its domain.
 //
-// What was found is remembered for the life of the process (names of ids for a minute), what was not found is asked for
-// again. Safe from any thread.
+// The domain and what the directory knows of a user are remembered for the life of the process, names of ids for a
+// minute. A user whom the directory does not know is asked for each time; an id without a name is remembered as such
+// for a second. Safe from any thread.
 
 #pragma once
 
@@ -39,7 +40,8 @@ class DomainUtil {
     // Asks the directory and remembers what it knows of the user.
     static void setUserDetails(const std::string& user);
 
-    // The account's name, or the number, signed, where there is no account.
+    // The account's name, or the number, signed, where there is no account. The unset id, 4294967295, has none and is
+    // never looked up.
     static std::string getUserNameFromID(std::uint32_t id);
     static std::string getGroupNameFromID(std::uint32_t id);
 

@@ -1,5 +1,6 @@
 #include "collection/EventCollectionSchedule.h"
 
+#include "collection/CollectionRefusal.h"
 #include "collection/EventCollector.h"
 #include "collection/EventSelection.h"
 #include "collection/ReaderSlot.h"
@@ -22,9 +23,10 @@ constexpr LogSource kLog("EventCollectionSchedule");
 constexpr const char* kTrailFolder = "/var/audit";
 
 const TaskRegistry::Registration kTask("EventCollectionSchedule", "start",
-                                       [] { std::make_shared<EventCollectionSchedule>()->start(); });
+                                       [] { std::make_shared<EventCollectionSchedule>()->run(); });
 
 ProcessWide<ReaderSlot> theSlot;
+ProcessWide<CollectionRefusal> theRefusal;
 
 }  // namespace
 
@@ -39,8 +41,12 @@ bool EventCollectionSchedule::canStart() {
     const auto& configuration = GlobalVariables::getInstance();
     const bool disabled = !configuration.isEnabled();
     const bool full = configuration.maxEventDataSizeReached();
-    if (!isCancelled() && !disabled && !full && !running) {
-        return true;
+    const auto reason = CollectionRefusal::reason();
+    if (!isCancelled() && !running) {
+        theRefusal.get().note(kLog, "Batch collection", reason);
+        if (!reason) {
+            return true;
+        }
     }
     finishRefused();
     kLog.info(__func__, "{:d} {:d} {:d} {:d}", isCancelled(), disabled, full, running);
@@ -54,6 +60,11 @@ void EventCollectionSchedule::start() {
         return;
     }
     started();
+    // The task's pass and a queued one do not see each other in canStart.
+    const ReaderSlot::Turn turn(theSlot.get());
+    if (isCancelled()) {
+        return;
+    }
     const auto files = FileUtils::listOfFilesInPath(kTrailFolder);
     const auto eventsToRead = EventSelection::split(GlobalVariables::getInstance().eventsToRead());
     for (const auto& name : files.value_or(std::vector<std::string>())) {
@@ -61,7 +72,7 @@ void EventCollectionSchedule::start() {
         const auto reader = std::make_shared<EventCollector>(path, eventsToRead);
         theSlot.get().set(reader);
         if (!reader->isCancelled()) {
-            reader->start();
+            reader->run();
             kLog.debug(__func__, "{} file read", path);
         }
     }

@@ -2,7 +2,8 @@
 //
 // It runs queued on the main queue under the name "EventCollectionSchedule", and as the work of the scheduled task
 // "EventCollection", whose `start` is called directly. It does not start while the queued one reads, while the agent is
-// disabled, or while the spool has reached its size limit.
+// disabled, while the spool has reached its size limit, or while the spool's folder cannot be used. Of two passes that
+// were let in, the second one waits for the end of the first.
 
 #pragma once
 

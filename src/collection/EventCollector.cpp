@@ -11,13 +11,16 @@
 #include "core/Utilities.h"
 #include "forwarding/EventQueueGCD.h"
 #include "foundation/Clock.h"
+#include "foundation/DispatchQueue.h"
 #include "foundation/FileSystem.h"
 #include "foundation/NotificationCenter.h"
 #include "foundation/ProcessWide.h"
 #include "foundation/Text.h"
 #include "platform/SystemPath.h"
 
+#include <algorithm>
 #include <atomic>
+#include <limits>
 
 #include <fmt/format.h>
 
@@ -30,24 +33,49 @@ constexpr LogSource kProgress = kLog.in(LogCategory::Event);
 
 constexpr std::string_view kCurrentTrail = "/var/audit/current";
 
-// The time of the newest record, and the observer that stores it.
+// The time of the newest record, which only moves forward, and the observer that stores it.
 class LastRead {
   public:
     LastRead()
-        : time_(static_cast<std::uint64_t>(GlobalVariables::getInstance().timeStampOfLastEvent().integerValue())),
+        : time_(static_cast<std::uint64_t>(
+              std::max<std::int64_t>(GlobalVariables::getInstance().timeStampOfLastEvent().integerValue(), 0))),
           observer_(NotificationCenter::defaultCenter().addObserver(
               EventQueueGCD::kTimeUpdateNotification, [](const Notification&) { EventCollector::storeTime(); })) {}
 
     std::uint64_t time() const { return time_.load(std::memory_order_relaxed); }
-    void setTime(std::uint64_t time) { time_.store(time, std::memory_order_relaxed); }
-    void moveOnBySecond() { time_.fetch_add(1, std::memory_order_relaxed); }
+    // Whether a record of that time is not older than the newest one. In the same step the time moves forward to it; if
+    // it may not move, a newer record is refused.
+    bool admit(std::uint64_t time, bool mayMove) {
+        auto last = time_.load(std::memory_order_relaxed);
+        while (last < time && mayMove) {
+            if (time_.compare_exchange_weak(last, time, std::memory_order_relaxed)) {
+                return true;
+            }
+        }
+        return last == time;
+    }
+    // The last second of all has no next one.
+    void moveOnBySecond() {
+        auto last = time();
+        while (last != std::numeric_limits<std::uint64_t>::max() &&
+               !time_.compare_exchange_weak(last, last + 1, std::memory_order_relaxed)) {
+        }
+    }
 
-    // Stores the time in the configuration when it is newer than what is stored there.
-    void store() EXCLUDES(mutex_) {
+    // Stores the time in the configuration when it is newer than what is stored there. Throws nothing: a configuration
+    // that cannot be loaded just now does not keep the time from its file.
+    void store() noexcept EXCLUDES(mutex_) {
+        runGuarded("updateTime", [this] { storeIfNewer(); });
+    }
+
+  private:
+    void storeIfNewer() EXCLUDES(mutex_) {
+        const auto newest = static_cast<std::int64_t>(time());
+        // A stored time must not be ahead of the history: records before it are not read again.
+        currentLoginUtility::flush();
         const auto path =
             fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
         const MutexLock lock(mutex_);
-        const auto newest = static_cast<std::int64_t>(time());
         if (newest <= storedLocked(path)) {
             kLog.debug("updateTime", "Timestamps are less than or same");
             return;
@@ -56,7 +84,6 @@ class LastRead {
         GlobalVariables::getInstance().initialiseMyConfigurations();
     }
 
-  private:
     // The stored time. A file that has not changed since is not parsed again.
     std::int64_t storedLocked(const std::string& path) REQUIRES(mutex_) {
         const auto status = FileSystem::shared().status(path);
@@ -147,6 +174,8 @@ std::shared_ptr<AuditSource> EventCollector::initAuditFile(const std::string& pa
         kLog.error(__func__, "{} {}", error.name(), error.what());
         if (path == AuditSource::kPipe) {
             AuditCheck::logFailedOpening(error.systemReason());
+        } else {
+            kLog.error(__func__, "{}", error.systemReason());
         }
     } catch (const std::exception& exception) {
         kLog.error(__func__, "{} {}", path, exception.what());
@@ -167,16 +196,9 @@ std::uint64_t EventCollector::LastTimeStamp() {
 }
 
 bool EventCollector::shouldProcessRecord(std::uint16_t eventType, std::uint64_t withTimeStamp) const {
-    auto& lastRead = theLastRead.get();
-    const auto last = lastRead.time();
-    if (last > withTimeStamp) {
-        return false;
-    }
-    if (last != withTimeStamp) {
-        // Also for a type that is not collected.
-        lastRead.setTime(withTimeStamp);
-    }
-    return eventsToRead_.contains(eventType);
+    // The time moves on for a type that is not collected, too. What a cancelled reader may not move the time on for is
+    // left to the next reader.
+    return theLastRead.get().admit(withTimeStamp, !isCancelled()) && eventsToRead_.contains(eventType);
 }
 
 void EventCollector::start() {
@@ -202,7 +224,6 @@ void EventCollector::readEvents() {
         if (const auto source = auditFile()) {
             readRecords(*source);
         }
-        currentLoginUtility::flush();
         updateTime();
         kProgress.info(
             __func__, "Events read upto {}",
@@ -221,10 +242,13 @@ void EventCollector::readRecords(AuditSource& source) {
             if (length < 0) {
                 break;
             }
-            if (length > 0) {
-                ++counts_.records;
-                readRecord(reader.record());
+            if (length == 0) {
+                kLog.error("readEvents", "A record of {} bytes at byte {} of {} is skipped: at most {} bytes are read",
+                           reader.skippedLength(), reader.position(), path_, bsm::RecordReader::kMaximumRecordLength);
+                continue;
             }
+            ++counts_.records;
+            readRecord(reader.record());
         }
     } catch (const std::exception& exception) {
         kLog.error(__func__, "{}", exception.what());
@@ -234,11 +258,12 @@ void EventCollector::readRecords(AuditSource& source) {
 
 void EventCollector::readRecord(std::span<const std::uint8_t> record) {
     bsm::TokenReader tokens(record);
-    // Of the event that is being read. The event itself is made once it is known to be wanted: few are.
+    // Of the event that is being read. The event itself is made once it is known to be wanted: few are. Wanted is
+    // judged once: an admitted record is not given up when another reader moves the time on meanwhile.
     std::optional<bsm::HeaderToken> header;
     std::optional<Event> event;
     while (tokens.left() > 0 && tokens.au_fetch_tok() == 0) {
-        if (header && !shouldProcessRecord(header->eventType, header->seconds)) {
+        if (header && !event && !shouldProcessRecord(header->eventType, header->seconds)) {
             return;
         }
         const auto& token = tokens.token();
@@ -275,7 +300,6 @@ void EventCollector::handleToken(const bsm::Token& token, Event& event) {
 void EventCollector::deliver(Event& event) {
     if (auto dictionary = event.parsedEvent()) {
         EventQueueGCD::enqueue(*std::move(dictionary));
-        theLastRead.get().setTime(event.timeStampInMs);
         ++counts_.events;
     } else {
         if (LogSource::isWritten(LogLevel::Info)) {

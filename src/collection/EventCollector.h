@@ -33,7 +33,8 @@ class EventCollector final : public ConcurrentOperationAbstract {
     // From any thread: a reader that waits for the device ends at once, any other at its next record.
     void cancel() override;
 
-    // Whether a record of the type and time (whole seconds since 1970) is to be collected; moves the time on.
+    // Whether a record of the type and time (whole seconds since 1970) is to be collected. Moves the time on, unless
+    // the collector was cancelled.
     bool shouldProcessRecord(std::uint16_t eventType, std::uint64_t withTimeStamp) const;
     // Whether a trail file may hold records that have not been read: it was not modified before the last one.
     static bool shouldReadFile(const std::string& path);
@@ -42,8 +43,11 @@ class EventCollector final : public ConcurrentOperationAbstract {
     void updateTime();
     static void storeTime();
 
-    // Whole seconds since 1970 of the newest record that was read.
+    // Whole seconds since 1970 of the newest record that was read; never goes back.
     static std::uint64_t LastTimeStamp();
+
+  protected:
+    void finishFailed() override { complete(); }
 
   private:
     struct Counts {

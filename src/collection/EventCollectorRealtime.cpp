@@ -1,6 +1,7 @@
 #include "collection/EventCollectorRealtime.h"
 
 #include "collection/AuditSource.h"
+#include "collection/CollectionRefusal.h"
 #include "collection/EventSelection.h"
 #include "collection/ReaderSlot.h"
 #include "core/GlobalVariables.h"
@@ -11,7 +12,9 @@ namespace sentrova {
 
 namespace {
 constexpr LogSource kLog("EventCollectorRealtime");
+constexpr const char* kCollection = "Realtime collection";
 ProcessWide<ReaderSlot> theSlot;
+ProcessWide<CollectionRefusal> theRefusal;
 }  // namespace
 
 EventCollectorRealtime::EventCollectorRealtime() : ConcurrentOperationAbstract("EventCollectorRealtime") {
@@ -24,9 +27,13 @@ bool EventCollectorRealtime::canStart() {
     const bool notRealTime = !configuration.isRealTime();
     const bool disabled = !configuration.isEnabled();
     const bool full = configuration.maxEventDataSizeReached();
-    const bool reading = theSlot.get().isExecuting();
-    if (!isCancelled() && !notRealTime && !disabled && !full && !reading) {
-        return true;
+    const bool reading = theSlot.get().isBusy();
+    const auto reason = CollectionRefusal::reason();
+    if (!isCancelled() && !notRealTime && !reading) {
+        theRefusal.get().note(kLog, kCollection, reason);
+        if (!reason) {
+            return true;
+        }
     }
     finishRefused();
     kLog.info(__func__, "{:d} {:d} {:d} {:d} {:d}", isCancelled(), notRealTime, disabled, full, reading);
@@ -35,33 +42,42 @@ bool EventCollectorRealtime::canStart() {
 
 void EventCollectorRealtime::start() {
     kLog.debug(__func__, "EventCollectorRealtime start called");
-    if (!canStart()) {
+    const auto reader = makeReader();
+    if (!reader) {
         kLog.error(__func__, "EventCollectorRealtime didn't run because conditions didnot match");
         return;
-    }
-    started();
-    {
-        auto observation = GlobalVariables::getInstance().observe(
-            GlobalVariables::kMaxEventDataSizeReached, [weak = weak_from_this()](const KeyValueChange& change) {
-                if (const auto self = weak.lock()) {
-                    self->observeValueForKeyPath(change);
-                }
-            });
-        MutexLock lock(mutex_);
-        observation_ = std::move(observation);
-    }
-    const auto reader = std::make_shared<EventCollector>(
-        AuditSource::kPipe, EventSelection::split(GlobalVariables::getInstance().eventsToRead()));
-    theSlot.get().set(reader);
-    {
-        MutexLock lock(mutex_);
-        reader_ = reader;
     }
     // A cancel that came before the reader was in its place found nothing to end.
     if (isCancelled()) {
         reader->cancel();
+        MutexLock lock(mutex_);
+        observation_.reset();
     }
-    reader->start();
+    if (!reader->run()) {
+        completeOperation();
+    }
+}
+
+std::shared_ptr<EventCollector> EventCollectorRealtime::makeReader() {
+    // Two operations may be queued at once: the second one decides when the first one's reader is in its place.
+    const ReaderSlot::Turn turn(theSlot.get());
+    if (!canStart()) {
+        return nullptr;
+    }
+    started();
+    auto observation = GlobalVariables::getInstance().observe(GlobalVariables::kMaxEventDataSizeReached,
+                                                              [weak = weak_from_this()](const KeyValueChange& change) {
+                                                                  if (const auto self = weak.lock()) {
+                                                                      self->observeValueForKeyPath(change);
+                                                                  }
+                                                              });
+    auto reader = std::make_shared<EventCollector>(
+        AuditSource::kPipe, EventSelection::split(GlobalVariables::getInstance().eventsToRead()));
+    theSlot.get().set(reader);
+    MutexLock lock(mutex_);
+    observation_ = std::move(observation);
+    reader_ = reader;
+    return reader;
 }
 
 void EventCollectorRealtime::cancel() {
@@ -91,10 +107,11 @@ void EventCollectorRealtime::observeValueForKeyPath(const KeyValueChange& change
         return;
     }
     if (change.newValue.integerValue() == 1) {
+        theRefusal.get().note(kLog, kCollection, CollectionRefusal::reason());
         cancel();
     } else {
         clearCancelled();
-        start();
+        run();
     }
 }
 

@@ -1,8 +1,8 @@
 // The operation that reads audit records as the system makes them, from the live audit device.
 //
-// It starts only while realtime collection and the agent are enabled and the spool is below its size limit, and stops
-// for good when that limit is reached: to read on, a new operation is queued. It occupies its thread while it reads,
-// and stays executing until it is cancelled, also when there is nothing to read.
+// It starts only while realtime collection and the agent are enabled and the spool is below its size limit and in a
+// folder that can be used, and stops for good when that limit is reached: to read on, a new operation is queued. It
+// occupies its thread while it reads, and stays executing until it is cancelled, also when there is nothing to read.
 
 #pragma once
 
@@ -30,6 +30,9 @@ class EventCollectorRealtime final : public ConcurrentOperationAbstract,
     void observeValueForKeyPath(const KeyValueChange& change);
 
   private:
+    // The reader of the device, in its place. Null, and the operation is finished, when it may not start.
+    std::shared_ptr<EventCollector> makeReader() EXCLUDES(mutex_);
+
     Mutex mutex_{LockRank::owner};
     Subscription observation_ GUARDED_BY(mutex_);
     // The reader of the latest start.

@@ -41,6 +41,15 @@ EventSelection::EventSelection(const std::optional<std::vector<std::string>>& na
     }
 }
 
+std::span<const std::string_view> EventSelection::knownNames() {
+    static constexpr auto kNames = [] {
+        std::array<std::string_view, kKnownEvents.size()> names;
+        std::ranges::transform(kKnownEvents, names.begin(), &NamedEvent::name);
+        return names;
+    }();
+    return kNames;
+}
+
 std::optional<std::vector<std::string>> EventSelection::split(const std::optional<std::string>& eventsToRead) {
     if (!eventsToRead) {
         return std::nullopt;

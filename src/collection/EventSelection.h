@@ -5,7 +5,9 @@
 #include <bitset>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace sentrova {
@@ -14,6 +16,9 @@ class EventSelection {
   public:
     // Every event when there are no names. A name that is not known selects nothing.
     explicit EventSelection(const std::optional<std::vector<std::string>>& names);
+
+    // The names that select something.
+    static std::span<const std::string_view> knownNames();
 
     // The names in the configured list, which are separated by commas and taken as they stand; an absent list has none.
     static std::optional<std::vector<std::string>> split(const std::optional<std::string>& eventsToRead);

@@ -12,6 +12,19 @@ namespace sentrova {
 // Safe from any thread.
 class ReaderSlot {
   public:
+    // Held by one operation at a time; the others wait for it. Two readers at once would deliver records twice, and
+    // each would move the time of the newest record past records that the other has not read.
+    class Turn {
+      public:
+        explicit Turn(ReaderSlot& slot) : slot_(slot) { slot_.beginTurn(); }
+        ~Turn() { slot_.endTurn(); }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+      private:
+        ReaderSlot& slot_;
+    };
+
     void set(const std::shared_ptr<EventCollector>& reader) EXCLUDES(mutex_) {
         auto earlier = reader;
         MutexLock lock(mutex_);
@@ -20,9 +33,10 @@ class ReaderSlot {
         lock.unlock();
     }
 
-    bool isExecuting() EXCLUDES(mutex_) {
+    // Whether the reader reads, or is about to begin.
+    bool isBusy() EXCLUDES(mutex_) {
         const auto reader = get();
-        return reader && reader->isExecuting();
+        return reader && !reader->isFinished() && !reader->isCancelled();
     }
 
     void cancelExecuting() EXCLUDES(mutex_) {
@@ -38,7 +52,23 @@ class ReaderSlot {
         return reader_;
     }
 
+    void beginTurn() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        while (turnTaken_) {
+            turnEnded_.wait(lock);
+        }
+        turnTaken_ = true;
+    }
+
+    void endTurn() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        turnTaken_ = false;
+        turnEnded_.notifyOne();
+    }
+
     Mutex mutex_;
+    Condition turnEnded_;
+    bool turnTaken_ GUARDED_BY(mutex_) = false;
     std::shared_ptr<EventCollector> reader_ GUARDED_BY(mutex_);
 };
 

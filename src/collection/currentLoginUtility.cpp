@@ -72,25 +72,10 @@ class LoginHistory {
     void add(const Dictionary& entry, double time) EXCLUDES(mutex_) {
         const auto key = Value(time).integerValue();
         const auto oldest = GlobalVariables::getInstance().timeStampOfLastEvent().integerValue();
-        if (LogSource::isWritten(LogLevel::Info)) {
-            kLog.info("addToLoginHistory", "adding to loginhistory {} {} {}",
-                      Utilities::getCurrentTimeInFormat("E, d MMM yyyy HH:mm:ss Z"), key, Value(entry));
-        }
-        bool writeNow = false;
-        {
-            MutexLock lock(mutex_);
-            history_.insert_or_assign(key, entry);
-            pruneLocked(oldest);
-            ++unwritten_;
-            const auto now = Clock::shared().monotonicTime();
-            writeNow = !writeTimed_ && (!lastWrite_ || now - *lastWrite_ >= writesApart_);
-            if (!writeNow && !writeTimed_) {
-                writeTimed_ = true;
-                writer_.after(writesApart_, [this] { flush(); });
-            }
-        }
-        if (writeNow) {
-            flush();
+        if (isWriteDue()) {
+            addAndWrite(key, entry, oldest);
+        } else {
+            addForLaterWrite(key, entry, oldest);
         }
     }
 
@@ -113,7 +98,6 @@ class LoginHistory {
         const MutexLock writing(writeMutex_);
         KeyedArchive::Content content;
         std::size_t additions = 0;
-        const auto begin = Clock::shared().monotonicTime();
         {
             MutexLock lock(mutex_);
             writeTimed_ = false;
@@ -121,20 +105,13 @@ class LoginHistory {
                 return;
             }
             additions = std::exchange(unwritten_, 0);
-            lastWrite_ = begin;
             content = history_;
             content.insert(pruned_.begin(), pruned_.end());
         }
         const bool written = write(content);
-        {
-            MutexLock lock(mutex_);
-            writesApart_ = std::clamp<Clock::Duration>(kTimesOfAWrite * (Clock::shared().monotonicTime() - begin),
-                                                       kWritesApart, kMostApart);
-        }
         for (; additions > 0; --additions) {
-            kLog.debug("addToLoginHistory", "{:d}", written);
-            // The pruned history's own property-list form, which never comes about: number keys fit into none.
-            kLog.info("addToLoginHistory", "{:d}", false);
+            logWritten(written);
+            logPrunedWrite();
         }
     }
 
@@ -156,7 +133,64 @@ class LoginHistory {
         history_ = *std::move(content);
     }
 
-    static bool write(const KeyedArchive::Content& content) {
+    bool isWriteDue() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return !writeTimed_ && (!lastWrite_ || Clock::shared().monotonicTime() - *lastWrite_ >= writesApart_);
+    }
+
+    void addAndWrite(std::int64_t key, const Dictionary& entry, std::int64_t oldest) EXCLUDES(mutex_, writeMutex_) {
+        const MutexLock writing(writeMutex_);
+        KeyedArchive::Content content;
+        {
+            MutexLock lock(mutex_);
+            history_.insert_or_assign(key, entry);
+            content = history_;
+        }
+        logWritten(write(content));
+        logAddition(key, entry);
+        {
+            MutexLock lock(mutex_);
+            pruneLocked(oldest);
+        }
+        logPrunedWrite();
+    }
+
+    // The lock is held over the lines too, so that those of the write follow them.
+    void addForLaterWrite(std::int64_t key, const Dictionary& entry, std::int64_t oldest) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        history_.insert_or_assign(key, entry);
+        logAddition(key, entry);
+        pruneLocked(oldest);
+        ++unwritten_;
+        if (!writeTimed_) {
+            writeTimed_ = true;
+            writer_.after(writesApart_, [this] { flush(); });
+        }
+    }
+
+    static void logAddition(std::int64_t key, const Dictionary& entry) {
+        if (LogSource::isWritten(LogLevel::Info)) {
+            kLog.info("addToLoginHistory", "adding to loginhistory {} {} {}",
+                      Utilities::getCurrentTimeInFormat("E, d MMM yyyy HH:mm:ss Z"), key, Value(entry));
+        }
+    }
+    static void logWritten(bool written) { kLog.debug("addToLoginHistory", "{:d}", written); }
+    // The pruned history's own property-list form never comes about: number keys fit into none.
+    static void logPrunedWrite() { kLog.info("addToLoginHistory", "{:d}", false); }
+
+    bool write(const KeyedArchive::Content& content) REQUIRES(writeMutex_) EXCLUDES(mutex_) {
+        const auto begin = Clock::shared().monotonicTime();
+        MutexLock lock(mutex_);
+        lastWrite_ = begin;
+        lock.unlock();
+        const bool written = writeFile(content);
+        lock.lock();
+        writesApart_ = std::clamp<Clock::Duration>(kTimesOfAWrite * (Clock::shared().monotonicTime() - begin),
+                                                   kWritesApart, kMostApart);
+        return written;
+    }
+
+    static bool writeFile(const KeyedArchive::Content& content) {
         const auto bytes = KeyedArchive::archive(content);
         if (!bytes) {
             kLog.error("addToLoginHistory", "{}", bytes.error().description);

@@ -3,7 +3,10 @@
 #include "collection/AuditCheck.h"
 #include "collection/EventCollectionSchedule.h"
 #include "collection/EventCollectorRealtime.h"
+#include "collection/EventSelection.h"
 #include "collection/currentLoginUtility.h"
+#include "core/AgentLock.h"
+#include "core/ConfigurationCheck.h"
 #include "core/GlobalConstants.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
@@ -23,8 +26,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -38,14 +43,15 @@ constexpr std::string_view kBanner =
     "**************************************************************************************";
 static_assert(kBanner.size() == 86);
 
-class MainQueue {
+// The main queue, and whether the service is to stop. Safe from any thread.
+class Service {
   public:
-    std::shared_ptr<OperationsHandler> get() EXCLUDES(mutex_) {
+    std::shared_ptr<OperationsHandler> mainQueue() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return queue_;
     }
 
-    std::shared_ptr<OperationsHandler> renew() EXCLUDES(mutex_) {
+    std::shared_ptr<OperationsHandler> renewMainQueue() EXCLUDES(mutex_) {
         auto queue = std::make_shared<OperationsHandler>(-1);
         MutexLock lock(mutex_);
         // The earlier one goes after the lock, with the copy that is returned.
@@ -54,6 +60,31 @@ class MainQueue {
         lock.unlock();
         return renewed;
     }
+
+    // After a stop nothing is added. The second look is for a stop that came in between and may have cancelled the
+    // queue's operations just before this one was among them.
+    void add(const std::shared_ptr<ConcurrentOperationAbstract>& operation) {
+        const auto queue = mainQueue();
+        if (!queue || stopAsked_) {
+            return;
+        }
+        queue->addToOperationQueue(operation);
+        if (stopAsked_) {
+            queue->suspend();
+        }
+    }
+
+    // For the life of the process: whatever is added later does not run.
+    void stop() {
+        stopAsked_ = true;
+        if (const auto queue = mainQueue()) {
+            queue->suspend();
+        }
+    }
+    bool stopAsked() const { return stopAsked_; }
+
+    // On the main thread, once.
+    void lockInstallation() { lock_.emplace(); }
 
     // Ends the operations and their threads.
     void quiesce() EXCLUDES(mutex_) {
@@ -69,6 +100,8 @@ class MainQueue {
     }
 
   private:
+    std::optional<AgentLock> lock_;
+    std::atomic<bool> stopAsked_ = false;
     Mutex mutex_;
     std::shared_ptr<OperationsHandler> queue_ GUARDED_BY(mutex_);
 };
@@ -79,26 +112,38 @@ struct Wakes {
         [] { NotificationCenter::defaultCenter().post({Logger::kDidWakeNotification, nullptr, {}}); });
 };
 
-ProcessWide<MainQueue> theMainQueue;
+ProcessWide<Service> theService;
+ProcessWide<ConfigurationReport> theReport;
 ProcessWide<Wakes> theWakes;
 
 // Says which of the agent's folders are not what the agent takes them for.
 void checkFolder(const std::string& folder) {
-    const auto status = FileSystem::shared().linkStatus(folder);
+    auto& fileSystem = FileSystem::shared();
+    if (const auto links = fileSystem.checkLinks(folder); !links) {
+        const auto problem = fmt::format("The folder {} is not used, and nothing in it is read or written: {}", folder,
+                                         links.error().description);
+        kLog.error(__func__, "{}", problem);
+        // The log may be what is behind the link.
+        fmt::print(stderr, "{}\n", problem);
+        return;
+    }
+    const auto status = fileSystem.status(folder);
     if (!status) {
         if (status.error().code != ENOENT) {
             kLog.error(__func__, "{}", status.error().description);
         }
-        return;
-    }
-    if (status->isSymbolicLink) {
-        const auto problem = fmt::format("The folder {} is a symbolic link; nothing in it is read or written", folder);
-        kLog.error(__func__, "{}", problem);
-        // The log may be what is behind the link.
-        fmt::print(stderr, "{}\n", problem);
     } else if (status->owner != ::geteuid() || (status->permissions & (S_IWGRP | S_IWOTH)) != 0) {
         kLog.error(__func__, "The folder {} can be changed by others than its owner, and so can what the agent does",
                    folder);
+    }
+}
+
+void makeMissingFolder(const std::string& folder) {
+    const auto made = FileSystem::shared().createFolder(folder);
+    if (made) {
+        kLog.info(__func__, "The folder {} was missing and has been made", folder);
+    } else if (made.error().code != EEXIST) {
+        kLog.error(__func__, "{}", made.error().description);
     }
 }
 
@@ -106,7 +151,7 @@ void checkFolder(const std::string& folder) {
 void removeUnfinishedFiles(const std::string& folder) {
     const auto names = FileSystem::shared().ownNames(folder);
     if (!names) {
-        // A link has been named before.
+        // A link that is not followed has been named before.
         if (names.error().code != ENOENT && names.error().code != ELOOP) {
             kLog.error(__func__, "{}", names.error().description);
         }
@@ -136,27 +181,44 @@ bool AgentServiceHandler::initializeService() {
                    GlobalConstants::MINOR_VERSION);
         return false;
     }
+    // Before anything of the installation is touched.
+    theService.get().lockInstallation();
+    // Before the configuration is loaded, which writes a file that is missing.
+    checkConfiguration();
     const auto& configuration = GlobalVariables::getInstance();
+    const auto archive = configuration.logsPath() + "/archive";
+    makeMissingFolder(configuration.logsPath());
+    makeMissingFolder(archive);
     checkFolder(configuration.binPath());
-    checkFolder(configuration.logsPath() + "/archive");
-    for (const auto& folder : {configuration.confPath(), configuration.logsPath(), configuration.eventDataPath()}) {
+    for (const auto& folder :
+         {configuration.confPath(), configuration.logsPath(), archive, configuration.eventDataPath()}) {
         checkFolder(folder);
         removeUnfinishedFiles(folder);
     }
     // Before the sync, which may take for ever: whoever installs the agent looks at the log before that.
     AuditCheck::logState();
-    ServerCommunicator().syncFromServer();
+    ServerCommunicator().syncAndApply();
     EventQueueGCD::init();
     currentLoginUtility::init();
     kLog.debug(__func__, "AgentServiceHandler init Finished");
     return true;
 }
 
+void AgentServiceHandler::checkConfiguration() {
+    theReport.get().report(sentrova::checkConfiguration(ConfigurationFiles::in(std::string(GlobalConstants::CONF_PATH)),
+                                                        EventSelection::knownNames()));
+}
+
 void AgentServiceHandler::start() {
     kLog.info(__func__, "{}", kBanner);
     kLog.info(__func__, "Going to Start Vantorix Sentrova Agent.");
     kLog.info(__func__, "{}", kBanner);
-    const auto mainQueue = theMainQueue.get().renew();
+    auto& service = theService.get();
+    const auto mainQueue = service.renewMainQueue();
+    if (service.stopAsked()) {
+        kLog.info(__func__, "The agent was stopped before its start; nothing is started");
+        return;
+    }
     if (!theWakes.get().source) {
         kLog.error(__func__, "This system does not tell when it wakes; old logs are archived at the next start only");
     }
@@ -164,39 +226,43 @@ void AgentServiceHandler::start() {
     Logger().validateLogSize();
     Logger().rotateLog();
 
-    mainQueue->addToOperationQueue(named(ScheduleHandler::init(), "ScheduleHandler"));
-    mainQueue->addToOperationQueue(named(EventForwarder::init(), "EventForwarder"));
+    service.add(named(ScheduleHandler::init(), "ScheduleHandler"));
+    service.add(named(EventForwarder::init(), "EventForwarder"));
     kLog.debug(__func__, "Calling first schedule");
     const auto batch = named(std::make_shared<EventCollectionSchedule>(), EventCollectionSchedule::kOperationName);
-    mainQueue->addToOperationQueue(batch);
+    service.add(batch);
     // What the files hold comes before what the live device brings.
     const auto realtime = named(std::make_shared<EventCollectorRealtime>(), EventCollectorRealtime::kOperationName);
     mainQueue->addDependency(realtime, batch);
-    mainQueue->addToOperationQueue(realtime);
+    service.add(realtime);
     mainQueue->waitToFinish();
 }
 
 void AgentServiceHandler::stop() {
     kLog.info(__func__, "AgentServiceHandler stop called");
-    if (const auto mainQueue = theMainQueue.get().get()) {
-        mainQueue->suspend();
+    theService.get().stop();
+}
+
+void AgentServiceHandler::end() {
+    if (const auto events = EventQueueGCD::lengthAtEnd(); events > 0) {
+        kLog.error(__func__, "{} events in memory were not delivered and are given up by this stop", events);
     }
+    // An addition of the last moment may still wait for its write.
+    currentLoginUtility::flush();
 }
 
 void AgentServiceHandler::addOperationToMainQueue(const std::shared_ptr<ConcurrentOperationAbstract>& operation) {
-    if (const auto mainQueue = theMainQueue.get().get()) {
-        mainQueue->addToOperationQueue(operation);
-    }
+    theService.get().add(operation);
 }
 
 void AgentServiceHandler::cancelOperationsOnMainQueue(std::string_view name) {
-    if (const auto mainQueue = theMainQueue.get().get()) {
+    if (const auto mainQueue = theService.get().mainQueue()) {
         mainQueue->cancelOperationWithName(name);
     }
 }
 
 bool AgentServiceHandler::getOperationStatusOnMainQueue(std::string_view name) {
-    const auto mainQueue = theMainQueue.get().get();
+    const auto mainQueue = theService.get().mainQueue();
     return mainQueue && mainQueue->getTaskStatus(name);
 }
 

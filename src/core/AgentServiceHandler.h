@@ -14,18 +14,30 @@ class AgentServiceHandler {
   public:
     AgentServiceHandler() = delete;
 
-    // Checks the system's version and the user, loads the configuration, synchronises it with the server (which takes
-    // until the server has answered), and sets up the spool and the login history. False, with nothing made, on a
-    // system that is not supported or as any user but root.
+    // Checks the system's version and the user, takes the installation's lock, loads the configuration, synchronises
+    // it with the server (which takes until the server has answered and the answer has been applied), and sets up the
+    // spool and the login history. False, with nothing made, on a system that is not supported or as any user but root.
+    // Throws AlreadyRunningError while another agent is at work in the installation.
     static bool initializeService();
 
-    // Adds the agent's operations to a new main queue and returns when all of them have finished.
+    // Adds the agent's operations to a new main queue and returns when all of them have finished; at once when a stop
+    // has been asked for.
     static void start();
 
-    // Cancels all operations, without waiting for them. From any thread.
+    // Logs what is wrong in the configuration files, as far as the last call did not. For the start and for each change
+    // of the configuration. From any thread.
+    static void checkConfiguration();
+
+    // Cancels all operations, without waiting for them, and keeps others from being added for the life of the process.
+    // From any thread, also before or during start.
     static void stop();
 
-    // The main queue. Before start there is none: additions are dropped, cancels and queries find nothing.
+    // What is left to do before the process ends, after stop or start: names the events that are given up, and writes
+    // the login history.
+    static void end();
+
+    // The main queue. Before start there is none: additions are dropped, cancels and queries find nothing. After a stop
+    // additions are dropped too.
     static void addOperationToMainQueue(const std::shared_ptr<ConcurrentOperationAbstract>& operation);
     static void cancelOperationsOnMainQueue(std::string_view name);
     // Whether the first operation of the name is executing.

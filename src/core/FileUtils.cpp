@@ -83,7 +83,7 @@ bool FileUtils::createFile(const std::string& path) {
 }
 
 bool FileUtils::createFolder(const std::string& path) {
-    if (const auto own = fileSystem().checkNoLink(path); !own) {
+    if (const auto own = fileSystem().checkLinks(path); !own) {
         kLog.error(__func__, "{}", own.error().description);
         return false;
     }
@@ -141,9 +141,9 @@ bool FileUtils::deleteFile(const std::string& path) {
 
 bool FileUtils::zipFile(const std::string& path) {
     const auto zip = withoutExtension(path) + ".zip";
-    // The command itself follows links, to read and to write.
+    // The command itself follows every link, to read and to write.
     for (const auto& each : {path, zip}) {
-        if (const auto own = fileSystem().checkNoLink(each); !own) {
+        if (const auto own = fileSystem().checkLinks(each); !own) {
             kLog.error(__func__, "{} is not zipped: {}", path, own.error().description);
             return false;
         }
@@ -181,8 +181,8 @@ std::optional<std::vector<std::string>> FileUtils::listOfFilesInPath(const std::
     return sorted;
 }
 
-std::optional<std::vector<FileUrl>> FileUtils::listOfFileURLSInPath(const std::string& folder) {
-    const auto names = fileSystem().ownNames(folder);
+std::optional<std::vector<std::string>> FileUtils::listOfFileNamesInPath(const std::string& folder) {
+    auto names = fileSystem().ownNames(folder);
     if (!names) {
         kLog.error(__func__, "FileUtils listOfFileURLSInPath path doesnot exists");
         if (names.error().code != ENOENT) {
@@ -190,18 +190,24 @@ std::optional<std::vector<FileUrl>> FileUtils::listOfFileURLSInPath(const std::s
         }
         return std::nullopt;
     }
-    std::vector<FileUrl> urls;
-    for (const auto& name : *names) {
-        if (!name.starts_with('.')) {
-            urls.emplace_back(folder + "/" + name);
-        }
+    std::erase_if(*names, [](const auto& name) { return name.starts_with('.'); });
+    return *std::move(names);
+}
+
+std::optional<std::vector<FileUrl>> FileUtils::listOfFileURLSInPath(const std::string& folder) {
+    const auto names = listOfFileNamesInPath(folder);
+    if (!names) {
+        return std::nullopt;
     }
+    std::vector<FileUrl> urls;
+    std::ranges::transform(*names, std::back_inserter(urls),
+                           [&folder](const auto& name) { return FileUrl(folder + "/" + name); });
     return urls;
 }
 
 std::int64_t FileUtils::getFoldersize(const std::string& folder) {
-    const auto status = fileSystem().linkStatus(folder);
-    return status && status->isFolder ? sizeBelow(folder, 0) : 0;
+    // The folder's own place may be a link that is followed; links below it are not.
+    return fileSystem().checkOwnFolder(folder) ? sizeBelow(folder, 0) : 0;
 }
 
 std::optional<Dictionary> FileUtils::getFileAttributes(const std::string& path) {

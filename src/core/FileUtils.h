@@ -47,6 +47,8 @@ class FileUtils {
     static std::optional<std::vector<std::string>> listOfFilesInPath(const std::string& folder);
     // What is in a folder, without hidden entries, in no particular order; nothing when it cannot be listed.
     static std::optional<std::vector<FileUrl>> listOfFileURLSInPath(const std::string& folder);
+    // The same as names alone, a third of the memory.
+    static std::optional<std::vector<std::string>> listOfFileNamesInPath(const std::string& folder);
     // The space in bytes that the files in and below a folder take up on the disk; 0 for anything but a folder.
     static std::int64_t getFoldersize(const std::string& folder);
 

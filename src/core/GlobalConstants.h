@@ -31,6 +31,7 @@ class GlobalConstants {
     static constexpr std::string_view AGENT_GUID = "AgentGuid";
     static constexpr std::string_view DOMAIN_ID = "DomainID";
     static constexpr std::string_view DOMAIN_NAME = "DomainName";
+    static constexpr std::string_view AGENT_NAME = "AgentName";
     static constexpr std::string_view AGENT_AUTHENTICATION_ID = "AgentAuthID";
     static constexpr std::string_view ORG_ACCESS_KEY = "OrgAccessKey";
     static constexpr std::string_view AGENT_UID = "AgentUID";
@@ -42,6 +43,10 @@ class GlobalConstants {
     static constexpr std::string_view MINOR_VERSION = "minorVersion";
     static constexpr std::string_view PATCH_VERSION = "patchVersion";
     static constexpr std::string_view COMMUNICATION_TYPE = "CommunicationType";
+
+    // The task list's key, and the key of an entry's name.
+    static constexpr std::string_view SCHEDULE_TASKS = "ScheduleTasks";
+    static constexpr std::string_view TASK_NAME = "TaskName";
 
     // Relative to the working directory, which is the program folder.
     static constexpr std::string_view BIN_PATH = "../bin";
@@ -55,6 +60,7 @@ class GlobalConstants {
     static constexpr std::string_view SCHEDULES_FILE = "schedules.plist";
     static constexpr std::string_view LOG_FILE_TABLE = "logfile.plist";
     static constexpr std::string_view CURRENT_LOGINS_FILE = "currentLogins";
+    static constexpr std::string_view AGENT_LOCK_FILE = "agent.lock";
 
     // A server name that stands for "none", beside the empty one.
     static constexpr std::string_view NO_NAT_SERVER = "-";

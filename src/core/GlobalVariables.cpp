@@ -5,9 +5,7 @@
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
 #include "core/PropertyListHandler.h"
-#include "forwarding/SecurityUtil.h"
 #include "foundation/ProcessWide.h"
-#include "foundation/Text.h"
 #include "platform/OperatingSystem.h"
 
 #include <filesystem>
@@ -20,30 +18,12 @@ namespace {
 
 constexpr LogSource kLog("GlobalVariables");
 
-// The identity is stored behind this many characters.
-constexpr std::size_t kIdentityPrefix = 32;
-
-// Texts of the configuration: a number in a text's place reads as its decimal text.
-GlobalVariables::Text textIn(const Dictionary& dictionary, std::string_view key) {
-    const auto& value = dictionary[key];
-    return value.string() || value.isNumber() ? GlobalVariables::Text(value.description()) : std::nullopt;
+std::string inFolder(const std::string& folder, std::string_view file) {
+    return fmt::format("{}/{}", folder, file);
 }
 
-// The text from the given UTF-16 index on; nothing when the text is shorter.
-std::optional<std::string> fromIndex(const std::string& text, std::size_t index) {
-    std::size_t units = 0;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        if ((byte & 0xC0U) == 0x80) {
-            continue;
-        }
-        if (units >= index) {
-            return text.substr(at);
-        }
-        // Characters of four bytes take two units.
-        units += byte >= 0xF0 ? 2 : 1;
-    }
-    return units >= index ? std::optional(std::string()) : std::nullopt;
+Dictionary contentOf(const PropertyListHandler& list) {
+    return list.dictionary() ? *list.dictionary() : Dictionary();
 }
 
 }  // namespace
@@ -65,122 +45,121 @@ GlobalVariables::GlobalVariables() {
     initialiseAgentPaths();
     initialiseServerInfo();
     initialiseMyConfigurations();
+    isRunning_ = true;
 }
 
 void GlobalVariables::initPrivate() {
     kLog.debug(__func__, "GlobalVariables Initialised");
-    maxEventDataSizeReached_.set(false);
+    set(&Configuration::maxEventDataSizeReached, false);
 }
 
 void GlobalVariables::initialiseAgentPaths() {
     kLog.debug(__func__, "Globalvariables initialiseAgentPaths called");
     std::error_code error;
-    const auto installation = std::filesystem::current_path(error).string();
-    setAgentInstallationPath(installation);
-    setEventDataPath(installation + "/../eventData");
-    setBinPath(installation + "/../bin");
-    setConfPath(installation + "/../conf");
-    setLogsPath(installation + "/../logs");
-    kLog.debug(__func__, "Bin {}\tconf={}\tlogs={}", binPath(), confPath(), logsPath());
+    const auto folders = Folders::around(std::filesystem::current_path(error).string());
+    replace([&](Configuration& next) { static_cast<Folders&>(next) = folders; });
+    kLog.debug(__func__, "Bin {}\tconf={}\tlogs={}", folders.binPath, folders.confPath, folders.logsPath);
 }
 
 void GlobalVariables::initialiseServerInfo() {
     kLog.debug(__func__, "Globalvariables initialiseServerInfo called");
-    const auto path = fmt::format("{}/{}", confPath(), GlobalConstants::SERVER_INFO_FILE);
-    auto serverInfo = PropertyListHandler::initWithFile(path);
+    auto serverInfo = PropertyListHandler::initWithFile(inFolder(confPath(), GlobalConstants::SERVER_INFO_FILE));
 
-    const auto domain = serverInfo.GetValueForKey(GlobalConstants::DOMAIN_NAME);
+    // The directory may take seconds to answer, so it is asked before the files are held.
+    auto domain = serverInfo.GetValueForKey(GlobalConstants::DOMAIN_NAME);
     if (!domain.isNull() && domain != Value("")) {
         DomainUtil::setDomainName(domain.description());
     } else {
         const auto asked = DomainUtil::getDomainName();
-        serverInfo.SetValueForKey(GlobalConstants::DOMAIN_NAME, asked ? Value(*asked) : Value());
+        domain = asked ? Value(*asked) : Value();
     }
     setHostName(DomainUtil::getHostName());
-    serverInfo.SetValueForKey("AgentName", hostName().value_or(platform::localizedHostName()));
-    // Takes effect only on a file that was not there: what was loaded cannot be changed and is written back as it was.
-    serverInfo.WriteToProplist();
-
-    loadServerKeys(serverInfo.dictionary() ? *serverInfo.dictionary() : Dictionary());
+    PropertyListHandler::exclusively([&] { loadServerInfo(std::move(serverInfo), domain); });
 }
 
-void GlobalVariables::loadServerKeys(const Dictionary& serverInfo) {
-    setOrgAccessKey(textIn(serverInfo, GlobalConstants::ORG_ACCESS_KEY));
-    setAgentUID(textIn(serverInfo, GlobalConstants::AGENT_UID));
-    setServerIP(textIn(serverInfo, GlobalConstants::SERVERIP));
-    setServerFQDN(textIn(serverInfo, GlobalConstants::SERVERFQDN));
-    setServerName(textIn(serverInfo, GlobalConstants::SERVERNAME));
-    setServerPort(serverInfo[GlobalConstants::SERVER_PORT].integerValue());
-    setServerProtocol(textIn(serverInfo, GlobalConstants::PROTOCOL));
-    setAgentPort(serverInfo[GlobalConstants::AGENT_PORT].integerValue());
-    setIsRealTime(serverInfo[GlobalConstants::REALTIME].boolValue());
-    setEventsToRead(textIn(serverInfo, GlobalConstants::EVENTS_TO_READ));
-    setIsEnabled(serverInfo[GlobalConstants::IS_ENABLED].boolValue());
-    setNoOfEventsPerRequest(serverInfo[GlobalConstants::NUMBER_OF_EVENTS].integerValue());
-    setEventDataSize(serverInfo[GlobalConstants::MAX_DATA_SIZE].integerValue());
-    setAgentProtocol(textIn(serverInfo, GlobalConstants::AGENT_PROTOCOL));
-    setNATServerName(textIn(serverInfo, GlobalConstants::NAT_SERVER));
-    setNATPort(serverInfo[GlobalConstants::NAT_PORT].intValue());
-    setNATProtocol(textIn(serverInfo, GlobalConstants::NAT_PROTOCOL));
-
-    if (const auto& recent = serverInfo[GlobalConstants::RECENT_EVENT_TIME_MILLIS]; !recent.isNull()) {
-        setTimeStampOfLastEvent(recent);
-        // Takes effect only on a file that was not there: what was loaded is written back as it was. The same file by
-        // two paths: the working directory is the program folder.
-        auto mine = PropertyListHandler::initWithFile(
-            fmt::format("{}/{}", confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE));
-        mine.SetValueForKey(GlobalConstants::TIMESTAMP_LE, recent);
-        mine.WriteToProplist(fmt::format("{}/{}", GlobalConstants::CONF_PATH, GlobalConstants::MY_CONFIGURATIONS_FILE));
+void GlobalVariables::loadServerInfo(PropertyListHandler serverInfo, const Value& domain) {
+    const auto path = inFolder(confPath(), GlobalConstants::SERVER_INFO_FILE);
+    if (isRunning_ && serverInfo.isLoaded()) {
+        // An answer of the server may have been stored since the file was read.
+        serverInfo = PropertyListHandler::initWithFile(path);
     }
+    if (serverInfo.isUnread()) {
+        kLog.error(__func__, "The settings of {} stay as they are in memory", path);
+        return;
+    }
+    // Takes effect only on a file that was not there: loaded content cannot be changed, and is written back as it was.
+    serverInfo.SetValueForKey(GlobalConstants::DOMAIN_NAME, domain);
+    serverInfo.SetValueForKey(GlobalConstants::AGENT_NAME, hostName().value_or(platform::localizedHostName()));
+    serverInfo.WriteToProplist();
+
+    const auto content = contentOf(serverInfo);
+    const auto settings = ServerSettings::from(content);
+    const auto& recent = content[GlobalConstants::RECENT_EVENT_TIME_MILLIS];
+    replace([&](Configuration& next) {
+        static_cast<ServerSettings&>(next) = settings;
+        if (!recent.isNull()) {
+            next.timeStampOfLastEvent = recent;
+        }
+    });
+    if (!recent.isNull()) {
+        storeRecentEventTime(recent);
+    }
+}
+
+void GlobalVariables::storeRecentEventTime(const Value& recent) {
+    // Takes effect only on a file that was not there. The same file by two paths: the working directory is the program
+    // folder.
+    auto mine = PropertyListHandler::initWithFile(inFolder(confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE));
+    mine.SetValueForKey(GlobalConstants::TIMESTAMP_LE, recent);
+    mine.WriteToProplist(inFolder(std::string(GlobalConstants::CONF_PATH), GlobalConstants::MY_CONFIGURATIONS_FILE));
 }
 
 void GlobalVariables::initialiseMyConfigurations() {
     kLog.debug(__func__, "Globalvariables initialiseMyConfigurations called");
-    const auto mine =
-        PropertyListHandler::initWithFile(fmt::format("{}/{}", confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE));
-    setTimeStampOfLastEvent(mine.GetValueForKey(GlobalConstants::TIMESTAMP_LE));
-    setLogLevel(mine.GetValueForKey(GlobalConstants::LOG_LEVEL).intValue());
-    const auto version = mine.GetValueForKey(GlobalConstants::AGENT_VERSION);
-    setAgentVersion(version.isNull() ? Text() : Text(version.description()));
-    loadIdentity(mine.GetValueForKey(GlobalConstants::AGENT_AUTHENTICATION_ID));
-
-    const auto relay = NATServerName();
-    if (relay != "" && relay != GlobalConstants::NO_NAT_SERVER) {
-        setType(0);
-        return;
-    }
-    const auto type = mine.GetValueForKey(GlobalConstants::COMMUNICATION_TYPE).integerValue();
-    setType(static_cast<std::uint64_t>(type));
+    PropertyListHandler::exclusively([this] { loadMyConfigurations(); });
 }
 
-void GlobalVariables::loadIdentity(const Value& stored) {
-    if (stored.isNull()) {
+void GlobalVariables::loadMyConfigurations() {
+    const auto path = inFolder(confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
+    const auto list = PropertyListHandler::initWithFile(path);
+    if (list.isUnread()) {
+        kLog.error(__func__, "The settings of {} stay as they are in memory", path);
         return;
     }
-    const auto text = stored.description();
-    const auto cipher = fromIndex(text, kIdentityPrefix);
-    if (!cipher) {
-        auto message =
-            fmt::format("The key \"{}\" of {}/{} holds fewer than {} characters, so no identity can be in it",
-                        GlobalConstants::AGENT_AUTHENTICATION_ID, confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE,
-                        kIdentityPrefix);
-        kLog.error(__func__, "{}", message);
-        throw ConfigurationError(message);
+    const auto mine = contentOf(list);
+    const auto present = snapshot();
+    auto settings = AgentSettings::from(mine);
+    settings.agentUUID = present->agentUUID;
+    try {
+        settings.agentUUID = AgentSettings::identityIn(mine, present->agentUID, path);
+        identityRefused_ = false;
+    } catch (const ConfigurationError& error) {
+        if (!isRunning_) {
+            kLog.error(__func__, "{}", error.what());
+            throw;
+        }
+        if (!identityRefused_.exchange(true)) {
+            kLog.error(__func__, "{}; the identity in memory stays", error.what());
+        }
     }
-    const auto vector = text.substr(0, text.size() - cipher->size());
-    const auto plain =
-        SecurityUtil::decrypt(cipher, agentUID().value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)), vector);
-    setAgentUUID(plain ? *plain : std::nullopt);
+    const auto type = mine[GlobalConstants::COMMUNICATION_TYPE].integerValue();
+    replace([&](Configuration& next) {
+        static_cast<AgentSettings&>(next) = settings;
+        next.timeStampOfLastEvent = mine[GlobalConstants::TIMESTAMP_LE];
+        next.type = next.relay() == Relay::none ? static_cast<ConnectionType>(type) : ConnectionType::relay;
+    });
 }
 
-bool GlobalVariables::hasNATServer() const {
-    const auto relay = NATServerName();
-    return relay && !relay->empty() && *relay != GlobalConstants::NO_NAT_SERVER;
+void GlobalVariables::setType(std::uint64_t value) {
+    // Every choice of an address sets it, nearly always to what it is.
+    if (type() != value) {
+        set(&Configuration::type, static_cast<ConnectionType>(value));
+    }
 }
 
 void GlobalVariables::setMaxEventDataSizeReached(bool value) {
     willChangeValueForKey(kMaxEventDataSizeReached);
-    maxEventDataSizeReached_.set(value);
+    set(&Configuration::maxEventDataSizeReached, value);
     didChangeValueForKey(kMaxEventDataSizeReached);
 }
 

@@ -1,15 +1,20 @@
-// The agent's configuration: what `Serverinfo.plist` and `myconfigurations.plist` say, held in memory for all parts.
+// Holds the present Configuration for all parts of the agent.
 //
-// There is one, made by the first getInstance, which loads both files. A key that is missing leaves a text absent and a
-// number or flag 0. Setters only store: who changes a value also writes it into its file. Safe from any thread.
+// There is one, made by the first getInstance, which loads both files. A reload or a setter replaces the configuration
+// by a new value; nobody sees half of a reload. A reader of several values takes one snapshot. Setters only store: the
+// caller also writes the value into its file. Safe from any thread.
 
 #pragma once
 
-#include "core/Property.h"
+#include "core/Configuration.h"
+#include "core/PropertyListHandler.h"
 #include "foundation/KeyValueObserving.h"
+#include "foundation/Mutex.h"
 #include "foundation/Value.h"
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -25,87 +30,94 @@ class GlobalVariables final : public KeyValueObserving {
     // Throws ConfigurationError when the stored identity cannot be one; nothing is made then.
     static GlobalVariables& getInstance();
 
-    // Work out the folders from the working directory, and load the two files. Callable again to reload.
+    // The present configuration; later changes do not reach it.
+    std::shared_ptr<const Configuration> snapshot() const EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return configuration_;
+    }
+
+    // Work out the folders from the working directory, and load the two files. Callable again to reload. A missing or
+    // damaged file empties its settings; one that the host cannot read at the moment leaves them as they are. A reload
+    // leaves the identity as it is when the stored one cannot be one. No other change of a property list of this
+    // process comes between a loader's reading of a file and the end of its reload.
     void initialiseAgentPaths();
     void initialiseServerInfo();
     void initialiseMyConfigurations();
 
     // Realtime collection is on; the agent collects at all; the spool has reached its size limit; a relay is in use.
-    bool isRealTime() const { return isRealTime_.get(); }
-    void setIsRealTime(bool value) { isRealTime_.set(value); }
-    bool isEnabled() const { return isEnabled_.get(); }
-    void setIsEnabled(bool value) { isEnabled_.set(value); }
-    bool maxEventDataSizeReached() const { return maxEventDataSizeReached_.get(); }
+    bool isRealTime() const { return get(&Configuration::isRealTime); }
+    void setIsRealTime(bool value) { set(&Configuration::isRealTime, value); }
+    bool isEnabled() const { return get(&Configuration::isEnabled); }
+    void setIsEnabled(bool value) { set(&Configuration::isEnabled, value); }
+    bool maxEventDataSizeReached() const { return get(&Configuration::maxEventDataSizeReached); }
     void setMaxEventDataSizeReached(bool value);
-    bool isNATConfigured() const { return isNATConfigured_.get(); }
-    void setIsNATConfigured(bool value) { isNATConfigured_.set(value); }
+    bool isNATConfigured() const { return get(&Configuration::isNATConfigured); }
+    void setIsNATConfigured(bool value) { set(&Configuration::isNATConfigured, value); }
 
     // The server's connections.
-    std::int64_t serverPort() const { return serverPort_.get(); }
-    void setServerPort(std::int64_t value) { serverPort_.set(value); }
-    Text serverProtocol() const { return serverProtocol_.get(); }
-    void setServerProtocol(Text value) { serverProtocol_.set(std::move(value)); }
-    std::int64_t agentPort() const { return agentPort_.get(); }
-    void setAgentPort(std::int64_t value) { agentPort_.set(value); }
-    Text agentProtocol() const { return agentProtocol_.get(); }
-    void setAgentProtocol(Text value) { agentProtocol_.set(std::move(value)); }
-    std::int64_t NATPort() const { return NATPort_.get(); }
-    void setNATPort(std::int64_t value) { NATPort_.set(value); }
-    Text NATProtocol() const { return NATProtocol_.get(); }
-    void setNATProtocol(Text value) { NATProtocol_.set(std::move(value)); }
-    // "" or "-" mean that there is none.
-    Text NATServerName() const { return NATServerName_.get(); }
-    void setNATServerName(Text value) { NATServerName_.set(std::move(value)); }
-    // Present, and the name of a server.
-    bool hasNATServer() const;
-    Text serverFQDN() const { return serverFQDN_.get(); }
-    void setServerFQDN(Text value) { serverFQDN_.set(std::move(value)); }
-    Text serverIP() const { return serverIP_.get(); }
-    void setServerIP(Text value) { serverIP_.set(std::move(value)); }
-    Text serverName() const { return serverName_.get(); }
-    void setServerName(Text value) { serverName_.set(std::move(value)); }
+    std::int64_t serverPort() const { return get(&Configuration::serverPort); }
+    void setServerPort(std::int64_t value) { set(&Configuration::serverPort, value); }
+    Text serverProtocol() const { return get(&Configuration::serverProtocol); }
+    void setServerProtocol(Text value) { set(&Configuration::serverProtocol, std::move(value)); }
+    std::int64_t agentPort() const { return get(&Configuration::agentPort); }
+    void setAgentPort(std::int64_t value) { set(&Configuration::agentPort, value); }
+    Text agentProtocol() const { return get(&Configuration::agentProtocol); }
+    void setAgentProtocol(Text value) { set(&Configuration::agentProtocol, std::move(value)); }
+    std::int64_t NATPort() const { return get(&Configuration::NATPort); }
+    void setNATPort(std::int64_t value) { set(&Configuration::NATPort, value); }
+    Text NATProtocol() const { return get(&Configuration::NATProtocol); }
+    void setNATProtocol(Text value) { set(&Configuration::NATProtocol, std::move(value)); }
+    // See Relay.
+    Text NATServerName() const { return get(&Configuration::NATServerName); }
+    void setNATServerName(Text value) { set(&Configuration::NATServerName, std::move(value)); }
+    Text serverFQDN() const { return get(&Configuration::serverFQDN); }
+    void setServerFQDN(Text value) { set(&Configuration::serverFQDN, std::move(value)); }
+    Text serverIP() const { return get(&Configuration::serverIP); }
+    void setServerIP(Text value) { set(&Configuration::serverIP, std::move(value)); }
+    Text serverName() const { return get(&Configuration::serverName); }
+    void setServerName(Text value) { set(&Configuration::serverName, std::move(value)); }
     // The connection in use: 0 the relay, 1 the agent connector, 2 the product connector.
-    std::uint64_t type() const { return type_.get(); }
-    void setType(std::uint64_t value) { type_.set(value); }
+    std::uint64_t type() const { return static_cast<std::uint64_t>(get(&Configuration::type)); }
+    void setType(std::uint64_t value);
 
     // Whole seconds since 1970 of the last collected event, as stored (a number or its decimal text).
-    Value timeStampOfLastEvent() const { return timeStampOfLastEvent_.get(); }
-    void setTimeStampOfLastEvent(Value value) { timeStampOfLastEvent_.set(std::move(value)); }
+    Value timeStampOfLastEvent() const { return get(&Configuration::timeStampOfLastEvent); }
+    void setTimeStampOfLastEvent(Value value) { set(&Configuration::timeStampOfLastEvent, std::move(value)); }
     // The names of the events to collect, separated by commas.
-    Text eventsToRead() const { return eventsToRead_.get(); }
-    void setEventsToRead(Text value) { eventsToRead_.set(std::move(value)); }
-    std::int64_t noOfEventsPerRequest() const { return noOfEventsPerRequest_.get(); }
-    void setNoOfEventsPerRequest(std::int64_t value) { noOfEventsPerRequest_.set(value); }
+    Text eventsToRead() const { return get(&Configuration::eventsToRead); }
+    void setEventsToRead(Text value) { set(&Configuration::eventsToRead, std::move(value)); }
+    std::int64_t noOfEventsPerRequest() const { return get(&Configuration::noOfEventsPerRequest); }
+    void setNoOfEventsPerRequest(std::int64_t value) { set(&Configuration::noOfEventsPerRequest, value); }
     // The spool's size limit in gigabytes.
-    std::int64_t eventDataSize() const { return eventDataSize_.get(); }
-    void setEventDataSize(std::int64_t value) { eventDataSize_.set(value); }
+    std::int64_t eventDataSize() const { return get(&Configuration::eventDataSize); }
+    void setEventDataSize(std::int64_t value) { set(&Configuration::eventDataSize, value); }
 
     // The agent itself.
-    Text hostName() const { return hostName_.get(); }
-    void setHostName(Text value) { hostName_.set(std::move(value)); }
-    std::int64_t logLevel() const { return logLevel_.get(); }
-    void setLogLevel(std::int64_t value) { logLevel_.set(value); }
-    Text agentVersion() const { return agentVersion_.get(); }
-    void setAgentVersion(Text value) { agentVersion_.set(std::move(value)); }
+    Text hostName() const { return get(&Configuration::hostName); }
+    void setHostName(Text value) { set(&Configuration::hostName, std::move(value)); }
+    std::int64_t logLevel() const { return get(&Configuration::logLevel); }
+    void setLogLevel(std::int64_t value) { set(&Configuration::logLevel, value); }
+    Text agentVersion() const { return get(&Configuration::agentVersion); }
+    void setAgentVersion(Text value) { set(&Configuration::agentVersion, std::move(value)); }
     // The identity that the server gave, in plain text.
-    Text agentUUID() const { return agentUUID_.get(); }
-    void setAgentUUID(Text value) { agentUUID_.set(std::move(value)); }
-    Text agentUID() const { return agentUID_.get(); }
-    void setAgentUID(Text value) { agentUID_.set(std::move(value)); }
-    Text orgAccessKey() const { return orgAccessKey_.get(); }
-    void setOrgAccessKey(Text value) { orgAccessKey_.set(std::move(value)); }
+    Text agentUUID() const { return get(&Configuration::agentUUID); }
+    void setAgentUUID(Text value) { set(&Configuration::agentUUID, std::move(value)); }
+    Text agentUID() const { return get(&Configuration::agentUID); }
+    void setAgentUID(Text value) { set(&Configuration::agentUID, std::move(value)); }
+    Text orgAccessKey() const { return get(&Configuration::orgAccessKey); }
+    void setOrgAccessKey(Text value) { set(&Configuration::orgAccessKey, std::move(value)); }
 
     // Folders; not normalised, they keep their "..".
-    std::string agentInstallationPath() const { return agentInstallationPath_.get(); }
-    void setAgentInstallationPath(std::string value) { agentInstallationPath_.set(std::move(value)); }
-    std::string eventDataPath() const { return eventDataPath_.get(); }
-    void setEventDataPath(std::string value) { eventDataPath_.set(std::move(value)); }
-    std::string logsPath() const { return logsPath_.get(); }
-    void setLogsPath(std::string value) { logsPath_.set(std::move(value)); }
-    std::string confPath() const { return confPath_.get(); }
-    void setConfPath(std::string value) { confPath_.set(std::move(value)); }
-    std::string binPath() const { return binPath_.get(); }
-    void setBinPath(std::string value) { binPath_.set(std::move(value)); }
+    std::string agentInstallationPath() const { return get(&Configuration::agentInstallationPath); }
+    void setAgentInstallationPath(std::string value) { set(&Configuration::agentInstallationPath, std::move(value)); }
+    std::string eventDataPath() const { return get(&Configuration::eventDataPath); }
+    void setEventDataPath(std::string value) { set(&Configuration::eventDataPath, std::move(value)); }
+    std::string logsPath() const { return get(&Configuration::logsPath); }
+    void setLogsPath(std::string value) { set(&Configuration::logsPath, std::move(value)); }
+    std::string confPath() const { return get(&Configuration::confPath); }
+    void setConfPath(std::string value) { set(&Configuration::confPath, std::move(value)); }
+    std::string binPath() const { return get(&Configuration::binPath); }
+    void setBinPath(std::string value) { set(&Configuration::binPath, std::move(value)); }
 
   protected:
     Value valueForKey(std::string_view key) const override;
@@ -115,39 +127,37 @@ class GlobalVariables final : public KeyValueObserving {
     friend struct SharedVariables;
 
     void initPrivate();
-    void loadServerKeys(const Dictionary& serverInfo);
-    void loadIdentity(const Value& stored);
+    // Called with the other changes of property lists held off.
+    void loadServerInfo(PropertyListHandler serverInfo, const Value& domain);
+    void loadMyConfigurations();
+    void storeRecentEventTime(const Value& recent);
 
-    Property<bool> isRealTime_;
-    Property<bool> isEnabled_;
-    Property<bool> maxEventDataSizeReached_;
-    Property<bool> isNATConfigured_;
-    Property<std::int64_t> serverPort_;
-    Property<Text> serverProtocol_;
-    Property<std::int64_t> agentPort_;
-    Property<Text> agentProtocol_;
-    Property<std::int64_t> NATPort_;
-    Property<Text> NATProtocol_;
-    Property<Text> NATServerName_;
-    Property<Text> serverFQDN_;
-    Property<Text> serverIP_;
-    Property<Text> serverName_;
-    Property<std::uint64_t> type_;
-    Property<Value> timeStampOfLastEvent_;
-    Property<Text> eventsToRead_;
-    Property<std::int64_t> noOfEventsPerRequest_;
-    Property<std::int64_t> eventDataSize_;
-    Property<Text> hostName_;
-    Property<std::int64_t> logLevel_;
-    Property<Text> agentVersion_;
-    Property<Text> agentUUID_;
-    Property<Text> agentUID_;
-    Property<Text> orgAccessKey_;
-    Property<std::string> agentInstallationPath_;
-    Property<std::string> eventDataPath_;
-    Property<std::string> logsPath_;
-    Property<std::string> confPath_;
-    Property<std::string> binPath_;
+    template <class T, class Settings>
+    T get(T Settings::* member) const EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return (*configuration_).*member;
+    }
+    template <class T, class Settings>
+    void set(T Settings::* member, T value) EXCLUDES(mutex_) {
+        replace([&](Configuration& next) { next.*member = std::move(value); });
+    }
+    // Puts an edited copy in the place of the configuration. The edit runs under the lock and only stores.
+    template <class Edit>
+    void replace(Edit edit) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        auto next = std::make_shared<Configuration>(*configuration_);
+        edit(*next);
+        // The former configuration is destroyed after the lock is released.
+        std::shared_ptr<const Configuration> former = std::move(next);
+        former.swap(configuration_);
+        lock.unlock();
+    }
+
+    mutable Mutex mutex_;
+    std::shared_ptr<const Configuration> configuration_ GUARDED_BY(mutex_) = std::make_shared<Configuration>();
+    // The constructor is done; what it would have thrown is now only logged.
+    bool isRunning_ = false;
+    std::atomic<bool> identityRefused_ = false;
 };
 
 }  // namespace sentrova

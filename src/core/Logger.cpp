@@ -7,6 +7,7 @@
 #include "core/PropertyListHandler.h"
 #include "foundation/Clock.h"
 #include "foundation/DateFormat.h"
+#include "foundation/DispatchQueue.h"
 #include "foundation/FileSystem.h"
 #include "foundation/Mutex.h"
 #include "foundation/NotificationCenter.h"
@@ -20,6 +21,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <iterator>
 #include <map>
 #include <numeric>
@@ -139,7 +141,7 @@ class FileTable {
 };
 
 // Lines that could not be written, category by category, until one can be. Of those of level 0 the text is kept, for
-// the first hundred; of the others their number.
+// the first hundred; of the others their number. Also knows which file each category has been written to last.
 class UnwrittenLines {
   public:
     struct Lines {
@@ -147,15 +149,29 @@ class UnwrittenLines {
         std::vector<std::string> errors;
         // Why the last of them was not written.
         std::string reason;
+        // This process's last line of the category went into the file, and so the file ends with a whole line.
+        bool isAfterWholeLine = false;
     };
 
-    Lines take(std::string_view category) EXCLUDES(mutex_) {
+    Lines take(std::string_view category, const std::string& path) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         const auto found = lines_.find(category);
-        return found == lines_.end() ? Lines() : std::move(lines_.extract(found).mapped());
+        auto lines = found == lines_.end() ? Lines() : std::move(lines_.extract(found).mapped());
+        const auto file = lastFile_.find(category);
+        lines.isAfterWholeLine = file != lastFile_.end() && file->second == path;
+        return lines;
     }
 
-    void add(std::string_view category, Lines lines) EXCLUDES(mutex_) {
+    void noteWritten(std::string_view category, const std::string& path) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        lastFile_[std::string(category)] = path;
+        if (told_ == category) {
+            told_.clear();
+        }
+    }
+
+    // True when the outage has not been told outside the log, which the caller does now.
+    bool add(std::string_view category, Lines lines) EXCLUDES(mutex_) {
         constexpr std::size_t kMostKept = 100;
         MutexLock lock(mutex_);
         auto& kept = lines_[std::string(category)];
@@ -163,11 +179,20 @@ class UnwrittenLines {
         std::ranges::move(lines.errors, std::back_inserter(kept.errors));
         kept.errors.resize(std::min(kept.errors.size(), kMostKept));
         kept.reason = std::move(lines.reason);
+        lastFile_.erase(std::string(category));
+        const bool isNew = told_.empty();
+        if (isNew) {
+            told_ = category;
+        }
+        return isNew;
     }
 
   private:
     Mutex mutex_;
     std::map<std::string, Lines, std::less<>> lines_ GUARDED_BY(mutex_);
+    std::map<std::string, std::string, std::less<>> lastFile_ GUARDED_BY(mutex_);
+    // The category whose outage was told on standard error, until it is written again; empty while there is none.
+    std::string told_ GUARDED_BY(mutex_);
 };
 
 ProcessWide<FileTable> theFileTable;
@@ -213,6 +238,17 @@ std::string harmless(std::string_view message) {
     return text;
 }
 
+// Makes the logs folder and its archive where the working directory is that of an installation.
+bool makeFolders() {
+    auto& fileSystem = FileSystem::shared();
+    if (!fileSystem.checkOwnFolder(std::string(GlobalConstants::CONF_PATH)) ||
+        !fileSystem.createFolder(std::string(GlobalConstants::LOG_PATH))) {
+        return false;
+    }
+    static_cast<void>(fileSystem.createFolder(std::string(GlobalConstants::LOG_PATH) + "/archive"));
+    return true;
+}
+
 // Leaves a symbolic link in the place of a current file behind, neither followed nor removed: the log goes on beside
 // it.
 Result<Done> appendBesideLink(std::string_view category, const std::string& path, std::string_view text) {
@@ -233,10 +269,75 @@ Result<Done> appendBesideLink(std::string_view category, const std::string& path
 struct SharedLogger {
     Logger logger{LogLevel::Error};
     std::atomic<bool> loading = false;
+    DispatchQueue housekeeping{"log housekeeping"};
+
+    // Waits for the zip under way.
+    void quiesce() { housekeeping.close(); }
 };
 
 namespace {
+
 ProcessWide<SharedLogger> theSharedLogger;
+
+// Undoes the switch to the continuation. The lines that it has got meanwhile move to the file that goes on.
+void goBackTo(const std::string& category, const std::string& path, const std::string& continuation) {
+    theFileTable.get().replace(category, path);
+    if (const auto lines = FileSystem::shared().readText(continuation)) {
+        if (FileSystem::shared().append(path, *lines)) {
+            static_cast<void>(FileSystem::shared().remove(continuation));
+        }
+    }
+}
+
+void continueLargeFiles() {
+    for (const auto& [category, path] : theFileTable.get().copy()) {
+        if (FileUtils::sizeOfFile(path) <= kMaximumFileSize) {
+            continue;
+        }
+        kLog.debug("validateLogSize", "Current file {} has reached limit", path);
+        const auto candidate = continuationOf(path);
+        if (candidate == path) {
+            continue;
+        }
+        // The log switches before the zip, because the agent is at work: a line that came between the zip and the
+        // deletion would be lost.
+        theFileTable.get().replace(category, candidate);
+        if (!FileUtils::zipFile(path)) {
+            goBackTo(category, path, candidate);
+            continue;
+        }
+        kLog.info("validateLogSize", "File {} has been zipped", path);
+        kLog.info("validateLogSize", "New File name {}", candidate);
+        FileUtils::deleteFile(path);
+    }
+}
+
+void archiveOldFiles() {
+    const auto cutoff = Clock::shared().wallTime() - kArchivedAfter;
+    const auto files = FileUtils::listOfFileURLSInPath(GlobalVariables::getInstance().logsPath());
+    if (!files) {
+        return;
+    }
+    for (const auto& file : *files) {
+        const auto& path = file.path();
+        const auto modified = FileUtils::modificationDate(path);
+        if (!path.ends_with(kExtension) || !modified || *modified >= cutoff) {
+            continue;
+        }
+        const auto name = file.lastPathComponent();
+        kLog.info("rotateLog", "Trying to zip {}", name);
+        if (!FileUtils::zipFile(path)) {
+            continue;
+        }
+        const auto withoutExtension = [](const std::string& text) { return text.substr(0, text.rfind('.')); };
+        if (FileUtils::moveFileFrom(
+                withoutExtension(path) + ".zip",
+                fmt::format("{}{}.zip", GlobalConstants::LOG_ARCHIVE_PATH, withoutExtension(name)))) {
+            FileUtils::deleteFile(path);
+        }
+    }
+}
+
 }  // namespace
 
 Logger& Logger::getInstance() {
@@ -281,25 +382,39 @@ void Logger::file(std::string_view category, std::string_view print, std::int32_
                            ::getpid(), platform::currentThreadId(), formatTypeToString(ofLevel), text);
     };
     auto line = lineOf(print, level, str);
-    auto unwritten = theUnwrittenLines.get().take(category);
+    auto unwritten = theUnwrittenLines.get().take(category, path);
     std::string text;
+    Result<bool> isWhole = true;
+    if (!unwritten.isAfterWholeLine) {
+        isWhole = FileSystem::shared().endsWithLineFeed(path);
+        text = isWhole && !*isWhole ? "\r\n" : "";
+    }
     if (unwritten.count > 0) {
-        text = lineOf("Logger", LogLevel::Error,
-                      fmt::format("{} lines could not be written when they came, and {} of them follow: {}",
-                                  unwritten.count, unwritten.errors.size(), unwritten.reason));
+        text += lineOf("Logger", LogLevel::Error,
+                       fmt::format("{} lines could not be written when they came, and {} of them follow: {}",
+                                   unwritten.count, unwritten.errors.size(), unwritten.reason));
         text = std::accumulate(unwritten.errors.begin(), unwritten.errors.end(), std::move(text));
     }
-    auto written = FileSystem::shared().append(path, text + line);
-    if (!written && written.error().code == ELOOP) {
+    auto written = isWhole ? FileSystem::shared().append(path, text + line) : isWhole.error();
+    if (!written && written.error().code == ENOENT && makeFolders()) {
+        written = FileSystem::shared().append(path, text + line);
+    } else if (!written && written.error().code == ELOOP) {
         written = appendBesideLink(category, path, text + line);
     }
-    if (!written) {
-        ++unwritten.count;
-        unwritten.reason = written.error().description;
-        if (level == LogLevel::Error) {
-            unwritten.errors.push_back(std::move(line));
+    if (written) {
+        if (!unwritten.isAfterWholeLine) {
+            theUnwrittenLines.get().noteWritten(category, path);
         }
-        theUnwrittenLines.get().add(category, std::move(unwritten));
+        return;
+    }
+    ++unwritten.count;
+    unwritten.reason = written.error().description;
+    if (level == LogLevel::Error) {
+        unwritten.errors.push_back(std::move(line));
+    }
+    if (theUnwrittenLines.get().add(category, std::move(unwritten))) {
+        fmt::print(stderr, "The log cannot be written: {}. Lines of level ERROR follow in it once it can be.\n",
+                   written.error().description);
     }
 }
 
@@ -318,47 +433,12 @@ std::string Logger::formatTypeToString(std::int32_t level) {
 
 void Logger::validateLogSize() {
     kLog.info(__func__, "Going to rotate log");
-    for (const auto& [category, path] : theFileTable.get().copy()) {
-        if (FileUtils::sizeOfFile(path) <= kMaximumFileSize) {
-            continue;
-        }
-        kLog.debug(__func__, "Current file {} has reached limit", path);
-        const auto candidate = continuationOf(path);
-        if (candidate == path || !FileUtils::zipFile(path)) {
-            continue;
-        }
-        kLog.info(__func__, "File {} has been zipped", path);
-        kLog.info(__func__, "New File name {}", candidate);
-        theFileTable.get().replace(category, candidate);
-        FileUtils::deleteFile(path);
-    }
+    theSharedLogger.get().housekeeping.async(continueLargeFiles);
 }
 
 void Logger::rotateLog() {
     kLog.info(__func__, "Zipping Log");
-    const auto cutoff = Clock::shared().wallTime() - kArchivedAfter;
-    const auto files = FileUtils::listOfFileURLSInPath(GlobalVariables::getInstance().logsPath());
-    if (!files) {
-        return;
-    }
-    for (const auto& file : *files) {
-        const auto& path = file.path();
-        const auto modified = FileUtils::modificationDate(path);
-        if (!path.ends_with(kExtension) || !modified || *modified >= cutoff) {
-            continue;
-        }
-        const auto name = file.lastPathComponent();
-        kLog.info(__func__, "Trying to zip {}", name);
-        if (!FileUtils::zipFile(path)) {
-            continue;
-        }
-        const auto withoutExtension = [](const std::string& text) { return text.substr(0, text.rfind('.')); };
-        if (FileUtils::moveFileFrom(
-                withoutExtension(path) + ".zip",
-                fmt::format("{}{}.zip", GlobalConstants::LOG_ARCHIVE_PATH, withoutExtension(name)))) {
-            FileUtils::deleteFile(path);
-        }
-    }
+    theSharedLogger.get().housekeeping.async(archiveOldFiles);
 }
 
 }  // namespace sentrova

@@ -25,9 +25,12 @@ struct LogLevel {
 
 // A line is "[time][class][process:thread][level]message" and CR LF, in UTF-8. All loggers share the table of current
 // files, which survives restarts in `logfile.plist`; each has a level of its own, read when it is made. Safe from any
-// thread; a line is opened, appended whole and closed. A message with control characters or line breaks in it cannot
-// pass for another line. Lines that could not be written are announced ahead of the next one of their category that can
-// be, and those of level 0 among them repeated, up to a hundred.
+// thread; each line opens the file, is appended whole and closes the file. A message with control characters or line
+// breaks in it cannot pass for another line, and a line never continues one that a crash or a full disk cut short.
+//
+// A missing logs folder is made, with its archive. Lines that still cannot be written are announced ahead of the next
+// line of their category that can be, and those of level 0 among them repeated, up to a hundred. The first line that
+// cannot be written is told on standard error, once until that category is written again.
 class Logger {
   public:
     static constexpr const char* kDidWakeNotification = "NSWorkspaceDidWakeNotification";
@@ -46,6 +49,9 @@ class Logger {
 
     // "ERROR", "INFO" or "DEBUG"; throws std::invalid_argument on any other number.
     static std::string formatTypeToString(std::int32_t level);
+
+    // Both log that they begin and return at once. The work itself can take minutes, so it waits its turn on one thread
+    // of the log's own: no caller is held up, and no file is zipped twice at a time.
 
     // Continues each current file that is over 10 MiB under a new name and zips the old one. For the start of the
     // agent.

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <exception>
 
+#include <fmt/format.h>
+
 namespace sentrova {
 
 namespace {
@@ -22,6 +24,24 @@ bool nameTheSameFile(const std::string& left, const std::string& right) {
     const auto leftStatus = FileSystem::shared().linkStatus(left);
     const auto rightStatus = FileSystem::shared().linkStatus(right);
     return leftStatus && rightStatus && leftStatus->identity == rightStatus->identity;
+}
+
+// Moves damaged content out of the way of its successor, since a person may still need it. Returns its new name. Only
+// the last of the names is ever used twice: a tool that installs damaged content for ever must not fill the volume, and
+// what was damaged first is most likely the good configuration with one wrong edit.
+std::string keepDamaged(const std::string& path) {
+    constexpr int kMostCopies = 20;
+    auto& fileSystem = FileSystem::shared();
+    auto kept = path + ".damaged";
+    for (int number = 2; number <= kMostCopies && fileSystem.linkStatus(kept); ++number) {
+        kept = fmt::format("{}.damaged-{}", path, number);
+    }
+    if (fileSystem.linkStatus(kept)) {
+        static_cast<void>(fileSystem.remove(kept));
+    }
+    static_cast<void>(fileSystem.move(path, kept));
+    static_cast<void>(fileSystem.restrictToOwner(kept));
+    return kept;
 }
 
 }  // namespace
@@ -84,13 +104,34 @@ bool PropertyListHandler::change(const std::string& path, std::string_view key, 
 }
 
 bool PropertyListHandler::change(const std::string& path, const std::function<void(Dictionary&)>& edit) {
+    bool attempted = false;
+    exclusively([&] {
+        auto handler = initWithFile(path);
+        auto dictionary = handler.dictionary() ? *handler.dictionary() : Dictionary();
+        edit(dictionary);
+        handler.updateDictionary(std::move(dictionary));
+        attempted = handler.WriteToProplist(path);
+    });
+    return attempted;
+}
+
+bool PropertyListHandler::replace(const std::string& path, Dictionary content) {
+    bool written = false;
+    exclusively([&] {
+        // Read, so that damaged content is kept.
+        auto handler = initWithFile(path);
+        handler.unread_ = false;
+        handler.updateDictionary(std::move(content));
+        handler.WriteToProplist(path);
+        written = handler.isWritten();
+    });
+    return written;
+}
+
+void PropertyListHandler::exclusively(const std::function<void()>& step) {
     static Mutex oneAtATime(LockRank::file);
-    MutexLock lock(oneAtATime);
-    auto handler = initWithFile(path);
-    auto dictionary = handler.dictionary() ? *handler.dictionary() : Dictionary();
-    edit(dictionary);
-    handler.updateDictionary(std::move(dictionary));
-    return handler.WriteToProplist(path);
+    const MutexLock lock(oneAtATime);
+    step();
 }
 
 Value PropertyListHandler::GetValueForKey(std::string_view key) const {
@@ -117,6 +158,7 @@ void PropertyListHandler::updateDictionary(Dictionary dictionary) {
 }
 
 bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path) {
+    written_ = false;
     if (root_.isNull()) {
         return false;
     }
@@ -135,22 +177,20 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
         kLog.error(__func__, "Property list {} could not be read, and so is not replaced", *target);
         return true;
     }
-    const auto kept = *target + ".damaged";
-    const bool replacesDamaged = damaged_ && path_ && nameTheSameFile(*target, *path_);
-    if (replacesDamaged) {
-        // What is in it may still be of use to a person.
-        static_cast<void>(fileSystem.remove(kept));
-        static_cast<void>(fileSystem.move(*target, kept));
-        static_cast<void>(fileSystem.restrictToOwner(kept));
+    std::optional<std::string> kept;
+    // Content that was loaded and is written back as it was is no successor.
+    if (damaged_ && changeable_ && path_ && nameTheSameFile(*target, *path_)) {
+        kept = keepDamaged(*target);
     }
     const auto written = fileSystem.writeAtomically(*target, *bytes, FileSystem::Durability::flushed);
     if (written) {
         damaged_ = false;
+        written_ = true;
     } else {
         kLog.error(__func__, "WriteToProplist:failed path , {}", *target);
         kLog.error(__func__, "{}", written.error().description);
-        if (replacesDamaged) {
-            static_cast<void>(fileSystem.move(kept, *target));
+        if (kept) {
+            static_cast<void>(fileSystem.move(*kept, *target));
         }
     }
     return true;

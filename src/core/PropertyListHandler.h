@@ -27,11 +27,17 @@ class PropertyListHandler {
     static PropertyListHandler initWithFile(const std::string& path);
     static PropertyListHandler initWithData(std::optional<std::span<const std::uint8_t>> bytes);
 
+    // Runs the step while no change and no other step of this process does. A step makes no change and runs no step.
+    static void exclusively(const std::function<void()>& step);
+
     // Reads the file, sets the key (an empty value removes it) and writes the file back, as one step that no other
     // change of the process comes between. Returns what WriteToProplist does.
     static bool change(const std::string& path, std::string_view key, const Value& value);
     // The same for any number of keys.
     static bool change(const std::string& path, const std::function<void(Dictionary&)>& edit);
+    // Makes the dictionary the file's whole content, even of a file that cannot be read, as one such step. Returns
+    // whether the file holds it now.
+    static bool replace(const std::string& path, Dictionary content);
 
     // The stored value; empty when there is none.
     Value GetValueForKey(std::string_view key) const;
@@ -40,13 +46,20 @@ class PropertyListHandler {
     // Holds a copy that can be changed.
     void updateDictionary(Dictionary dictionary);
 
+    // The content came from a file or bytes and cannot be changed.
+    bool isLoaded() const { return !changeable_; }
+    // The file is there, but the host could not give its content.
+    bool isUnread() const { return unread_; }
+
     // The dictionary held, null when there is none.
     const Dictionary* dictionary() const { return root_.dictionary(); }
 
     // Writes XML to the path, or to the file it came from. True once a write was attempted: a failed one is only
-    // logged, and leaves the file as it was. A file that could not be read is kept beside its successor, as
-    // NAME.damaged.
+    // logged, and leaves the file as it was; isWritten tells. A damaged file is kept beside its successor, as
+    // NAME.damaged, or NAME.damaged-2 and so on where that is taken.
     bool WriteToProplist(const std::optional<std::string>& path = std::nullopt);
+    // Whether the last WriteToProplist stored the content.
+    bool isWritten() const { return written_; }
 
     void PrintPlistData() const;
 
@@ -65,6 +78,7 @@ class PropertyListHandler {
     bool damaged_ = false;
     // The file is there, but the host would not give its content.
     bool unread_ = false;
+    bool written_ = false;
     std::optional<std::string> path_;
 };
 

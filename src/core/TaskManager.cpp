@@ -2,6 +2,7 @@
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/NotificationCenter.h"
+#include "foundation/ThreadStart.h"
 #include "platform/SystemPath.h"
 
 namespace sentrova {
@@ -23,7 +24,7 @@ void TaskManager::launchTaskSync() {
 
 void TaskManager::launchTaskAsync() {
     prauditTask_.launch();
-    reader_ = std::thread([this] {
+    reader_ = startThread([this] {
         runGuarded("TaskManager", [this] {
             for (bool ended = false; !ended;) {
                 auto piece = prauditTask_.readAvailableData();

@@ -7,6 +7,7 @@
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
 #include "foundation/Clock.h"
+#include "foundation/DispatchQueue.h"
 #include "foundation/FileSystem.h"
 #include "foundation/Json.h"
 #include "foundation/Text.h"
@@ -27,10 +28,10 @@ bool looksLikeBatch(std::string_view data) {
 
 // Keeps what is no batch in a file of its own. Two of one second do not share one: together they might read as one.
 void setAside(const std::string& data) {
-    static Mutex oneAtATime(LockRank::file);
-    MutexLock lock(oneAtATime);
     const auto first = fmt::format("{}/undelivered_{}", GlobalVariables::getInstance().eventDataPath(),
                                    Clock::shared().epochSeconds());
+    static Mutex oneAtATime(LockRank::file);
+    MutexLock lock(oneAtATime);
     auto aside = first;
     for (int number = 2; FileUtils::doesFileExist(aside); ++number) {
         aside = fmt::format("{}_{}", first, number);
@@ -81,8 +82,12 @@ void finishDelivery(TransportEngine& engine, const std::string& sent, const std:
         return;
     }
     kTraffic.error(kFunction, "{}", error ? error->description : "(null)");
-    TransportEngine::setIsConnected(false);
-    engine.tryOtherURL();
+    kTraffic.error(kFunction, "The delivery failed at {}", engine.describeFailure(response, error));
+    // The events must come back whatever happens here.
+    runGuarded("EventForwarder", [&engine] {
+        TransportEngine::setIsConnected(false);
+        engine.tryOtherURL();
+    });
     putBack(sent);
 }
 
@@ -140,14 +145,7 @@ void EventForwarder::start() {
     observe(EventQueueGCD::kEventFileNotification, &EventForwarder::gotFilesToProcess);
     observe(EventQueueGCD::kEventForwardNotification, &EventForwarder::gotEventsToProcess);
 
-    const auto files = FileUtils::listOfFileURLSInPath(GlobalVariables::getInstance().eventDataPath());
-    if (!files) {
-        return;
-    }
-    for (const auto& file : *files) {
-        NotificationCenter::defaultCenter().post(
-            {EventQueueGCD::kEventFileNotification, this, {{EventQueueGCD::kFileUrl, file.absoluteString()}}});
-    }
+    EventQueueGCD::announceFiles();
 }
 
 void EventForwarder::gotFilesToProcess(const Notification& notification) {
@@ -175,23 +173,17 @@ void EventForwarder::gotEventsToProcess(const Notification& /*notification*/) {
 }
 
 void EventForwarder::process(const std::optional<FileUrl>& file) {
-    auto slot = slots_->take();
-    if (!slot) {
-        return;
+    bool isTaken = false;
+    try {
+        isTaken = deliver(file);
+    } catch (...) {
+        // Nothing was sent, and the file is still there.
+        if (file) {
+            EventQueueGCD::announceAgain(*file);
+        }
+        throw;
     }
-    if (!file) {
-        eventsWait_ = false;
-    }
-    auto data = EventQueueGCD::dequeue(file);
-    if (!data) {
-        return;
-    }
-    if (file && !looksLikeBatch(*data)) {
-        kLog.error(__func__, "The file {} is no batch of events; it is left where it is", file->path());
-        return;
-    }
-    SendData(*std::move(data), std::move(slot));
-    if (file) {
+    if (isTaken && file) {
         const bool deleted = FileUtils::deleteFile(file->path());
         kLog.info(__func__, "Going to Delete the file {} {:d}", file->absoluteString(), deleted);
         if (FileSystem::shared().linkStatus(file->path())) {
@@ -201,21 +193,57 @@ void EventForwarder::process(const std::optional<FileUrl>& file) {
     }
 }
 
-void EventForwarder::SendData(std::string data, Slot slot) {
-    if (TransportEngine::isConnected()) {
-        kLog.debug(__func__, "Dequeued array={}", data);
-        const auto engine = std::make_shared<TransportEngine>();
-        kLog.info(__func__, "EventForwarder next url {}", engine->baseURL());
-        const auto batch = std::make_shared<const std::string>(std::move(data));
-        engine->sendMessageToServer(
-            MessageType::eventDelivery, batch,
-            [engine, batch, slot = std::move(slot)](const auto& answer, const auto& response, const auto& error) {
-                finishDelivery(*engine, *batch, answer, response, error);
-            });
+bool EventForwarder::deliver(const std::optional<FileUrl>& file) {
+    auto slot = slots_->take();
+    if (!slot) {
+        return false;
+    }
+    if (!file) {
+        eventsWait_ = false;
+    }
+    // Made first: once the events have left the spool, a lack of memory would lose them.
+    const auto batch = std::make_shared<std::string>();
+    auto data = EventQueueGCD::dequeue(file);
+    if (!data) {
+        return false;
+    }
+    *batch = *std::move(data);
+    if (file && !looksLikeBatch(*batch)) {
+        kLog.error("process", "The file {} is no batch of events; it is left where it is", file->path());
+        return false;
+    }
+    if (SendData(batch, std::move(slot))) {
+        return true;
+    }
+    if (file) {
+        kLog.error("process", "The file {} was not sent; it stays and is announced again", file->path());
+        EventQueueGCD::announceAgain(*file);
     } else {
-        putBack(data);
+        kLog.error("process", "The events in memory were not sent; they go back into the spool");
+        putBack(*batch);
+    }
+    return false;
+}
+
+bool EventForwarder::SendData(const std::shared_ptr<const std::string>& data, Slot slot) {
+    bool isTaken = false;
+    if (TransportEngine::isConnected()) {
+        kLog.debug(__func__, "Dequeued array={}", *data);
+        runGuarded("EventForwarder", [&] {
+            const auto engine = std::make_shared<TransportEngine>();
+            kLog.info("SendData", "EventForwarder next url {}", engine->baseURL());
+            isTaken = engine->sendMessageToServer(
+                MessageType::eventDelivery, data,
+                [engine, data, slot = std::move(slot)](const auto& answer, const auto& response, const auto& error) {
+                    finishDelivery(*engine, *data, answer, response, error);
+                });
+        });
+    } else {
+        putBack(*data);
+        isTaken = true;
     }
     kLog.debug(__func__, "EventForwarder sendData is finished");
+    return isTaken;
 }
 
 void EventForwarder::cancel() {

@@ -2,7 +2,8 @@
 // announcements. It runs until it is cancelled.
 //
 // A delivery does not wait for the answer to the one before it, but no more are under way at once than the session has
-// connections, so that a large backlog stays on the disk. What is not answered with 200 goes back into the spool.
+// connections, so that a large backlog stays on the disk. What is not answered with 200 goes back into the spool. A
+// request that could not begin leaves its batch where it was: the file is announced again, events go back into memory.
 
 #pragma once
 
@@ -35,15 +36,16 @@ class EventForwarder final : public ConcurrentOperationAbstract, public std::ena
     void gotFilesToProcess(const Notification& notification);
     void gotEventsToProcess(const Notification& notification);
 
-    // One delivery: of the file, or of the events in memory. The file is deleted as soon as the request has been
-    // started. On the forwarder's own queue, where it may wait for an earlier answer.
+    // One delivery: of the file, or of the events in memory. The file is deleted as soon as the request has begun. On
+    // the forwarder's own queue, where it may wait for an earlier answer.
     void process(const std::optional<FileUrl>& file);
 
-    // A delivery's place among those under way; given back by letting go of it.
+    // One of the deliveries under way; freed with the last copy.
     using Slot = std::shared_ptr<void>;
 
-    // Posts one batch, or gives it back to the spool while the server is not reachable.
-    void SendData(std::string data, Slot slot);
+    // Posts one batch, or gives its events back to the spool while the server is not reachable. False, with a line in
+    // the log, when the request could not begin: the batch is still the caller's.
+    [[nodiscard]] bool SendData(const std::shared_ptr<const std::string>& data, Slot slot);
 
   private:
     // Counts the deliveries under way. The requests' completions may outlive the forwarder.
@@ -63,6 +65,9 @@ class EventForwarder final : public ConcurrentOperationAbstract, public std::ena
     };
 
     EventForwarder();
+
+    // Whether the file, if one was given, has been sent or given back to the spool's memory.
+    bool deliver(const std::optional<FileUrl>& file);
 
     const std::shared_ptr<Slots> slots_ = std::make_shared<Slots>();
     Mutex observersMutex_{LockRank::owner};

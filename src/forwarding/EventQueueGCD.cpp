@@ -5,6 +5,7 @@
 #include "core/LogSource.h"
 #include "forwarding/DelayedPairs.h"
 #include "forwarding/TransportEngine.h"
+#include "forwarding/WaitingFiles.h"
 #include "foundation/Clock.h"
 #include "foundation/DateFormat.h"
 #include "foundation/DispatchQueue.h"
@@ -15,6 +16,8 @@
 #include "foundation/ProcessWide.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <limits>
 #include <memory>
 #include <set>
@@ -33,15 +36,22 @@ constexpr std::chrono::seconds kAnnouncedAfter{10};
 constexpr std::chrono::seconds kFileAnnouncedAgain{10};
 constexpr std::chrono::seconds kEventsAnnouncedAgain{30};
 constexpr std::string_view kFilePrefix = "event_";
+constexpr std::string_view kUndeliveredPrefix = "undelivered_";
 
 constexpr char kIdentity = 0;
 
-void post(std::string_view name, Dictionary userInfo = {}) {
-    NotificationCenter::defaultCenter().post({name, &kIdentity, std::move(userInfo)});
+// Whether every observer took it.
+bool post(std::string_view name, Dictionary userInfo = {}) {
+    return NotificationCenter::defaultCenter().post({name, &kIdentity, std::move(userInfo)});
 }
 
-void postFile(const FileUrl& file) {
-    post(EventQueueGCD::kEventFileNotification, {{EventQueueGCD::kFileUrl, file.absoluteString()}});
+bool postFile(const FileUrl& file) {
+    return post(EventQueueGCD::kEventFileNotification, {{EventQueueGCD::kFileUrl, file.absoluteString()}});
+}
+
+// Shortages that pass, unlike a file that is damaged or forbidden.
+bool isShortage(const Error& error) {
+    return error.code == EMFILE || error.code == ENFILE || error.code == ENOMEM;
 }
 
 // Events, kept as the JSON text that becomes of them: a tenth of the memory that their dictionaries take, and written
@@ -134,11 +144,32 @@ class Spool {
         return data;
     }
 
+    void announceFiles() {
+        dispatchQueue_.sync([this] {
+            auto names = FileUtils::listOfFileNamesInPath(GlobalVariables::getInstance().eventDataPath());
+            if (names) {
+                std::erase_if(*names, [](const auto& name) { return name.starts_with(kUndeliveredPrefix); });
+                announced_.clear();
+                waiting_.assign(*std::move(names));
+                announceNext();
+            }
+        });
+    }
+
+    void announceAgain(const FileUrl& file) {
+        dispatchQueue_.sync([this, name = file.lastPathComponent()] {
+            announced_.erase(name);
+            keepForNextRound(name);
+        });
+    }
+
     std::size_t length() {
         std::size_t count = 0;
         dispatchQueue_.sync([this, &count] { count = queueData_.size(); });
         return count;
     }
+
+    std::size_t lengthAtEnd() const { return length_; }
 
   private:
     void add(Dictionary event) {
@@ -149,6 +180,7 @@ class Spool {
         const Value value(std::move(event));
         if (const auto text = Json::write(value)) {
             queueData_.add(*value.dictionary(), *text);
+            length_ = queueData_.size();
         } else {
             kLog.error("enqueue", "Invalid json {}", value);
         }
@@ -159,7 +191,9 @@ class Spool {
         kLog.info("enqueue", " filename {}", path);
         write(path, queueData_);
         queueData_.clear();
-        postFile(FileUrl(path));
+        length_ = 0;
+        waiting_.add(FileUrl(path).lastPathComponent());
+        announceNext();
     }
 
     static void write(const std::string& path, Batch& batch) {
@@ -174,14 +208,23 @@ class Spool {
     }
 
     std::optional<std::string> readFile(const FileUrl& file) {
+        const auto name = file.lastPathComponent();
+        announced_.erase(name);
         if (!TransportEngine::isConnected()) {
-            announceAgain(file);
+            kLog.debug("dequeue", "Created file notification again for {}", file.absoluteString());
+            keepForNextRound(name);
             return std::nullopt;
         }
+        // The caller sends it now: another announcement would find no file.
+        waiting_.remove(name);
+        announceNext();
         kLog.info("dequeue", "Going to read from file {}", file.path());
         auto content = FileSystem::shared().readText(file.path());
         if (!content) {
             kLog.error("dequeue", "The spooled file cannot be read: {}", content.error().description);
+            if (isShortage(content.error())) {
+                keepForNextRound(name);
+            }
             return std::nullopt;
         }
         return *std::move(content);
@@ -197,22 +240,38 @@ class Spool {
         }
         kLog.debug("dequeue", "Reading events from Queue");
         auto batch = std::exchange(queueData_, {});
+        length_ = 0;
         kLog.debug("dequeue", "EventQueueGCD dequeue count {}", batch.size());
         return std::move(batch).asArray();
     }
 
-    // Files are announced again in rounds, and in a round in the order of their names: with a time of its own for each,
-    // what waited for a day would go out in the order in which the times fall.
-    void announceAgain(const FileUrl& file) {
-        kLog.debug("dequeue", "Created file notification again for {}", file.absoluteString());
-        if (filesToAnnounce_.empty()) {
+    // Announces waiting files until enough of them are on their way. Not while a round is pending: those that were
+    // refused go first.
+    void announceNext() {
+        while (!roundPending_ && announced_.size() < EventQueueGCD::kFilesAnnounced) {
+            const auto name = waiting_.takeFirst();
+            if (!name) {
+                return;
+            }
+            announced_.insert(*name);
+            const FileUrl file(fmt::format("{}/{}", GlobalVariables::getInstance().eventDataPath(), *name));
+            if (!postFile(file)) {
+                announced_.erase(*name);
+                keepForNextRound(*name);
+            }
+        }
+    }
+
+    // Waiting files are re-announced together, so that they are sent in name order after an outage. Separate timers per
+    // file would lose that order.
+    void keepForNextRound(const std::string& name) {
+        waiting_.add(name);
+        if (!std::exchange(roundPending_, true)) {
             dispatchQueue_.after(kFileAnnouncedAgain, [this] {
-                for (const auto& path : std::exchange(filesToAnnounce_, {})) {
-                    postFile(FileUrl(path));
-                }
+                roundPending_ = false;
+                announceNext();
             });
         }
-        filesToAnnounce_.insert(file.path());
     }
 
     // One announcement at a time: every event asks for one ten seconds after it came, and while the server is away for
@@ -233,10 +292,14 @@ class Spool {
         MutexLock lock(pairsMutex_);
         pairs_.add(due);
         if (!pairsTimed_) {
-            pairsTimed_ = true;
-            lock.unlock();
-            dispatchQueue_.after(kAnnouncedAfter, [this] { postDuePairs(); });
+            setPairsTimerLocked(kAnnouncedAfter);
         }
+    }
+
+    // Without memory for the timer, the next event asks for it again.
+    void setPairsTimerLocked(Clock::Duration delay) REQUIRES(pairsMutex_) {
+        dispatchQueue_.after(delay, [this] { postDuePairs(); });
+        pairsTimed_ = true;
     }
 
     // Posts one pair and gives up its turn on the queue, so that the observers' hand-overs get theirs between two
@@ -251,11 +314,9 @@ class Spool {
             dispatchQueue_.async([this] { postDuePairs(); });
             return;
         }
-        pairsTimed_ = !pairs_.empty();
-        if (pairsTimed_) {
-            const auto delay = pairs_.nextDue() - now;
-            lock.unlock();
-            dispatchQueue_.after(delay, [this] { postDuePairs(); });
+        pairsTimed_ = false;
+        if (!pairs_.empty()) {
+            setPairsTimerLocked(pairs_.nextDue() - now);
         }
     }
 
@@ -263,8 +324,14 @@ class Spool {
     Batch queueData_;
     FileNames fileNames_;
     // As many as the spool has files, which its size limit bounds.
-    std::set<std::string> filesToAnnounce_;
+    WaitingFiles waiting_;
+    // The names of those that observers have taken and not yet asked for; none of them waits.
+    std::set<std::string> announced_;
+    bool roundPending_ = false;
     bool eventsAnnouncedAgain_ = false;
+
+    // The size of queueData_, for readers that cannot wait for the queue.
+    std::atomic<std::size_t> length_ = 0;
 
     Mutex pairsMutex_;
     DelayedPairs pairs_ GUARDED_BY(pairsMutex_);
@@ -295,8 +362,21 @@ std::optional<std::string> EventQueueGCD::dequeue(const std::optional<FileUrl>& 
     return theSpool.get().dequeue(file);
 }
 
+void EventQueueGCD::announceFiles() {
+    theSpool.get().announceFiles();
+}
+
+void EventQueueGCD::announceAgain(const FileUrl& file) {
+    theSpool.get().announceAgain(file);
+}
+
 std::size_t EventQueueGCD::length() {
     return theSpool.get().length();
+}
+
+std::size_t EventQueueGCD::lengthAtEnd() {
+    const auto* const spool = theSpool.existing();
+    return spool ? spool->lengthAtEnd() : 0;
 }
 
 }  // namespace sentrova

@@ -23,8 +23,6 @@ namespace {
 constexpr LogSource kLog("TransportEngine");
 constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
 
-constexpr int kConnections = 3;
-constexpr int kHostForms = 4;
 constexpr std::chrono::seconds kRequestTimeout{30};
 
 // Any certificate of a server is accepted; all other challenges are left to the request's time-out.
@@ -45,101 +43,6 @@ bool isHostName(const std::string& name) {
                std::string_view("/\\?#@%\"<>^`{|}").find(c) == std::string_view::npos;
     });
 }
-
-struct Address {
-    std::string scheme;
-    std::string name;
-    std::int64_t port = 0;
-};
-
-// The address in use, one for all engines.
-class AddressChoice {
-  public:
-    // The first choice, by the configured type of connection.
-    AddressChoice() {
-        const auto& configuration = GlobalVariables::getInstance();
-        switch (configuration.type()) {
-            case 0:
-                preferredConnectionProtocol_ = orNull(configuration.NATProtocol());
-                break;
-            case 1:
-                currentPort_ = 1;
-                currentHostname_ = 1;
-                preferredConnectionProtocol_ = orNull(configuration.agentProtocol());
-                break;
-            default:
-                currentPort_ = 2;
-                currentHostname_ = 1;
-                preferredConnectionProtocol_ = orNull(configuration.serverProtocol());
-        }
-    }
-
-    // The address for a new engine. Its scheme is the one that the last choice left; the look-ups settle the next
-    // one's.
-    Address present() EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        Address address;
-        address.scheme = preferredConnectionProtocol_;
-        address.name = getConnectionName();
-        address.port = getConnectionPort();
-        return address;
-    }
-
-    Address next() EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        currentHostname_ = (currentHostname_ + 1) % kHostForms;
-        if (currentHostname_ == 0) {
-            currentPort_ = (currentPort_ + 1) % kConnections;
-        }
-        Address address;
-        address.name = getConnectionName();
-        address.port = getConnectionPort();
-        address.scheme = preferredConnectionProtocol_;
-        return address;
-    }
-
-  private:
-    std::string getConnectionName() REQUIRES(mutex_) {
-        const auto& configuration = GlobalVariables::getInstance();
-        if (currentHostname_ == 0 && configuration.hasNATServer()) {
-            preferredConnectionProtocol_ = orNull(configuration.NATProtocol());
-            return orNull(configuration.NATServerName());
-        }
-        preferredConnectionProtocol_ = orNull(configuration.agentProtocol());
-        switch (currentHostname_) {
-            case 2:
-                return orNull(configuration.serverIP());
-            case 3:
-                return orNull(configuration.serverName());
-            default:
-                return orNull(configuration.serverFQDN());
-        }
-    }
-
-    std::int64_t getConnectionPort() REQUIRES(mutex_) {
-        auto& configuration = GlobalVariables::getInstance();
-        const auto relay = configuration.NATServerName();
-        const bool relayIsNone = relay == "" || relay == GlobalConstants::NO_NAT_SERVER;
-        if (currentPort_ == 0 && !relayIsNone) {
-            preferredConnectionProtocol_ = orNull(configuration.NATProtocol());
-            configuration.setType(0);
-            return configuration.NATPort();
-        }
-        if (currentPort_ == 2) {
-            preferredConnectionProtocol_ = orNull(configuration.serverProtocol());
-            configuration.setType(2);
-            return configuration.serverPort();
-        }
-        preferredConnectionProtocol_ = orNull(configuration.agentProtocol());
-        configuration.setType(1);
-        return configuration.agentPort();
-    }
-
-    Mutex mutex_{LockRank::choice};
-    int currentPort_ GUARDED_BY(mutex_) = 0;
-    int currentHostname_ GUARDED_BY(mutex_) = 0;
-    std::string preferredConnectionProtocol_ GUARDED_BY(mutex_);
-};
 
 class Reachability {
   public:
@@ -176,21 +79,24 @@ struct SharedSession {
     std::unique_ptr<UrlSession> session = makeSession();
 };
 
-ProcessWide<AddressChoice> theAddressChoice;
+struct SharedChoice {
+    AddressChoice choice{GlobalVariables::getInstance()};
+};
+
+ProcessWide<SharedChoice> theAddressChoice;
 ProcessWide<Reachability> theReachability;
 ProcessWide<SharedSession> theSession;
 
 }  // namespace
 
 TransportEngine::TransportEngine() {
-    const auto address = theAddressChoice.get().present();
+    compose(theAddressChoice.get().choice.present());
     static_cast<void>(theSession.get());
-    compose(address.scheme, address.name, address.port);
     kTraffic.info(__func__, "TransportEngine isConnected {:d}", isConnected());
 }
 
-void TransportEngine::compose(const std::string& scheme, const std::string& name, std::int64_t port) {
-    urlComp_ = {scheme, ":", "//", name, ":", fmt::format("{}", port)};
+void TransportEngine::compose(const ServerAddress& address) {
+    urlComp_ = {address.scheme, ":", "//", address.host, ":", fmt::format("{}", address.port)};
     baseURL_ = std::accumulate(urlComp_.begin(), urlComp_.end(), std::string());
 }
 
@@ -210,17 +116,16 @@ void TransportEngine::setIsConnected(bool flag) {
 }
 
 void TransportEngine::tryOtherURL() {
-    const auto address = theAddressChoice.get().next();
-    compose(address.scheme, address.name, address.port);
+    compose(theAddressChoice.get().choice.next());
 }
 
-void TransportEngine::sendMessageToServer(MessageType type, std::string andParameters,
+bool TransportEngine::sendMessageToServer(MessageType type, std::string andParameters,
                                           UrlSession::Completion andCompletionHandler) {
-    sendMessageToServer(type, std::make_shared<const std::string>(std::move(andParameters)),
-                        std::move(andCompletionHandler));
+    return sendMessageToServer(type, std::make_shared<const std::string>(std::move(andParameters)),
+                               std::move(andCompletionHandler));
 }
 
-void TransportEngine::sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
+bool TransportEngine::sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
                                           UrlSession::Completion andCompletionHandler) {
     try {
         MsgConfiguration message;
@@ -248,9 +153,20 @@ void TransportEngine::sendMessageToServer(MessageType type, const std::shared_pt
             request.setHeader(std::string(GlobalConstants::ORG_ACCESS_KEY), *accessKey);
         }
         theSession.get().session->uploadShared(request, body, std::move(andCompletionHandler));
+        return true;
     } catch (const std::exception& exception) {
         kLog.error(__func__, "{}", exception.what());
+    } catch (...) {
+        kLog.error(__func__, "The session failed for an unknown reason");
     }
+    return false;
+}
+
+std::string TransportEngine::describeFailure(const std::optional<UrlResponse>& response,
+                                             const std::optional<Error>& error) const {
+    const auto address = std::accumulate(urlComp_.begin(), urlComp_.end(), std::string());
+    return error ? fmt::format("{}: {}", address, error->description)
+                 : fmt::format("{}: answered with HTTP status {}", address, response ? response->statusCode : 0);
 }
 
 void TransportEngine::setSessionFactory(SessionFactory factory) {

@@ -1,19 +1,19 @@
 // Sends one message to the audit server, and chooses the server's address.
 //
-// An address is a connection (0 the relay, 1 the agent connector, 2 the product connector: port and scheme) together
-// with a form of the host's name (0 the relay's or else the fully qualified name, 1 the fully qualified name, 2 the IP
-// address, 3 the short name); the two are chosen independently. The choice, the session and whether the server is
-// believed reachable belong to the process; engines are short-lived. Safe from any thread, but one engine is for one
-// thread at a time.
+// The address choice, the session and whether the server is believed reachable belong to the process; engines are
+// short-lived, and each sends to the address that it was given. Safe from any thread, but one engine is for one thread
+// at a time.
 
 #pragma once
 
+#include "forwarding/AddressChoice.h"
 #include "forwarding/MsgConfiguration.h"
 #include "foundation/UrlSession.h"
 
 #include <array>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace sentrova {
@@ -34,12 +34,18 @@ class TransportEngine {
     // Moves on to the next address, for this engine and all later ones.
     void tryOtherURL();
 
-    // Sends the body, as ASCII, without waiting. The completion runs on the session's delegate queue; it is not called
-    // for a message type that there is not.
-    void sendMessageToServer(MessageType type, std::string andParameters, UrlSession::Completion andCompletionHandler);
+    // Sends the body, as ASCII, without waiting. True when the request is with the session: the completion will run
+    // once, on the session's delegate queue. False, with a line in the log, when nothing was sent: the completion never
+    // runs.
+    [[nodiscard]] bool sendMessageToServer(MessageType type, std::string andParameters,
+                                           UrlSession::Completion andCompletionHandler);
     // The same for a body that the caller keeps as well; it is not copied when it is ASCII already.
-    void sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
-                             UrlSession::Completion andCompletionHandler);
+    [[nodiscard]] bool sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
+                                           UrlSession::Completion andCompletionHandler);
+
+    // What a failed request tried and what came of it, for the log: "https://audit:8443: Could not connect to the
+    // server.", "https://audit:8443: answered with HTTP status 503". To be asked before tryOtherURL.
+    std::string describeFailure(const std::optional<UrlResponse>& response, const std::optional<Error>& error) const;
 
     // scheme://host:port, and the message's path once one was sent.
     const std::string& baseURL() const { return baseURL_; }
@@ -50,7 +56,7 @@ class TransportEngine {
     static void setSessionFactory(SessionFactory factory);
 
   private:
-    void compose(const std::string& scheme, const std::string& name, std::int64_t port);
+    void compose(const ServerAddress& address);
 
     std::string baseURL_;
     std::array<std::string, 6> urlComp_;

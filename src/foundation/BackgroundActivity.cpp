@@ -1,9 +1,11 @@
 #include "foundation/BackgroundActivity.h"
 
+#include "foundation/DispatchQueue.h"
 #include "foundation/Mutex.h"
 #include "foundation/NotificationCenter.h"
 #include "foundation/OperationQueue.h"
 #include "foundation/ProcessWide.h"
+#include "foundation/Retry.h"
 #include "foundation/Timer.h"
 
 #include <optional>
@@ -12,6 +14,9 @@
 namespace sentrova {
 
 namespace {
+
+// When the queue refuses a run, the activity tries again after this.
+constexpr std::chrono::seconds kRefusedRunDelay{1};
 
 // The threads of all activities; there is one for each run under way.
 struct BackgroundService {
@@ -34,22 +39,44 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
         : identifier_(std::move(identifier)), interval_(interval), repeats_(repeats) {}
 
     const std::string& identifier() const { return identifier_; }
+    Clock::Duration interval() const { return interval_; }
+    bool repeats() const { return repeats_; }
+
+    bool hasFurtherRun() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        switch (phase_) {
+            case Phase::waiting:
+            case Phase::queued:
+                return true;
+            case Phase::running:
+                return repeats_;
+            case Phase::idle:
+                break;
+        }
+        return false;
+    }
 
     void schedule(std::function<void()> handler) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        handler_ = std::move(handler);
-        wakeObserver_ = NotificationCenter::defaultCenter().addObserver(Timer::kClockChangedNotification,
+        auto observer = NotificationCenter::defaultCenter().addObserver(Timer::kClockChangedNotification,
                                                                         [weak = weak_from_this()](const auto&) {
                                                                             if (const auto self = weak.lock()) {
                                                                                 self->checkWallTime();
                                                                             }
                                                                         });
-        setTimerLocked(Clock::shared().monotonicTime() + interval_);
+        MutexLock lock(mutex_);
+        if (!valid_) {
+            return;
+        }
+        due_ = Clock::shared().monotonicTime() + interval_;
+        setTimerLocked(due_);
+        handler_ = std::move(handler);
+        wakeObserver_ = std::move(observer);
     }
 
     void invalidate() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         valid_ = false;
+        phase_ = Phase::idle;
         dropTimerLocked();
         // Unsubscribed after the lock: the observer takes it.
         const auto observer = std::move(wakeObserver_);
@@ -57,15 +84,26 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
     }
 
   private:
-    void setTimerLocked(Clock::Monotonic due) REQUIRES(mutex_) {
-        due_ = due;
-        const auto delay = due - Clock::shared().monotonicTime();
-        dueDate_ = Clock::shared().wallTime() + std::chrono::duration_cast<Date::duration>(delay);
-        timer_ = Clock::shared().schedule(due, [weak = weak_from_this()] {
+    enum class Phase {
+        // No run is to come, or not yet.
+        idle,
+        // A timer is set.
+        waiting,
+        // The run was handed to the queue.
+        queued,
+        running,
+    };
+
+    void setTimerLocked(Clock::Monotonic at) REQUIRES(mutex_) {
+        timer_ = Clock::shared().schedule(at, [weak = weak_from_this(), firing = firing_ + 1] {
             if (const auto self = weak.lock()) {
-                self->fire();
+                self->fire(firing);
             }
         });
+        ++firing_;
+        const auto delay = at - Clock::shared().monotonicTime();
+        dueDate_ = Clock::shared().wallTime() + std::chrono::duration_cast<Date::duration>(delay);
+        phase_ = Phase::waiting;
     }
 
     void dropTimerLocked() REQUIRES(mutex_) {
@@ -77,22 +115,37 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
 
     // The monotonic clock stands still while the machine sleeps, the date does not.
     void checkWallTime() EXCLUDES(mutex_) {
-        {
-            MutexLock lock(mutex_);
-            if (!valid_ || !timer_ || Clock::shared().wallTime() < dueDate_) {
-                return;
-            }
+        MutexLock lock(mutex_);
+        const auto date = Clock::shared().wallTime();
+        if (phase_ == Phase::waiting && date >= dueDate_) {
             dropTimerLocked();
             due_ = Clock::shared().monotonicTime();
+            queueRunLocked();
+        } else if (phase_ == Phase::running &&
+                   date >= dueDate_ + std::chrono::duration_cast<Date::duration>(interval_)) {
+            // The next run came due in the sleep: it follows the present one at once.
+            due_ = Clock::shared().monotonicTime() - interval_;
         }
-        fire();
     }
 
-    void fire() EXCLUDES(mutex_) {
+    // The clock cannot take back a timer that it is about to call, so a call may come when a wake has already begun the
+    // run, or even when the next timer is set. Only the latest timer counts.
+    void fire(std::uint64_t firing) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        timer_.reset();
-        if (valid_) {
+        if (phase_ == Phase::waiting && firing == firing_) {
+            timer_.reset();
+            queueRunLocked();
+        }
+    }
+
+    void queueRunLocked() REQUIRES(mutex_) {
+        try {
+            phase_ = Phase::queued;
             theService.get().queue.addOperationWithBlock([self = shared_from_this()] { self->run(); });
+        } catch (const std::exception& exception) {
+            DispatchQueue::reportException(identifier_, exception.what());
+            phase_ = Phase::waiting;
+            setTimerLocked(Clock::shared().monotonicTime() + kRefusedRunDelay);
         }
     }
 
@@ -100,19 +153,20 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
         std::function<void()> handler;
         {
             MutexLock lock(mutex_);
-            if (!valid_) {
+            if (phase_ != Phase::queued) {
                 return;
             }
+            phase_ = Phase::running;
             handler = handler_;
         }
-        // The next run is set whatever becomes of this one.
-        const std::unique_ptr<State, void (*)(State*)> atEnd(this, [](State* self) { self->setNext(); });
-        handler();
+        runGuarded(identifier_, handler);
+        retryUntilGranted(identifier_, [this] { setNext(); });
     }
 
     void setNext() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         if (!valid_ || !repeats_) {
+            phase_ = Phase::idle;
             return;
         }
         const auto now = Clock::shared().monotonicTime();
@@ -121,6 +175,7 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
             next += (now - next) / interval_ * interval_;
         }
         setTimerLocked(next);
+        due_ = next;
     }
 
     const std::string identifier_;
@@ -131,7 +186,11 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
     std::function<void()> handler_ GUARDED_BY(mutex_);
     Subscription wakeObserver_ GUARDED_BY(mutex_);
     bool valid_ GUARDED_BY(mutex_) = true;
+    Phase phase_ GUARDED_BY(mutex_) = Phase::idle;
     std::optional<Clock::TimerId> timer_ GUARDED_BY(mutex_);
+    // How many timers were set.
+    std::uint64_t firing_ GUARDED_BY(mutex_) = 0;
+    // The place in the grid of the next run, or of the one under way, and the date that it falls on.
     Clock::Monotonic due_ GUARDED_BY(mutex_);
     Date dueDate_ GUARDED_BY(mutex_);
 };
@@ -151,6 +210,18 @@ BackgroundActivity::~BackgroundActivity() {
 
 const std::string& BackgroundActivity::identifier() const {
     return state_->identifier();
+}
+
+Clock::Duration BackgroundActivity::interval() const {
+    return state_->interval();
+}
+
+bool BackgroundActivity::repeats() const {
+    return state_->repeats();
+}
+
+bool BackgroundActivity::hasFurtherRun() const {
+    return state_->hasFurtherRun();
 }
 
 void BackgroundActivity::schedule(std::function<void()> handler) {

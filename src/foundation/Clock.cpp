@@ -1,6 +1,8 @@
 #include "foundation/Clock.h"
 
+#include "foundation/DispatchQueue.h"
 #include "foundation/Mutex.h"
+#include "foundation/ThreadStart.h"
 #include "platform/OperatingSystem.h"
 
 #include <algorithm>
@@ -8,14 +10,13 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <thread>
 
 namespace sentrova {
 
 namespace {
 
-// The system's clocks, with one thread that sleeps until the next timer is due; there is no thread before the first
-// timer, and no wake-up without one. Lives until the process ends.
+// The system's clocks, with one thread that sleeps until the next timer is due, and does not wake without a timer. The
+// first timer starts the thread where `start` has not. Lives until the process ends.
 class SystemClock final : public Clock {
   public:
     Date wallTime() override { return std::chrono::system_clock::now(); }
@@ -23,13 +24,15 @@ class SystemClock final : public Clock {
 
     TimerId schedule(Monotonic due, std::function<void()> function) override EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
-        if (!threadStarted_) {
-            std::thread([this] { run(); }).detach();
-            threadStarted_ = true;
-        }
+        tryStartLocked();
         const Key key{due, ++lastId_};
-        timers_.emplace(key, std::move(function));
-        dueById_.emplace(key.second, due);
+        const auto timer = timers_.emplace(key, std::move(function)).first;
+        try {
+            dueById_.emplace(key.second, due);
+        } catch (...) {
+            timers_.erase(timer);
+            throw;
+        }
         if (timers_.begin()->first == key) {
             changed_.notifyOne();
         }
@@ -52,8 +55,29 @@ class SystemClock final : public Clock {
         return true;
     }
 
+    void start() EXCLUDES(mutex_) {
+        while (!tryStart()) {
+            pauseForThreads();
+        }
+    }
+
   private:
     using Key = std::pair<Monotonic, TimerId>;
+
+    bool tryStart() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return tryStartLocked();
+    }
+
+    bool tryStartLocked() REQUIRES(mutex_) {
+        if (!threadStarted_) {
+            if (auto thread = tryStartThread([this] { run(); }); thread.joinable()) {
+                thread.detach();
+                threadStarted_ = true;
+            }
+        }
+        return threadStarted_;
+    }
 
     void run() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
@@ -68,7 +92,7 @@ class SystemClock final : public Clock {
                 auto node = timers_.extract(timers_.begin());
                 dueById_.erase(node.key().second);
                 lock.unlock();
-                node.mapped()();
+                runGuarded("timer", node.mapped());
                 node.mapped() = nullptr;
                 lock.lock();
             }
@@ -85,15 +109,23 @@ class SystemClock final : public Clock {
 
 std::atomic<Clock*> installedClock{nullptr};
 
+SystemClock& systemClock() {
+    // Never destroyed: its thread runs as long as the process.
+    static auto* const system = new SystemClock;  // NOLINT(cppcoreguidelines-owning-memory)
+    return *system;
+}
+
 }  // namespace
 
 Clock& Clock::shared() {
     if (auto* clock = installedClock.load(std::memory_order_acquire)) {
         return *clock;
     }
-    // Never destroyed: its thread runs as long as the process.
-    static auto* const system = new SystemClock;  // NOLINT(cppcoreguidelines-owning-memory)
-    return *system;
+    return systemClock();
+}
+
+void Clock::startSystemClock() {
+    systemClock().start();
 }
 
 void Clock::install(Clock* clock) {

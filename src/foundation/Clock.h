@@ -22,6 +22,9 @@ class Clock {
 
     // The process's clock: the system's own unless another one was installed. Never null.
     static Clock& shared();
+    // Starts the thread of the system's clock, and waits for it while the system grants none. Called at the start of
+    // the process: without that thread no timer would run, the one that tries a refused thread again among them.
+    static void startSystemClock();
     // Puts a clock in the place of the system's (null: the system's again). The caller keeps it alive while it is used;
     // only for times at which nothing waits.
     static void install(Clock* clock);
@@ -33,6 +36,7 @@ class Clock {
 
     // Calls the function once, on the clock's own thread, when the monotonic time has come. The function only hands its
     // work on: it must not block, and must not wait for a queue. Never called from within schedule.
+    // An exception of the function is reported, and the clock goes on.
     virtual TimerId schedule(Monotonic due, std::function<void()> function) = 0;
     // Takes a timer back. Returns false when its function has been called or is being called.
     virtual bool cancel(TimerId timer) = 0;

@@ -92,7 +92,7 @@ CurlTransfer::CurlTransfer(Address address, UrlRequest request, Body body, UrlSe
       request_(std::move(request)),
       body_(std::move(body)),
       limits_(limits),
-      completion_(std::move(completion)) {}
+      completion_(std::make_shared<const UrlSession::Completion>(std::move(completion))) {}
 
 Result<CurlTransfer::Address> CurlTransfer::addressOf(const UrlRequest& request) {
     if (!isSendable(request)) {
@@ -117,7 +117,8 @@ Result<CurlTransfer::Address> CurlTransfer::addressOf(const UrlRequest& request)
         return urlError(UrlErrorCode::unsupportedUrl);
     }
     const std::string host = part(CURLUPART_HOST);
-    return Address{part(CURLUPART_URL), host, scheme + "://" + host + ":" + part(CURLUPART_PORT)};
+    const std::string port = part(CURLUPART_PORT);
+    return Address{part(CURLUPART_URL), host, port, scheme + "://" + host + ":" + port};
 }
 
 CurlTransfer::HeaderList CurlTransfer::headerList() const {
@@ -148,6 +149,25 @@ CurlTransfer::HeaderList CurlTransfer::headerList() const {
     return list;
 }
 
+// "host:port:address,address", which spares the library its own look-up.
+CurlTransfer::HeaderList CurlTransfer::resolveList(const AddressList& addresses) const {
+    if (addresses.empty()) {
+        return nullptr;
+    }
+    std::string entry = address_.host + ":" + address_.port;
+    char separator = ':';
+    for (const auto& address : addresses) {
+        const bool isSix = address.find(':') != std::string::npos;
+        entry += separator + (isSix ? "[" + address + "]" : address);
+        separator = ',';
+    }
+    HeaderList list(curl_slist_append(nullptr, entry.c_str()));
+    if (!list) {
+        throw std::bad_alloc();
+    }
+    return list;
+}
+
 template <class T>
 void CurlTransfer::set(CURLoption option, T value) {
     if (const auto code = curl_easy_setopt(handle_.get(), option, value); code != CURLE_OK) {
@@ -155,8 +175,19 @@ void CurlTransfer::set(CURLoption option, T value) {
     }
 }
 
-CURL* CurlTransfer::begin(Session& session) {
+void CurlTransfer::comeToTurn(Session& session) {
     session_ = &session;
+    noteProgress();
+    cameToTurn_ = lastProgress_;
+}
+
+CURL* CurlTransfer::begin(const AddressList& addresses) {
+    resolved_ = resolveList(addresses);
+    addressCount_ = addresses.size();
+    // A challenge that has been answered is progress, a look-up is not: connecting shares the time with it.
+    if (challenge_) {
+        noteProgress();
+    }
     handle_.reset(curl_easy_init());
     if (!handle_) {
         throw std::bad_alloc();
@@ -169,10 +200,6 @@ CURL* CurlTransfer::begin(Session& session) {
     setUpRequest();
     setUpCallbacks();
     setUpSecurity();
-    noteProgress();
-    if (!began_) {
-        began_ = lastProgress_;
-    }
     underWay_ = true;
     return handle_.get();
 }
@@ -193,12 +220,12 @@ void CurlTransfer::setUpRequest() {
     set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(std::clamp(body_->size(), kSmallestPortion, largest)));
     set(CURLOPT_HTTPHEADER, headers_.get());
     set(CURLOPT_FOLLOWLOCATION, 0L);
-    // The session measures the time; this only keeps the library's own, shorter limit for connecting out of the way.
-    set(CURLOPT_CONNECTTIMEOUT_MS,
-        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(limits_.totalTime).count()));
+    set(CURLOPT_RESOLVE, resolved_.get());
+    // The library tries the addresses of a family one after another. Each gets half of the time that is left, the last
+    // one all of it: so the time to connect must be the time until the session gives the request up.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due() - session_->now());
+    set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(left.count()), 1L));
     set(CURLOPT_NOSIGNAL, 1L);
-    // A request that is given up while its host is looked up must not make all others wait for the look-up.
-    set(CURLOPT_QUICK_EXIT, 1L);
 }
 
 void CurlTransfer::setUpCallbacks() {
@@ -325,6 +352,12 @@ CurlTransfer::Outcome CurlTransfer::answerOrError(CURLcode code) const {
     return {answer_, UrlResponse{status}, {}};
 }
 
+std::string CurlTransfer::connectedAddress() const {
+    char* address = nullptr;
+    return handle_ && curl_easy_getinfo(handle_.get(), CURLINFO_PRIMARY_IP, &address) == CURLE_OK && address ? address
+                                                                                                             : "";
+}
+
 // The strongest of the methods that an answer asks for; none for an answer that needs nobody's word.
 std::optional<CurlTransfer::Method> CurlTransfer::challengeOfAnswer() const {
     if (!outcome_->response) {
@@ -350,7 +383,7 @@ std::optional<CurlTransfer::Method> CurlTransfer::challengeOfAnswer() const {
 
 Clock::Monotonic CurlTransfer::due() const {
     // No time-out reaches beyond the total time, which also keeps a huge one from overflowing.
-    return std::min(lastProgress_ + std::min(request_.timeout, limits_.totalTime), *began_ + limits_.totalTime);
+    return std::min(lastProgress_ + std::min(request_.timeout, limits_.totalTime), cameToTurn_ + limits_.totalTime);
 }
 
 }  // namespace sentrova

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "foundation/Clock.h"
+#include "foundation/HostAddresses.h"
 #include "foundation/UrlSession.h"
 
 #include <cstddef>
@@ -48,6 +49,7 @@ class CurlTransfer {
     struct Address {
         std::string url;
         std::string host;
+        std::string port;
         // Scheme, host and port: what shares its connections.
         std::string origin;
     };
@@ -66,15 +68,22 @@ class CurlTransfer {
     std::uint64_t id() const { return id_; }
     const std::string& host() const { return address_.host; }
     const std::string& origin() const { return address_.origin; }
-    UrlSession::Completion takeCompletion() { return std::move(completion_); }
+    const std::shared_ptr<const UrlSession::Completion>& completion() const { return completion_; }
 
-    // Makes the handle to be driven, a new one at each call; it points back here by CURLOPT_PRIVATE. Throws
-    // std::runtime_error when the library cannot do what is asked of it. The session must outlive the transfer.
-    CURL* begin(Session& session);
+    // Its time begins to run. The session must outlive the transfer.
+    void comeToTurn(Session& session);
+    // Makes the handle to be driven, a new one at each call; it points back here by CURLOPT_PRIVATE. Connects to one of
+    // the addresses, tried in their order; none for a numeric host. Throws std::runtime_error when the library cannot
+    // do what is asked of it.
+    CURL* begin(const AddressList& addresses);
     // To be told when the handle has come to its end and has been removed.
     void ended(CURLcode code);
     // The handle while it is being driven, else null.
     CURL* underWay() const { return underWay_ ? handle_.get() : nullptr; }
+    // Whether it has several addresses to try and is connected to none yet.
+    bool isTryingAddresses() const { return underWay_ && timesSent_ == 0 && addressCount_ > 1; }
+    // The address that the exchange was connected to last; empty when it was to none.
+    std::string connectedAddress() const;
 
     // The delegate's answer to a challenge.
     void grant(Method method) { granted_.insert(method); }
@@ -96,6 +105,7 @@ class CurlTransfer {
     using HeaderList = std::unique_ptr<curl_slist, ListDeleter>;
 
     HeaderList headerList() const;
+    HeaderList resolveList(const AddressList& addresses) const;
     template <class T>
     void set(CURLoption option, T value);
     void setUpRequest();
@@ -120,13 +130,16 @@ class CurlTransfer {
     const UrlRequest request_;
     const Body body_;
     const Limits limits_;
-    UrlSession::Completion completion_;
+    // Shared, so that it is not lost where handing it to the delegate queue fails.
+    const std::shared_ptr<const UrlSession::Completion> completion_;
 
     Session* session_ = nullptr;
     HeaderList headers_;
+    HeaderList resolved_;
+    std::size_t addressCount_ = 0;
     std::unique_ptr<CURL, HandleDeleter> handle_;
     bool underWay_ = false;
-    std::optional<Clock::Monotonic> began_;
+    Clock::Monotonic cameToTurn_;
     Clock::Monotonic lastProgress_;
     curl_off_t bytesMoved_ = 0;
 

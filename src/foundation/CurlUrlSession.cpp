@@ -4,14 +4,16 @@
 #include "foundation/CurlTransfer.h"
 #include "foundation/DispatchQueue.h"
 #include "foundation/Mutex.h"
+#include "foundation/ThreadStart.h"
 
 #include <signal.h>
 
 #include <algorithm>
-#include <deque>
 #include <exception>
 #include <limits>
+#include <list>
 #include <map>
+#include <set>
 #include <stdexcept>
 #include <thread>
 #include <utility>
@@ -24,9 +26,14 @@ namespace sentrova {
 namespace {
 
 constexpr const char* kThreadName = "network thread";
+constexpr const char* kLookUpName = "look-up of a host";
 
 // The longest wait that the library takes, 24 days; it ends early for sockets, mail and the library's own due times.
 constexpr int kNoTimeLimit = std::numeric_limits<int>::max();
+// After a turn that failed, for want of memory say, the rest of its work is tried again.
+constexpr int kTriedAgainAfterMs = 1000;
+// The library gives a silent address up, but goes on to the next one only when it is driven again, and asks nobody to.
+constexpr int kNextAddressWithinMs = 250;
 
 // What other threads have for the network thread. Safe from any thread; what comes in wakes the network thread.
 class Mailbox {
@@ -37,9 +44,14 @@ class Mailbox {
 
         friend bool operator==(const Answer&, const Answer&) = default;
     };
+    struct LookUp {
+        std::string host;
+        AddressList addresses;
+    };
     struct Mail {
-        std::vector<std::unique_ptr<CurlTransfer>> transfers;
+        std::list<std::unique_ptr<CurlTransfer>> transfers;
         std::vector<Answer> answers;
+        std::vector<LookUp> lookUps;
         bool stop = false;
     };
 
@@ -55,6 +67,14 @@ class Mailbox {
         MutexLock lock(mutex_);
         if (sleeper_) {
             mail_.answers.push_back(answer);
+            wakeLocked();
+        }
+    }
+
+    void post(LookUp lookUp) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        if (sleeper_) {
+            mail_.lookUps.push_back(std::move(lookUp));
             wakeLocked();
         }
     }
@@ -125,7 +145,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         : delegate_(std::move(delegate)), configuration_(configuration) {
         // Room for the connections to the address in use and to the one before it.
         curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 2L * configuration.maximumConnectionsPerHost);
-        thread_ = std::thread([this] { run(); });
+        thread_ = startThread([this] { run(); });
     }
 
     Engine(const Engine&) = delete;
@@ -139,7 +159,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     void add(const UrlRequest& request, CurlTransfer::Body body, Completion completion) {
         auto address = CurlTransfer::addressOf(request);
         if (!address) {
-            complete(std::move(completion), {{}, {}, address.error()});
+            complete(std::make_shared<const Completion>(std::move(completion)), {{}, {}, address.error()});
             return;
         }
         mailbox_->post(std::make_unique<CurlTransfer>(
@@ -170,7 +190,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     // The requests to one server: those under way, and those that wait for one of them to end.
     struct Line {
         int active = 0;
-        std::deque<std::unique_ptr<CurlTransfer>> waiting;
+        std::list<std::unique_ptr<CurlTransfer>> waiting;
     };
     struct MultiDeleter {
         void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
@@ -179,7 +199,12 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     void run() {
         blockBrokenPipeSignal();
         while (!stopped_) {
-            runGuarded(kThreadName, [this] { turn(); });
+            const int timeLimit = longestWait();
+            isUnfinished_ = true;
+            runGuarded(kThreadName, [this, timeLimit] {
+                turn(timeLimit);
+                isUnfinished_ = false;
+            });
         }
         cancelTimer();
         for (const auto& [id, transfer] : active_) {
@@ -187,25 +212,40 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         }
         active_.clear();
         lines_.clear();
+        arrived_.clear();
         mailbox_->close();
         multi_.reset();
     }
 
-    void turn() {
-        curl_multi_poll(multi_.get(), nullptr, 0, kNoTimeLimit, nullptr);
+    int longestWait() const {
+        const bool triesAddresses =
+            std::ranges::any_of(active_, [](const auto& entry) { return entry.second->isTryingAddresses(); });
+        const bool hasToTryAgain = isUnfinished_ || !refused_.empty();
+        return triesAddresses ? kNextAddressWithinMs : hasToTryAgain ? kTriedAgainAfterMs : kNoTimeLimit;
+    }
+
+    void turn(int timeLimit) {
+        curl_multi_poll(multi_.get(), nullptr, 0, timeLimit, nullptr);
         auto mail = mailbox_->take();
+        arrived_.splice(arrived_.end(), mail.transfers);
         stopped_ = mail.stop;
         if (stopped_) {
             return;
         }
         // Taken before anything is sent, so that progress counts from no later than it was made.
         now_ = Clock::shared().monotonicTime();
-        for (auto& transfer : mail.transfers) {
-            auto& line = lines_[transfer->origin()];
-            line.waiting.push_back(std::move(transfer));
+        while (!arrived_.empty()) {
+            auto& waiting = lines_[arrived_.front()->origin()].waiting;
+            waiting.splice(waiting.end(), arrived_, arrived_.begin());
         }
         for (const auto& answer : mail.answers) {
             accept(answer);
+        }
+        for (const auto& lookUp : mail.lookUps) {
+            accept(lookUp);
+        }
+        for (const auto& host : std::set(refused_)) {
+            lookUp(host);
         }
         int running = 0;
         curl_multi_perform(multi_.get(), &running);
@@ -219,9 +259,10 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     void advanceLines() {
         for (auto& [origin, line] : lines_) {
             while (!line.waiting.empty() && line.active < configuration_.maximumConnectionsPerHost) {
-                ++line.active;
                 auto& transfer = *line.waiting.front();
+                transfer.comeToTurn(*this);
                 active_.emplace(transfer.id(), std::move(line.waiting.front()));
+                ++line.active;
                 line.waiting.pop_front();
                 drive(transfer);
             }
@@ -230,14 +271,69 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
                       [](const auto& entry) { return entry.second.active == 0 && entry.second.waiting.empty(); });
     }
 
+    // Goes on as soon as the addresses of the host are known.
     void drive(CurlTransfer& transfer) {
         try {
-            if (const auto code = curl_multi_add_handle(multi_.get(), transfer.begin(*this)); code != CURLM_OK) {
-                throw std::runtime_error(curl_multi_strerror(code));
+            if (isNumericHost(transfer.host())) {
+                connect(transfer, {});
+            } else if (const auto* addresses = hosts_.find(transfer.host(), now_)) {
+                connect(transfer, *addresses);
+            } else {
+                lookUp(transfer.host());
             }
         } catch (const std::exception& exception) {
             DispatchQueue::reportException(kThreadName, exception.what());
             finish(transfer, {{}, {}, urlError(UrlErrorCode::unknown)});
+        }
+    }
+
+    void connect(CurlTransfer& transfer, const AddressList& addresses) {
+        if (const auto code = curl_multi_add_handle(multi_.get(), transfer.begin(addresses)); code != CURLM_OK) {
+            throw std::runtime_error(curl_multi_strerror(code));
+        }
+    }
+
+    // One look-up per host at a time. Its thread is nobody's to wait for: a resolver may block for minutes. While the
+    // system refuses the thread, the look-up is tried again with each turn, and the requests wait.
+    void lookUp(const std::string& host) {
+        if (lookedUp_.contains(host)) {
+            return;
+        }
+        auto thread = tryStartThread([host, resolver = configuration_.resolver, mailbox = std::weak_ptr(mailbox_)] {
+            Mailbox::LookUp result{host, {}};
+            runGuarded(kLookUpName, [&] { result.addresses = resolver(host); });
+            if (const auto open = mailbox.lock()) {
+                open->post(std::move(result));
+            }
+        });
+        if (thread.joinable()) {
+            thread.detach();
+            refused_.erase(host);
+            lookedUp_.insert(host);
+        } else if (refused_.insert(host).second) {
+            DispatchQueue::reportException(kLookUpName,
+                                           "The system grants no further thread; the look-up waits for one");
+        }
+    }
+
+    void accept(const Mailbox::LookUp& result) {
+        lookedUp_.erase(result.host);
+        const bool isFound = !result.addresses.empty();
+        if (isFound) {
+            hosts_.store(result.host, result.addresses, now_);
+        }
+        std::vector<CurlTransfer*> waiting;
+        for (const auto& [id, transfer] : active_) {
+            if (transfer->host() == result.host && !transfer->underWay() && !transfer->isHeld()) {
+                waiting.push_back(transfer.get());
+            }
+        }
+        for (auto* const transfer : waiting) {
+            if (isFound) {
+                drive(*transfer);
+            } else {
+                finish(*transfer, {{}, {}, urlError(UrlErrorCode::cannotFindHost)});
+            }
         }
     }
 
@@ -257,6 +353,9 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
             curl_easy_getinfo(handle, CURLINFO_PRIVATE, &transfer);
             curl_multi_remove_handle(multi_.get(), handle);
             transfer->ended(code);
+            if (const auto& outcome = transfer->outcome(); outcome && outcome->response) {
+                hosts_.noteAnswer(transfer->host(), transfer->connectedAddress());
+            }
             settle(*transfer);
         }
     }
@@ -285,15 +384,16 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         }
     }
 
+    // A transfer that cannot be completed stays, and is completed when its time is up.
     void finish(CurlTransfer& transfer, CurlTransfer::Outcome outcome) {
-        complete(transfer.takeCompletion(), std::move(outcome));
+        complete(transfer.completion(), std::move(outcome));
         --lines_[transfer.origin()].active;
         active_.erase(transfer.id());
     }
 
-    void complete(Completion completion, CurlTransfer::Outcome outcome) {
+    void complete(std::shared_ptr<const Completion> completion, CurlTransfer::Outcome outcome) {
         completions_.async([completion = std::move(completion), outcome = std::move(outcome)] {
-            completion(outcome.data, outcome.response, outcome.error);
+            (*completion)(outcome.data, outcome.response, outcome.error);
         });
     }
 
@@ -344,13 +444,21 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
 
     std::unique_ptr<CURLM, MultiDeleter> multi_{makeMultiHandle()};
     const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>(multi_.get());
+    HostAddresses hosts_;
+    // The hosts whose look-up is under way.
+    std::set<std::string> lookedUp_;
+    // The hosts whose look-up was refused a thread.
+    std::set<std::string> refused_;
+    // Requests that have no line yet.
+    std::list<std::unique_ptr<CurlTransfer>> arrived_;
     std::map<std::string, Line> lines_;
-    // Those whose turn has come, by id: driven by the multi handle, or held by a challenge.
+    // Those whose turn has come, by id: driven by the multi handle, held by a challenge, or waiting for a look-up.
     std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> active_;
     std::optional<Clock::TimerId> timer_;
     Clock::Monotonic timerDue_;
     Clock::Monotonic now_;
     bool stopped_ = false;
+    bool isUnfinished_ = false;
     std::thread thread_;
 };
 

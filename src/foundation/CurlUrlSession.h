@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "foundation/HostAddresses.h"
 #include "foundation/UrlSession.h"
 
 #include <chrono>
@@ -21,6 +22,10 @@ namespace sentrova {
 // turn has come. An answer longer than maximumAnswer fails with dataLengthExceedsMaximum, one that is cut short with
 // networkConnectionLost.
 //
+// A host name is looked up on a thread of its own, which neither other requests nor the end of the session wait for.
+// All its addresses are tried within the request's time-out, the one that answered last time first: of several
+// addresses of one family each gets half of the time that is left.
+//
 // A request that went out on a kept-alive connection which the server had closed meanwhile is sent once more on
 // another, for there is no telling that case from a server that read it and closed. So a server may see a request
 // twice; a second loss is reported.
@@ -35,6 +40,8 @@ class CurlUrlSession final : public UrlSession {
         int maximumConnectionsPerHost = 6;
         std::size_t maximumAnswer = 16 * 1024 * 1024;
         std::chrono::seconds totalTime{900};
+        // Must work without the session, which may have ended meanwhile.
+        HostResolver resolver = resolveHost;
     };
 
     // The delegate answers the servers' challenges for as long as the session lives; null answers none.

@@ -1,6 +1,7 @@
 #include "foundation/DispatchQueue.h"
 
 #include "foundation/Mutex.h"
+#include "foundation/ThreadStart.h"
 
 #include <atomic>
 #include <deque>
@@ -40,6 +41,9 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
         if (held_ || !waiting_.empty()) {
             Turn turn;
             waiting_.push_back({nullptr, &turn});
+            if (!held_) {
+                passOnLocked();
+            }
             while (!turn.come) {
                 turn.changed.wait(lock);
             }
@@ -77,6 +81,8 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
             if (std::exchange(workerCalled_, false)) {
                 // The block for which it was called has not begun, and is dropped.
                 held_ = false;
+            }
+            if (!held_) {
                 passOnLocked();
             }
             worker = std::move(worker_);
@@ -104,23 +110,45 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
         Turn* turn;
     };
 
+    // The queue is not held. It stays so when the block at the head finds no thread.
     void passOnLocked() REQUIRES(mutex_) {
         if (waiting_.empty()) {
             return;
         }
-        held_ = true;
         if (auto* turn = waiting_.front().turn) {
+            held_ = true;
             waiting_.pop_front();
             turn->come = true;
             turn->changed.notifyOne();
-            return;
+        } else if (hasWorkerLocked()) {
+            held_ = true;
+            workerCalled_ = true;
+            workerChanged_.notifyOne();
         }
-        workerCalled_ = true;
-        if (!workerStarted_) {
-            workerStarted_ = true;
-            worker_ = std::thread([self = shared_from_this()] { self->work(); });
+    }
+
+    bool hasWorkerLocked() REQUIRES(mutex_) {
+        if (worker_.joinable()) {
+            return true;
         }
-        workerChanged_.notifyOne();
+        worker_ = tryStartThread([self = shared_from_this()] { self->work(); });
+        if (!worker_.joinable()) {
+            retry_.later([weak = weak_from_this()] {
+                if (const auto self = weak.lock()) {
+                    self->tryAgain();
+                }
+            });
+            return false;
+        }
+        retry_.succeeded();
+        return true;
+    }
+
+    void tryAgain() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        if (!held_) {
+            passOnLocked();
+        }
     }
 
     void work() EXCLUDES(mutex_) {
@@ -157,9 +185,9 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
     bool held_ GUARDED_BY(mutex_) = false;
     bool closed_ GUARDED_BY(mutex_) = false;
     bool workerCalled_ GUARDED_BY(mutex_) = false;
-    bool workerStarted_ GUARDED_BY(mutex_) = false;
     Condition workerChanged_;
     std::thread worker_ GUARDED_BY(mutex_);
+    ThreadRetry retry_ GUARDED_BY(mutex_);
 };
 
 namespace {
@@ -204,19 +232,25 @@ void DispatchQueue::setExceptionHandler(ExceptionHandler handler) {
     exceptionHandler = handler;
 }
 
-void DispatchQueue::reportException(std::string_view where, std::string_view what) {
-    if (auto* const handler = exceptionHandler.load()) {
-        handler(where, what);
+void DispatchQueue::reportException(std::string_view where, std::string_view what) noexcept {
+    auto* const handler = exceptionHandler.load();
+    try {
+        if (handler) {
+            handler(where, what);
+        }
+    } catch (...) {
+        // Without memory for a line there is nothing left to tell it with.
+        return;
     }
 }
 
-void runGuarded(std::string_view where, const std::function<void()>& function) {
+void DispatchQueue::reportCurrentException(std::string_view where) noexcept {
     try {
-        function();
+        throw;
     } catch (const std::exception& exception) {
-        DispatchQueue::reportException(where, exception.what());
+        reportException(where, exception.what());
     } catch (...) {
-        DispatchQueue::reportException(where, "an exception without a text");
+        reportException(where, "an exception without a text");
     }
 }
 

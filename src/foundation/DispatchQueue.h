@@ -1,8 +1,9 @@
 // A serial queue: blocks run one at a time, in the order in which they were handed over.
 //
 // Safe from any thread. `sync` on an idle queue runs the block on the calling thread, so that an uncontended hand-over
-// costs a lock; everything else runs on one thread of the queue's own, which begins with the first block that needs it.
-// A block that throws is reported to the handler of unhandled exceptions, and the queue goes on.
+// costs a lock; everything else runs on the queue's own thread, which is started by the first block that needs it.
+// While the system refuses that thread, the blocks wait, and whoever calls `sync` waits behind them. A block that
+// throws is reported to the handler of unhandled exceptions, and the queue goes on.
 
 #pragma once
 
@@ -48,14 +49,26 @@ class DispatchQueue {
 
     // What becomes of exceptions that reach the end of a block or a thread; without a handler they are dropped.
     static void setExceptionHandler(ExceptionHandler handler);
-    static void reportException(std::string_view where, std::string_view what);
+    static void reportException(std::string_view where, std::string_view what) noexcept;
+    // Reports the exception that is being handled.
+    static void reportCurrentException(std::string_view where) noexcept;
 
   private:
     class State;
     std::shared_ptr<State> state_;
 };
 
-// Runs the function and reports what it throws under the name given. The outermost frame of every thread of the agent.
-void runGuarded(std::string_view where, const std::function<void()>& function);
+// Runs the function and reports what it throws under the name given; returns whether it ended without an exception. The
+// outermost frame of every thread of the agent.
+template <class Function>
+bool runGuarded(std::string_view where, const Function& function) noexcept {
+    try {
+        function();
+        return true;
+    } catch (...) {
+        DispatchQueue::reportCurrentException(where);
+        return false;
+    }
+}
 
 }  // namespace sentrova

@@ -3,11 +3,14 @@
 #include "platform/FileFacts.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -21,6 +24,7 @@ namespace {
 constexpr std::string_view kTemporarySuffix = ".sentrova-tmp";
 constexpr mode_t kOwnerFile = S_IRUSR | S_IWUSR;
 constexpr mode_t kOwnerFolder = S_IRWXU;
+constexpr std::size_t kCopyBlock = 256 * 1024;
 
 std::atomic<FileSystem*> installedFileSystem{nullptr};
 
@@ -53,6 +57,31 @@ std::string folderOf(const std::string& path) {
     return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
 }
 
+std::string nameOf(const std::string& path) {
+    return path.substr(path.find_last_of('/') + 1);
+}
+
+bool isMissing(int number) {
+    return number == ENOENT || number == ENOTDIR;
+}
+
+// Only the process's own user can put something into the folder, or exchange what is there.
+bool isWrittenByUsAlone(const struct stat& folder) {
+    return folder.st_uid == ::geteuid() && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// More links after one another than this are taken for a circle.
+constexpr int kMostLinks = 8;
+
+// A volume that keeps no dates is none of the caller's business.
+void keepModificationDate(int descriptor, Date date) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(date);
+    const std::chrono::nanoseconds rest = date - seconds;
+    const timespec modified{static_cast<time_t>(seconds.time_since_epoch().count()), static_cast<long>(rest.count())};
+    const std::array times{timespec{0, UTIME_OMIT}, modified};
+    static_cast<void>(::futimens(descriptor, times.data()));
+}
+
 std::string temporaryNameFor(const std::string& name) {
     static std::atomic<unsigned> counter{0};
     return fmt::format(".{}.{}.{}{}", name, ::getpid(), ++counter, kTemporarySuffix);
@@ -72,13 +101,19 @@ void FileSystem::install(FileSystem* fileSystem) {
     installedFileSystem.store(fileSystem, std::memory_order_release);
 }
 
-// An own file: its name, and its folder, which was opened as no symbolic link. What is done with the two stays within
-// that folder whatever becomes of its path meanwhile.
+// An own file: its name, and its open folder. What is done with the two stays within that folder whatever becomes of
+// its path meanwhile.
 struct FileSystem::Place {
     FileDescriptor folder;
     Location file;
 
     Location beside(const std::string& name) const { return {folder.get(), name, folderOf(file.path) + "/" + name}; }
+};
+
+// How many bytes were written, and the error number that ended it or 0.
+struct FileSystem::Written {
+    std::size_t bytes = 0;
+    int problem = 0;
 };
 
 FileSystem::Location FileSystem::locationOf(const std::string& path) {
@@ -151,19 +186,19 @@ int FileSystem::flush(int descriptor) {
     return 0;
 }
 
-// 0, or the error number.
-int FileSystem::writeWhole(int descriptor, std::span<const std::uint8_t> content) {
-    while (!content.empty()) {
-        const auto written = hostWrite(descriptor, content);
+FileSystem::Written FileSystem::writeWhole(int descriptor, std::span<const std::uint8_t> content) {
+    std::size_t done = 0;
+    while (done < content.size()) {
+        const auto written = hostWrite(descriptor, content.subspan(done));
         if (written < 0 && errno == EINTR) {
             continue;
         }
         if (written < 0) {
-            return errno;
+            return {done, errno};
         }
-        content = content.subspan(static_cast<std::size_t>(written));
+        done += static_cast<std::size_t>(written);
     }
-    return 0;
+    return {done, 0};
 }
 
 bool FileSystem::isLink(const std::string& path) {
@@ -171,16 +206,73 @@ bool FileSystem::isLink(const std::string& path) {
     return hostLinkStatus(locationOf(path), host) == 0 && S_ISLNK(host.st_mode);
 }
 
-Result<FileSystem::Place> FileSystem::placeOf(const std::string& path, const char* what) {
-    const auto folder = folderOf(path);
-    auto opened = open(locationOf(folder), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (!opened) {
-        const int number = errno;
-        // Hosts disagree on which error it is.
-        return failure(isLink(folder) ? ELOOP : number, what, path);
+// The path that a link leads to; nothing for a link that others than the process's user can have made.
+std::optional<std::string> FileSystem::targetOf(const Location& link) {
+    struct stat folder{};
+    struct stat host{};
+    if (::fstat(link.folder, &folder) != 0 || !isWrittenByUsAlone(folder) || hostLinkStatus(link, host) != 0 ||
+        host.st_uid != ::geteuid()) {
+        return std::nullopt;
     }
-    const int number = opened.get();
-    return Place{std::move(opened), {number, path.substr(path.find_last_of('/') + 1), path}};
+    std::array<char, PATH_MAX> text{};
+    const auto length = ::readlinkat(link.folder, link.name.c_str(), text.data(), text.size());
+    if (length <= 0) {
+        return std::nullopt;
+    }
+    std::string target(text.data(), static_cast<std::size_t>(length));
+    target.resize(std::max<std::size_t>(target.find_last_not_of('/') + 1, 1));
+    return target.starts_with('/') ? target : folderOf(link.path) + "/" + target;
+}
+
+Result<FileDescriptor> FileSystem::openOwnFolder(std::string folder, const char* what, const std::string& forPath) {
+    for (int links = 0; links <= kMostLinks; ++links) {
+        auto opened = open(locationOf(folder), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+        const int number = errno;
+        if (opened) {
+            return opened;
+        }
+        // Hosts disagree on which error a link is.
+        if (!isLink(folder)) {
+            return failure(number, what, forPath);
+        }
+        const auto parent = open(locationOf(folderOf(folder)), O_RDONLY | O_DIRECTORY);
+        const auto target = parent ? targetOf({parent.get(), nameOf(folder), folder}) : std::nullopt;
+        if (!target) {
+            break;
+        }
+        folder = *target;
+    }
+    return failure(ELOOP, what, forPath);
+}
+
+// The file itself may be a link.
+Result<FileSystem::Place> FileSystem::placeOf(const std::string& path, const char* what) {
+    auto folder = openOwnFolder(folderOf(path), what, path);
+    if (!folder) {
+        return folder.error();
+    }
+    const int number = folder->get();
+    return Place{*std::move(folder), {number, nameOf(path), path}};
+}
+
+// The place of what the path leads to. What is opened there is opened without following a link that came later.
+Result<FileSystem::Place> FileSystem::targetPlaceOf(const std::string& path, const char* what) {
+    auto target = std::optional(path);
+    for (int links = 0; target && links <= kMostLinks; ++links) {
+        auto place = placeOf(*target, what);
+        if (!place) {
+            return place;
+        }
+        struct stat host{};
+        if (hostLinkStatus(place->file, host) != 0) {
+            return errno == ENOENT ? std::move(place) : failure(errno, what, path);
+        }
+        if (!S_ISLNK(host.st_mode)) {
+            return place;
+        }
+        target = targetOf(place->file);
+    }
+    return failure(ELOOP, what, path);
 }
 
 Result<FileStatus> FileSystem::status(const std::string& path) {
@@ -200,16 +292,21 @@ Result<FileStatus> FileSystem::linkStatus(const std::string& path) {
 }
 
 Result<FileDescriptor> FileSystem::openForReading(const std::string& path) {
-    auto file = open(locationOf(path), O_RDONLY);
-    if (!file) {
+    // The open of a FIFO would wait for a writer otherwise, and that of a terminal would make it the process's own.
+    auto file = open(locationOf(path), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    struct stat host{};
+    if (!file || ::fstat(file.get(), &host) != 0) {
         return failure(errno, "cannot open", path);
+    }
+    if (!S_ISREG(host.st_mode)) {
+        return Error{kPosixErrorDomain, EINVAL, fmt::format("\"{}\" is passed over: it is no regular file", path)};
     }
     return file;
 }
 
 template <class Content>
 Result<Content> FileSystem::readWhole(const std::string& path) {
-    const auto place = placeOf(path, "cannot open");
+    const auto place = targetPlaceOf(path, "cannot open");
     if (!place) {
         return place.error();
     }
@@ -255,51 +352,93 @@ Result<std::string> FileSystem::readText(const std::string& path) {
     return readWhole<std::string>(path);
 }
 
-Result<Done> FileSystem::writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
-                                         Durability durability) {
-    const auto place = placeOf(path, "cannot write");
-    if (!place) {
-        return place.error();
-    }
-    const auto temporary = place->beside(temporaryNameFor(place->file.name));
+// Makes the file under a temporary name, has it filled (0, or the error number), and gives it its own name.
+Result<Done> FileSystem::putInPlace(const Place& place, Durability durability,
+                                    const std::function<int(int descriptor)>& fill) {
+    const auto temporary = place.beside(temporaryNameFor(place.file.name));
     auto file = open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kOwnerFile);
     if (!file) {
         return failure(errno, "cannot create", temporary.path);
     }
-    int problem = writeWhole(file.get(), content);
+    int problem = fill(file.get());
     if (problem == 0 && durability == Durability::flushed) {
         problem = flush(file.get());
     }
     file.reset();
-    if (problem == 0 && hostRename(temporary, place->file) != 0) {
+    if (problem == 0 && hostRename(temporary, place.file) != 0) {
         problem = errno;
     }
     if (problem != 0) {
         hostRemove(temporary);
-        return failure(problem, "cannot write", path);
+        return failure(problem, "cannot write", place.file.path);
     }
     if (durability == Durability::flushed) {
         // Without this the name may still be the old one after a loss of power.
-        flush(place->folder.get());
+        flush(place.folder.get());
     }
     return Done();
 }
 
+Result<Done> FileSystem::writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
+                                         Durability durability) {
+    auto place = targetPlaceOf(path, "cannot write");
+    if (!place && place.error().code == ELOOP) {
+        // A link that is not followed is replaced, unless it is the folder.
+        place = placeOf(path, "cannot write");
+    }
+    if (!place) {
+        return place.error();
+    }
+    return putInPlace(*place, durability,
+                      [this, content](int descriptor) { return writeWhole(descriptor, content).problem; });
+}
+
 Result<Done> FileSystem::append(const std::string& path, std::string_view text) {
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK;
+    MutexLock lock(appending_);
     // A look is enough for the folder, and spares every line of the log an open and a close: who could exchange the
     // folder between the look and the open owns the installation.
-    if (isLink(folderOf(path))) {
-        return failure(ELOOP, "cannot open", path);
+    const bool isInLink = isLink(folderOf(path));
+    auto file = isInLink ? FileDescriptor() : open(locationOf(path), kFlags, kOwnerFile);
+    if (!file && (isInLink || errno == ELOOP)) {
+        const auto place = targetPlaceOf(path, "cannot open");
+        if (!place) {
+            return place.error();
+        }
+        file = open(place->file, kFlags, kOwnerFile);
     }
-    const auto file = open(locationOf(path), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK, kOwnerFile);
     if (!file) {
         return failure(errno, "cannot open", path);
     }
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-    if (const int problem = writeWhole(file.get(), {bytes, text.size()}); problem != 0) {
-        return failure(problem, "cannot write", path);
+    const auto written = writeWhole(file.get(), {bytes, text.size()});
+    if (written.problem == 0) {
+        return Done();
     }
-    return Done();
+    // Only where this text is the last one: another process may append to the file as well.
+    const auto end = ::lseek(file.get(), 0, SEEK_CUR);
+    struct stat host{};
+    if (written.bytes > 0 && ::fstat(file.get(), &host) == 0 && host.st_size == end) {
+        static_cast<void>(::ftruncate(file.get(), end - static_cast<off_t>(written.bytes)));
+    }
+    return failure(written.problem, "cannot write", path);
+}
+
+Result<bool> FileSystem::endsWithLineFeed(const std::string& path) {
+    const auto place = targetPlaceOf(path, "cannot open");
+    if (!place) {
+        return isMissing(static_cast<int>(place.error().code)) ? Result<bool>(true) : place.error();
+    }
+    const auto file = open(place->file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    if (!file) {
+        return isMissing(errno) ? Result<bool>(true) : failure(errno, "cannot open", path);
+    }
+    struct stat host{};
+    char last = '\n';
+    if (::fstat(file.get(), &host) != 0 || (host.st_size > 0 && ::pread(file.get(), &last, 1, host.st_size - 1) != 1)) {
+        return failure(errno, "cannot read", path);
+    }
+    return last == '\n';
 }
 
 Result<Done> FileSystem::createFile(const std::string& path) {
@@ -312,6 +451,29 @@ Result<Done> FileSystem::createFile(const std::string& path) {
         return failure(errno, "cannot create", path);
     }
     return Done();
+}
+
+Result<FileDescriptor> FileSystem::lock(const std::string& path, std::string_view content) {
+    const auto place = placeOf(path, "cannot lock");
+    if (!place) {
+        return place.error();
+    }
+    auto file = open(place->file, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, kOwnerFile);
+    struct stat host{};
+    if (!file || ::fstat(file.get(), &host) != 0) {
+        return failure(errno, "cannot open", path);
+    }
+    if (!S_ISREG(host.st_mode)) {
+        return failure(EINVAL, "cannot lock", path);
+    }
+    // Not a lock of fcntl: the process would lose that with the first descriptor of the file that it closes.
+    if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+        return failure(errno, "cannot lock", path);
+    }
+    if (::ftruncate(file.get(), 0) == 0) {
+        writeWhole(file.get(), {reinterpret_cast<const std::uint8_t*>(content.data()), content.size()});
+    }
+    return file;
 }
 
 Result<Done> FileSystem::createFolder(const std::string& path) {
@@ -359,8 +521,51 @@ Result<Done> FileSystem::move(const std::string& from, const std::string& to) {
     if (const bool there = hostLinkStatus(destination->file, host) == 0; there || errno != ENOENT) {
         return failure(there ? EEXIST : errno, "cannot move to", to);
     }
-    if (hostRename(source->file, destination->file) != 0) {
-        return failure(errno, "cannot move", from);
+    if (hostRename(source->file, destination->file) == 0) {
+        return Done();
+    }
+    return errno == EXDEV ? moveToOtherVolume(*source, *destination) : failure(errno, "cannot move", from);
+}
+
+// 0, or the error number.
+int FileSystem::copyContent(int from, int to) {
+    std::vector<std::uint8_t> block(kCopyBlock);
+    for (;;) {
+        const auto got = readOnce(from, block);
+        if (got == 0) {
+            return 0;
+        }
+        if (got < 0 && errno != EINTR) {
+            return errno;
+        }
+        const auto part = std::span(block).first(static_cast<std::size_t>(std::max<std::ptrdiff_t>(got, 0)));
+        if (const auto written = writeWhole(to, part); written.problem != 0) {
+            return written.problem;
+        }
+    }
+}
+
+Result<Done> FileSystem::moveToOtherVolume(const Place& from, const Place& to) {
+    const auto source = open(from.file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    struct stat host{};
+    if (!source || ::fstat(source.get(), &host) != 0) {
+        return failure(errno, "cannot move", from.file.path);
+    }
+    if (!S_ISREG(host.st_mode)) {
+        return failure(EXDEV, "cannot move", from.file.path);
+    }
+    const auto copied = putInPlace(to, Durability::flushed, [&](int descriptor) {
+        const int problem = copyContent(source.get(), descriptor);
+        keepModificationDate(descriptor, platform::modificationDate(host));
+        return problem;
+    });
+    if (!copied) {
+        return copied.error();
+    }
+    if (hostRemove(from.file) != 0) {
+        const int number = errno;
+        hostRemove(to.file);
+        return failure(number, "cannot move", from.file.path);
     }
     return Done();
 }
@@ -390,21 +595,18 @@ Result<std::vector<std::string>> FileSystem::names(const std::string& folder) {
 }
 
 Result<std::vector<std::string>> FileSystem::ownNames(const std::string& folder) {
-    const auto status = linkStatus(folder);
-    if (!status) {
-        return status.error();
-    }
-    return status->isSymbolicLink ? failure(ELOOP, "cannot list", folder) : names(folder);
+    const auto own = openOwnFolder(folder, "cannot list", folder);
+    return own ? names(folder) : own.error();
 }
 
-Result<Done> FileSystem::checkNoLink(const std::string& path) {
-    for (const auto& each : {path, folderOf(path)}) {
-        const auto status = linkStatus(each);
-        if (status ? status->isSymbolicLink : status.error().code != ENOENT) {
-            return status ? failure(ELOOP, "cannot use", each) : status.error();
-        }
-    }
-    return Done();
+Result<Done> FileSystem::checkOwnFolder(const std::string& folder) {
+    const auto own = openOwnFolder(folder, "cannot use", folder);
+    return own ? Result<Done>(Done()) : own.error();
+}
+
+Result<Done> FileSystem::checkLinks(const std::string& path) {
+    const auto place = targetPlaceOf(path, "cannot use");
+    return place || isMissing(static_cast<int>(place.error().code)) ? Result<Done>(Done()) : place.error();
 }
 
 bool FileSystem::isTemporaryName(std::string_view name) {

@@ -1,5 +1,6 @@
 #include "foundation/KeyValueObserving.h"
 
+#include "foundation/DispatchQueue.h"
 #include "foundation/Mutex.h"
 
 #include <algorithm>
@@ -74,7 +75,7 @@ void KeyValueObserving::willChangeValueForKey(std::string_view key) {
     }
     for (const auto& registration : observers) {
         if (!registration->gone && registration->options == Options::changesAndPriors) {
-            registration->observer({key, true, oldValue, Value()});
+            runGuarded(key, [&] { registration->observer({key, true, oldValue, Value()}); });
         }
     }
 }
@@ -100,7 +101,7 @@ void KeyValueObserving::didChangeValueForKey(std::string_view key) {
     const auto newValue = valueForKey(key);
     for (const auto& registration : observers) {
         if (!registration->gone) {
-            registration->observer({key, false, oldValue, newValue});
+            runGuarded(key, [&] { registration->observer({key, false, oldValue, newValue}); });
         }
     }
 }

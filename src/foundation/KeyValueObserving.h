@@ -1,7 +1,8 @@
 // Change notifications of an object's values by key.
 //
 // The object brackets every change of a value with willChangeValueForKey and didChangeValueForKey; observers of the key
-// hear of it on the changing thread. Safe from any thread.
+// hear of it on the changing thread. What an observer throws is reported under the key, and the change goes on. Safe
+// from any thread.
 
 #pragma once
 

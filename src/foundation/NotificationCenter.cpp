@@ -1,5 +1,6 @@
 #include "foundation/NotificationCenter.h"
 
+#include "foundation/DispatchQueue.h"
 #include "foundation/ProcessWide.h"
 
 #include <atomic>
@@ -53,7 +54,7 @@ Subscription NotificationCenter::addObserver(std::string_view name, Observer obs
     });
 }
 
-void NotificationCenter::post(const Notification& notification) {
+bool NotificationCenter::post(const Notification& notification) {
     std::shared_ptr<const State::List> observers;
     {
         MutexLock lock(state_->mutex);
@@ -61,14 +62,15 @@ void NotificationCenter::post(const Notification& notification) {
             observers = found->second;
         }
     }
-    if (!observers) {
-        return;
-    }
-    for (const auto& registration : *observers) {
-        if (!registration->gone) {
-            registration->observer(notification);
+    bool taken = true;
+    if (observers) {
+        for (const auto& registration : *observers) {
+            if (!registration->gone) {
+                taken = runGuarded(notification.name, [&] { registration->observer(notification); }) && taken;
+            }
         }
     }
+    return taken;
 }
 
 }  // namespace sentrova

@@ -1,8 +1,9 @@
 // Notifications by name between parts that do not know each other.
 //
 // Safe from any thread. A post calls the observers one after another, in the order of their registration, on the
-// poster's thread, and returns when the last one has. Observers may come and go during a post: one that has gone is not
-// called any more, one that came is called from the next post on.
+// poster's thread, and returns when the last one has. What an observer throws is reported under the notification's name
+// and reaches neither the poster nor the other observers. Observers may come and go during a post: one that has gone is
+// not called any more, one that came is called from the next post on.
 
 #pragma once
 
@@ -40,7 +41,8 @@ class NotificationCenter {
     // The subscription may outlive the centre.
     Subscription addObserver(std::string_view name, Observer observer);
 
-    void post(const Notification& notification);
+    // False when an observer has thrown.
+    bool post(const Notification& notification);
 
   private:
     struct Registration;

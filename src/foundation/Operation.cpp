@@ -1,8 +1,21 @@
 #include "foundation/Operation.h"
 
+#include "foundation/DispatchQueue.h"
+
 #include <fmt/format.h>
 
 namespace sentrova {
+
+bool Operation::run() noexcept {
+    bool ran = false;
+    runGuarded("operation", [this, &ran] {
+        ran = runGuarded(name(), [this] { start(); });
+        if (!ran) {
+            finishFailed();
+        }
+    });
+    return ran;
+}
 
 std::string Operation::name() const {
     MutexLock lock(mutex_);

@@ -29,6 +29,10 @@ class Operation : public KeyValueObserving {
     virtual void start() = 0;
     virtual void cancel() = 0;
 
+    // Calls start. When that throws, the exception is reported under the operation's name, the operation is finished,
+    // and the answer is false. For the queue, and for whoever starts an operation without one.
+    bool run() noexcept;
+
     std::string name() const EXCLUDES(mutex_);
     void setName(std::string name) EXCLUDES(mutex_);
 
@@ -40,6 +44,9 @@ class Operation : public KeyValueObserving {
     std::string description() const;
 
   protected:
+    // Makes an operation finished whose start has thrown.
+    virtual void finishFailed() = 0;
+
     Value valueForKey(std::string_view key) const override;
 
   private:

@@ -2,6 +2,7 @@
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/Mutex.h"
+#include "foundation/ThreadStart.h"
 
 #include <algorithm>
 #include <atomic>
@@ -31,6 +32,9 @@ class BlockOperation final : public Operation {
     }
 
     void cancel() override { change(kIsCancelled, cancelled_, true); }
+
+  protected:
+    void finishFailed() override { change(kIsFinished, finished_, true); }
 
   private:
     void change(const char* key, std::atomic<bool>& flag, bool value) {
@@ -164,32 +168,55 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
                                    [](const auto& dependency) { return dependency->isFinished(); });
     }
 
-    std::shared_ptr<Operation> takeReadyLocked() REQUIRES(mutex_) {
+    // The first entry that may start now; null when there is none.
+    Entry* firstReadyLocked() REQUIRES(mutex_) {
         if (closed_ || running_ >= limit_) {
             return nullptr;
         }
         const auto entry = std::ranges::find_if(entries_, [this](const Entry& e) { return isReady(e); });
-        if (entry == entries_.end()) {
+        return entry == entries_.end() ? nullptr : &*entry;
+    }
+
+    std::shared_ptr<Operation> takeReadyLocked() REQUIRES(mutex_) {
+        auto* const entry = firstReadyLocked();
+        if (!entry) {
             return nullptr;
         }
-        entry->started = true;
-        ++running_;
+        markStartedLocked(*entry);
         return entry->operation;
     }
 
+    void markStartedLocked(Entry& entry) REQUIRES(mutex_) {
+        entry.started = true;
+        ++running_;
+    }
+
     void startWorkersLocked() REQUIRES(mutex_) {
-        while (auto operation = takeReadyLocked()) {
-            ++workers_;
-            std::thread([self = shared_from_this(), operation = std::move(operation)]() mutable {
+        while (auto* const entry = firstReadyLocked()) {
+            // Its operation may end at once, but is not taken off the list before the lock is free.
+            auto worker = tryStartThread([self = shared_from_this(), operation = entry->operation]() mutable {
                 self->work(std::move(operation));
-            }).detach();
+            });
+            if (!worker.joinable()) {
+                retry_.later([weak = weak_from_this()] {
+                    if (const auto self = weak.lock()) {
+                        self->checkReady();
+                    }
+                });
+                return;
+            }
+            worker.detach();
+            markStartedLocked(*entry);
+            ++workers_;
         }
+        // Nothing that could start is left without a thread.
+        retry_.succeeded();
     }
 
     void work(std::shared_ptr<Operation> operation) EXCLUDES(mutex_) {
         while (operation) {
             working_ = {this, operation.get()};
-            runGuarded(operation->name(), [&operation] { operation->start(); });
+            operation->run();
             operation.reset();
             MutexLock lock(mutex_);
             operation = takeReadyLocked();
@@ -216,6 +243,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
     std::size_t running_ GUARDED_BY(mutex_) = 0;
     std::size_t workers_ GUARDED_BY(mutex_) = 0;
     bool closed_ GUARDED_BY(mutex_) = false;
+    ThreadRetry retry_ GUARDED_BY(mutex_);
 };
 
 thread_local OperationQueue::State::Work OperationQueue::State::working_;
@@ -250,7 +278,7 @@ std::size_t OperationQueue::operationCount() const {
 
 void OperationQueue::cancelAllOperations() {
     for (const auto& operation : operations()) {
-        operation->cancel();
+        runGuarded(operation->name(), [&operation] { operation->cancel(); });
     }
 }
 

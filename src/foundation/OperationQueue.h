@@ -12,7 +12,8 @@
 namespace sentrova {
 
 // The queue owns what it is given until it is finished. It learns that from the operation's notifications alone: an
-// operation whose start has returned goes on counting as running, without a thread, until it says that it is finished.
+// operation whose start has returned goes on counting as running, without a thread, until it says that it is finished;
+// one whose start has thrown is finished by the queue.
 // A cancelled operation is started without waiting for its dependencies, so that it can finish. Safe from any thread.
 class OperationQueue {
   public:
@@ -22,7 +23,8 @@ class OperationQueue {
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
-    // How many operations run at once, at most; without a limit there is one thread for each that can run.
+    // How many operations run at once, at most; without a limit there is one thread for each that can run. While the
+    // system refuses a thread, operations wait for it or for a thread whose operation has ended.
     void setMaxConcurrentOperationCount(int count);
 
     // There is no bound on what may wait; an operation that is finished already is not taken.
@@ -33,6 +35,7 @@ class OperationQueue {
     std::vector<std::shared_ptr<Operation>> operations() const;
     std::size_t operationCount() const;
 
+    // What one operation's cancel throws is reported, and the others are cancelled all the same.
     void cancelAllOperations();
     void waitUntilAllOperationsAreFinished();
 

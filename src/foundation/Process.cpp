@@ -1,12 +1,11 @@
 #include "foundation/Process.h"
 
+#include "platform/ChildDescriptors.h"
 #include "platform/Environment.h"
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <system_error>
@@ -59,17 +58,13 @@ void Process::launch() {
     if (child_ >= 0) {
         throw ProcessLaunchError(fmt::format("\"{}\" was launched before", launchPath_));
     }
-    std::array<int, 2> ends{};
-    if (::pipe(ends.data()) != 0) {
+    auto pipe = platform::makePipe();
+    if (!pipe) {
         refuse(launchPath_, errno);
     }
-    FileDescriptor reading(ends[0]);
-    const FileDescriptor writing(ends[1]);
-    ::fcntl(reading.get(), F_SETFD, FD_CLOEXEC);
-    ::fcntl(writing.get(), F_SETFD, FD_CLOEXEC);
 
     SpawnActions actions;
-    posix_spawn_file_actions_adddup2(actions.get(), writing.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(actions.get(), pipe->writing.get(), STDOUT_FILENO);
     // The agent ignores SIGTERM, and an ignored signal stays ignored across the start of a program.
     SpawnAttributes attributes;
     sigset_t signals;
@@ -77,8 +72,12 @@ void Process::launch() {
     posix_spawnattr_setsigmask(attributes.get(), &signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGPIPE);
+    sigaddset(&signals, SIGCHLD);
     posix_spawnattr_setsigdefault(attributes.get(), &signals);
     posix_spawnattr_setflags(attributes.get(), POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    if (const int number = platform::inheritStandardStreamsAlone(*actions.get(), *attributes.get()); number != 0) {
+        refuse(launchPath_, number);
+    }
 
     auto texts = arguments_;
     texts.insert(texts.begin(), launchPath_);
@@ -96,7 +95,7 @@ void Process::launch() {
         refuse(launchPath_, problem);
     }
     running_ = true;
-    output_ = std::move(reading);
+    output_ = std::move(pipe->reading);
 }
 
 Data Process::readAvailableData() {
@@ -133,7 +132,12 @@ void Process::waitUntilExit() {
         ended = ::waitpid(child_, &status, 0);
     } while (ended < 0 && errno == EINTR);
     running_ = false;
-    terminationStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+    if (ended != child_) {
+        // While the process ignores SIGCHLD, a child's status goes with the child.
+        terminationStatus_ = kUnknownStatus;
+    } else {
+        terminationStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);
+    }
 }
 
 }  // namespace sentrova

@@ -41,7 +41,10 @@ class Process {
     void terminate();
     void waitUntilExit();
 
-    // After waitUntilExit: what the program passed to exit, or the number of the signal that ended it.
+    // When the system does not tell the status: no success.
+    static constexpr int kUnknownStatus = -1;
+
+    // After waitUntilExit: what the program passed to exit, the number of the signal that ended it, or kUnknownStatus.
     int terminationStatus() const { return terminationStatus_; }
 
   private:

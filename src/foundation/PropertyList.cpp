@@ -3,6 +3,7 @@
 #include "foundation/BinaryPropertyList.h"
 #include "foundation/FormatError.h"
 #include "foundation/Text.h"
+#include "foundation/XmlEncoding.h"
 #include "foundation/XmlPropertyListReader.h"
 
 #include <algorithm>
@@ -21,6 +22,10 @@ namespace {
 // The platform's codes for bytes that cannot be read and a value that cannot be written.
 constexpr std::int64_t kReadCorrupt = 3840;
 constexpr std::int64_t kWriteInvalid = 3851;
+
+// U+FFFE and U+FFFF in UTF-8: the two characters beside control characters and surrogates that XML excludes.
+constexpr std::string_view kNoncharacterFFFE = "\xEF\xBF\xBE";
+constexpr std::string_view kNoncharacterFFFF = "\xEF\xBF\xBF";
 
 // Appends values to one growing text. Its functions return false when a value cannot be written; refusal() then says
 // why.
@@ -44,6 +49,9 @@ class XmlWriter {
 
   private:
     bool write(const Value& value, std::size_t depth) {
+        if (text_.size() > PropertyList::kMaximumBytes) {
+            return refuse(fmt::format("more than {} bytes", PropertyList::kMaximumBytes));
+        }
         if (const auto* array = value.array()) {
             return writeArray(*array, depth);
         }
@@ -133,7 +141,7 @@ class XmlWriter {
                     text_ += "&#13;";
                     break;
                 default:
-                    if (c >= '\0' && c < ' ' && c != '\t' && c != '\n') {
+                    if (isForbiddenInXml(c)) {
                         return refuse("text with control characters");
                     }
                     text_ += c;
@@ -197,6 +205,19 @@ class XmlWriter {
     std::string why_;
 };
 
+Value readXml(std::span<const std::uint8_t> bytes) {
+    const auto decoded = decodeXml(bytes);
+    try {
+        return XmlPropertyListReader(decoded.text).read();
+    } catch (const FormatError&) {
+        if (!decoded.brokenEncoding) {
+            throw;
+        }
+        // The list is incomplete only because its conversion stopped.
+        throw FormatError(fmt::format("Not a property list: it is not valid {}", asciiLossy(*decoded.brokenEncoding)));
+    }
+}
+
 }  // namespace
 
 Result<Value> PropertyList::parse(std::span<const std::uint8_t> bytes) {
@@ -209,11 +230,16 @@ Result<Value> PropertyList::parse(std::span<const std::uint8_t> bytes) {
             BinaryPropertyList list(bytes);
             return list.value(list.root());
         }
-        const std::string text(bytes.begin(), bytes.end());
-        return XmlPropertyListReader(text).read();
+        return readXml(bytes);
     } catch (const FormatError& error) {
         return Error{kCocoaErrorDomain, kReadCorrupt, error.what()};
     }
+}
+
+bool PropertyList::isXmlText(std::string_view text) {
+    return isValidUtf8(text) && std::ranges::none_of(text, isForbiddenInXml) &&
+           text.find(kNoncharacterFFFE) == std::string_view::npos &&
+           text.find(kNoncharacterFFFF) == std::string_view::npos;
 }
 
 Result<Data> PropertyList::writeXml(const Value& value) {

@@ -1,6 +1,7 @@
 #include "foundation/Timer.h"
 
 #include "foundation/NotificationCenter.h"
+#include "foundation/Retry.h"
 
 namespace sentrova {
 
@@ -29,7 +30,9 @@ bool Timer::waitUntil(Date date) {
         if (now >= date) {
             return true;
         }
-        const auto timer = Clock::shared().after(date - now, [alarm = alarm_] { alarm->ring(); });
+        Clock::TimerId timer = 0;
+        retryUntilGranted("Timer",
+                          [&] { timer = Clock::shared().after(date - now, [alarm = alarm_] { alarm->ring(); }); });
         {
             MutexLock lock(alarm_->mutex);
             while (!alarm_->rung) {

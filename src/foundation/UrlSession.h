@@ -81,7 +81,8 @@ class UrlSession {
     virtual ~UrlSession() = default;
 
     // Starts sending the body with the request. Returns at once, also when the request cannot be sent: that, too, is
-    // told to the completion. A redirect is an answer like any other; it is not followed.
+    // told to the completion. Throws when the session cannot take the request; the completion is never called then. A
+    // redirect is an answer like any other; it is not followed.
     virtual void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) = 0;
 
     // The same for a body that the caller keeps as well: a session that can does without a copy of it.

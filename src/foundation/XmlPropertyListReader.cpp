@@ -3,6 +3,7 @@
 #include "foundation/FormatError.h"
 #include "foundation/PropertyList.h"
 #include "foundation/Text.h"
+#include "foundation/XmlEncoding.h"
 
 #include <algorithm>
 #include <array>
@@ -25,10 +26,6 @@ constexpr std::string_view kBlanks = " \t\r\n";
 std::string_view trimmed(std::string_view text) {
     text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
     return text.substr(0, text.find_last_not_of(kBlanks) + 1);
-}
-
-bool isForbiddenControl(char c) {
-    return c >= '\0' && c < ' ' && c != '\t' && c != '\n' && c != '\r';
 }
 
 template <class T>
@@ -121,14 +118,6 @@ bool isXmlCharacter(std::uint32_t character) {
 }  // namespace
 
 Value XmlPropertyListReader::read() {
-    accept("\xEF\xBB\xBF");
-    if (!isValidUtf8(text_)) {
-        fail("it is not UTF-8");
-    }
-    if (accept("<?xml")) {
-        checkDeclaration(takeThrough("?>"));
-    }
-    skipBetweenTags();
     auto tag = nextTag();
     const bool wrapped = tag.name == "plist" && !tag.closing && !tag.empty;
     if (wrapped) {
@@ -137,10 +126,6 @@ Value XmlPropertyListReader::read() {
     auto root = readElement(tag, 0);
     if (wrapped) {
         expectClosing("plist");
-    }
-    skipBetweenTags();
-    if (!atEnd()) {
-        fail("there is something after its end");
     }
     return root;
 }
@@ -222,8 +207,11 @@ std::string XmlPropertyListReader::readText(const Tag& tag) {
         if (accept("<![CDATA[")) {
             text += takeThrough("]]>");
         } else if (!skipComment()) {
+            if (!isValidUtf8(text)) {
+                fail("text that is not UTF-8");
+            }
             // What could not be written back would keep the agent from ever changing the file.
-            if (std::ranges::any_of(text, isForbiddenControl)) {
+            if (std::ranges::any_of(text, isForbiddenInXml)) {
                 fail("text with control characters");
             }
             expectClosing(tag.name);
@@ -309,21 +297,6 @@ void XmlPropertyListReader::expectClosing(std::string_view name) {
     const auto tag = nextTag();
     if (!tag.closing || tag.name != name) {
         fail(fmt::format("expected </{}>, found <{}{}>", name, tag.closing ? "/" : "", tag.name));
-    }
-}
-
-void XmlPropertyListReader::checkDeclaration(std::string_view declaration) const {
-    constexpr std::string_view kAttribute = "encoding=";
-    const auto at = declaration.find(kAttribute);
-    if (at == std::string_view::npos) {
-        return;
-    }
-    std::string encoding(declaration.substr(at + kAttribute.size()));
-    encoding = encoding.substr(0, encoding.find_first_of("\"'", 1)).substr(std::min<std::size_t>(1, encoding.size()));
-    std::ranges::transform(encoding, encoding.begin(),
-                           [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + ('a' - 'A')) : c; });
-    if (encoding != "utf-8" && encoding != "us-ascii") {
-        fail("its encoding is not UTF-8");
     }
 }
 

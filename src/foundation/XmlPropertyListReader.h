@@ -1,7 +1,7 @@
 // Reads the XML form of property lists (version 1.0), in one pass and in time linear in its length.
 //
-// It accepts what property lists are made of, and refuses the rest of XML: other encodings than UTF-8, definitions
-// of entities, elements of other names.
+// It accepts what property lists are made of, and refuses the rest of XML: definitions of entities, elements of other
+// names. Whatever follows the root element is not looked at.
 
 #pragma once
 
@@ -15,7 +15,7 @@ namespace sentrova {
 
 class XmlPropertyListReader {
   public:
-    // The text must outlive the reader.
+    // The text is in UTF-8 without a byte order mark, and must outlive the reader.
     explicit XmlPropertyListReader(std::string_view text) : text_(text) {}
 
     // The root value; only once. Throws FormatError on malformed input.
@@ -42,7 +42,6 @@ class XmlPropertyListReader {
     Tag nextTag();
     Tag readTag();
     void expectClosing(std::string_view name);
-    void checkDeclaration(std::string_view declaration) const;
     void skipDocumentType();
     void skipBlanks();
     // Skips blanks, comments, processing instructions and the document type.

@@ -42,6 +42,13 @@ void ConcurrentOperationAbstract::completeOperation() {
     didChangeValueForKey(kIsFinished);
 }
 
+void ConcurrentOperationAbstract::finishFailed() {
+    // A second run may have failed after the first one was finished.
+    if (isExecuting() || !isFinished()) {
+        completeOperation();
+    }
+}
+
 void ConcurrentOperationAbstract::cancelOperation() {
     willChangeValueForKey(kIsCancelled);
     cancelled_ = true;

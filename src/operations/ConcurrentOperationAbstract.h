@@ -1,8 +1,8 @@
 // The base of the agent's long-running operations: three state flags of its own, each change of them announced.
 //
 // A subclass's `start` asks canStart; when that refuses it returns, and the operation is finished. Otherwise it calls
-// started, works, and ends with completeOperation. An object is used once: nothing resets the flags. Safe from any
-// thread.
+// started, works, and ends with completeOperation. One whose `start` throws is finished by run(). An object is used
+// once: nothing resets the flags. Safe from any thread.
 
 #pragma once
 
@@ -32,6 +32,8 @@ class ConcurrentOperationAbstract : public Operation {
   protected:
     // The name under which the queue knows the operation until it is given another.
     explicit ConcurrentOperationAbstract(std::string className);
+
+    void finishFailed() override;
 
     // How a subclass's own canStart ends when it refuses.
     void finishRefused();

@@ -49,10 +49,10 @@ Date DailyTime::firstAfter(Date now) const {
     return onDayOf(now, isOver ? 1 : 0);
 }
 
-Date DailyTime::nextAfter(Date fired, std::chrono::seconds interval, Date now) const {
-    if (interval % kDay != std::chrono::seconds::zero()) {
+Date DailyTime::nextAfter(Date fired, std::chrono::microseconds interval, Date now) const {
+    if (interval % kDay != std::chrono::microseconds::zero()) {
         const auto missed = now < fired ? 0 : (now - fired) / interval;
-        return fired + interval * (missed + 1);
+        return std::chrono::time_point_cast<Date::duration>(fired + interval * (missed + 1));
     }
     const auto days = static_cast<int>(interval / kDay);
     auto next = onDayOf(fired, days);

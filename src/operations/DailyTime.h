@@ -15,12 +15,13 @@ class DailyTime {
     // "HH:mm:ss"; nothing for any other text and for a time that no day has.
     static std::optional<DailyTime> parse(std::string_view text);
 
-    // Today at the time, or tomorrow when it is over. In its very second it is not.
+    // The next occurrence: today, or tomorrow if the time has passed. A time equal to now, to the second, counts as
+    // today.
     Date firstAfter(Date now) const;
 
-    // The first date after now that is a whole number of intervals after the one given. Intervals of whole days keep to
-    // the time of day across changes of the clock.
-    Date nextAfter(Date fired, std::chrono::seconds interval, Date now) const;
+    // The first date after now that is a whole number of intervals after the one given. Intervals of whole days keep
+    // the time of day when the clocks change. The interval is above zero.
+    Date nextAfter(Date fired, std::chrono::microseconds interval, Date now) const;
 
   private:
     DailyTime(int hour, int minute, int second) : hour_(hour), minute_(minute), second_(second) {}

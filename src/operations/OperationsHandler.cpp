@@ -1,6 +1,7 @@
 #include "operations/OperationsHandler.h"
 
 #include "core/LogSource.h"
+#include "foundation/DispatchQueue.h"
 
 #include <algorithm>
 
@@ -39,7 +40,10 @@ void OperationsHandler::addBlockToQueue(std::function<void()> block) {
 }
 
 void OperationsHandler::suspend() {
-    queue_.cancelAllOperations();
+    for (const auto& operation : queue_.operations()) {
+        // One that cannot be cancelled does not keep the others from it.
+        runGuarded(operation->name(), [&operation] { operation->cancel(); });
+    }
 }
 
 void OperationsHandler::close() {

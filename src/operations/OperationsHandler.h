@@ -27,7 +27,7 @@ class OperationsHandler {
     // Adds a block as an operation without a name.
     void addBlockToQueue(std::function<void()> block);
 
-    // Cancels all operations; the queue goes on with what is added later.
+    // Cancels all operations, and reports what one throws; the queue goes on with what is added later.
     void suspend();
     // Cancels all operations and waits for their threads; the queue takes no others.
     void close();

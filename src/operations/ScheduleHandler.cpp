@@ -7,23 +7,25 @@
 #include "core/LogSource.h"
 #include "core/PropertyListHandler.h"
 #include "core/Utilities.h"
-#include "foundation/BackgroundActivity.h"
 #include "foundation/DateFormat.h"
-#include "foundation/DispatchQueue.h"
 #include "foundation/Mutex.h"
 #include "foundation/ProcessWide.h"
+#include "foundation/Retry.h"
 #include "operations/DailyTime.h"
+#include "operations/TaskList.h"
 #include "operations/TaskRegistry.h"
 
-#include <list>
-#include <map>
-#include <thread>
+#include <limits>
+#include <optional>
+#include <vector>
 
 #include <fmt/format.h>
 
 namespace sentrova {
 
 namespace {
+
+using Interval = std::chrono::microseconds;
 
 constexpr LogSource kLog("ScheduleHandler");
 constexpr std::int64_t kBytesPerGigabyte = 1'000'000'000;
@@ -35,9 +37,13 @@ std::string taskListFile() {
     return fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), GlobalConstants::SCHEDULES_FILE);
 }
 
-std::vector<Dictionary> taskEntries() {
-    const auto tasks =
-        PropertyListHandler::initWithFile(taskListFile()).GetValueForKey(ScheduleHandler::kScheduleTasks);
+// Nothing when the file is there, but the host cannot give its content.
+std::optional<std::vector<Dictionary>> taskEntries() {
+    const auto file = PropertyListHandler::initWithFile(taskListFile());
+    if (file.isUnread()) {
+        return std::nullopt;
+    }
+    const auto tasks = file.GetValueForKey(ScheduleHandler::kScheduleTasks);
     std::vector<Dictionary> entries;
     if (const auto* array = tasks.array()) {
         for (std::size_t i = 0; i < array->size(); ++i) {
@@ -55,145 +61,115 @@ std::string nameOf(const Dictionary& entry) {
     return entry[ScheduleHandler::kTaskName].description();
 }
 
-// The entry's interval, kept within what a timer can take.
-std::chrono::seconds intervalOf(const Dictionary& entry) {
+// The interval to a microsecond, at most ten years; nothing for what is not above zero.
+std::optional<Interval> parsedInterval(const Value& value) {
     constexpr std::chrono::hours kLongest{24 * 366 * 10};
-    const auto seconds = entry[ScheduleHandler::kIntervalSeconds].doubleValue();
-    if (!(seconds >= 1)) {
-        kLog.error(__func__, "The interval of task {} is {}; it is taken as {} seconds", nameOf(entry),
-                   entry[ScheduleHandler::kIntervalSeconds], ScheduleHandler::kShortestInterval.count());
-        return ScheduleHandler::kShortestInterval;
+    using Seconds = std::chrono::duration<double>;
+    const Seconds seconds(value.doubleValue());
+    if (seconds >= kLongest) {
+        return kLongest;
     }
-    const std::chrono::duration<double> longest = kLongest;
-    return seconds < longest.count() ? std::chrono::seconds(static_cast<std::int64_t>(seconds)) : kLongest;
+    // Not a number is neither above nor below.
+    const auto interval = seconds > Seconds::zero() ? std::chrono::round<Interval>(seconds) : Interval::zero();
+    return interval > Interval::zero() ? std::optional(interval) : std::nullopt;
 }
 
-// The tasks that are background activities, by name.
-class TaskList {
-  public:
-    using Activity = std::shared_ptr<BackgroundActivity>;
-    using Activities = std::map<std::string, Activity, std::less<>>;
-
-    // An earlier one of the name goes on, unlisted.
-    void set(const std::string& name, const Activity& activity) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        auto& listed = activities_[name];
-        if (listed) {
-            replaced_.push_back(std::move(listed));
-        }
-        listed = activity;
+Interval intervalOf(const Dictionary& entry) {
+    const auto& value = entry[ScheduleHandler::kIntervalSeconds];
+    const auto interval = parsedInterval(value);
+    if (!interval) {
+        kLog.error(__func__, "The interval of task {} is {}; it is taken as {} seconds", nameOf(entry), value,
+                   ScheduleHandler::kDefaultInterval.count());
     }
-
-    bool contains(std::string_view name) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        return activities_.contains(name);
-    }
-
-    // Null when there is none.
-    Activity remove(std::string_view name) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        const auto found = activities_.find(name);
-        return found == activities_.end() ? nullptr : std::move(activities_.extract(found).mapped());
-    }
-
-    Activities copy() EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        return activities_;
-    }
-
-  private:
-    Mutex mutex_;
-    Activities activities_ GUARDED_BY(mutex_);
-    // Activities whose place in the list another one of their name has taken: they go on, for only a stop by name ends
-    // one. There are as many as tasks were started together more than once.
-    std::vector<Activity> replaced_ GUARDED_BY(mutex_);
-};
-
-// The daily tasks: a timer each, which lives until the process ends or its single firing is over.
-class DailyTimers {
-  public:
-    DailyTimers() = default;
-    ~DailyTimers() { quiesce(); }
-    DailyTimers(const DailyTimers&) = delete;
-    DailyTimers& operator=(const DailyTimers&) = delete;
-
-    // Ends the timers and their threads.
-    void quiesce() EXCLUDES(mutex_) {
-        std::list<std::thread> threads;
-        {
-            MutexLock lock(mutex_);
-            closed_ = true;
-            for (auto* timer : timers_) {
-                timer->invalidate();
-            }
-            threads.swap(threads_);
-        }
-        for (auto& thread : threads) {
-            thread.join();
-        }
-    }
-
-    void startThread(const Dictionary& entry) EXCLUDES(mutex_) {
-        MutexLock lock(mutex_);
-        threads_.emplace_back([this, entry] { runGuarded("ScheduleHandler", [this, &entry] { runTask(entry); }); });
-    }
-
-    // Runs the task on the calling thread for as long as its timer lives.
-    void runTask(const Dictionary& entry) {
-        const auto time = DailyTime::parse(entry[ScheduleHandler::kRunAt].description());
-        if (!time) {
-            return;
-        }
-        const auto fireDate = time->firstAfter(Clock::shared().wallTime());
-        if (LogSource::isWritten(LogLevel::Info)) {
-            kLog.info("initiateTimer", "Next fire time for {} is {}", nameOf(entry),
-                      DateFormat::format("yyyy-MM-dd HH:mm:ss zzz", fireDate));
-        }
-        Timer::Next next = [](Date, Date) { return std::optional<Date>(); };
-        if (entry[ScheduleHandler::kRepeat].boolValue()) {
-            next = [time = *time, interval = intervalOf(entry)](Date fired, Date now) {
-                return std::optional(time.nextAfter(fired, interval, now));
-            };
-        }
-        // What a run throws is logged, and the timer goes on.
-        Timer timer(fireDate, std::move(next),
-                    [&entry] { runGuarded("ScheduleHandler", [&entry] { ScheduleHandler::runTimerTask(entry); }); });
-        run(timer);
-    }
-
-  private:
-    void run(Timer& timer) EXCLUDES(mutex_) {
-        {
-            MutexLock lock(mutex_);
-            if (closed_) {
-                return;
-            }
-            timers_.push_back(&timer);
-        }
-        timer.run();
-        MutexLock lock(mutex_);
-        timers_.remove(&timer);
-    }
-
-    Mutex mutex_{LockRank::schedule};
-    bool closed_ GUARDED_BY(mutex_) = false;
-    std::list<Timer*> timers_ GUARDED_BY(mutex_);
-    std::list<std::thread> threads_ GUARDED_BY(mutex_);
-};
+    return interval.value_or(ScheduleHandler::kDefaultInterval);
+}
 
 ProcessWide<TaskList> theTaskList;
-ProcessWide<DailyTimers> theDailyTimers;
 
-void startActivity(const Dictionary& entry) {
-    const auto name = nameOf(entry);
-    const auto activity =
-        std::make_shared<BackgroundActivity>(name, intervalOf(entry), entry[ScheduleHandler::kRepeat].boolValue());
-    theTaskList.get().set(name, activity);
-    activity->schedule([entry] {
-        if (entry[ScheduleHandler::kTaskStatus] == Value(ScheduleHandler::kEnabled)) {
-            ScheduleHandler::runTask(entry);
+// The entries of the name, or all, in file order. Of several entries with the same name the last one holds. While the
+// file cannot be read, the entries that were read before hold: a task that is started anew must not vanish. The caller
+// holds the task list's mutex for starts.
+std::vector<Dictionary> entriesToStart(std::string_view name) REQUIRES(theTaskList.get().starting) {
+    auto& known = theTaskList.get().entries;
+    if (auto present = taskEntries()) {
+        known = *std::move(present);
+    } else {
+        kLog.error("startTask", "Tasks are started as {} had them before", taskListFile());
+    }
+    std::vector<Dictionary> entries;
+    for (const auto& entry : known) {
+        if (name != ScheduleHandler::kAll && entry[ScheduleHandler::kTaskName] != Value(name)) {
+            continue;
         }
-    });
+        if (std::erase_if(entries, [&](const auto& other) { return nameOf(other) == nameOf(entry); }) > 0) {
+            kLog.error("startTask", "Task {} is in {} more than once; only its last entry is scheduled", nameOf(entry),
+                       taskListFile());
+        }
+        entries.push_back(entry);
+    }
+    return entries;
+}
+
+TaskList::Daily dailyTimer(const Dictionary& entry, const DailyTime& time) {
+    const auto first = time.firstAfter(Clock::shared().wallTime());
+    if (LogSource::isWritten(LogLevel::Info)) {
+        kLog.info("initiateTimer", "Next fire time for {} is {}", nameOf(entry),
+                  DateFormat::format("yyyy-MM-dd HH:mm:ss zzz", first));
+    }
+    Timer::Next next = [](Date, Date) { return std::optional<Date>(); };
+    if (entry[ScheduleHandler::kRepeat].boolValue()) {
+        next = [time, interval = intervalOf(entry)](Date fired, Date now) {
+            return std::optional(time.nextAfter(fired, interval, now));
+        };
+    }
+    return {first, std::move(next), [entry] { ScheduleHandler::runTimerTask(entry); }};
+}
+
+// How an entry's timer is set. Nothing when its daily time is none.
+std::function<void()> starter(const Dictionary& entry, bool daily) {
+    const auto name = nameOf(entry);
+    if (!daily) {
+        const auto run = [entry] {
+            if (entry[ScheduleHandler::kTaskStatus] == Value(ScheduleHandler::kEnabled)) {
+                ScheduleHandler::runTask(entry);
+            }
+        };
+        return [=, interval = intervalOf(entry), repeats = entry[ScheduleHandler::kRepeat].boolValue()] {
+            theTaskList.get().startActivity(name, interval, repeats, run);
+        };
+    }
+    const auto time = DailyTime::parse(entry[ScheduleHandler::kRunAt].description());
+    if (!time) {
+        kLog.error("startTask", "Task {} is not scheduled: its RunAt \"{}\" is no time of day (HH:mm:ss)", name,
+                   entry[ScheduleHandler::kRunAt]);
+        return nullptr;
+    }
+    return [name, timer = dailyTimer(entry, *time)] { theTaskList.get().startDaily(name, timer); };
+}
+
+// While the host refuses a timer or a thread, the start is tried again, for as long as it is wanted.
+void startTasks(std::string_view name, const std::function<bool()>& isWanted) {
+    kLog.info("startTask", "Going to StartTask {}", name);
+    if (theTaskList.get().activity(name)) {
+        ScheduleHandler::stopTask(name);
+    }
+    MutexLock lock(theTaskList.get().starting);
+    for (const auto& entry : entriesToStart(name)) {
+        const bool daily = name == ScheduleHandler::kAll && !entry[ScheduleHandler::kRunAt].isNull();
+        const auto start = starter(entry, daily);
+        if (!start) {
+            continue;
+        }
+        retryUntilGranted("start of task " + nameOf(entry), [&] {
+            if (isWanted()) {
+                start();
+            }
+        });
+        if (!isWanted()) {
+            return;
+        }
+        kLog.info("startTask", "ScheduleHandler {} has been scheduled", nameOf(entry));
+    }
 }
 
 }  // namespace
@@ -223,7 +199,9 @@ void ScheduleHandler::start() {
         return;
     }
     started();
-    startTask(kAll);
+    // The change handlers of the first configuration sync may have started some.
+    theTaskList.get().endAll();
+    startTasks(kAll, [this] { return !isCancelled(); });
     completeOperation();
 }
 
@@ -252,31 +230,20 @@ void ScheduleHandler::CheckEventDatasize() {
 }
 
 void ScheduleHandler::startTask(std::string_view name) {
-    kLog.info(__func__, "Going to StartTask {}", name);
-    if (theTaskList.get().contains(name)) {
-        stopTask(name);
-    }
-    for (const auto& entry : taskEntries()) {
-        if (name != kAll && entry[kTaskName] != Value(name)) {
-            continue;
-        }
-        const auto& runAt = entry[kRunAt];
-        if (name == kAll && !runAt.isNull()) {
-            if (!DailyTime::parse(runAt.description())) {
-                kLog.error(__func__, "Task {} is not scheduled: its RunAt \"{}\" is no time of day (HH:mm:ss)",
-                           nameOf(entry), runAt);
-                continue;
-            }
-            theDailyTimers.get().startThread(entry);
-        } else {
-            startActivity(entry);
-        }
-        kLog.info(__func__, "ScheduleHandler {} has been scheduled", nameOf(entry));
-    }
+    startTasks(name, [] { return true; });
+}
+
+bool ScheduleHandler::runsEvery(const Value& intervalSeconds, std::string_view task) {
+    const auto activity = theTaskList.get().activity(task);
+    return activity && activity->hasFurtherRun() &&
+           activity->interval() == parsedInterval(intervalSeconds).value_or(kDefaultInterval) &&
+           activity->repeats() == getProperty(kRepeat, task).boolValue();
 }
 
 void ScheduleHandler::initiateTimer(const Dictionary& entry) {
-    theDailyTimers.get().runTask(entry);
+    if (const auto time = DailyTime::parse(entry[kRunAt].description())) {
+        theTaskList.get().runDaily(nameOf(entry), dailyTimer(entry, *time));
+    }
 }
 
 void ScheduleHandler::runTimerTask(const Dictionary& entry) {
@@ -302,8 +269,7 @@ void ScheduleHandler::runTask(const Dictionary& entry) {
 }
 
 void ScheduleHandler::stopTask(std::string_view name) {
-    if (const auto activity = theTaskList.get().remove(name)) {
-        activity->invalidate();
+    if (theTaskList.get().stopActivity(name)) {
         kLog.info(__func__, "{} schedule has been stopped", name);
     } else {
         kLog.info(__func__, "{} is not available in the list", name);
@@ -311,7 +277,7 @@ void ScheduleHandler::stopTask(std::string_view name) {
 }
 
 void ScheduleHandler::stopAllTasks() {
-    for (const auto& [name, activity] : theTaskList.get().copy()) {
+    for (const auto& [name, activity] : theTaskList.get().activities()) {
         kLog.info(__func__, "{} has been stopped", activity->identifier());
         activity->invalidate();
     }
@@ -335,7 +301,7 @@ void ScheduleHandler::UpdateTaskWithName(std::string_view name, std::string_view
 }
 
 Value ScheduleHandler::getProperty(std::string_view key, std::string_view ofTask) {
-    for (const auto& entry : taskEntries()) {
+    for (const auto& entry : taskEntries().value_or(std::vector<Dictionary>())) {
         if (entry[kTaskName] == Value(ofTask)) {
             return entry[key];
         }
@@ -351,7 +317,7 @@ void ScheduleHandler::initRealTimeStatus() {
 
 std::string ScheduleHandler::description() {
     Dictionary list;
-    for (const auto& [name, activity] : theTaskList.get().copy()) {
+    for (const auto& [name, activity] : theTaskList.get().activities()) {
         list.set(name, activity->identifier());
     }
     return "Printing the task array " + Value(std::move(list)).description();

@@ -42,11 +42,32 @@ std::string inConfFolder(std::string_view file) {
     return fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), file);
 }
 
-// Gives the task a new interval; a running one ends, and the new one begins with it.
-void restartTask(const char* name, const Value& interval) {
-    ScheduleHandler::UpdateTaskWithName(name, ScheduleHandler::kIntervalSeconds, interval.integerValue());
-    ScheduleHandler::startTask(name);
-}
+// Gives a task a new interval, in two steps, since a line of the log comes between them. A task that runs by the
+// interval already keeps its timer: a server that sends the same change with each answer would otherwise set the timer
+// back at each sync, and the task would never come due.
+class Retiming {
+  public:
+    // Stops the task.
+    Retiming(const char* task, const Value& interval)
+        : task_(task), seconds_(interval.integerValue()), keepsTimer_(ScheduleHandler::runsEvery(seconds_, task)) {
+        if (!keepsTimer_) {
+            ScheduleHandler::stopTask(task_);
+        }
+    }
+
+    // Stores the interval and starts the task.
+    void finish() const {
+        ScheduleHandler::UpdateTaskWithName(task_, ScheduleHandler::kIntervalSeconds, seconds_);
+        if (!keepsTimer_) {
+            ScheduleHandler::startTask(task_);
+        }
+    }
+
+  private:
+    const char* const task_;
+    const Value seconds_;
+    const bool keepsTimer_;
+};
 
 // As many printable ASCII characters as the stored identity begins with. They play no part in its decryption.
 std::string identityPrefix(const Data& random) {
@@ -113,16 +134,18 @@ void ServerCommunicator::IntervalChangesCheckWithOldData(const PropertyListHandl
         } else {
             kLog.info(__func__, "Realtime disabled stopping listening");
             cancelOnMainQueue(EventCollectorRealtime::kOperationName);
+            // The batch task ran once while realtime collection was on.
+            ScheduleHandler::UpdateTaskWithName(EventCollectionSchedule::kTaskName, ScheduleHandler::kRepeat, "true");
             realTimeWasDisabled = true;
         }
     }
     const auto oldInterval = oldData.GetValueForKey(GlobalConstants::FETCH_INTERVAL);
     const auto& newInterval = newData[GlobalConstants::FETCH_INTERVAL];
     if (realTimeWasDisabled || oldInterval.isNull() || oldInterval != newInterval) {
-        ScheduleHandler::stopTask(EventCollectionSchedule::kTaskName);
         const auto interval = newInterval.isNull() ? Value(kDefaultFetchInterval) : newInterval;
+        const Retiming retiming(EventCollectionSchedule::kTaskName, interval);
         kLog.info(__func__, "Fetch interval has been changed updating schedule to {}", interval);
-        restartTask(EventCollectionSchedule::kTaskName, interval);
+        retiming.finish();
     }
 }
 
@@ -133,15 +156,15 @@ void ServerCommunicator::NATChangesWithOldData(const PropertyListHandler& oldDat
     if (isSame) {
         return;
     }
-    const bool isNone = newName == Value("") || newName == Value(GlobalConstants::NO_NAT_SERVER);
-    GlobalVariables::getInstance().setType(isNone ? 1 : 0);
+    const auto relay = relayOf(newName.isNull() ? std::nullopt : std::optional(newName.description()));
+    const auto type = relay == Relay::none ? ConnectionType::agentConnector : ConnectionType::relay;
+    GlobalVariables::getInstance().setType(static_cast<std::uint64_t>(type));
 }
 
 void ServerCommunicator::SyncTimeCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
     const auto& syncTime = newData[GlobalConstants::SYNCTIME];
     if (differs(syncTime, oldData.GetValueForKey(GlobalConstants::SYNCTIME))) {
-        ScheduleHandler::stopTask(kTaskName);
-        restartTask(kTaskName, syncTime);
+        Retiming(kTaskName, syncTime).finish();
         kLog.info(__func__, "SyncTime has been updated to {}", syncTime);
     }
 }

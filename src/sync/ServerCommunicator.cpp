@@ -2,6 +2,7 @@
 
 #include "collection/DomainUtil.h"
 #include "collection/EventCollectionSchedule.h"
+#include "core/AgentServiceHandler.h"
 #include "core/GlobalConstants.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
@@ -13,6 +14,7 @@
 #include "foundation/Mutex.h"
 #include "operations/ScheduleHandler.h"
 #include "operations/TaskRegistry.h"
+#include "sync/StorableAnswer.h"
 
 #include <array>
 #include <memory>
@@ -73,29 +75,6 @@ void setCommunicationType(PropertyListHandler& request) {
     }
 }
 
-// The value without the nulls in it, which no property list can hold: a null is a key that the server did not send.
-Value withoutNulls(const Value& value) {
-    if (const auto* dictionary = value.dictionary()) {
-        Dictionary kept;
-        for (const auto& [key, entry] : *dictionary) {
-            if (!entry.isNull()) {
-                kept.set(key, withoutNulls(entry));
-            }
-        }
-        return kept;
-    }
-    if (const auto* array = value.array()) {
-        Array kept;
-        for (const auto& entry : *array) {
-            if (!entry.isNull()) {
-                kept.push_back(withoutNulls(entry));
-            }
-        }
-        return kept;
-    }
-    return value;
-}
-
 // The server's answer as a dictionary, which may be empty; nothing when it is none.
 std::optional<Dictionary> parsedAnswer(const std::optional<Data>& data) {
     if (!data || data->empty()) {
@@ -107,14 +86,24 @@ std::optional<Dictionary> parsedAnswer(const std::optional<Data>& data) {
                    parsed ? "it is not a dictionary" : parsed.error().description);
         return std::nullopt;
     }
-    return *withoutNulls(*parsed).dictionary();
+    StorableAnswer answer(*parsed->dictionary());
+    for (const auto& where : answer.dropped) {
+        kLog.error(kFunction, "The server's answer holds a text at {} that no property list can carry; it is left out",
+                   where);
+    }
+    if (const auto others = answer.droppedCount - answer.dropped.size(); others > 0) {
+        kLog.error(kFunction, "The server's answer holds {} more such texts", others);
+    }
+    return std::move(answer.content);
 }
 
-// Stores the answer and applies what it changes.
+// Stores the answer and applies what it changes. An answer that is not stored is not applied: the next answer would be
+// compared with the old file, and everything applied again.
 void apply(const PropertyListHandler& sent, Dictionary answer) {
-    PropertyListHandler store;
-    store.updateDictionary(answer);
-    store.WriteToProplist(serverInfoFile());
+    if (!PropertyListHandler::replace(serverInfoFile(), answer)) {
+        kLog.error(kFunction, "The server's answer could not be stored, so it is not applied; the next one may be");
+        return;
+    }
     auto& configuration = GlobalVariables::getInstance();
     configuration.initialiseServerInfo();
     const auto& domain = answer[GlobalConstants::DOMAIN_NAME];
@@ -134,6 +123,7 @@ void apply(const PropertyListHandler& sent, Dictionary answer) {
         runGuarded("ServerCommunicator", [&] { handler(sent, answer); });
     }
     configuration.initialiseMyConfigurations();
+    AgentServiceHandler::checkConfiguration();
 }
 
 // What the waiting call and the completions of its requests share.
@@ -141,6 +131,8 @@ struct Exchange {
     TransportEngine engine;
     PropertyListHandler request = requestData();
     Semaphore answered;
+    // Signalled at the end of each completion, whatever that met.
+    Semaphore completed;
 
     Mutex mutex{LockRank::owner};
     bool retry GUARDED_BY(mutex) = true;
@@ -176,9 +168,9 @@ struct Exchange {
     }
 };
 
-// On the transport's delegate queue.
-void completeExchange(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
-                      const std::optional<Error>& error) {
+// Whether the server has answered the request with 200. If not, the next request goes to the next address.
+bool isAnswered(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
+                const std::optional<Error>& error) {
     if (LogSource::isWritten(LogLevel::Debug)) {
         kTraffic.debug(kFunction, "GlobalVariables DATA= {}", Secrets::maskedBody(data));
     }
@@ -186,40 +178,73 @@ void completeExchange(Exchange& exchange, const std::optional<Data>& data, const
     kTraffic.debug(kFunction, "response status code: {}", status);
     if (error || status != "200") {
         kTraffic.error(kFunction, " response code error {}", error ? error->description : "(null)");
+        kTraffic.error(kFunction, "The sync failed at {}", exchange.engine.describeFailure(response, error));
         TransportEngine::setIsConnected(false);
         exchange.engine.tryOtherURL();
-        exchange.fail();
-        return;
+        return false;
     }
     TransportEngine::setIsConnected(true);
-    exchange.succeed();
+    return true;
+}
+
+void applyAnswer(const PropertyListHandler& sent, const std::optional<Data>& data) {
     auto answer = parsedAnswer(data);
     kTraffic.info(kFunction, "response={}", answer ? Secrets::masked(*answer) : Value());
     if (answer && !answer->empty()) {
-        apply(exchange.request, *std::move(answer));
+        apply(sent, *std::move(answer));
     }
+}
+
+// On the transport's delegate queue. Every path signals both semaphores, also one that throws: the call would
+// otherwise wait for ever.
+void completeExchange(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
+                      const std::optional<Error>& error) {
+    bool answered = false;
+    runGuarded("ServerCommunicator", [&] { answered = isAnswered(exchange, data, response, error); });
+    if (answered) {
+        exchange.succeed();
+        runGuarded("ServerCommunicator", [&] { applyAnswer(exchange.request, data); });
+    } else {
+        exchange.fail();
+    }
+    exchange.completed.signal();
 }
 
 }  // namespace
 
 void ServerCommunicator::syncFromServer() {
-    kLog.info(__func__, "GlobalVariables going to sync data from server");
+    sync(Until::answered);
+}
+
+void ServerCommunicator::syncAndApply() {
+    sync(Until::applied);
+}
+
+void ServerCommunicator::sync(Until until) {
+    kLog.info(kFunction, "GlobalVariables going to sync data from server");
     const auto exchange = std::make_shared<Exchange>();
     for (;;) {
         if (exchange->passIsOver()) {
-            kLog.info(__func__, "Sleeping for 900 seconds");
+            kLog.info(kFunction, "Sleeping for 900 seconds");
             Clock::shared().sleepFor(kPause);
         }
         setCommunicationType(exchange->request);
-        kLog.info(__func__, "GlobalVariables next url {}", exchange->engine.baseURL());
-        exchange->engine.sendMessageToServer(MessageType::configurationSync,
-                                             exchange->request.getPlistAsJsonString().value_or(""),
-                                             [exchange](const auto& data, const auto& response, const auto& error) {
-                                                 completeExchange(*exchange, data, response, error);
-                                             });
+        kLog.info(kFunction, "GlobalVariables next url {}", exchange->engine.baseURL());
+        const bool begun = exchange->engine.sendMessageToServer(
+            MessageType::configurationSync, exchange->request.getPlistAsJsonString().value_or(""),
+            [exchange](const auto& data, const auto& response, const auto& error) {
+                completeExchange(*exchange, data, response, error);
+            });
+        if (!begun) {
+            // Nothing would end the wait.
+            completeExchange(*exchange, {}, {}, Error{kUrlErrorDomain, 0, "The request could not begin"});
+        }
         exchange->answered.wait();
+        if (until == Until::applied) {
+            exchange->completed.wait();
+        }
         if (!exchange->mustRetry()) {
-            kTraffic.debug(__func__, "GlobalVariables Sync Data is finished");
+            kTraffic.debug(kFunction, "GlobalVariables Sync Data is finished");
             return;
         }
     }

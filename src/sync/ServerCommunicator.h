@@ -16,6 +16,10 @@ class ServerCommunicator {
     // each failure moves on to the next address, and after twelve in a row the thread sleeps for 900 seconds. What the
     // answer changes may still be applied, on the transport's delegate queue, when this returns.
     void syncFromServer();
+    // The same for the start of the agent, returning only when the answer has been applied: collection is to begin with
+    // the configuration that it brought. Not while there is a main queue, since a handler may wait for an operation
+    // there.
+    void syncAndApply();
 
     // The change handlers, called in this order after a synchronisation. Each compares what `Serverinfo.plist` held, as
     // it was sent, with the server's answer. An absent new value is no change, unless a handler says otherwise.
@@ -35,6 +39,10 @@ class ServerCommunicator {
     static void realTimeReinitialiseCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
     // "AgentAuthID", when the agent had none: stores the identity, encrypted, and removes it from the new data.
     static void AuthIDChangesWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
+
+  private:
+    enum class Until { answered, applied };
+    static void sync(Until until);
 };
 
 }  // namespace sentrova

@@ -7,15 +7,6 @@
 
 #include <sys/stat.h>
 
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <utility>
-
 #include <gtest/gtest.h>
 
 namespace sentrova::testing {
@@ -42,11 +33,10 @@ class AuditCheckTest : public ::testing::Test, protected AgentFixture {};
 TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
     const std::string switchOn = "see \"Switch auditing on\" in docs/macos.md\r\n";
     const std::string troubleshoot = "see \"Troubleshoot\" in docs/macos.md\r\n";
-    std::ostringstream page;
-    page << std::ifstream(std::string(build::kSourceDir) + "/docs/macos.md").rdbuf();
+    const auto page = textOf(std::string(build::kSourceDir) + "/docs/macos.md");
     for (const auto& reference : {switchOn, troubleshoot}) {
         const auto title = reference.substr(5, reference.rfind('"') - 5);
-        EXPECT_NE(page.str().find("\n## " + title + "\n"), std::string::npos) << title;
+        EXPECT_NE(page.find("\n## " + title + "\n"), std::string::npos) << title;
     }
     const std::string noDevice = "There is no /dev/auditpipe, so no logon is reported as it happens: " + switchOn;
     const std::string off = "Auditing is off on this system, so no logon is recorded: " + switchOn;

@@ -1,6 +1,6 @@
 #include "collection/DomainUtil.h"
+#include "platform/Directory.h"
 #include "support/AgentFixture.h"
-#include "support/FakeDirectory.h"
 
 #include <fstream>
 
@@ -11,17 +11,53 @@ namespace sentrova::testing {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-class DomainUtilTest : public ::testing::Test, protected AgentFixture {
-  protected:
-    // Puts a note of each run between the caller and the directory tool.
-    void countRuns() {
-        const auto tool = volume().volume() / "usr/sbin/dsconfigad";
-        fs::rename(tool, tool.string() + ".real");
-        std::ofstream(tool) << "#!/bin/sh\necho \"$@\" >> \"$0.runs\"\nexec \"$0.real\" \"$@\"\n";
-        fs::permissions(tool, fs::perms::owner_all);
+namespace {
+
+// Takes the place of the host's directory for its lifetime: knows what a test tells it, and counts what it is asked.
+class FakeDirectory final : public platform::Directory {
+  public:
+    FakeDirectory() { install(this); }
+    ~FakeDirectory() override { install(nullptr); }
+
+    std::optional<std::string> userName(std::uint32_t id) override {
+        ++idQueries;
+        return nameIn(userNames, id);
+    }
+    std::optional<std::string> groupName(std::uint32_t id) override {
+        ++idQueries;
+        return nameIn(groupNames, id);
+    }
+    Result<std::vector<platform::DirectoryRecord>> usersNamed(const std::string& name) override {
+        queries.push_back(name);
+        if (problem) {
+            return *problem;
+        }
+        const auto found = records.find(name);
+        return found == records.end() ? std::vector<platform::DirectoryRecord>() : found->second;
     }
 
-    // Runs since the last call; each of them must have had the right arguments.
+    std::map<std::uint32_t, std::string> userNames;
+    std::map<std::uint32_t, std::string> groupNames;
+    std::map<std::string, std::vector<platform::DirectoryRecord>> records;
+    // What a query by name fails with.
+    std::optional<Error> problem;
+
+    // The names that were asked for, and how often an id was.
+    std::vector<std::string> queries;
+    int idQueries = 0;
+
+  private:
+    static std::optional<std::string> nameIn(const std::map<std::uint32_t, std::string>& names, std::uint32_t id) {
+        const auto found = names.find(id);
+        return found == names.end() ? std::nullopt : std::optional(found->second);
+    }
+};
+
+}  // namespace
+
+class DomainUtilTest : public ::testing::Test, protected AgentFixture {
+  protected:
+    // Runs of the directory tool since the last call; each of them must have had the right arguments.
     int runs() {
         const auto path = volume().volume() / "usr/sbin/dsconfigad.runs";
         std::ifstream in(path);
@@ -35,7 +71,6 @@ class DomainUtilTest : public ::testing::Test, protected AgentFixture {
 };
 
 TEST_F(DomainUtilTest, NothingIsRememberedUntilADomainIsSet) {
-    countRuns();
     EXPECT_EQ(DomainUtil::getDomainName(), "corp.example.com");
     EXPECT_EQ(DomainUtil::getDomainName(), "corp.example.com");
     EXPECT_EQ(DomainUtil::getHostName(), "mac-042");
@@ -70,7 +105,7 @@ TEST_F(DomainUtilTest, HostIsTheComputersAccountOfAWholeAnswerOfTheTool) {
     DomainUtil::setDomainName("configured.example.com");
     for (const auto& [output, status] : unusable) {
         volume().setDirectoryTool(output, status);
-        countRuns();
+        runs();
         EXPECT_EQ(DomainUtil::getHostName(), std::nullopt) << output;
         EXPECT_EQ(DomainUtil::getHostName(), std::nullopt) << output;
         EXPECT_EQ(runs(), 2) << output << " is asked for again";
@@ -102,20 +137,25 @@ TEST_F(DomainUtilTest, DetailsAreAskedForUntilAUserIsKnown) {
     EXPECT_EQ(directory.queries, std::vector<std::string>(3, "anna"));
 }
 
-TEST_F(DomainUtilTest, NamesOfIdsAreRememberedForAMinuteAndOnlyWhenThereIsOne) {
+TEST_F(DomainUtilTest, NamesOfIdsAreRememberedForAMinuteAndTheirAbsenceForASecond) {
     FakeDirectory directory;
     directory.userNames = {{501, "anna"}};
     directory.groupNames = {{501, "choir"}};
     EXPECT_EQ(DomainUtil::getUserNameFromID(501), "anna");
     EXPECT_EQ(DomainUtil::getGroupNameFromID(501), "choir");
-    EXPECT_EQ(DomainUtil::getUserNameFromID(4294967295), "-1");
+    EXPECT_EQ(DomainUtil::getUserNameFromID(4294967294), "-2");
     EXPECT_EQ(DomainUtil::getGroupNameFromID(2147483648), "-2147483648");
     EXPECT_EQ(directory.idQueries, 4);
 
-    directory.userNames = {{501, "renamed"}, {4294967295, "somebody"}};
+    directory.userNames = {{501, "renamed"}, {4294967294, "nobody"}, {4294967295, "somebody"}};
+    clock().advance(999ms);
+    EXPECT_EQ(DomainUtil::getUserNameFromID(4294967294), "-2");
+    EXPECT_EQ(DomainUtil::getUserNameFromID(4294967295), "-1") << "unset, and never looked up";
+    EXPECT_EQ(directory.idQueries, 4);
+    clock().advance(1ms);
+    EXPECT_EQ(DomainUtil::getUserNameFromID(4294967294), "nobody");
     EXPECT_EQ(DomainUtil::getUserNameFromID(501), "anna");
-    EXPECT_EQ(DomainUtil::getUserNameFromID(4294967295), "somebody");
-    clock().advance(61s);
+    clock().advance(60s);
     EXPECT_EQ(DomainUtil::getUserNameFromID(501), "renamed");
 }
 

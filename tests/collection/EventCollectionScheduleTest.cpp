@@ -3,7 +3,9 @@
 #include "forwarding/EventQueueGCD.h"
 #include "foundation/NotificationCenter.h"
 #include "support/AgentFixture.h"
-#include "support/TrailWriter.h"
+#include "volume/TrailWriter.h"
+
+#include <future>
 
 #include <gtest/gtest.h>
 
@@ -45,8 +47,22 @@ TEST_F(EventCollectionScheduleTest, RunIsRefusedWhileItsConditionsDoNotHold) {
         EXPECT_TRUE(operation.isFinished()) << test.flags;
         EXPECT_EQ(logged(std::string("[INFO]") + test.flags + "\r\n"), 1);
     }
-    EXPECT_EQ(logged("[ERROR]EventCollectionFiles didn't run because conditions didnot match"), 3);
+    // A link in the spool's place, first one that others can have made.
+    configuration.setMaxEventDataSizeReached(false);
+    fs::rename(volume().eventData(), volume().root() / "elsewhere");
+    fs::create_symlink(volume().root() / "elsewhere", volume().eventData());
+    fs::permissions(volume().agent(), fs::perms::others_write, fs::perm_options::add);
+    EventCollectionSchedule().start();
+    EventCollectionSchedule().start();
     EXPECT_TRUE(stamp().isNull());
+    EXPECT_EQ(logged("[ERROR]EventCollectionFiles didn't run because conditions didnot match"), 5);
+    EXPECT_EQ(logged("[ERROR]Batch collection does not run: the agent is disabled (isEnabled)"), 1);
+    EXPECT_EQ(logged("[ERROR]Batch collection does not run: the spool has reached its size limit"), 1);
+    EXPECT_EQ(logged("[ERROR]Batch collection does not run: cannot use "), 1) << "once, though it is tried twice";
+    EXPECT_EQ(logged("[ERROR]Batch collection does not run: "), 3);
+    fs::permissions(volume().agent(), fs::perms::others_write, fs::perm_options::remove);
+    EventCollectionSchedule().start();
+    EXPECT_FALSE(stamp().isNull());
 }
 
 TEST_F(EventCollectionScheduleTest, EveryFileIsOfferedTheOneModifiedLongestAgoFirst) {
@@ -66,15 +82,29 @@ TEST_F(EventCollectionScheduleTest, EveryFileIsOfferedTheOneModifiedLongestAgoFi
     }
     EXPECT_EQ(logged(" file read"), 4) << "none for a file that is not to be read";
     EXPECT_EQ(stamp(), Value(clock().epochSeconds()));
+    fs::remove_all(volume().auditFolder());
+    clock().advance(90s);
+    EventCollectionSchedule().start();
+    EXPECT_EQ(stamp(), Value(clock().epochSeconds())) << "a run over nothing is stamped the same";
 }
 
-TEST_F(EventCollectionScheduleTest, RunOverNothingIsStampedTheSame) {
-    for (const bool isThere : {true, false}) {
-        clock().advance(90s);
-        EventCollectionSchedule().start();
-        EXPECT_EQ(stamp(), Value(clock().epochSeconds())) << isThere;
-        fs::remove_all(volume().auditFolder());
-    }
+TEST_F(EventCollectionScheduleTest, SecondPassWaitsForTheFirst) {
+    serverInfo.set("NumberofEventsPerRequest", 1);
+    writeConfiguration();
+    addTrail("trail", 3000s, {1000s, 1001s, 1002s});
+    std::future<void> second;
+    int files = 0;
+    const auto begin = [&](const Notification&) {
+        if (++files == 1) {
+            second = std::async(std::launch::async, [] { EventCollectionSchedule().start(); });
+            EXPECT_TRUE(eventually([this] { return logged("EventCollectionFiles start called") == 2; }));
+        }
+    };
+    const auto observer = NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kEventFileNotification, begin);
+    EventCollectionSchedule().start();
+    second.get();
+    EXPECT_EQ(files, 2);
+    EXPECT_EQ(EventQueueGCD::length(), 1U) << "each event came once";
 }
 
 TEST_F(EventCollectionScheduleTest, CancelEndsThePresentFileOnly) {

@@ -4,7 +4,7 @@
 #include "foundation/FileDescriptor.h"
 #include "foundation/FileSystem.h"
 #include "support/AgentFixture.h"
-#include "support/TrailRecord.h"
+#include "volume/TrailRecord.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -76,6 +76,8 @@ TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) 
         EXPECT_EQ(logged(std::string("[INFO]") + test.flags + "\r\n"), 1);
     }
     EXPECT_EQ(logged("[ERROR]EventCollectorRealtime didn't run because conditions didnot match"), 4);
+    EXPECT_EQ(logged("[ERROR]Realtime collection does not run: the agent is disabled (isEnabled)"), 1);
+    EXPECT_EQ(logged("[ERROR]Realtime collection does not run: "), 2) << "no word where it is off or cancelled";
 }
 
 TEST_F(EventCollectorRealtimeTest, CancelBetweenTheReadersMakingAndItsBeginningEndsTheReading) {
@@ -118,6 +120,13 @@ TEST_F(EventCollectorRealtimeTest, OneReaderReadsUntilTheSizeLimitIsReached) {
     configuration.setMaxEventDataSizeReached(true);
     configuration.setMaxEventDataSizeReached(false);
     EXPECT_EQ(logged("EventCollectorRealtime cancel called"), 1);
+    EXPECT_EQ(logged("Eventcollector start called"), 1);
+}
+
+TEST_F(EventCollectorRealtimeTest, OfTwoOperationsStartedAtOnceOneReads) {
+    const Reading readings[2];
+    passRecord(1);
+    EXPECT_TRUE(eventually([this] { return logged("[INFO]0 0 0 0 1\r\n") == 1; }));
     EXPECT_EQ(logged("Eventcollector start called"), 1);
 }
 

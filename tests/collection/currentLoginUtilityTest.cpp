@@ -1,11 +1,11 @@
+#include "collection/EventCollector.h"
 #include "collection/currentLoginUtility.h"
+#include "core/AgentServiceHandler.h"
 #include "core/GlobalVariables.h"
-#include "foundation/FileSystem.h"
 #include "foundation/KeyedArchive.h"
 #include "support/AgentFixture.h"
+#include "support/FaultyFileSystem.h"
 
-#include <atomic>
-#include <cerrno>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -16,27 +16,6 @@ namespace {
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-
-// Counts the writes of the history, and fails them when told to.
-class HistoryWrites final : public FileSystem {
-  public:
-    HistoryWrites() { install(this); }
-    ~HistoryWrites() override { install(nullptr); }
-
-    Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
-                                 Durability durability) override {
-        if (path.ends_with("/currentLogins")) {
-            ++count;
-            if (fails) {
-                return posixError(ENOSPC);
-            }
-        }
-        return FileSystem::writeAtomically(path, content, durability);
-    }
-
-    std::atomic<int> count = 0;
-    bool fails = false;
-};
 
 std::optional<std::string> userAt(std::int64_t time) {
     const auto entry = currentLoginUtility::getLogonUserAtTime(time);
@@ -55,6 +34,25 @@ class currentLoginUtilityTest : public ::testing::Test, protected AgentFixture {
     currentLoginUtilityTest() { fs::remove(volume().console()); }
 
     fs::path file() { return volume().conf() / "currentLogins"; }
+
+    // The lines of the additions in their order, a letter each: Added, Removed a key, Written, and the Last one, of the
+    // write that always fails. x for a write that failed.
+    std::string lines() const {
+        std::istringstream in(log());
+        std::string letters;
+        for (std::string line; std::getline(in, line);) {
+            for (const auto& [text, letter] : {std::pair("]adding to loginhistory ", 'A'),
+                                               {"]removing key ", 'R'},
+                                               {"[DEBUG]1\r", 'W'},
+                                               {"[DEBUG]0\r", 'x'},
+                                               {"[INFO]0\r", 'L'}}) {
+                if (line.find(text) != std::string::npos) {
+                    letters += letter;
+                }
+            }
+        }
+        return letters;
+    }
 
     KeyedArchive::Content stored() {
         const auto bytes = FileSystem::shared().read(file());
@@ -87,14 +85,18 @@ TEST_F(currentLoginUtilityTest, EntriesBeforeTheLastEventAreRemovedFromMemoryAtT
     currentLoginUtility::flush();
     GlobalVariables::getInstance().setTimeStampOfLastEvent("150");
     EXPECT_EQ(userAt(120), "one");
+    clock().advance(1s);
     add("old itself", 140);
     EXPECT_EQ(userAt(140), std::nullopt);
     EXPECT_EQ(userAt(150), "kept");
-    EXPECT_EQ(logged("removing key 1"), 2);
+    EXPECT_EQ(lines(), "WALAWLWARRL");
     currentLoginUtility::flush();
     EXPECT_EQ(stored(), (KeyedArchive::Content{
                             {100, {{"uid", "one"}}}, {140, {{"uid", "old itself"}}}, {150, {{"uid", "kept"}}}}))
         << "the file has the entries as they were before the removal";
+    add("newest", 160);
+    AgentServiceHandler::end();
+    EXPECT_EQ(stored(), (KeyedArchive::Content{{150, {{"uid", "kept"}}}, {160, {{"uid", "newest"}}}}));
 }
 
 TEST_F(currentLoginUtilityTest, DamagedHistoryIsReplacedOnlyByTheNextAddition) {
@@ -113,29 +115,28 @@ TEST_F(currentLoginUtilityTest, DamagedHistoryIsReplacedOnlyByTheNextAddition) {
 }
 
 TEST_F(currentLoginUtilityTest, AdditionsWithinATenthOfASecondShareAWriteAndSurviveARestart) {
-    HistoryWrites writes;
+    FaultyFileSystem files([](const auto& path) { return path.ends_with("/currentLogins"); });
+    const auto writes = [&] { return files.calls()[FaultyFileSystem::kRename]; };
     add("one", 1);
-    EXPECT_EQ(writes.count, 1) << "the first at once";
+    EXPECT_EQ(writes(), 1U) << "the first at once";
     add("two", 2);
     add("three", 3);
-    EXPECT_EQ(writes.count, 1);
+    EXPECT_EQ(writes(), 1U);
     clock().advance(100ms);
-    // The second write of each fails, as always.
-    ASSERT_TRUE(eventually([&] { return logged("[INFO]0\r\n") == 3; }));
-    EXPECT_EQ(logged("[DEBUG]1\r\n"), 3);
-    EXPECT_EQ(writes.count, 2);
+    ASSERT_TRUE(eventually([&] { return lines() == "WALAAWLWL"; })) << lines();
+    EXPECT_EQ(writes(), 2U);
     EXPECT_EQ(stored().size(), 3U);
 
     add("zo\xC3\xAB", 4);
-    currentLoginUtility::flush();
-    EXPECT_EQ(writes.count, 3);
+    EventCollector::storeTime();
+    EXPECT_EQ(writes(), 3U) << "before a time is stored";
     EXPECT_EQ(stored().size(), 4U);
     currentLoginUtility::flush();
     clock().advance(1s);
-    writes.fails = true;
+    EXPECT_EQ(writes(), 3U) << "a flush leaves nothing to write";
+    files.arm({.call = FaultyFileSystem::kRename, .error = ENOSPC, .number = 1});
     add("five", 5);
-    EXPECT_EQ(writes.count, 4) << "a flush leaves nothing to write";
-    EXPECT_EQ(logged("[DEBUG]0\r\n"), 1);
+    EXPECT_TRUE(lines().ends_with("AWLxAL")) << lines();
     EXPECT_EQ(userAt(5), "five") << "it stays in memory";
     restart();
     EXPECT_EQ(userAt(5), "zo\xC3\xAB");

@@ -1,12 +1,15 @@
 #include "collection/DomainUtil.h"
 #include "core/ConfigurationError.h"
 #include "core/GlobalVariables.h"
+#include "core/PropertyListHandler.h"
 #include "forwarding/SecurityUtil.h"
+#include "forwarding/TransportEngine.h"
 #include "platform/OperatingSystem.h"
 #include "support/AgentFixture.h"
+#include "support/FaultyFileSystem.h"
 
-#include <filesystem>
-#include <string>
+#include <atomic>
+#include <future>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -33,7 +36,7 @@ class GlobalVariablesTest : public ::testing::Test, protected testing::AgentFixt
     }
 };
 
-TEST_F(GlobalVariablesTest, ConfiguredDomainCountsUnlessTheDirectoryNamesOneAndTextsMayBeNumbers) {
+TEST_F(GlobalVariablesTest, DirectorysDomainGoesFirstAndMissingFilesLeaveEverythingEmpty) {
     serverInfo.set("DomainName", "set.example.com");
     serverInfo.set("ServerName", 42);
     serverInfo.set("ServerIP", Array{"not a text"});
@@ -41,33 +44,25 @@ TEST_F(GlobalVariablesTest, ConfiguredDomainCountsUnlessTheDirectoryNamesOneAndT
         bound ? volume().bindTo("corp.example.com", "mac-042$") : volume().setDirectoryTool("", 1);
         const auto& loaded = load();
         EXPECT_EQ(DomainUtil::getDomainName(), bound ? "corp.example.com" : "set.example.com");
-        EXPECT_EQ(loaded.serverName(), "42");
+        EXPECT_EQ(loaded.serverName(), "42") << "a text may be a number";
         EXPECT_EQ(loaded.serverIP(), std::nullopt);
         EXPECT_EQ(volume().readConfiguration("Serverinfo.plist"), serverInfo);
-    }
-}
 
-TEST_F(GlobalVariablesTest, MissingFilesLeaveEverythingEmptyAndTheFirstIsCreated) {
-    for (const bool bound : {true, false}) {
-        bound ? volume().bindTo("corp.example.com", "mac-042$") : volume().setDirectoryTool("", 1);
         fs::remove(volume().conf() / "Serverinfo.plist");
         fs::remove(volume().conf() / "myconfigurations.plist");
-        const auto& loaded = reload();
-        EXPECT_FALSE(loaded.serverName() || loaded.agentUUID() || loaded.isEnabled() || loaded.serverPort() != 0);
-        EXPECT_TRUE(loaded.timeStampOfLastEvent().isNull());
+        const auto& empty = reload();
+        EXPECT_FALSE(empty.serverName() || empty.agentUUID() || empty.isEnabled() || empty.serverPort() != 0);
+        EXPECT_TRUE(empty.timeStampOfLastEvent().isNull());
         EXPECT_EQ(volume().readConfiguration("Serverinfo.plist"),
                   bound ? (Dictionary{{"DomainName", "corp.example.com"}, {"AgentName", "mac-042"}})
                         : (Dictionary{{"AgentName", platform::localizedHostName()}}));
         EXPECT_FALSE(fs::exists(volume().conf() / "myconfigurations.plist"));
     }
-}
-
-TEST_F(GlobalVariablesTest, RecentEventTimeFillsOnlyAFileThatIsMissing) {
+    // The server's time of the newest event fills only a file that is missing.
     serverInfo.set("RecentEventTimeMillis", 1'700'000'123);
     myConfigurations.set("TimestampOfLastEvent", "5");
     EXPECT_EQ(load().timeStampOfLastEvent(), Value("5"));
     EXPECT_EQ(volume().readConfiguration("myconfigurations.plist"), myConfigurations);
-
     fs::remove(volume().conf() / "myconfigurations.plist");
     EXPECT_EQ(reload().timeStampOfLastEvent(), Value(1'700'000'123));
     EXPECT_EQ(volume().readConfiguration("myconfigurations.plist"),
@@ -99,6 +94,69 @@ TEST_F(GlobalVariablesTest, IdentityIsDecryptedBehindItsPrefixOf32Units) {
     EXPECT_EQ(logged("][ERROR]The key \"AgentAuthID\" of " + fs::current_path().string() +
                      "/../conf/myconfigurations.plist holds fewer than 32 characters"),
               3);
+}
+
+TEST_F(GlobalVariablesTest, ReloadKeepsWhatItCannotReadAndEmptiesWhatIsNotThere) {
+    const auto good = std::string(32, 'v') + **SecurityUtil::encrypt("agent 7", "XEVORTANIMB", "");
+    myConfigurations.set("AgentAuthID", good);
+    auto& loaded = load();
+    int time = 0;
+    for (const auto& identity : {std::string(), std::string("too short"), good, std::string("short again")}) {
+        myConfigurations.set("TimestampOfLastEvent", ++time);
+        myConfigurations.set("AgentAuthID", identity);
+        writeConfiguration();
+        EXPECT_NO_THROW(loaded.initialiseMyConfigurations());
+        EXPECT_TRUE(loaded.timeStampOfLastEvent() == Value(time) && loaded.agentUUID() == "agent 7");
+    }
+    EXPECT_EQ(logged("holds fewer than 32 characters"), 2) << "once for each state";
+
+    const std::pair<std::string, void (GlobalVariables::*)()> files[] = {
+        {"myconfigurations.plist", &GlobalVariables::initialiseMyConfigurations},
+        {"Serverinfo.plist", &GlobalVariables::initialiseServerInfo},
+    };
+    for (const auto& [file, reload] : files) {
+        testing::FaultyFileSystem faults([&name = file](const auto& path) { return path.ends_with(name); });
+        int kept = 0;
+        for (const int error : {EMFILE, EIO, EACCES}) {
+            faults.arm({.call = error == EIO ? faults.kRead : faults.kOpen, .error = error, .number = 1});
+            (loaded.*reload)();
+            EXPECT_TRUE(loaded.serverFQDN() == "audit.example.com" && loaded.isEnabled()) << file << error;
+            EXPECT_EQ(loaded.agentVersion().has_value(), file[0] == 'm') << error;
+            EXPECT_EQ(logged(file + " stay as they are in memory"), ++kept);
+        }
+        fs::remove(volume().conf() / file);
+        (loaded.*reload)();
+    }
+    EXPECT_FALSE(loaded.serverFQDN() || loaded.isEnabled() || loaded.agentVersion() || loaded.agentUUID());
+}
+
+// Changes of either file come while the server's file is reloaded in a loop.
+TEST_F(GlobalVariablesTest, ReloadsTakeNoChangeBackAndMixNoAddress) {
+    serverInfo.set("RecentEventTimeMillis", 5);
+    myConfigurations.set("LogLevel", 0);
+    auto& loaded = load();
+    const auto mine = (volume().conf() / "myconfigurations.plist").string();
+    std::atomic<bool> reloading = true;
+    const auto changes = std::async(std::launch::async, [&] {
+        for (int i = 1; reloading; ++i) {
+            PropertyListHandler::change(mine, "TimestampOfLastEvent", i);
+            ASSERT_EQ(PropertyListHandler::initWithFile(mine).GetValueForKey("TimestampOfLastEvent"), Value(i));
+        }
+    });
+    const auto requests = std::async(std::launch::async, [&] {
+        while (reloading) {
+            const auto url = TransportEngine().baseURL();
+            ASSERT_TRUE(url == "http://audit.example.com:8443" || url == "other://other.example.com:1") << url;
+        }
+    });
+    for (int i = 0; i < 60; ++i) {
+        serverInfo.set("ServerFQDN", i % 2 == 0 ? "other.example.com" : "audit.example.com");
+        serverInfo.set("AgentPort", i % 2 == 0 ? 1 : 8443);
+        serverInfo.set("AgentProtocol", i % 2 == 0 ? "other" : "http");
+        volume().writeConfiguration("Serverinfo.plist", serverInfo);
+        loaded.initialiseServerInfo();
+    }
+    reloading = false;
 }
 
 }  // namespace

@@ -3,16 +3,17 @@
 #include "foundation/NotificationCenter.h"
 #include "platform/OperatingSystem.h"
 #include "support/AgentFixture.h"
+#include "support/FaultyFileSystem.h"
 
 #include <unistd.h>
 
-#include <filesystem>
+#include <algorithm>
+#include <cerrno>
 #include <fstream>
+#include <future>
 #include <set>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -36,6 +37,14 @@ class LoggerTest : public ::testing::Test, protected testing::AgentFixture {
         volume().writeConfiguration("logfile.plist", {{"Config", "../logs/Config2026-11-15.log"}, {"Event", event}});
     }
     Dictionary table() { return volume().readConfiguration("logfile.plist"); }
+    // The two wait their turn: the first one is over, and all that was asked for before, when the second one has begun.
+    void keepHouse() {
+        write("last.log", 1, hours(30 * 24));
+        Logger().validateLogSize();
+        Logger().rotateLog();
+        ASSERT_TRUE(eventually([this] { return !fs::exists(file("last.log")); }));
+        fs::remove(file("archive/last.zip"));
+    }
     std::set<std::string> namesIn(const std::string& folder) {
         std::set<std::string> names;
         for (const auto& entry : fs::directory_iterator(file(folder))) {
@@ -46,14 +55,13 @@ class LoggerTest : public ::testing::Test, protected testing::AgentFixture {
 };
 
 TEST_F(LoggerTest, NothingInAMessageCanPassForALineOfItsOwn) {
-    const std::string forged =
-        "[2026-11-15 12:00:00 +0000][AgentServiceHandler][1:1][ERROR]AgentServiceHandler stop called";
+    const std::string forged = "[2026-11-15 12:00:00 +0000][AgentServiceHandler][1:1][ERROR]stop called";
+    const std::string plain = "{\n    a = (\n        \"b\"\n    );\n}\tcaf\xC3\xA9 [";
     const std::pair<std::string, std::string> cases[] = {
         {"carla\r\n" + forged, "carla\\x0d\n    " + forged},
         {"carla\n" + forged + "\n\n" + forged, "carla\n    " + forged + "\n\n    " + forged},
         {"\x1b[2Jcarla\x7f\x08" + std::string(1, '\0') + "\r", "\\x1b[2Jcarla\\x7f\\x08\\x00\\x0d"},
-        {"{\n    a = (\n        \"b\"\n    );\n}\tcaf\xC3\xA9 [",
-         "{\n    a = (\n        \"b\"\n    );\n}\tcaf\xC3\xA9 ["},
+        {plain, plain},
     };
     std::string expected;
     constexpr LogSource kSource("Names");
@@ -74,14 +82,12 @@ TEST_F(LoggerTest, MessagesAboveTheConfiguredLevelAreDropped) {
         myConfigurations.set("LogLevel", level);
         writeConfiguration();
         restart();
-        const auto weight = [this] {
-            return logged("[ERROR]x", "Event") + 2 * logged("[INFO]x", "Event") + 4 * logged("[DEBUG]x", "Event");
-        };
-        const auto before = weight();
+        fs::remove(file("Event2026-11-15.log"));
         kSource.error("f", "x");
         kSource.info("f", "x");
         kSource.debug("f", "x");
-        EXPECT_EQ(weight() - before, written);
+        EXPECT_EQ(logged("[ERROR]x", "Event") + 2 * logged("[INFO]x", "Event") + 4 * logged("[DEBUG]x", "Event"),
+                  written);
     }
     EXPECT_THROW(Logger::formatTypeToString(3), std::invalid_argument);
 }
@@ -124,13 +130,8 @@ TEST_F(LoggerTest, TableOfTheLastRunIsGoneOnWithInTheLogsFolder) {
 }
 
 TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndGoesOnUnderTheNextFreeNumber) {
-    const struct {
-        std::string current;
-        std::uintmax_t size;
-        // A file, or a folder with one in it.
-        std::string there;
-        std::string next;
-    } cases[] = {
+    // The present file and its size, a file that is there, maybe in a folder, and the file that the log goes on in.
+    const std::tuple<std::string, std::uintmax_t, std::string, std::string> cases[] = {
         {"Event2026-11-15.log", kLimit, "x.log", "Event2026-11-15.log"},
         {"Event2026-11-15.log", kLimit + 1, "Event2026-11-15_1.log", "Event2026-11-15_2.log"},
         {"Event2026-11-15_4.log", kLimit + 1, "Event2026-11-15_5.log", "Event2026-11-15_6.log"},
@@ -140,12 +141,13 @@ TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndGoesOnUnderTheNextFreeNumber)
     for (const auto& [current, size, there, next] : cases) {
         SCOPED_TRACE(::testing::Message() << current << " of " << size << " goes on as " << next);
         fs::remove_all(volume().logs());
+        fs::create_directories(file("archive"));
         fs::create_directories(file(there).parent_path());
         setTable("../logs/" + current);
         write(current, size);
         write(there, 1);
         restart();
-        Logger().validateLogSize();
+        keepHouse();
         Logger::getInstance().file("Event", "A", 0, "f", "goes on");
         const bool continued = next != current;
         EXPECT_EQ(fs::exists(file(current)), !continued);
@@ -153,6 +155,7 @@ TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndGoesOnUnderTheNextFreeNumber)
         EXPECT_EQ(table()["Event"], Value("../logs/" + next));
         EXPECT_EQ(fs::file_size(file(next)) > size, !continued);
         EXPECT_EQ(fs::file_size(file(there)), 1U);
+        EXPECT_EQ(fs::exists(file("Event2026-11-15_1.log")), there == "Event2026-11-15_1.log") << "no line is astray";
     }
 }
 
@@ -166,36 +169,84 @@ TEST_F(LoggerTest, WakeOfTheMachineArchivesTheLogsOfAWeekAgo) {
         write(name, 100, name.starts_with("Config") ? hours(7 * 24) : hours(30 * 24));
     }
     fs::remove(file("archive"));
+    // The command takes until the test lets it go on.
+    const auto zip = volume().bin() / "zip";
+    const auto go = volume().bin() / "go";
+    std::ofstream(zip) << "#!/bin/sh\nuntil [ -e " << go << " ]; do sleep 0.01; done\nexec /usr/bin/zip \"$@\"\n";
+    fs::permissions(zip, fs::perms::owner_all);
+    const std::string path = ::getenv("PATH");  // NOLINT(concurrency-mt-unsafe)
+    ::setenv("PATH", (volume().bin().string() + ":" + path).c_str(), 1);
     Logger::getInstance();
     const auto wake = [] { NotificationCenter::defaultCenter().post({Logger::kDidWakeNotification, nullptr, {}}); };
     wake();
+    std::ofstream{go};
+    ASSERT_TRUE(eventually([this] { return logged("[INFO]Error moving file") == 2; }));
     EXPECT_TRUE(fs::exists(file("Config2026-11-07.log"))) << "it could not be moved";
     fs::create_directory(file("archive"));
     // Another logger that is gone does not answer.
     {
         const Logger gone;
     }
+    fs::remove(go);
     wake();
-    EXPECT_EQ(logged("][INFO]Zipping Log\r\n"), 2);
-    EXPECT_EQ(namesIn("archive"), (std::set<std::string>{"Config2026-11-07.zip", "it's \"old\" $(id).zip"}));
+    wake();
+    EXPECT_EQ(logged("][INFO]Zipping Log\r\n"), 3);
+    std::ofstream{go};
     auto left = others;
     left.insert({"archive", "Config2026-11-15.log"});
-    EXPECT_EQ(namesIn("."), left);
+    EXPECT_TRUE(eventually([&] { return namesIn(".") == left; }));
+    keepHouse();
+    ::setenv("PATH", path.c_str(), 1);
+    EXPECT_EQ(logged("][INFO]Trying to zip "), 5) << "no file is zipped twice";
+    EXPECT_EQ(namesIn("archive"), (std::set<std::string>{"Config2026-11-07.zip", "it's \"old\" $(id).zip"}));
+}
+
+TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileWholeAndIsToldOncePerOutage) {
+    constexpr LogSource kSource("Full");
+    kSource.error("f", "first");
+    ::testing::internal::CaptureStderr();
+    {
+        testing::FaultyFileSystem files([](const std::string& path) { return path.ends_with(".log"); });
+        for (int outage = 0; outage < 2; ++outage) {
+            const auto before = log();
+            for (const bool isShort : {true, false}) {
+                files.arm(
+                    {.call = testing::FaultyFileSystem::kWrite, .error = ENOSPC, .isShort = isShort, .number = 1});
+                kSource.error("f", "late");
+                EXPECT_EQ(log(), before);
+            }
+            kSource.error("f", "next");
+        }
+    }
+    EXPECT_EQ(logged("late\r\n["), 4);
+    EXPECT_EQ(logged("2 lines could not be written when they came"), 2);
+    const auto told = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(std::ranges::count(told, '\n'), 2) << told;
+    EXPECT_TRUE(told.starts_with("The log cannot be written: ")) << told;
+
+    std::ofstream(file("Config2026-11-15.log"), std::ios::app) << "[cut by a loss of pow";
+    restart();
+    kSource.error("f", "after the loss");
+    EXPECT_EQ(logged("loss of pow\r\n[2026"), 1);
+    fs::remove_all(volume().logs());
+    kSource.error("f", "in a new folder");
+    EXPECT_EQ(logged("in a new folder"), 1);
+    for (const auto& folder : {volume().logs(), volume().logs() / "archive"}) {
+        EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);
+    }
 }
 
 TEST_F(LoggerTest, LinesOfManyThreadsStayWhole) {
     Logger::getInstance();
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> threads;
     for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
+        threads.push_back(std::async(std::launch::async, [] {
             for (int j = 0; j < 50; ++j) {
                 Logger::getInstance().file("Event", "Thread", 1, "f", std::string(200, 'x'));
             }
-        });
+        }));
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     EXPECT_EQ(logged("][INFO]" + std::string(200, 'x') + "\r\n[2026", "Event"), 199);
     EXPECT_EQ(logged("\r\n", "Event"), 200);
 }

@@ -36,7 +36,8 @@ TEST_F(ShippedConfigurationTest, ExamplesAreReadAsTheyAreMeant) {
     EXPECT_EQ(configuration.serverFQDN(), "audit.example.com");
     EXPECT_EQ(configuration.serverPort(), 443);
     EXPECT_EQ(configuration.agentPort(), 8443);
-    EXPECT_TRUE(configuration.isEnabled() && configuration.isRealTime() && !configuration.hasNATServer());
+    EXPECT_TRUE(configuration.isEnabled() && configuration.isRealTime() &&
+                configuration.snapshot()->relay() != Relay::named);
     // The fixture's list is that of all known events.
     EXPECT_EQ(configuration.eventsToRead(), serverInfo["EventsToRead"].description());
     EXPECT_EQ(configuration.noOfEventsPerRequest(), 100);
@@ -54,6 +55,8 @@ TEST_F(ShippedConfigurationTest, JobRunsTheAgentAsItMustBeRun) {
                                  {"UserName", "root"},
                                  {"KeepAlive", true},
                                  {"RunAtLoad", true},
+                                 // Launchd makes no folder for it, so not in one that can be missing.
+                                 {"StandardErrorPath", "/var/log/" + label + ".log"},
                                  {"Umask", 077}};
     for (const auto& [key, value] : expected) {
         EXPECT_EQ(job[key], value) << key;

@@ -2,8 +2,6 @@
 #include "foundation/NotificationCenter.h"
 #include "support/AgentFixture.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 namespace sentrova {

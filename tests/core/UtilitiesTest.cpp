@@ -1,8 +1,6 @@
+#include "core/CommandLine.h"
 #include "core/Utilities.h"
 #include "support/AgentFixture.h"
-
-#include <filesystem>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -22,6 +20,16 @@ TEST_F(UtilitiesTest, CatalinaAndLaterSystemsAreSupported) {
     EXPECT_EQ(Utilities::getOSVersion(), (Dictionary{{"majorVersion", 12}, {"minorVersion", 7}, {"patchVersion", 6}}));
     std::filesystem::remove_all(volume().volume() / "System");
     EXPECT_FALSE(Utilities::isSupportedOSVersion());
+}
+
+TEST_F(UtilitiesTest, OnlyTheQuestionsForVersionAndHelpAreAnsweredOnStandardOutput) {
+    using Arguments = std::vector<const char*>;
+    EXPECT_TRUE(replyTo(Arguments{"--version"}).text.starts_with("sentrova-agent "));
+    EXPECT_TRUE(replyTo(Arguments{"--help"}).text.starts_with("usage: "));
+    EXPECT_EQ(replyTo(Arguments{"--version"}).status + replyTo(Arguments{"--help"}).status, 0);
+    for (const auto& unknown : {Arguments{""}, {"version"}, {"--version", "--help"}}) {
+        EXPECT_EQ(replyTo(unknown).status, 64) << unknown.front();
+    }
 }
 
 TEST_F(UtilitiesTest, TextBecomesEpochSecondsOrZero) {

@@ -6,18 +6,10 @@
 #include "BuildPaths.h"
 #include "support/AuditServer.h"
 #include "support/RunningAgent.h"
-#include "support/TrailWriter.h"
+#include "volume/TrailWriter.h"
 
 #include <charconv>
-#include <chrono>
-#include <cstdint>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <set>
-#include <string>
-#include <string_view>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -41,11 +33,6 @@ inline TrailWriter sudoTrail(std::chrono::seconds begin, std::uint32_t firstProc
 // A closed trail, as old as its last record.
 inline void addTrail(SystemVolume& volume, const TrailWriter& trail) {
     volume.addTrail(std::to_string(trail.lastTime().count()), trail.bytes(), trail.lastTime());
-}
-
-inline std::string textOf(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // Of all events in the text.

@@ -11,14 +11,9 @@
 #include "support/FaultyFileSystem.h"
 #include "sync/ServerCommunicator.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
-#include <map>
 #include <mutex>
-#include <optional>
 #include <regex>
-#include <sstream>
 
 #include <fmt/ranges.h>
 #include <gtest/gtest.h>
@@ -325,12 +320,16 @@ TEST(FaultsTest, NetworkTroubleAtAnyDeliveryCostsNoEvent) {
         {{.kind = NetworkFault::drop, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::reset, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::halfClose, .count = 5}, "connection was lost"},
-        {{.kind = NetworkFault::cut}, "connection was lost"},
-        {{.kind = NetworkFault::cutHead}, "connection was lost"},
+        {{.kind = NetworkFault::raw, .body = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}"}, "connection was lost"},
+        {{.kind = NetworkFault::raw, .body = "HTTP/1.1 200 OK\r\nContent-Le"}, "connection was lost"},
         {{.kind = NetworkFault::endless}, "exceeds the maximum"},
         {{.kind = NetworkFault::noAnswer}, "timed out"},
-        {{.kind = NetworkFault::surplus}, ""},
-        {{.kind = NetworkFault::slow, .seconds = 0.001}, ""},
+        {{.kind = NetworkFault::raw, .accepts = true, .body = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n{}"}, ""},
+        {{.kind = NetworkFault::raw,
+          .accepts = true,
+          .pace = 1ms,
+          .body = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"},
+         ""},
     };
     // Ten events in batches of three.
     constexpr int kDeliveries = 4;

@@ -5,9 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
-#include <map>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include <fmt/format.h>

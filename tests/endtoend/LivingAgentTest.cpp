@@ -9,14 +9,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <functional>
-#include <map>
-#include <set>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
@@ -170,18 +162,6 @@ TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
     ASSERT_TRUE(server.waitForEvents(kRecords));
     EXPECT_EQ(processesIn(server.events()), eachOnce(0, kRecords));
     EXPECT_EQ(agent.stop(1s), 0);
-}
-
-TEST_F(LivingAgentTest, RemovalAtTheServerClearsTheKeysAndEndsTheProcess) {
-    RunningAgent agent(build::kAgent, volume);
-    ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
-    serverInfo.remove("DomainID");
-    answer();
-    EXPECT_EQ(agent.wait(), 0);
-    EXPECT_NE(log().find("Agent Deleted/Unconfigured"), std::string::npos);
-    const auto stored = volume.readConfiguration("Serverinfo.plist");
-    EXPECT_FALSE(stored.contains("AgentGuid") || stored.contains("DomainName"));
-    EXPECT_EQ(stored["EventsToRead"], serverInfo["EventsToRead"]) << "the other keys stay";
 }
 
 TEST_F(LivingAgentTest, TerminationEndsTheProcessWithinASecondAtEveryStage) {

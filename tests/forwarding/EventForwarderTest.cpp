@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <fstream>
-#include <set>
 
 #include <gtest/gtest.h>
 
@@ -69,6 +68,30 @@ TEST_F(EventForwarderTest, OnlyAnAnswerOf200IsADelivery) {
         EXPECT_EQ(TransportEngine().baseURL() == address, delivered);
     }
     EXPECT_EQ(logged("[ERROR]Nobody there\r\n", "Communication"), 1);
+    for (const auto* reason : {"Nobody there", "answered with HTTP status 204", "answered with HTTP status 500"}) {
+        EXPECT_EQ(logged(std::string("http://audit.example.com:8443: ") + reason, "Communication"), 1) << reason;
+    }
+}
+
+TEST_F(EventForwarderTest, BatchOfARequestThatCouldNotBeginStaysWhereItWas) {
+    session().respondWith(
+        [](const auto&) -> std::optional<FakeUrlSession::Answer> { throw std::runtime_error("No thread"); });
+    const auto file = addFile("event_1");
+    EventQueueGCD::enqueue({{"n", 0}});
+    // Each gives back its place among those under way.
+    for (std::size_t i = 0; i <= EventForwarder::kDeliveriesUnderWay; ++i) {
+        forwarder_->process(file);
+        forwarder_->process(std::nullopt);
+    }
+    EXPECT_EQ(filesLeft(), 1U);
+    EXPECT_EQ(EventQueueGCD::length(), 1U);
+    EXPECT_EQ(logged("[ERROR]The file " + file.path() + " was not sent"), 7);
+    EXPECT_EQ(logged("[ERROR]The events in memory were not sent"), 7);
+
+    session().respondWith([](const auto&) { return FakeUrlSession::Answer(); });
+    forwarder_->start();
+    clock().advance(10s);
+    EXPECT_TRUE(eventually([this] { return filesLeft() == 0 && EventQueueGCD::length() == 0; }));
 }
 
 TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredSixAtATimeAtTheMost) {
@@ -117,7 +140,7 @@ TEST_F(EventForwarderTest, NothingIsSentOrDeletedWhileTheServerIsNotReachable) {
     EXPECT_EQ(filesLeft(), 1U);
     EXPECT_EQ(EventQueueGCD::length(), 1U);
     // What was taken from the spool before goes back to it.
-    forwarder_->SendData(kBatch, nullptr);
+    EXPECT_TRUE(forwarder_->SendData(std::make_shared<const std::string>(kBatch), nullptr));
     EXPECT_TRUE(session().sent().empty());
     TransportEngine::setIsConnected(true);
     EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), R"([{"n":0},{"n":1},{"n":2}])");
@@ -141,9 +164,8 @@ TEST_F(EventForwarderTest, FileThatIsNoBatchStaysWhereItIs) {
     EXPECT_EQ(EventQueueGCD::length(), 1U);
     const auto aside = "undelivered_" + std::to_string(clock().epochSeconds());
     for (const auto& [name, content] : {std::pair(aside, "[no json]"), std::pair(aside + "_2", "[nor this]")}) {
-        std::string kept;
-        std::getline(std::ifstream(volume().eventData() / name), kept);
-        EXPECT_EQ(kept, content) << "one of a second does not come to stand behind another";
+        EXPECT_EQ(textOf(volume().eventData() / name), content)
+            << "one of a second does not come to stand behind another";
     }
 }
 

@@ -3,8 +3,7 @@
 
 #include <future>
 #include <limits>
-#include <memory>
-#include <string>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -15,14 +14,17 @@ using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-TEST(ClockTest, SystemClockCallsTimersInTheOrderOfTheirTimesAndNotBefore) {
+TEST(ClockTest, SystemClockCallsTimersInTheOrderOfTheirTimesNotBeforeAndAlsoAfterOneThatThrows) {
     auto& clock = Clock::shared();
     const auto now = clock.monotonicTime();
     std::string order;
     std::promise<Clock::Monotonic> last;
     // The first call holds the timer thread until all are set.
     Semaphore allSet;
-    clock.schedule(now - seconds(10), [&allSet] { allSet.wait(); });
+    clock.schedule(now - seconds(10), [&allSet] {
+        allSet.wait();
+        throw std::runtime_error("a timer's own fault");
+    });
     clock.schedule(now + milliseconds(5), [&] { last.set_value(clock.monotonicTime()); });
     for (const auto& timer : {std::pair(1, 'c'), std::pair(3, 'a'), std::pair(2, 'b')}) {
         clock.schedule(now - seconds(timer.first), [&order, name = timer.second] { order += name; });

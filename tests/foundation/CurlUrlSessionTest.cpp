@@ -1,16 +1,17 @@
 #include "foundation/CurlUrlSession.h"
+#include "foundation/DispatchQueue.h"
+#include "foundation/FileDescriptor.h"
 #include "foundation/Mutex.h"
+#include "foundation/ThreadStart.h"
 #include "support/AuditServer.h"
 #include "support/ManualClock.h"
 #include "support/ServerConnection.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <future>
-#include <memory>
-#include <string>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -76,12 +77,29 @@ std::future<Outcome> send(UrlSession& session, const UrlRequest& request, const 
     return future;
 }
 
+using Futures = std::vector<std::future<Outcome>>;
+
+// The body of each is its number.
+Futures sendMany(UrlSession& session, const UrlRequest& request, int count) {
+    Futures futures;
+    for (int i = 0; i < count; ++i) {
+        futures.push_back(send(session, request, "[" + std::to_string(i) + "]"));
+    }
+    return futures;
+}
+
 Outcome await(std::future<Outcome> future) {
     if (future.wait_for(60s) != std::future_status::ready) {
         ADD_FAILURE() << "no completion within a minute";
         return {};
     }
     return future.get();
+}
+
+void expectSuccess(Futures futures) {
+    for (auto& future : futures) {
+        EXPECT_EQ(await(std::move(future)).status, 200);
+    }
 }
 
 UrlRequest postTo(const Listener& listener) {
@@ -148,45 +166,41 @@ TEST_F(CurlUrlSessionTest, EveryStatusIsAnAnswerAndNoRedirectIsFollowed) {
         const std::string body = status == 204 ? "" : "body of " + std::to_string(status);
         server_.fail({.status = status, .headers = {{"Location", AuditServer::kEventsPath}}, .body = body});
         const auto outcome = await(send(session_, sync_));
-        EXPECT_EQ(outcome.status, status);
-        EXPECT_EQ(outcome.body, body);
+        EXPECT_TRUE(outcome.status == status && outcome.body == body) << outcome.status;
         EXPECT_THAT(server_.requests(), SizeIs(1)) << status;
     }
 }
 
-TEST_F(CurlUrlSessionTest, AtMostSixRequestsAreUnderWayToAServer) {
+TEST_F(CurlUrlSessionTest, AtMostSixConnectionsServeAServerAndARequestLostOnOneIsSentOnceMoreAndNotTwice) {
     server_.fail({.kind = Kind::hold, .count = 6});
-    std::vector<std::future<Outcome>> futures;
-    for (int i = 0; i < 18; ++i) {
-        futures.push_back(send(session_, events_));
-    }
+    auto futures = sendMany(session_, events_, 18);
     ASSERT_TRUE(server_.waitForRequests(6));
     // Another server's line is not held up.
     AuditServer other;
     EXPECT_EQ(await(send(session_, post(other.url() + AuditServer::kEventsPath))).status, 200);
     EXPECT_THAT(server_.requests(), SizeIs(6));
     server_.release();
-    for (auto& future : futures) {
-        EXPECT_EQ(await(std::move(future)).status, 200);
-    }
+    expectSuccess(std::move(futures));
     EXPECT_EQ(server_.mostAtOnce(), 6);
     for (const auto& request : server_.requests()) {
         EXPECT_LE(request.connection, 6);
     }
+    // The six are idle now.
+    server_.reset();
+    server_.fail({.kind = Kind::drop});
+    EXPECT_EQ(await(send(session_, events_, "[7]")).status, 200);
+    EXPECT_THAT(server_.requests(), SizeIs(2));
+    EXPECT_THAT(server_.events(), ElementsAre("7"));
+    server_.reset();
+    server_.fail({.kind = Kind::drop, .count = -1});
+    EXPECT_EQ(await(send(session_, events_)).error, UrlErrorCode::networkConnectionLost);
+    EXPECT_THAT(server_.requests(), SizeIs(2));
 }
 
 TEST_F(CurlUrlSessionTest, WaitingRequestsGoInTheOrderInWhichTheyCame) {
     CurlUrlSession session(nullptr, {.maximumConnectionsPerHost = 1});
-    std::vector<std::future<Outcome>> futures;
-    std::vector<std::string> expected;
-    for (int i = 0; i < 20; ++i) {
-        expected.push_back(std::to_string(i));
-        futures.push_back(send(session, events_, "[" + expected.back() + "]"));
-    }
-    for (auto& future : futures) {
-        EXPECT_EQ(await(std::move(future)).status, 200);
-    }
-    EXPECT_EQ(server_.events(), expected);
+    expectSuccess(sendMany(session, events_, 10));
+    EXPECT_THAT(server_.events(), ElementsAre("0", "1", "2", "3", "4", "5", "6", "7", "8", "9"));
 }
 
 TEST_F(CurlUrlSessionTest, AnswerThatIsCutShortOrDamagedIsAnError) {
@@ -206,31 +220,6 @@ TEST_F(CurlUrlSessionTest, AnswerThatIsCutShortOrDamagedIsAnError) {
         acceptRequest(listener)->write(answer);
         EXPECT_EQ(await(std::move(future)).error, expected) << answer;
     }
-}
-
-TEST_F(CurlUrlSessionTest, RequestLostOnAKeptAliveConnectionIsSentOnceMoreAndNotTwice) {
-    // Three connections, idle.
-    server_.fail({.kind = Kind::hold, .count = 3});
-    std::vector<std::future<Outcome>> futures;
-    for (int i = 0; i < 3; ++i) {
-        futures.push_back(send(session_, events_));
-    }
-    ASSERT_TRUE(server_.waitForRequests(3));
-    server_.release();
-    for (auto& future : futures) {
-        EXPECT_EQ(await(std::move(future)).status, 200);
-    }
-
-    server_.reset();
-    server_.fail({.kind = Kind::drop});
-    EXPECT_EQ(await(send(session_, events_, "[7]")).status, 200);
-    EXPECT_THAT(server_.requests(), SizeIs(2));
-    EXPECT_THAT(server_.events(), ElementsAre("7"));
-
-    server_.reset();
-    server_.fail({.kind = Kind::drop, .count = -1});
-    EXPECT_EQ(await(send(session_, events_)).error, UrlErrorCode::networkConnectionLost);
-    EXPECT_THAT(server_.requests(), SizeIs(2));
 }
 
 TEST_F(CurlUrlSessionTest, RequestThatCannotBeSentTellsWhy) {
@@ -255,11 +244,12 @@ TEST_F(CurlUrlSessionTest, RequestThatCannotBeSentTellsWhy) {
 }
 
 TEST_F(CurlUrlSessionTest, HeaderOrMethodThatBreaksItsLineIsNotSent) {
-    for (const auto& [method, name, value] : {std::tuple("POST", "OrgAccessKey", "x\r\nX-Other: y"),
-                                              {"POST", "OrgAccessKey", "x\ny"},
-                                              {"POST", "Bad: name", "x"},
-                                              {"POST", "", "x"},
-                                              {"GET / HTTP/1.1\r\n\r\nPOST", "OrgAccessKey", "x"}}) {
+    const std::tuple<const char*, const char*, const char*> cases[] = {{"POST", "A", "x\r\nX-Other: y"},
+                                                                       {"POST", "A", "x\ny"},
+                                                                       {"POST", "Bad: name", "x"},
+                                                                       {"POST", "", "x"},
+                                                                       {"GET / HTTP/1.1\r\n\r\nPOST", "A", "x"}};
+    for (const auto& [method, name, value] : cases) {
         events_.method = method;
         events_.headers = {{name, value}};
         EXPECT_EQ(await(send(session_, events_)).error, UrlErrorCode::unknown) << method << name << value;
@@ -280,7 +270,7 @@ TEST_F(CurlUrlSessionTest, AnswerMayBeAsLongAsTheMaximumAndNoLonger) {
 TEST_F(CurlUrlSessionTest, RequestWithoutAnswerTimesOutAndItsTimeInLineDoesNotCount) {
     CurlUrlSession session(nullptr, {.maximumConnectionsPerHost = 1});
     server_.fail({.kind = Kind::noAnswer, .count = -1});
-    std::future<Outcome> futures[] = {send(session, events_), send(session, events_)};
+    auto futures = sendMany(session, events_, 2);
     for (std::size_t i = 0; i < 2; ++i) {
         ASSERT_TRUE(server_.waitForRequests(i + 1));
         letNetworkThreadCatchUp(session);
@@ -311,14 +301,74 @@ TEST_F(CurlUrlSessionTest, ProgressPutsTheTimeOutOffButNotBeyondTheTotalTime) {
     }
 }
 
+TEST_F(CurlUrlSessionTest, AddressBehindASilentOneIsReachedAndTriedFirstFromThenOn) {
+    // A connection finds no answer where the backlog is full.
+    sockaddr_in address{.sin_family = AF_INET,
+                        .sin_port = htons(static_cast<std::uint16_t>(server_.port())),
+                        .sin_addr = {htonl(INADDR_LOOPBACK + 1)},
+                        .sin_zero = {}};
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+    const FileDescriptor silent(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const FileDescriptor filler(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    ASSERT_TRUE(::bind(silent.get(), generic, sizeof address) == 0 && ::listen(silent.get(), 0) == 0 &&
+                ::connect(filler.get(), generic, sizeof address) == 0);
+    std::atomic<int> lookUps = 0;
+    CurlUrlSession session(nullptr, {.resolver = [&lookUps](const auto&) {
+                               ++lookUps;
+                               return AddressList{"127.0.0.2", "127.0.0.1"};
+                           }});
+    auto request = post("http://audit.test:" + std::to_string(server_.port()) + AuditServer::kEventsPath);
+    request.timeout = 2s;
+    // Each request needs a connection of its own.
+    server_.fail({.status = 200, .count = -1, .headers = {{"Connection", "close"}}});
+    EXPECT_EQ(await(send(session, request)).status, 200);
+    // From now on there is room for a connection there, which nobody serves.
+    ASSERT_EQ(::listen(silent.get(), 64), 0);
+    for (int i = 1; i <= 2; ++i) {
+        EXPECT_EQ(await(send(session, request)).status, 200);
+        EXPECT_EQ(lookUps, i);
+        clock_.advance(HostAddresses::kKept);
+    }
+}
+
+TEST_F(CurlUrlSessionTest, LookUpThatBlocksOrWaitsForAThreadHoldsUpNeitherOtherRequestsNorTheEnd) {
+    std::promise<void> promise;
+    std::optional<CurlUrlSession> session(
+        std::in_place, nullptr,
+        CurlUrlSession::Configuration{.resolver = [release = promise.get_future().share()](const std::string& host) {
+            if (host == "blocked.test") {
+                release.wait();
+            }
+            return AddressList{"127.0.0.1"};
+        }});
+    auto blocked = send(*session, post("http://blocked.test:1/"));
+    const auto url = "http://audit.test:" + std::to_string(server_.port()) + AuditServer::kEventsPath;
+    static std::promise<void> refusal;
+    refusal = {};
+    DispatchQueue::setExceptionHandler([](auto, auto) { refusal.set_value(); });
+    std::optional<ThreadShortage> shortage(std::in_place);
+    auto waiting = send(*session, post(url));
+    refusal.get_future().wait();
+    shortage.reset();
+    EXPECT_EQ(await(std::move(waiting)).status, 200) << "the look-up waits for a thread";
+    DispatchQueue::setExceptionHandler(nullptr);
+    ASSERT_TRUE(clock_.awaitTimerIn(30s));
+    clock_.advance(30s);
+    EXPECT_EQ(await(std::move(blocked)).error, UrlErrorCode::timedOut);
+    blocked = send(*session, post("http://blocked.test:1/"));
+    session.reset();
+    EXPECT_THROW(blocked.get(), std::future_error);
+    promise.set_value();
+}
+
 TEST_F(CurlUrlSessionTest, CertificateIsGoodByTheDelegatesWordAloneAndForItsConnection) {
     AuditServer server({.https = true});
     const auto request = post(server.url() + AuditServer::kEventsPath);
     auto future = send(session_, request);
     letNetworkThreadCatchUp(session_);
     ASSERT_TRUE(clock_.awaitTimerIn(30s));
+    // The handshake may go on meanwhile, which puts the end off once.
     clock_.advance(30s);
-    // The handshake may have gone on just then, which puts the end off.
     if (future.wait_for(1s) != std::future_status::ready) {
         clock_.advance(30s);
     }
@@ -333,58 +383,43 @@ TEST_F(CurlUrlSessionTest, CertificateIsGoodByTheDelegatesWordAloneAndForItsConn
     EXPECT_THAT(delegate->seen, ElementsAre(Pair(Method::serverTrust, "127.0.0.1")));
 }
 
-struct Challenge {
-    const char* name;
-    Method method;
-    AuditServer::Configuration server = {.https = true};
-    // What the server answers, other than 200.
-    AuditServer::Failure answer = {.status = 200};
-};
-
-void expectHeld(const Challenge& challenge, bool answeredInTime) {
-    testing::ManualClock clock;
-    AuditServer server(challenge.server);
-    if (challenge.answer.status != 200) {
-        server.fail(challenge.answer);
-    }
-    const auto delegate = std::make_shared<Delegate>(challenge.method);
-    CurlUrlSession session(delegate);
-    auto future = send(session, post(server.url() + AuditServer::kEventsPath));
-    auto challenged = delegate->kept.get_future();
-    ASSERT_EQ(challenged.wait_for(60s), std::future_status::ready);
-    const auto kept = challenged.get();
-    if (answeredInTime) {
-        kept(UrlChallengeDisposition::useCredential);
-        EXPECT_EQ(await(std::move(future)).status, challenge.answer.status);
-        EXPECT_THAT(server.requests(), SizeIs(1));
-        return;
-    }
-    ASSERT_TRUE(clock.awaitTimerIn(30s));
-    EXPECT_EQ(future.wait_for(0s), std::future_status::timeout);
-    clock.advance(30s);
-    EXPECT_EQ(await(std::move(future)).error, UrlErrorCode::timedOut);
-    // Too late to matter.
-    kept(UrlChallengeDisposition::useCredential);
-    // A server that is not trusted, or wants to know more of its client, has been told nothing.
-    EXPECT_THAT(server.requests(), SizeIs(challenge.server.https ? 0 : 1));
-}
-
-TEST(CurlUrlSessionChallengeTest, HoldsTheRequestUntilItIsAnsweredOrTheTimeIsUp) {
+TEST_F(CurlUrlSessionTest, ChallengeHoldsTheRequestUntilItIsAnsweredOrTheTimeIsUp) {
     const auto wants = [](int status, const char* header, const char* value) {
         return AuditServer::Failure{.status = status, .count = -1, .headers = {{header, value}}};
     };
-    const Challenge challenges[] = {
-        {"certificate", Method::serverTrust},
-        {"client certificate", Method::clientCertificate, {.https = true, .tls = {.asksForClientCertificate = true}}},
-        {"basic", Method::httpBasic, {}, wants(401, "WWW-Authenticate", "Basic realm=\"x\"")},
-        {"digest", Method::httpDigest, {}, wants(401, "WWW-Authenticate", "Digest realm=\"x\", nonce=\"y\"")},
-        {"ntlm", Method::ntlm, {}, wants(401, "WWW-Authenticate", "NTLM")},
-        {"proxy", Method::httpBasic, {}, wants(407, "Proxy-Authenticate", "Basic realm=\"x\"")},
+    const auto nothing = wants(200, "X-Empty", "");
+    const std::tuple<Method, AuditServer::Configuration, AuditServer::Failure> challenges[] = {
+        {Method::serverTrust, {.https = true}, nothing},
+        {Method::clientCertificate, {.https = true, .tls = {.asksForClientCertificate = true}}, nothing},
+        {Method::httpBasic, {}, wants(401, "WWW-Authenticate", "Basic realm=\"x\"")},
+        {Method::httpDigest, {}, wants(401, "WWW-Authenticate", "Digest realm=\"x\", nonce=\"y\"")},
+        {Method::ntlm, {}, wants(401, "WWW-Authenticate", "NTLM")},
+        {Method::httpBasic, {}, wants(407, "Proxy-Authenticate", "Basic realm=\"x\"")},
     };
-    for (const auto& challenge : challenges) {
+    for (const auto& [method, configuration, answer] : challenges) {
         for (const bool answeredInTime : {true, false}) {
-            SCOPED_TRACE(std::string(challenge.name) + (answeredInTime ? ", answered" : ", not answered"));
-            expectHeld(challenge, answeredInTime);
+            SCOPED_TRACE(::testing::Message() << answer.headers[0].second << answeredInTime);
+            AuditServer server(configuration);
+            server.fail(answer);
+            const auto delegate = std::make_shared<Delegate>(method);
+            CurlUrlSession session(delegate);
+            auto future = send(session, post(server.url() + AuditServer::kEventsPath));
+            auto challenged = delegate->kept.get_future();
+            ASSERT_EQ(challenged.wait_for(60s), std::future_status::ready);
+            const auto kept = challenged.get();
+            if (answeredInTime) {
+                kept(UrlChallengeDisposition::useCredential);
+                EXPECT_EQ(await(std::move(future)).status, answer.status);
+            } else {
+                ASSERT_TRUE(clock_.awaitTimerIn(30s));
+                EXPECT_EQ(future.wait_for(0s), std::future_status::timeout);
+                clock_.advance(30s);
+                EXPECT_EQ(await(std::move(future)).error, UrlErrorCode::timedOut);
+                // Too late to matter.
+                kept(UrlChallengeDisposition::useCredential);
+            }
+            // A server that is not trusted, or wants to know more of its client, has been told nothing.
+            EXPECT_THAT(server.requests(), SizeIs(configuration.https && !answeredInTime ? 0 : 1));
         }
     }
 }
@@ -393,21 +428,19 @@ TEST_F(CurlUrlSessionTest, CompletionsRunOneAfterAnotherAndMaySendAgain) {
     std::atomic<int> running{0};
     std::atomic<int> overlapping{0};
     Semaphore done;
-    const auto count = [&] {
+    const auto complete = [&] {
         overlapping += ++running > 1;
         std::this_thread::yield();
         --running;
+        done.signal();
     };
     for (int i = 0; i < 12; ++i) {
         session_.uploadTask(events_, "[]", [&](const auto&, const auto&, const auto&) {
-            count();
-            session_.uploadTask(events_, "[]", [&](const auto&, const auto&, const auto&) {
-                count();
-                done.signal();
-            });
+            session_.uploadTask(events_, "[]", [&](const auto&, const auto&, const auto&) { complete(); });
+            complete();
         });
     }
-    for (int i = 0; i < 12; ++i) {
+    for (int i = 0; i < 24; ++i) {
         done.wait();
     }
     EXPECT_EQ(overlapping, 0);
@@ -416,12 +449,10 @@ TEST_F(CurlUrlSessionTest, CompletionsRunOneAfterAnotherAndMaySendAgain) {
 
 TEST_F(CurlUrlSessionTest, DestructionAbandonsWhatIsUnderWayAndWhatWaits) {
     server_.fail({.kind = Kind::noAnswer, .count = -1});
-    std::vector<std::future<Outcome>> futures;
+    Futures futures;
     {
         CurlUrlSession session(nullptr, {.maximumConnectionsPerHost = 2});
-        for (int i = 0; i < 5; ++i) {
-            futures.push_back(send(session, events_));
-        }
+        futures = sendMany(session, events_, 5);
         ASSERT_TRUE(server_.waitForRequests(2));
     }
     for (auto& future : futures) {

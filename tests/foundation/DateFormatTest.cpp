@@ -3,10 +3,10 @@
 #include "support/AgentFixture.h"
 
 #include <cstdlib>
-#include <string>
-#include <thread>
-#include <vector>
+#include <future>
+#include <tuple>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 namespace sentrova {
@@ -33,13 +33,7 @@ class DateFormatTest : public ::testing::Test, protected testing::AgentFixture {
 };
 
 TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
-    struct Case {
-        const char* zone;
-        const char* pattern;
-        Date date;
-        const char* text;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, const char*, Date, const char*> cases[] = {
         {"UTC", "E, d MMM yyyy HH:mm:ss Z", kDate, "Sun, 15 Nov 2026 15:58:40 +0000"},
         {"UTC", "yyyyMMddHHmmssSSS zzz", kDate + nanoseconds(123'999'999), "20261115155840123 UTC"},
         {"UTC", "yyyyMMddHHmmssSSS", Date(nanoseconds(-1)), "19691231235959999"},
@@ -98,18 +92,15 @@ TEST_F(DateFormatTest, OnlyWholeAndRealDatesParse) {
 }
 
 TEST_F(DateFormatTest, ManyPatternsFromManyThreadsGiveTheirOwnText) {
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> threads;
     for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([thread] {
-            for (int i = 0; i < 100; ++i) {
-                const auto mark = std::to_string(thread * 1000 + i);
-                EXPECT_EQ(DateFormat::format("yyyy '" + mark + "'", kDate), "2026 " + mark);
+        threads.push_back(std::async(std::launch::async, [thread] {
+            for (int i = thread * 1000; i < thread * 1000 + 100; ++i) {
+                EXPECT_EQ(DateFormat::format(fmt::format("yyyy '{}'", i), kDate), fmt::format("2026 {}", i));
             }
-        });
+        }));
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
 #include "foundation/DispatchQueue.h"
 #include "foundation/Mutex.h"
+#include "foundation/ThreadStart.h"
 #include "support/ManualClock.h"
 
 #include <atomic>
-#include <memory>
+#include <future>
+#include <numeric>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -22,62 +20,50 @@ TEST(DispatchQueueTest, BlocksRunOneAtATimeInTheOrderOfEachThatHandsThemOver) {
     constexpr int kBlocks = 300;
     DispatchQueue queue("order");
     std::vector<std::vector<int>> orders(kThreads);
-    std::vector<int> expected;
+    std::vector<int> expected(kBlocks);
+    std::iota(expected.begin(), expected.end(), 0);
     int unguarded = 0;
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> threads;
     for (auto& order : orders) {
-        threads.emplace_back([&queue, &unguarded, &order] {
-            for (int i = 0; i < kBlocks; ++i) {
+        threads.push_back(std::async(std::launch::async, [&] {
+            for (const int i : expected) {
                 const auto block = [&unguarded, &order, i] {
                     ++unguarded;
                     order.push_back(i);
                 };
                 i % 3 == 0 ? queue.sync(block) : queue.async(block);
             }
-        });
+        }));
     }
-    for (int i = 0; i < kBlocks; ++i) {
-        expected.push_back(i);
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     queue.sync([] {});
     EXPECT_EQ(unguarded, kThreads * kBlocks);
     EXPECT_EQ(orders, std::vector(kThreads, expected));
 }
 
-TEST(DispatchQueueTest, SyncOnAnIdleQueueStaysOnTheCallersThread) {
-    DispatchQueue queue("idle");
-    std::thread::id ranOn;
-    queue.sync([&] {
-        ranOn = std::this_thread::get_id();
-        EXPECT_TRUE(queue.isCurrent());
-        EXPECT_THROW(queue.sync([] {}), std::logic_error);
-    });
-    EXPECT_EQ(ranOn, std::this_thread::get_id());
-    queue.async([&] {
-        ranOn = std::this_thread::get_id();
-        EXPECT_TRUE(queue.isCurrent());
-    });
-    queue.sync([] {});
-    EXPECT_NE(ranOn, std::this_thread::get_id());
-    EXPECT_FALSE(queue.isCurrent());
-}
-
-TEST(DispatchQueueTest, ExceptionsComeOutOfSyncAndAreReportedFromAsync) {
+TEST(DispatchQueueTest, SyncOnAnIdleQueueStaysOnTheCallersThreadAndThrowsWhatAsyncReports) {
     static std::string reported;
     reported.clear();
     DispatchQueue::setExceptionHandler([](std::string_view where, std::string_view what) {
         reported += std::string(where) + ": " + std::string(what);
     });
-    DispatchQueue queue("faulty");
-    EXPECT_THROW(queue.sync([] { throw std::out_of_range("sync"); }), std::out_of_range);
-    queue.async([] { throw std::runtime_error("async"); });
+    DispatchQueue queue("idle");
+    std::thread::id ranOn;
+    const auto block = [&] {
+        ranOn = std::this_thread::get_id();
+        EXPECT_TRUE(queue.isCurrent());
+        EXPECT_THROW(queue.sync([] {}), std::logic_error);
+        throw std::out_of_range("fault");
+    };
+    EXPECT_THROW(queue.sync(block), std::out_of_range);
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    queue.async(block);
     queue.async([] { throw 5; });
     queue.sync([] { reported += "; and on"; });
+    EXPECT_NE(ranOn, std::this_thread::get_id());
+    EXPECT_FALSE(queue.isCurrent());
     DispatchQueue::setExceptionHandler(nullptr);
-    EXPECT_EQ(reported, "faulty: asyncfaulty: an exception without a text; and on");
+    EXPECT_EQ(reported, "idle: faultidle: an exception without a text; and on");
 }
 
 TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIsGone) {
@@ -97,6 +83,29 @@ TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIs
     EXPECT_EQ(runs, 1);
 }
 
+TEST(DispatchQueueTest, BlocksThatFindNoThreadKeepTheirOrderAndRunWhenThereIsOne) {
+    testing::ManualClock clock;
+    static std::atomic<int> lines;
+    lines = 0;
+    DispatchQueue::setExceptionHandler([](std::string_view, std::string_view) { ++lines; });
+    DispatchQueue queue("short of a thread");
+    std::string order;
+    std::future<void> waiting;
+    {
+        const ThreadShortage shortage;
+        queue.async([&order] { order += 'a'; });
+        queue.async([&order] { order += 'b'; });
+        waiting = std::async(std::launch::async, [&] { queue.sync([&order] { order += 'c'; }); });
+        clock.advance(seconds(4));
+        EXPECT_EQ(order, "");
+    }
+    clock.advance(seconds(1));
+    waiting.wait();
+    DispatchQueue::setExceptionHandler(nullptr);
+    EXPECT_EQ(order, "abc");
+    EXPECT_EQ(lines, 1);
+}
+
 TEST(DispatchQueueTest, ClosingLetsWhoWaitsInSyncHaveHisTurn) {
     // Each time the end comes at another moment.
     for (int i = 0; i < 500; ++i) {
@@ -104,10 +113,10 @@ TEST(DispatchQueueTest, ClosingLetsWhoWaitsInSyncHaveHisTurn) {
         std::atomic<int> runs = 0;
         queue.async([] { std::this_thread::yield(); });
         queue.async([] {});
-        std::thread waiting([&] { queue.sync([&runs] { ++runs; }); });
+        const auto waiting = std::async(std::launch::async, [&] { queue.sync([&runs] { ++runs; }); });
         queue.close();
         queue.sync([&runs] { ++runs; });
-        waiting.join();
+        waiting.wait();
         EXPECT_EQ(runs, 2);
     }
 }
@@ -123,9 +132,8 @@ TEST(DispatchQueueTest, DestructionWaitsForTheRunningBlockAndDropsTheOthers) {
         ended = true;
     });
     begun.wait();
-    std::thread ender([&queue] { queue.reset(); });
-    mayEnd.signal();
-    ender.join();
+    const auto opener = std::async(std::launch::async, [&mayEnd] { mayEnd.signal(); });
+    queue.reset();
     EXPECT_TRUE(ended);
 
     queue = std::make_unique<DispatchQueue>("own block");

@@ -1,13 +1,10 @@
 #include "foundation/FileSystem.h"
 #include "support/SystemVolume.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -33,9 +30,34 @@ class FileSystemTest : public ::testing::Test {
         return list;
     }
 
+    // With a link to a folder, "folder", and one to a file, "link".
+    void refusesLinks(FileSystem& files) {
+        const std::pair<const char*, Error> refused[] = {
+            {"link", files.read(at("link")).error()},
+            {"link", files.append(at("link"), "x").error()},
+            {"link", files.restrictToOwner(at("link")).error()},
+            {"folder/file", files.read(at("folder/file")).error()},
+            {"folder/file", files.append(at("folder/file"), "x").error()},
+            {"folder/file", files.remove(at("folder/file")).error()},
+            {"folder/file", files.move(at("folder/file"), at("stolen")).error()},
+            {"folder/new", files.move(at("file"), at("folder/new")).error()},
+            {"folder/new", files.writeAtomically(at("folder/new"), bytes("x"), renamed).error()},
+            {"folder/new", files.createFile(at("folder/new")).error()},
+            {"folder/new", files.createFolder(at("folder/new")).error()},
+            {"folder", files.ownNames(at("folder")).error()},
+            {"folder", files.checkOwnFolder(at("folder")).error()},
+            {"link", files.checkLinks(at("link")).error()},
+        };
+        for (const auto& [path, error] : refused) {
+            EXPECT_EQ(error.code, ELOOP) << error.description;
+            EXPECT_NE(error.description.find(at(path) + "\": a symbolic link"), std::string::npos) << error.description;
+        }
+    }
+
     testing::SystemVolume volume_;
     const std::string folder_ = volume_.eventData();
     FileSystem& files_ = FileSystem::shared();
+    static constexpr auto renamed = FileSystem::Durability::renamed;
 
   private:
     const mode_t formerMask_ = ::umask(0);
@@ -64,18 +86,11 @@ TEST_F(FileSystemTest, FailuresNameTheFileAndLeaveNothingBehind) {
     ASSERT_TRUE(files_.createFile(at("folder/inside")));
     ASSERT_TRUE(files_.createFile(at("file")));
     fs::create_symlink(at("nowhere"), at("link"));
-    struct Case {
-        const char* what;
-        Error error;
-        int code;
-    };
-    const auto renamed = FileSystem::Durability::renamed;
-    const Case cases[] = {
+    const std::tuple<const char*, Error, int> cases[] = {
         {"write over a folder", files_.writeAtomically(at("folder"), bytes("x"), renamed).error(), EISDIR},
         {"write into nothing", files_.writeAtomically(at("none/a"), bytes("x"), renamed).error(), ENOENT},
         {"read a missing file", files_.read(at("none")).error(), ENOENT},
         {"read a folder", files_.read(at("folder")).error(), EISDIR},
-        {"append through a link", files_.append(at("link"), "x").error(), ELOOP},
         {"create a file again", files_.createFile(at("file")).error(), EEXIST},
         {"create through a link", files_.createFile(at("link")).error(), EEXIST},
         {"create a folder without its parent", files_.createFolder(at("none/folder")).error(), ENOENT},
@@ -98,37 +113,81 @@ TEST_F(FileSystemTest, FailuresNameTheFileAndLeaveNothingBehind) {
     EXPECT_EQ(names(), (Names{".hidden", "link"}));
 }
 
-TEST_F(FileSystemTest, OwnFileOrFolderThatIsALinkIsRefusedByName) {
+TEST_F(FileSystemTest, LinkIsFollowedOnlyWhereTheAgentsUserAloneCanHaveMadeIt) {
     ASSERT_TRUE(files_.createFolder(at("outside")));
     ASSERT_TRUE(files_.append(at("outside/file"), "as it was") && files_.append(at("file"), "inside"));
-    fs::create_symlink(at("outside"), at("folder"));
-    fs::create_symlink(at("outside/file"), at("link"));
-    const std::pair<const char*, Error> refused[] = {
-        {"link", files_.read(at("link")).error()},
-        {"link", files_.append(at("link"), "x").error()},
-        {"link", files_.restrictToOwner(at("link")).error()},
-        {"folder/file", files_.read(at("folder/file")).error()},
-        {"folder/file", files_.append(at("folder/file"), "x").error()},
-        {"folder/file", files_.remove(at("folder/file")).error()},
-        {"folder/file", files_.move(at("folder/file"), at("stolen")).error()},
-        {"folder/new", files_.move(at("file"), at("folder/new")).error()},
-        {"folder/new", files_.writeAtomically(at("folder/new"), bytes("x"), FileSystem::Durability::renamed).error()},
-        {"folder/new", files_.createFile(at("folder/new")).error()},
-        {"folder/new", files_.createFolder(at("folder/new")).error()},
-        {"folder", files_.ownNames(at("folder")).error()},
-    };
-    for (const auto& [path, error] : refused) {
-        EXPECT_EQ(error.code, ELOOP) << error.description;
-        EXPECT_NE(error.description.find(at(path) + "\": a symbolic link"), std::string::npos) << error.description;
-    }
+    fs::create_symlink("outside/", at("folder"));
+    fs::create_symlink(at("folder/file"), at("link"));
+    fs::create_symlink("circle", at("circle"));
+    EXPECT_TRUE(files_.append(at("link"), ", and more"));
+    EXPECT_TRUE(files_.append(at("folder/log"), "line\n"));
+    EXPECT_EQ(content("link") + content("folder/file"), "as it was, and moreas it was, and more");
+    EXPECT_TRUE(files_.writeAtomically(at("link"), bytes("new"), renamed));
+    EXPECT_TRUE(fs::is_symlink(at("link")));
+    EXPECT_EQ(content("outside/file"), "new");
+    EXPECT_EQ(files_.ownNames(at("folder"))->size(), 2U);
+    EXPECT_TRUE(files_.move(at("folder/log"), at("folder/moved")) && files_.checkLinks(at("folder/none")));
+    EXPECT_TRUE(files_.remove(at("outside/moved")));
+    EXPECT_EQ(files_.read(at("circle")).error().code, ELOOP);
+    ASSERT_TRUE(files_.writeAtomically(at("outside/file"), bytes("as it was"), renamed));
+
+    struct OthersLinks final : FileSystem {
+        int hostLinkStatus(const Location& at, struct stat& status) override {
+            const int result = FileSystem::hostLinkStatus(at, status);
+            status.st_uid += S_ISLNK(status.st_mode) ? 1 : 0;
+            return result;
+        }
+    } others;
+    refusesLinks(others);
+    fs::permissions(folder_, fs::perms::others_write, fs::perm_options::add);
+    refusesLinks(files_);
+
     // A removal takes the link and a write replaces it; a pipe without a writer holds nobody up.
     ASSERT_TRUE(files_.remove(at("folder")));
-    ASSERT_TRUE(files_.writeAtomically(at("link"), bytes("new"), FileSystem::Durability::renamed));
+    ASSERT_TRUE(files_.writeAtomically(at("link"), bytes("new"), renamed));
     ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
     EXPECT_EQ(files_.read(at("pipe")).error().code, EINVAL);
-    EXPECT_EQ(names(), (Names{"file", "link", "outside", "pipe"}));
-    EXPECT_EQ(*files_.names(at("outside")), Names{"file"});
+    EXPECT_EQ(names(), (Names{"circle", "file", "link", "outside", "pipe"}));
     EXPECT_EQ(content("link") + content("outside/file"), "newas it was");
+}
+
+TEST_F(FileSystemTest, MoveToAnotherVolumeIsWholeOrLeavesEverythingAsItWas) {
+    struct TwoVolumes final : FileSystem {
+        int hostRename(const Location& from, const Location& to) override {
+            errno = EXDEV;
+            return fs::path(from.path).parent_path() == fs::path(to.path).parent_path()
+                       ? FileSystem::hostRename(from, to)
+                       : -1;
+        }
+        std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content) override {
+            errno = ENOSPC;
+            return isFull ? -1 : FileSystem::hostWrite(descriptor, content);
+        }
+        int hostRemove(const Location& at) override {
+            errno = EIO;
+            return keeps && !isTemporaryName(at.name) && at.name == "a" ? -1 : FileSystem::hostRemove(at);
+        }
+        bool isFull = false;
+        bool keeps = false;
+    } files;
+    const std::string text(1'000'000, 'x');
+    ASSERT_TRUE(files.createFolder(at("far")) && files.append(at("a"), text));
+    const auto date = fs::file_time_type(std::chrono::hours(1000));
+    fs::last_write_time(at("a"), date);
+    files.isFull = true;
+    EXPECT_EQ(files.move(at("a"), at("far/b")).error().code, ENOSPC);
+    files.isFull = false;
+    files.keeps = true;
+    EXPECT_EQ(files.move(at("a"), at("far/b")).error().code, EIO);
+    EXPECT_EQ(names(), (Names{"a", "far"}));
+    EXPECT_TRUE(fs::is_empty(at("far")));
+    files.keeps = false;
+    EXPECT_EQ(files.move(at("far"), at("far/b")).error().code, EXDEV) << "a folder";
+    ASSERT_TRUE(files.move(at("a"), at("far/b")));
+    EXPECT_EQ(names(), Names{"far"});
+    EXPECT_EQ(content("far/b"), text);
+    EXPECT_EQ(files.status(at("far/b"))->permissions, 0600U);
+    EXPECT_EQ(fs::last_write_time(at("far/b")), date);
 }
 
 }  // namespace

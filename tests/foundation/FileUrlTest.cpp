@@ -1,7 +1,5 @@
 #include "foundation/FileUrl.h"
 
-#include <string>
-
 #include <gtest/gtest.h>
 
 namespace sentrova {

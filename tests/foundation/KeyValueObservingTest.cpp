@@ -1,6 +1,6 @@
 #include "foundation/KeyValueObserving.h"
 
-#include <string>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ class Observed final : public KeyValueObserving {
     int other_ = 0;
 };
 
-TEST(KeyValueObservingTest, ChangesAreToldWithOldAndNewValuesAndAnObserverMayEndItselfAndChangeAgain) {
+TEST(KeyValueObservingTest, ChangesAreToldWithOldAndNewValuesAndAnObserverMayEndItselfChangeAgainAndFail) {
     Observed object;
     std::string heard;
     const auto note = [&heard](const KeyValueChange& change) {
@@ -53,6 +53,7 @@ TEST(KeyValueObservingTest, ChangesAreToldWithOldAndNewValuesAndAnObserverMayEnd
         second.reset();
         if (change.newValue == Value(4)) {
             object.set(5);
+            throw std::runtime_error("the observer's own fault");
         }
     });
     second = object.observe("value", [&heard](const KeyValueChange&) { heard += "an ended one"; });

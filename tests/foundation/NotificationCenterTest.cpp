@@ -1,16 +1,15 @@
 #include "foundation/NotificationCenter.h"
 
 #include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
+#include <future>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
 namespace sentrova {
 namespace {
 
-TEST(NotificationCenterTest, ObserversOfTheNameHearInTheirOrderAndMayComeAndGoDuringAPost) {
+TEST(NotificationCenterTest, ObserversOfTheNameHearInTheirOrderAndMayComeGoAndFailDuringAPost) {
     NotificationCenter center;
     std::string heard;
     const auto note = [&heard](const char* who) {
@@ -26,6 +25,7 @@ TEST(NotificationCenterTest, ObserversOfTheNameHearInTheirOrderAndMayComeAndGoDu
         first.reset();
         third.reset();
         later = center.addObserver("A", note("later"));
+        throw std::runtime_error("the first one's own fault");
     });
     const auto other = center.addObserver("B", note("other"));
     const auto second = center.addObserver("A", note("second"));
@@ -40,9 +40,9 @@ TEST(NotificationCenterTest, ThreadsPostAndSubscribeAtOnce) {
     NotificationCenter center;
     std::atomic<int> heard = 0;
     const auto constant = center.addObserver("A", [&heard](const Notification&) { ++heard; });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&center] {
+    std::future<void> threads[4];
+    for (auto& thread : threads) {
+        thread = std::async(std::launch::async, [&center] {
             for (int j = 0; j < 200; ++j) {
                 const auto passing = center.addObserver("A", [](const Notification&) {});
                 center.post({"A", nullptr, {}});
@@ -50,7 +50,7 @@ TEST(NotificationCenterTest, ThreadsPostAndSubscribeAtOnce) {
         });
     }
     for (auto& thread : threads) {
-        thread.join();
+        thread.wait();
     }
     EXPECT_EQ(heard, 800);
 }

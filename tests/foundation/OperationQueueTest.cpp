@@ -1,12 +1,11 @@
 #include "foundation/DispatchQueue.h"
 #include "foundation/OperationQueue.h"
+#include "foundation/ThreadStart.h"
 #include "support/AgentFixture.h"
+#include "support/ManualClock.h"
 
 #include <atomic>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
+#include <future>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +34,9 @@ class HandOperation final : public Operation {
         change(kIsExecuting, executing_, false);
         change(kIsFinished, finished_, true);
     }
+
+  protected:
+    void finishFailed() override { finish(); }
 
   private:
     void change(const char* key, std::atomic<bool>& flag, bool value) {
@@ -105,36 +107,44 @@ TEST_F(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCance
     }
 }
 
-TEST_F(OperationQueueTest, LimitOfOneRunsBlocksInTheirOrderAlsoAfterOneThatThrows) {
+TEST_F(OperationQueueTest, LimitOfOneRunsInOrderAfterAShortageOfThreadsAndAfterFailures) {
+    testing::ManualClock clock;
     static std::string reported;
-    DispatchQueue::setExceptionHandler([](std::string_view, std::string_view what) { reported = what; });
+    reported.clear();
+    DispatchQueue::setExceptionHandler([](std::string_view, std::string_view what) { (reported += what) += "; "; });
     queue_.setMaxConcurrentOperationCount(1);
-    queue_.addOperationWithBlock([] { throw std::runtime_error("a block's own fault"); });
     std::vector<int> order;
     std::vector<int> expected;
-    for (int i = 0; i < 300; ++i) {
-        queue_.addOperationWithBlock([&order, i] { order.push_back(i); });
-        expected.push_back(i);
+    {
+        const ThreadShortage shortage;
+        queue_.addOperation(operation([](HandOperation&) { throw std::runtime_error("a start's fault"); }));
+        queue_.addOperationWithBlock([] { throw std::runtime_error("a block's fault"); });
+        for (int i = 0; i < 300; ++i) {
+            queue_.addOperationWithBlock([&order, i] { order.push_back(i); });
+            expected.push_back(i);
+        }
+        clock.advance(std::chrono::seconds(4));
+        EXPECT_EQ(queue_.operationCount(), 302U);
     }
+    clock.advance(std::chrono::seconds(1));
     queue_.waitUntilAllOperationsAreFinished();
     DispatchQueue::setExceptionHandler(nullptr);
     EXPECT_EQ(order, expected);
-    EXPECT_EQ(reported, "a block's own fault");
+    EXPECT_EQ(reported,
+              "The system grants no further thread; the work waits for one; a start's fault; a block's fault; ");
 }
 
 TEST_F(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
     queue_.setMaxConcurrentOperationCount(3);
     std::atomic<int> running = 0;
-    std::atomic<int> most = 0;
+    std::atomic<int> tooMany = 0;
     std::atomic<int> ended = 0;
-    std::vector<std::thread> adders;
+    std::vector<std::future<void>> adders;
     for (int i = 0; i < 6; ++i) {
-        adders.emplace_back([&] {
+        adders.push_back(std::async(std::launch::async, [&] {
             for (int j = 0; j < 50; ++j) {
                 const auto added = operation([&](HandOperation& self) {
-                    const int now = ++running;
-                    for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {
-                    }
+                    tooMany += ++running > 3;
                     --running;
                     ++ended;
                     self.finish();
@@ -144,37 +154,32 @@ TEST_F(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
                     added->cancel();
                 }
             }
-        });
+        }));
     }
-    for (auto& adder : adders) {
-        adder.join();
-    }
+    adders.clear();
     queue_.waitUntilAllOperationsAreFinished();
     EXPECT_EQ(ended, 300);
-    EXPECT_LE(most, 3);
+    EXPECT_EQ(tooMany, 0);
     EXPECT_EQ(queue_.operationCount(), 0U);
 }
 
 TEST_F(OperationQueueTest, OperationEndedInsideTheStartOfAnotherMakesRoomAtOnce) {
     queue_.setMaxConcurrentOperationCount(2);
     const auto idle = operation();
-    const auto waiting = operation([](HandOperation& self) { self.finish(); });
-    bool madeRoom = false;
-    const auto busy = operation([&](HandOperation& self) {
-        madeRoom = eventually([&] { return idle->isExecuting(); });
+    const auto waiting = operation(&HandOperation::finish);
+    queue_.addOperation(operation([&](HandOperation& self) {
+        EXPECT_TRUE(eventually([&] { return idle->isExecuting(); }));
         idle->finish();
-        madeRoom = madeRoom && eventually([&] { return waiting->isFinished(); });
+        EXPECT_TRUE(eventually([&] { return waiting->isFinished(); }));
         self.finish();
-    });
-    for (const auto& each : {busy, idle, waiting}) {
-        queue_.addOperation(each);
-    }
+    }));
+    queue_.addOperation(idle);
+    queue_.addOperation(waiting);
     queue_.waitUntilAllOperationsAreFinished();
-    EXPECT_TRUE(madeRoom);
 }
 
-TEST(OperationQueueEndTest, DestructionWaitsForWhatRunsAndDropsTheRest) {
-    auto queue = std::make_unique<OperationQueue>();
+TEST(OperationQueueEndTest, DestructionWaitsForWhatRunsAndDropsTheRestAlsoInsideABlockOfItsOwn) {
+    auto queue = std::make_shared<OperationQueue>();
     queue->setMaxConcurrentOperationCount(1);
     Semaphore begun;
     Semaphore mayEnd;
@@ -188,24 +193,19 @@ TEST(OperationQueueEndTest, DestructionWaitsForWhatRunsAndDropsTheRest) {
     }));
     queue->addOperation(std::move(dropped));
     begun.wait();
-    std::thread opener([&mayEnd] { mayEnd.signal(); });
+    const auto opener = std::async(std::launch::async, [&mayEnd] { mayEnd.signal(); });
     queue.reset();
     EXPECT_TRUE(ended);
     EXPECT_TRUE(droppedToo.expired());
-    opener.join();
-}
 
-TEST(OperationQueueEndTest, QueueMayGoInsideItsOwnBlock) {
-    auto queue = std::make_shared<OperationQueue>();
-    Semaphore gone;
-    queue->setMaxConcurrentOperationCount(1);
+    queue = std::make_shared<OperationQueue>();
     queue->addOperationWithBlock([&, last = std::make_shared<std::shared_ptr<OperationQueue>>(queue)] {
         ASSERT_TRUE(eventually([&last] { return last->use_count() == 1; }));
         last->reset();
-        gone.signal();
+        mayEnd.signal();
     });
     queue.reset();
-    gone.wait();
+    mayEnd.wait();
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
 #include "foundation/Process.h"
 
+#include <unistd.h>
+
 #include <csignal>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -26,13 +27,17 @@ TEST(ProcessTest, StatusAndOutputAreThoseOfTheProgram) {
     for (const auto& [script, expected] : cases) {
         EXPECT_EQ(runShell(script), expected) << script;
     }
-    // Pipes of other processes are not inherited.
-    const std::string count = "ls /proc/self/fd | wc -l";
-    const auto alone = runShell(count);
-    Process open("/bin/cat", {"/dev/null"});
-    open.launch();
-    EXPECT_EQ(runShell(count), alone);
-    open.waitUntilExit();
+}
+
+TEST(ProcessTest, ChildInheritsNoDescriptorButItsStandardStreams) {
+    const FileDescriptor forgotten(::dup(STDIN_FILENO));
+    EXPECT_EQ(runShell("ls /dev/fd/" + std::to_string(forgotten.get()) + " 2>/dev/null").second, "");
+}
+
+TEST(ProcessTest, StatusThatTheSystemDoesNotTellIsNoSuccess) {
+    auto* const before = std::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(runShell("exit 3").first, Process::kUnknownStatus);
+    std::signal(SIGCHLD, before);
 }
 
 TEST(ProcessTest, ProgramThatCannotBeStartedIsAnError) {

@@ -2,8 +2,8 @@
 
 #include <limits>
 #include <random>
-#include <string>
 
+#include <fmt/ranges.h>
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
@@ -21,11 +21,7 @@ Result<Value> parse(std::string_view text) {
 }
 
 std::string repeated(std::string_view text, std::size_t times) {
-    std::string result;
-    for (std::size_t i = 0; i < times; ++i) {
-        result += text;
-    }
-    return result;
+    return fmt::format("{}", fmt::join(std::vector(times, text), ""));
 }
 
 // One of everything.
@@ -100,6 +96,13 @@ TEST(PropertyListTest, XmlOfOtherWritersIsUnderstood) {
         {"<plist><date>2001-01-01T00:00:00Z</date></plist>", Date(seconds(978307200))},
         {"<plist><data>\n\tQUJ\n\tDRA==\n</data></plist>", Data{'A', 'B', 'C', 'D'}},
         {"<plist><real>-infinity</real></plist>", -std::numeric_limits<double>::infinity()},
+        {std::string_view("<plist><true/></plist>\0\xFF", 24), true},
+        {"<plist><true/></plist> word", true},
+        {"<array/><plist><true/></plist>", Array()},
+        {"<?xml version='1.0' encoding = 'ISO-8859-1' ?><plist><string>\xE9</string></plist>", "\xC3\xA9"},
+        {"<?xml version='1.0' encoding='windows-1252'?><plist><string>\x80</string></plist>", "\xE2\x82\xAC"},
+        {"<?xml version='1.0' encoding='x-mac-roman'?><plist><string>\x8E</string></plist>", "\xC3\xA9"},
+        {"<?xml version='1.0' encoding='Shift_JIS'?><plist><string>\x83\x65</string></plist>", "\xE3\x83\x86"},
     };
     for (const auto& [text, value] : cases) {
         const auto parsed = parse(text);
@@ -110,15 +113,41 @@ TEST(PropertyListTest, XmlOfOtherWritersIsUnderstood) {
     EXPECT_GT(*parse("<plist><date>9999-12-31T23:59:59Z</date></plist>")->date(), Date(seconds(9'000'000'000)));
 }
 
-void expectRefused(const std::string& text, std::string_view reason) {
-    const auto parsed = parse(text);
-    ASSERT_FALSE(parsed) << text.substr(0, 100);
-    EXPECT_NE(parsed.error().description.find(reason), std::string::npos) << parsed.error().description;
-    EXPECT_LT(parsed.error().description.size(), 300u);
+template <class Unit>
+void expectWideListIsRead(std::basic_string<Unit> list) {
+    for (const char letter : std::string_view("</string></plist>")) {
+        list += static_cast<Unit>(letter);
+    }
+    for (const bool marked : {false, true}) {
+        for (const bool bigEndian : {false, true}) {
+            std::string text;
+            for (const Unit unit : marked ? Unit{0xFEFF} + list : list) {
+                for (std::size_t i = 0; i < sizeof unit; ++i) {
+                    text += static_cast<char>(unit >> (8 * (bigEndian ? sizeof unit - 1 - i : i)));
+                }
+            }
+            // A byte that makes no whole character may follow the end, but not come before it.
+            const auto parsed = parse(text + '\0');
+            ASSERT_TRUE(parsed) << parsed.error().description;
+            EXPECT_EQ(*parsed, Value("\xE2\x82\xAC \xF0\x9F\x98\x80" + repeated("\xC3\xA9", 9'000)));
+            const auto cut = parse(std::string_view(text).substr(0, text.size() - sizeof(Unit) - 1));
+            EXPECT_TRUE(!cut && cut.error().description.find("not valid UTF-") != std::string::npos);
+        }
+    }
+}
+
+TEST(PropertyListTest, XmlInWideCharactersIsReadWithAndWithoutAByteOrderMark) {
+    expectWideListIsRead(u"<?xml encoding=\"UTF-8\"?><plist><string>\u20AC \U0001F600" + std::u16string(9'000, 0xE9));
+    expectWideListIsRead(U"<?xml encoding=\"UTF-8\"?><plist><string>\u20AC \U0001F600" + std::u32string(9'000, 0xE9));
+}
+
+void expectRefused(const auto& result, std::string_view reason) {
+    ASSERT_FALSE(result) << reason;
+    EXPECT_NE(result.error().description.find(reason), std::string::npos) << result.error().description;
+    EXPECT_LT(result.error().description.size(), 300u);
 }
 
 TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
-    // What is in the list, and in the whole text.
     const std::pair<const char*, std::vector<std::string>> inList[] = {
         {"unexpected </plist>", {"", "<array>"}},
         {"unknown element", {"<array><bogus/></array>", "<" + repeated("x", 100'000) + ">"}},
@@ -142,7 +171,7 @@ TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
     };
     for (const auto& [reason, texts] : inList) {
         for (const auto& text : texts) {
-            expectRefused("<plist>" + text + "</plist>", reason);
+            expectRefused(parse("<plist>" + text + "</plist>"), reason);
         }
     }
     const std::pair<const char*, const char*> whole[] = {
@@ -150,13 +179,14 @@ TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
         {"hello", "text between elements"},
         {"<plist/>", "unknown element"},
         {"<plist>\n<array>\n</plist>", "line 3: unexpected </plist>"},
-        {"<plist><true/></plist>x", "after its end"},
-        {"<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><plist><true/></plist>", "encoding"},
+        {"<?xml version=\"1.0\" encoding=\"bogus\"?><plist><true/></plist>", "unknown encoding \"bogus\""},
+        {"<?xml version=\"1.0\" encoding=\"\"?><plist><true/></plist>", "unknown encoding \"\""},
+        {"<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist><true/></plist>", "declares UTF-16"},
         {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>", "definitions"},
         {"<plist><string>a", "ends too early"},
     };
     for (const auto& [text, reason] : whole) {
-        expectRefused(text, reason);
+        expectRefused(parse(text), reason);
     }
     EXPECT_TRUE(parse(repeated("<array>", 128) + repeated("</array>", 128)));
 }
@@ -170,9 +200,7 @@ TEST(PropertyListTest, ValuesThatNoListCarriesAreNamedAndRefused) {
         {Dictionary{{"\x01", 1}}, "control characters"},
     };
     for (const auto& [value, reason] : cases) {
-        const auto written = PropertyList::writeXml(value);
-        ASSERT_FALSE(written);
-        EXPECT_NE(written.error().description.find(reason), std::string::npos) << written.error().description;
+        expectRefused(PropertyList::writeXml(value), reason);
     }
 }
 
@@ -238,9 +266,7 @@ TEST(PropertyListTest, HostileBinaryListsAreRefused) {
         {{"\xC1\x00"s}, "unknown kind"},
     };
     for (const auto& [objects, reason] : cases) {
-        const auto parsed = PropertyList::parse(binaryList(objects));
-        ASSERT_FALSE(parsed) << reason;
-        EXPECT_NE(parsed.error().description.find(reason), std::string::npos) << parsed.error().description;
+        expectRefused(PropertyList::parse(binaryList(objects)), reason);
     }
 }
 

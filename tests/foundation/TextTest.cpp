@@ -1,9 +1,6 @@
 #include "foundation/Text.h"
 
-#include <clocale>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 

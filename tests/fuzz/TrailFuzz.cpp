@@ -50,7 +50,11 @@ Decoded decode(const Data& trail, const std::vector<std::size_t>& portions) {
     std::uint64_t position = 0;
     for (auto length = reader.au_read_rec(); length >= 0; length = reader.au_read_rec()) {
         const auto record = reader.record();
-        require(length > 0 && std::ssize(record) == length, "a record has its length");
+        if (length == 0) {
+            require(reader.skippedLength() > bsm::RecordReader::kMaximumRecordLength, "only a long record is skipped");
+            continue;
+        }
+        require(std::ssize(record) == length, "a record has its length");
         require(std::ranges::equal(record, std::span(trail).subspan(position, record.size())), "records are in order");
         position += record.size();
         require(reader.position() == position, "the position is the sum of the records");

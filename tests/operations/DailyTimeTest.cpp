@@ -3,7 +3,6 @@
 #include "support/AgentFixture.h"
 
 #include <cstdlib>
-#include <string>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -12,6 +11,7 @@ namespace sentrova {
 namespace {
 
 using std::chrono::hours;
+using std::chrono::milliseconds;
 using std::chrono::minutes;
 using std::chrono::seconds;
 
@@ -52,15 +52,19 @@ TEST_F(DailyTimeTest, OnlyATimeOfDayIsOne) {
 }
 
 TEST_F(DailyTimeTest, NextFiringIsTheFirstOfTheGridAfterNow) {
-    const std::tuple<const char*, const char*, seconds, const char*, const char*> cases[] = {
+    const std::tuple<const char*, const char*, milliseconds, const char*, const char*> cases[] = {
         {"UTC", "2026-11-15 02:00:00 +0000", hours(1), "2026-11-15 05:00:00 +0000", "2026-11-15 06:00:00 +0000"},
         {"UTC", "2026-11-15 02:00:00 +0000", minutes(90), "2026-11-15 05:10:00 +0000", "2026-11-15 06:30:00 +0000"},
         {"UTC", "2026-11-15 02:00:00 +0000", hours(24), "2026-11-18 09:00:00 +0000", "2026-11-19 02:00:00 +0000"},
+        {"UTC", "2026-11-15 02:00:00 +0000", milliseconds(2500), "2026-11-15 02:00:04 +0000",
+         "2026-11-15 02:00:05 +0000"},
         // The clock was set back after the firing.
         {"UTC", "2026-11-15 02:00:00 +0000", hours(1), "2026-11-14 02:00:00 +0000", "2026-11-15 03:00:00 +0000"},
         // Days keep the time of day when the clock changes; hours do not.
         {"Europe/Berlin", "2026-03-28 04:00:00 +0100", hours(24), "2026-03-28 04:00:00 +0100",
          "2026-03-29 04:00:00 +0200"},
+        {"Europe/Berlin", "2026-10-24 04:00:00 +0200", hours(48), "2026-10-24 04:00:00 +0200",
+         "2026-10-26 04:00:00 +0100"},
         {"Europe/Berlin", "2026-10-25 00:00:00 +0200", hours(12), "2026-10-25 00:00:00 +0200",
          "2026-10-25 11:00:00 +0100"},
     };

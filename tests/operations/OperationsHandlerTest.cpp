@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,9 @@ class Lasting final : public ConcurrentOperationAbstract {
     explicit Lasting(const char* name) : ConcurrentOperationAbstract(name) {}
     void start() override { canStart() ? started() : void(); }
     void cancel() override {
+        if (name() == "stubborn") {
+            throw std::runtime_error("not now");
+        }
         cancelOperation();
         if (isExecuting()) {
             completeOperation();
@@ -58,9 +62,12 @@ TEST_F(OperationsHandlerTest, SecondOperationOfANameIsRefusedOnlyWhileTheFirstEx
     EXPECT_EQ(logged("][INFO]OperationsHandler Other has been cancelled\r\n"), 2);
     EXPECT_TRUE(waiting->isCancelled() && same->isCancelled() && !first->isCancelled());
 
+    const auto stubborn = add(handler, "stubborn");
+    const auto last = add(handler, "Last");
     handler.suspend();
+    stubborn->completeOperation();
     handler.waitToFinish();
-    EXPECT_TRUE(first->isCancelled());
+    EXPECT_TRUE(first->isCancelled() && last->isCancelled());
     EXPECT_FALSE(refused->isExecuting() || refused->isFinished());
     // What is added after a suspend runs.
     const auto later = add(handler, "EventForwarder");

@@ -1,16 +1,16 @@
 #include "core/GlobalVariables.h"
 #include "foundation/FileSystem.h"
-#include "foundation/Mutex.h"
 #include "operations/ScheduleHandler.h"
 #include "operations/TaskRegistry.h"
 #include "support/AgentFixture.h"
 
+#include <atomic>
+#include <cmath>
 #include <fstream>
+#include <future>
 #include <limits>
 #include <map>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,6 +23,7 @@ using std::chrono::seconds;
 class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixture {
   protected:
     using Times = std::vector<seconds>;
+    using Entries = std::initializer_list<Dictionary::Entry>;
 
     ScheduleHandlerTest() {
         for (const auto* name : {"a", "b", "c", "d", "e", "f"}) {
@@ -34,8 +35,7 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
     void TearDown() override { restart(); }
 
     // An enabled task that runs the method of its own name.
-    static Dictionary task(const char* name, const Value& interval,
-                           std::initializer_list<Dictionary::Entry> more = {}) {
+    static Dictionary task(const char* name, const Value& interval, Entries more = {}) {
         Dictionary entry = {{"TaskName", name}, {"IntervalSeconds", interval},
                             {"Repeat", true},   {"TaskStatus", "Enable"},
                             {"selector", name}, {"className", "ScheduleHandlerTest"}};
@@ -117,8 +117,8 @@ TEST_F(ScheduleHandlerTest, WeekOfTasksRunsEachExactlyWhenItIsDue) {
     EXPECT_EQ(stored("LastScheduleTime")[0], Value("Sun, 22 Nov 2026 12:00:00 +0000"));
 }
 
-TEST_F(ScheduleHandlerTest, StartByNameReplacesATaskAndASecondStartOfAllAddsToThem) {
-    setTasks({task("a", 900, {{"RunAt", "12:10:00"}}), task("b", 600)});
+TEST_F(ScheduleHandlerTest, TaskHasOneTimerHoweverOftenItIsStarted) {
+    setTasks({task("b", 700), task("a", 900, {{"RunAt", "12:10:00"}}), task("b", 600)});
     ScheduleHandler::startTask("a");
     ScheduleHandler::startTask("a");
     EXPECT_TRUE(clock().awaitTimerIn(seconds(900))) << "by its name it follows its interval";
@@ -129,22 +129,56 @@ TEST_F(ScheduleHandlerTest, StartByNameReplacesATaskAndASecondStartOfAllAddsToTh
     EXPECT_EQ(logged("][INFO]a is not available in the list\r\n"), 1);
     EXPECT_EQ(clock().pendingTimers(), 0U);
 
+    // As where the first configuration sync re-times tasks before all are started, and at the same time.
+    ScheduleHandler::startTask("a");
+    ScheduleHandler::startTask("b");
+    const auto handler = std::async(std::launch::async, [] { ScheduleHandler::startTask("b"); });
+    clock().refuse(2);
+    ScheduleHandler::init()->start();
+    handler.wait();
     ScheduleHandler::startTask("ALL");
-    ScheduleHandler::startTask("ALL");
-    ASSERT_TRUE(settled(4));
+    ASSERT_TRUE(settled(2));
+    EXPECT_GT(logged("][ERROR]Task b is in "), 0) << "only the last of two entries counts";
     clock().advance(seconds(600));
-    ASSERT_TRUE(settled(4));
-    EXPECT_EQ(runs("a"), Times(2, seconds(600)));
-    EXPECT_EQ(runs("b"), Times(2, seconds(600)));
+    ASSERT_TRUE(settled(2));
+    EXPECT_EQ(runs("a"), Times{seconds(600)}) << "with all others it follows its time of day";
+    EXPECT_EQ(runs("b"), Times{seconds(600)});
+    ScheduleHandler::startTask("a");
+    ASSERT_TRUE(settled(2)) << "its daily timer goes on beside the interval's";
+    clock().advance(seconds(900));
+    ASSERT_TRUE(settled(2));
+    EXPECT_EQ(runs("a"), (Times{seconds(600), seconds(1500)}));
     ScheduleHandler::stopAllTasks();
-    EXPECT_EQ(clock().pendingTimers(), 3U) << "one is in the list";
+    EXPECT_EQ(clock().pendingTimers(), 0U);
+    const auto stopped = logged("][INFO]b schedule has been stopped\r\n");
     ScheduleHandler::stopTask("b");
-    EXPECT_EQ(logged("][INFO]b schedule has been stopped\r\n"), 1) << "it was no longer in the list";
+    EXPECT_EQ(logged("][INFO]b schedule has been stopped\r\n"), stopped + 1) << "it was no longer in the list";
+}
+
+TEST_F(ScheduleHandlerTest, RunOfARestartedTaskWaitsForTheRunBeforeIt) {
+    Semaphore mayEnd;
+    std::atomic<int> begun = 0;
+    const TaskRegistry::Registration method("ScheduleHandlerTest", "long", [&] {
+        ++begun;
+        mayEnd.wait();
+    });
+    setTasks({task("long", 600)});
+    for (int start = 1; start <= 3; ++start) {
+        ScheduleHandler::startTask("long");
+        clock().advance(seconds(600));
+        ASSERT_TRUE(eventually([&] { return begun > 0; }));
+        EXPECT_EQ(begun, 1);
+    }
+    mayEnd.signal();
+    ASSERT_TRUE(eventually([&] { return begun == 2; })) << "the run of the latest start was lost";
+    mayEnd.signal();
+    ASSERT_TRUE(settled(1));
+    EXPECT_EQ(begun, 2) << "the run of a start that another one replaced";
 }
 
 TEST_F(ScheduleHandlerTest, EntriesThatCannotRunAreNamedInTheLogAndTheOthersRun) {
     setTasks({"no dictionary", task("unknown class", 60, {{"className", "Nobody's"}}), task("unknown method", 60),
-              task("at soon", 60, {{"RunAt", "soon"}}), task("at []", 60, {{"RunAt", Array()}}), task("a", 60)});
+              task("at soon", 60, {{"RunAt", "soon"}}), task("a", 60)});
     ScheduleHandler::startTask("ALL");
     for (int i = 1; i <= 3; ++i) {
         ASSERT_TRUE(settled(3));
@@ -152,20 +186,23 @@ TEST_F(ScheduleHandlerTest, EntriesThatCannotRunAreNamedInTheLogAndTheOthersRun)
     }
     ASSERT_TRUE(settled(3));
     EXPECT_EQ(runs("a"), (Times{seconds(60), seconds(120), seconds(180)}));
-    const std::pair<const char*, int> lines[] = {
-        {"/schedules.plist is no task: no dictionary\r\n", 1},
-        {"][ERROR]Task at soon is not scheduled: its RunAt \"soon\"", 1},
-        {"][ERROR]Task at [] is not scheduled: its RunAt ", 1},
-        {"][ERROR]Task unknown class cannot run: there is no class Nobody's\r\n", 3},
-        {"][ERROR]Task unknown method cannot run: ScheduleHandlerTest has no method unknown method\r\n", 3}};
-    for (const auto& [line, count] : lines) {
+    for (const auto& [line, count] :
+         {std::pair("/schedules.plist is no task: no dictionary\r\n", 1),
+          {"][ERROR]Task at soon is not scheduled: its RunAt \"soon\"", 1},
+          {"][ERROR]Task unknown class cannot run: there is no class Nobody's\r\n", 3},
+          {"][ERROR]Task unknown method cannot run: ScheduleHandlerTest has no method unknown method\r\n", 3}}) {
         EXPECT_EQ(logged(line), count) << line;
     }
 }
 
-TEST_F(ScheduleHandlerTest, IntervalThatIsNotAboveZeroNeverSpins) {
+TEST_F(ScheduleHandlerTest, IntervalIsARealNumberAboveZero) {
+    using std::chrono::milliseconds;
+    constexpr milliseconds kDefault = seconds(60);
+    const std::pair<Value, milliseconds> cases[] = {
+        {2.5, milliseconds(2500)}, {"0.5", milliseconds(500)}, {0, kDefault},      {-0.5, kDefault},
+        {"often", kDefault},       {std::nan(""), kDefault},   {Value(), kDefault}};
     int complaints = 0;
-    for (const Value& interval : {Value(0), Value("often"), Value()}) {
+    for (const auto& [interval, expected] : cases) {
         for (const bool daily : {false, true}) {
             SCOPED_TRACE(interval.description());
             restart();
@@ -175,27 +212,18 @@ TEST_F(ScheduleHandlerTest, IntervalThatIsNotAboveZeroNeverSpins) {
             const auto before = runs("a").size();
             clock().setWallTime(Date(seconds(1'794'744'000)));
             ScheduleHandler::startTask("ALL");
-            ASSERT_TRUE(clock().awaitTimerIn(ScheduleHandler::kShortestInterval));
-            clock().advance(ScheduleHandler::kShortestInterval);
-            ASSERT_TRUE(clock().awaitTimerIn(ScheduleHandler::kShortestInterval));
+            const auto first = daily ? kDefault : expected;
+            ASSERT_TRUE(clock().awaitTimerIn(first));
+            clock().advance(first);
+            ASSERT_TRUE(clock().awaitTimerIn(expected));
             EXPECT_EQ(runs("a").size(), before + 1);
-            EXPECT_EQ(logged("][ERROR]The interval of task a is "), ++complaints);
+            complaints += expected == kDefault ? 1 : 0;
+            EXPECT_EQ(logged("][ERROR]The interval of task a is "), complaints);
         }
     }
 }
 
-TEST_F(ScheduleHandlerTest, UpdateChangesEveryEntryOfTheNameAndAllEntriesForAll) {
-    setTasks({task("a", 1), task("b", 2), "no dictionary", task("a", 3)});
-    ScheduleHandler::UpdateTaskWithName("a", "IntervalSeconds", 9);
-    EXPECT_EQ(stored("IntervalSeconds"), (Array{9, 2, "no dictionary", 9}));
-    ScheduleHandler::UpdateTaskWithName("ALL", "New", "x");
-    ScheduleHandler::UpdateTaskWithName("nobody's", "New", "y");
-    EXPECT_EQ(stored("New"), (Array{"x", "x", "no dictionary", "x"}));
-    EXPECT_EQ(ScheduleHandler::getProperty("IntervalSeconds", "a"), Value(9));
-    EXPECT_TRUE(ScheduleHandler::getProperty("IntervalSeconds", "ALL").isNull());
-}
-
-TEST_F(ScheduleHandlerTest, BatchCollectionRepeatsUnlessCollectionIsRealtime) {
+TEST_F(ScheduleHandlerTest, BatchCollectionRepeatsUnlessCollectionIsRealtimeAndUpdatesMayConcernAll) {
     const auto handler = ScheduleHandler::init();
     for (const bool realtime : {true, false}) {
         GlobalVariables::getInstance().setIsRealTime(realtime);
@@ -207,46 +235,46 @@ TEST_F(ScheduleHandlerTest, BatchCollectionRepeatsUnlessCollectionIsRealtime) {
     handler->start();
     EXPECT_TRUE(handler->isFinished());
     EXPECT_EQ(clock().pendingTimers(), 0U);
+
+    setTasks({task("a", 1), task("b", 2), "no dictionary", task("a", 3)});
+    ScheduleHandler::UpdateTaskWithName("a", "IntervalSeconds", 9);
+    ScheduleHandler::UpdateTaskWithName("ALL", "New", "x");
+    ScheduleHandler::UpdateTaskWithName("nobody's", "New", "y");
+    EXPECT_EQ(stored("IntervalSeconds"), (Array{9, 2, "no dictionary", 9}));
+    EXPECT_EQ(stored("New"), (Array{"x", "x", "no dictionary", "x"}));
+    EXPECT_EQ(ScheduleHandler::getProperty("IntervalSeconds", "a"), Value(9));
+    EXPECT_TRUE(ScheduleHandler::getProperty("IntervalSeconds", "ALL").isNull());
 }
 
 TEST_F(ScheduleHandlerTest, SizeGuardSetsItsFlagAtEveryCheck) {
     // A spool of one file that takes up what it is told to.
-    class SpoolOfSize final : public FileSystem {
-      public:
-        std::uint64_t allocated = 0;
-
-      private:
+    struct SpoolOfSize final : FileSystem {
         Result<FileStatus> linkStatus(const std::string& path) override {
             auto status = FileSystem::linkStatus(path);
-            if (status && path.ends_with("event_1")) {
-                status->allocatedSize = allocated;
-            }
+            status->allocatedSize = path.ends_with("event_1") ? allocated : status->allocatedSize;
             return status;
         }
-    };
-    const std::tuple<std::int64_t, std::uint64_t, bool> cases[] = {
-        {1, 999'999'999, false},
-        {1, 1'000'000'000, true},
-        {2, 1'999'999'999, false},
-        {0, 0, true},
-        {std::numeric_limits<std::int64_t>::max(), 5, false},
-        {std::numeric_limits<std::int64_t>::min(), 0, true},
-    };
+        std::uint64_t allocated = 0;
+    } spool;
     std::ofstream(volume().eventData() / "event_1") << "x";
     auto& configuration = GlobalVariables::getInstance();
     int changes = 0;
     const auto observation =
         configuration.observe(GlobalVariables::kMaxEventDataSizeReached, [&](const auto&) { ++changes; });
-    SpoolOfSize spool;
     FileSystem::install(&spool);
-    for (const auto& [limit, size, reached] : cases) {
+    for (const auto& [limit, size, reached] : {std::tuple(std::int64_t{1}, 999'999'999U, false),
+                                               {1, 1'000'000'000, true},
+                                               {2, 1'999'999'999, false},
+                                               {0, 0, true},
+                                               {std::numeric_limits<std::int64_t>::max(), 5, false},
+                                               {std::numeric_limits<std::int64_t>::min(), 0, true}}) {
         configuration.setEventDataSize(limit);
         spool.allocated = size;
         ScheduleHandler::runTask({{"className", "ScheduleHandler"}, {"selector", "CheckEventDatasize"}});
         EXPECT_EQ(configuration.maxEventDataSizeReached(), reached) << size << " of " << limit << " GB";
     }
     FileSystem::install(nullptr);
-    EXPECT_EQ(changes, static_cast<int>(std::size(cases)));
+    EXPECT_EQ(changes, 6);
 }
 
 }  // namespace

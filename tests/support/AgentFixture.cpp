@@ -5,11 +5,6 @@
 #include "foundation/Json.h"
 #include "foundation/ProcessWide.h"
 
-#include <cstdlib>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 namespace sentrova::testing {
@@ -82,9 +77,7 @@ void AgentFixture::restart() {
 std::string AgentFixture::log(std::string_view category) const {
     auto& clock = Clock::shared();
     const auto name = std::string(category) + DateFormat::format("yyyy-MM-dd", clock.wallTime()) + ".log";
-    std::ostringstream text;
-    text << std::ifstream(volume_.logs() / name).rdbuf();
-    return text.str();
+    return textOf(volume_.logs() / name);
 }
 
 int AgentFixture::logged(std::string_view text, std::string_view category) const {

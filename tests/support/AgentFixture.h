@@ -8,10 +8,6 @@
 #include "support/ManualClock.h"
 #include "support/SystemVolume.h"
 
-#include <memory>
-#include <string>
-#include <string_view>
-
 namespace sentrova::testing {
 
 // For one at a time in a process: it changes the working directory, the zone (UTC) and the environment, and puts them
@@ -38,8 +34,7 @@ class AgentFixture {
     void restart();
 
     // All lines of a category's log of the present day.
-    std::string log(std::string_view category) const;
-    std::string log() const { return log("Config"); }
+    std::string log(std::string_view category = "Config") const;
     // How many times the text occurs in it.
     int logged(std::string_view text, std::string_view category = "Config") const;
 

@@ -6,9 +6,7 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
 #include <future>
-#include <iterator>
 #include <sstream>
 #include <string_view>
 
@@ -19,6 +17,7 @@ namespace sentrova::testing {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+constexpr std::chrono::minutes kPatience{1};
 
 std::size_t contentLength(const AuditServer::Headers& headers) {
     const auto found = std::ranges::find_if(
@@ -69,6 +68,22 @@ std::optional<AuditServer::Request> readRequest(ServerConnection& connection, st
     request.body = received.substr(0, length);
     received.erase(0, length);
     return request;
+}
+
+void sendRaw(const AuditServer::Failure& failure, ServerConnection& connection) {
+    if (failure.kind == AuditServer::Failure::Kind::endless) {
+        connection.write("HTTP/1.1 200 OK\r\n\r\n");
+        for (const std::string flood(65536, ' '); connection.write(flood);) {
+        }
+    } else if (failure.pace.count() == 0) {
+        connection.write(failure.body);
+    } else {
+        for (const char& byte : failure.body) {
+            if (connection.awaitEnd(failure.pace) || !connection.write({&byte, 1})) {
+                return;
+            }
+        }
+    }
 }
 
 }  // namespace
@@ -137,19 +152,17 @@ int AuditServer::mostAtOnce() const {
     return mostAtOnce_;
 }
 
-bool AuditServer::waitForRequests(std::size_t count, std::chrono::seconds time) const {
-    const auto giveUp = Clock::now() + time;
+bool AuditServer::waitForRequests(std::size_t count) const {
     MutexLock lock(mutex_);
-    while (requests_.size() < count && Clock::now() < giveUp) {
+    for (const auto giveUp = Clock::now() + kPatience; requests_.size() < count && Clock::now() < giveUp;) {
         changed_.waitUntil(lock, giveUp);
     }
     return requests_.size() >= count;
 }
 
-bool AuditServer::waitForEvents(std::size_t count, std::chrono::seconds time) const {
-    const auto giveUp = Clock::now() + time;
+bool AuditServer::waitForEvents(std::size_t count) const {
     MutexLock lock(mutex_);
-    while (events_.size() < count && Clock::now() < giveUp) {
+    for (const auto giveUp = Clock::now() + kPatience; events_.size() < count && Clock::now() < giveUp;) {
         changed_.waitUntil(lock, giveUp);
     }
     return events_.size() >= count;
@@ -207,17 +220,17 @@ bool AuditServer::handle(const Arrival& arrival, ServerConnection& connection) {
     const auto failure = failureFor(arrival.request->path);
     const auto kind = failure ? failure->kind : Kind::hold;
     if (!failure || (kind == Kind::hold && awaitRelease(arrival))) {
-        return answer(arrival, connection);
+        return answer(*arrival.request, connection);
     }
     if (kind == Kind::status) {
-        return send(arrival, connection, failure->status, failure->headers, failure->body);
+        return send(connection, failure->status, failure->headers, failure->body);
     }
-    if (kind >= Kind::cut) {
-        if (kind == Kind::surplus || kind == Kind::slow) {
+    if (kind == Kind::raw || kind == Kind::endless) {
+        if (failure->accepts) {
             accept(arrival.request->body);
         }
-        finish(arrival, 200);
-        sendBadly(*failure, connection);
+        finish();
+        sendRaw(*failure, connection);
         return false;
     }
     if (kind == Kind::reset) {
@@ -228,26 +241,24 @@ bool AuditServer::handle(const Arrival& arrival, ServerConnection& connection) {
     if (kind == Kind::halfClose || kind == Kind::noAnswer) {
         connection.awaitEnd();
     }
-    finish(arrival, 0);
+    finish();
     return false;
 }
 
-bool AuditServer::answer(const Arrival& arrival, ServerConnection& connection) {
-    const auto& [method, path, headers, body, number, status] = *arrival.request;
-    if (method == "POST" && path == kSyncPath) {
+bool AuditServer::answer(const Request& request, ServerConnection& connection) {
+    if (request.method == "POST" && request.path == kSyncPath) {
         const auto text = syncAnswer();
-        return send(arrival, connection, text ? 200 : 500, {}, text.value_or(""));
+        return send(connection, text ? 200 : 500, {}, text.value_or(""));
     }
-    if (method == "POST" && path == kEventsPath) {
-        const bool accepted = accept(body);
-        return send(arrival, connection, accepted ? 200 : 400, {}, accepted ? R"({"status":"ok"})" : "");
+    if (request.method == "POST" && request.path == kEventsPath) {
+        const bool accepted = accept(request.body);
+        return send(connection, accepted ? 200 : 400, {}, accepted ? R"({"status":"ok"})" : "");
     }
-    return send(arrival, connection, 404, {}, "");
+    return send(connection, 404, {}, "");
 }
 
-bool AuditServer::send(const Arrival& arrival, ServerConnection& connection, int status, const Headers& headers,
-                       const std::string& body) {
-    finish(arrival, status);
+bool AuditServer::send(ServerConnection& connection, int status, const Headers& headers, const std::string& body) {
+    finish();
     auto text = "HTTP/1.1 " + std::to_string(status) + " \r\n";
     for (const auto& [name, value] : headers) {
         text += name + ": " + value + "\r\n";
@@ -256,30 +267,6 @@ bool AuditServer::send(const Arrival& arrival, ServerConnection& connection, int
         text += "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) + "\r\n";
     }
     return connection.write(text + "\r\n" + body);
-}
-
-void AuditServer::sendBadly(const Failure& failure, ServerConnection& connection) {
-    using Kind = Failure::Kind;
-    const std::string body = failure.body.empty() ? R"({"status":"ok"})" : failure.body;
-    const std::string start = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: ";
-    if (failure.kind == Kind::cut) {
-        connection.write(start + std::to_string(2 * body.size()) + "\r\n\r\n" + body);
-    } else if (failure.kind == Kind::cutHead) {
-        connection.write(start);
-    } else if (failure.kind == Kind::surplus) {
-        connection.write(start + std::to_string(body.size() / 2) + "\r\n\r\n" + body);
-    } else if (failure.kind == Kind::slow) {
-        const auto pace =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(failure.seconds));
-        bool goesOn = connection.write(start + std::to_string(body.size()) + "\r\n\r\n");
-        for (std::size_t i = 0; goesOn && i < body.size(); ++i) {
-            goesOn = !connection.awaitEnd(pace) && connection.write({&body[i], 1});
-        }
-    } else {
-        connection.write("HTTP/1.1 200 OK\r\n\r\n");
-        for (const std::string flood(65536, ' '); connection.write(flood);) {
-        }
-    }
 }
 
 std::optional<AuditServer::Failure> AuditServer::failureFor(const std::string& path) {
@@ -299,11 +286,7 @@ std::optional<AuditServer::Failure> AuditServer::failureFor(const std::string& p
 
 std::optional<std::string> AuditServer::syncAnswer() {
     MutexLock lock(mutex_);
-    if (answer_ || configuration_.answerFile.empty()) {
-        return answer_.value_or("{}");
-    }
-    std::ifstream file(configuration_.answerFile, std::ios::binary);
-    return file ? std::optional(std::string(std::istreambuf_iterator<char>(file), {})) : std::nullopt;
+    return answer_ || !configuration_.onSync ? answer_.value_or("{}") : configuration_.onSync();
 }
 
 bool AuditServer::accept(const std::string& batch) {
@@ -330,9 +313,8 @@ bool AuditServer::awaitRelease(const Arrival& arrival) {
     return !stopped_;
 }
 
-void AuditServer::finish(const Arrival& arrival, int status) {
+void AuditServer::finish() {
     MutexLock lock(mutex_);
-    arrival.request->status = status;
     --underWay_;
 }
 

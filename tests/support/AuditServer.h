@@ -6,15 +6,10 @@
 #include "foundation/Mutex.h"
 #include "support/ServerConnection.h"
 
-#include <chrono>
-#include <cstddef>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <optional>
-#include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace sentrova::testing {
@@ -29,8 +24,9 @@ class AuditServer {
         bool https = false;
         // Of a server that speaks https.
         ServerTls tls = {};
-        // The answer to a configuration sync, read anew each time; empty: "{}".
-        std::string answerFile = {};
+        // Gives the answer to a configuration sync for which none has been set; nothing for a status of 500. Called
+        // from the connections' threads, one at a time. Without the function the answer is "{}".
+        std::function<std::optional<std::string>()> onSync = {};
         // Gets each accepted event as compact JSON text, one at a time; not to call the server.
         std::function<void(const std::string& event)> onEvent = {};
     };
@@ -44,12 +40,9 @@ class AuditServer {
         std::string body;
         // Counts the server's connections from 1.
         int connection = 0;
-        // 0 while there is no answer, and for good where the connection was dropped instead.
-        int status = 0;
     };
 
-    // What becomes of the next requests. A request takes the first failure whose path it has; a batch that meets one is
-    // accepted only where the kind says so.
+    // What becomes of the next requests. A request takes the first failure whose path it has.
     struct Failure {
         enum class Kind {
             status,     // is answered with the status, headers and body
@@ -58,17 +51,16 @@ class AuditServer {
             drop,       // has its connection closed without a byte of answer
             reset,      // the same, by a reset
             halfClose,  // the same in the direction of the answer only
-            cut,        // gets half of the body that its "Content-Length" announces
-            cutHead,    // gets a status of 200 and half a header
-            surplus,    // is accepted, and gets more of a body than its "Content-Length" announces
-            slow,       // is accepted, and gets its body a byte at a time, so many seconds apart
+            raw,        // gets the body alone, which is to be a whole answer or a damaged one; then the connection ends
             endless,    // gets a body without end
         };
         Kind kind = Kind::status;
         // What the paths begin with; empty: any path.
         std::string path = {};
         int status = 500;
-        double seconds = 1;
+        // Whether a batch that gets a raw answer is accepted, and how far apart the answer's bytes are; 0: all at once.
+        bool accepts = false;
+        std::chrono::milliseconds pace = {};
         // How many requests meet it; -1: all until reset().
         int count = 1;
         // How many come through before that.
@@ -106,11 +98,9 @@ class AuditServer {
     // The most requests that have been under way at one time.
     int mostAtOnce() const EXCLUDES(mutex_);
 
-    // Wait until that many have arrived since the last reset; false when they have not within the time.
-    [[nodiscard]] bool waitForRequests(std::size_t count, std::chrono::seconds time = std::chrono::seconds(60)) const
-        EXCLUDES(mutex_);
-    [[nodiscard]] bool waitForEvents(std::size_t count, std::chrono::seconds time = std::chrono::seconds(60)) const
-        EXCLUDES(mutex_);
+    // Wait until that many have arrived since the last reset; false when they have not within a minute.
+    [[nodiscard]] bool waitForRequests(std::size_t count) const EXCLUDES(mutex_);
+    [[nodiscard]] bool waitForEvents(std::size_t count) const EXCLUDES(mutex_);
 
   private:
     struct Arrival {
@@ -123,17 +113,16 @@ class AuditServer {
     void serve(std::shared_ptr<ServerConnection> connection, int number) EXCLUDES(mutex_);
     // These return whether the connection goes on.
     bool handle(const Arrival& arrival, ServerConnection& connection) EXCLUDES(mutex_);
-    bool answer(const Arrival& arrival, ServerConnection& connection) EXCLUDES(mutex_);
-    bool send(const Arrival& arrival, ServerConnection& connection, int status, const Headers& headers,
-              const std::string& body) EXCLUDES(mutex_);
-    void sendBadly(const Failure& failure, ServerConnection& connection);
+    bool answer(const Request& request, ServerConnection& connection) EXCLUDES(mutex_);
+    bool send(ServerConnection& connection, int status, const Headers& headers, const std::string& body)
+        EXCLUDES(mutex_);
 
     std::optional<Failure> failureFor(const std::string& path) EXCLUDES(mutex_);
     std::optional<std::string> syncAnswer() EXCLUDES(mutex_);
     bool accept(const std::string& batch) EXCLUDES(mutex_);
     bool awaitRelease(const Arrival& arrival) EXCLUDES(mutex_);
-    // Puts the status on record, before the client learns of it.
-    void finish(const Arrival& arrival, int status) EXCLUDES(mutex_);
+    // The request is no longer under way; before the client learns of it.
+    void finish() EXCLUDES(mutex_);
 
     const Configuration configuration_;
     const TlsContext tls_;

@@ -7,12 +7,7 @@
 #include "foundation/UrlSession.h"
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace sentrova::testing {
 
@@ -39,7 +34,11 @@ class FakeUrlSession final : public UrlSession {
         MutexLock lock(mutex_);
         sent_.push_back({request, std::move(body)});
         const auto answer = responder_ ? responder_(sent_.back()) : std::nullopt;
-        waiting_.push_back(answer ? nullptr : completionHandler);
+        if (answer && !keepsRequests_) {
+            sent_.pop_back();
+        } else {
+            waiting_.push_back(answer ? nullptr : completionHandler);
+        }
         arrived_.notifyAll();
         lock.unlock();
         if (answer) {
@@ -48,11 +47,12 @@ class FakeUrlSession final : public UrlSession {
     }
 
     // Answers every request from now on, when it comes, with what the function says; requests for which it has no
-    // answer wait for `answer`.
+    // answer wait for `answer`. Those that it answers are on record only where they are to be kept.
     using Responder = std::function<std::optional<Answer>(const Sent&)>;
-    void respondWith(Responder responder) EXCLUDES(mutex_) {
+    void respondWith(Responder responder, bool keepsRequests = true) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         responder_ = std::move(responder);
+        keepsRequests_ = keepsRequests;
     }
 
     // Answers the request of this number (from 0), which must have come and wait. Does not wait for the completion.
@@ -120,6 +120,7 @@ class FakeUrlSession final : public UrlSession {
     std::vector<Sent> sent_ GUARDED_BY(mutex_);
     std::vector<Completion> waiting_ GUARDED_BY(mutex_);
     Responder responder_ GUARDED_BY(mutex_);
+    bool keepsRequests_ GUARDED_BY(mutex_) = true;
     DispatchQueue delegateQueue_{"FakeUrlSession"};
 };
 

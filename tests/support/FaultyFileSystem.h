@@ -7,13 +7,8 @@
 
 #include <array>
 #include <cerrno>
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <map>
-#include <span>
-#include <string>
-#include <utility>
 
 namespace sentrova::testing {
 

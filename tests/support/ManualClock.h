@@ -6,11 +6,10 @@
 #include "foundation/Mutex.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
-#include <cstddef>
-#include <functional>
 #include <map>
-#include <utility>
+#include <system_error>
 
 namespace sentrova::testing {
 
@@ -30,6 +29,10 @@ class ManualClock final : public Clock {
     }
     TimerId schedule(Monotonic due, std::function<void()> function) override EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
+        if (refusals_ > 0) {
+            --refusals_;
+            throw std::system_error(EAGAIN, std::generic_category());
+        }
         timers_.emplace(Key(due, ++lastId_), std::move(function));
         scheduled_.notifyAll();
         return lastId_;
@@ -53,6 +56,18 @@ class ManualClock final : public Clock {
             lock.lock();
         }
         moveToLocked(target);
+    }
+
+    // Makes so many calls of schedule throw, as where the host has no thread left.
+    void refuse(int calls) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        refusals_ = calls;
+    }
+
+    // Takes the next timer off, as a clock does that is about to call it; it can no longer be cancelled.
+    std::function<void()> takeNext() EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        return std::move(timers_.extract(timers_.begin()).mapped());
     }
 
     // Moves the wall clock alone, as a person or a time server does.
@@ -94,6 +109,7 @@ class ManualClock final : public Clock {
     Condition scheduled_;
     std::map<Key, std::function<void()>> timers_ GUARDED_BY(mutex_);
     TimerId lastId_ GUARDED_BY(mutex_) = 0;
+    int refusals_ GUARDED_BY(mutex_) = 0;
     Date wall_ GUARDED_BY(mutex_){std::chrono::seconds(1794744000)};
     Monotonic monotonic_ GUARDED_BY(mutex_){std::chrono::hours(1)};
 };

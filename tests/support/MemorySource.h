@@ -6,9 +6,7 @@
 #include "foundation/Value.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <limits>
-#include <vector>
 
 namespace sentrova::testing {
 
@@ -22,6 +20,7 @@ class MemorySource final : public bsm::ByteSource {
         const auto limit = portions_.empty() ? std::numeric_limits<std::size_t>::max()
                                              : portions_[std::min(reads_, portions_.size() - 1)];
         ++reads_;
+        room_ = into.size();
         const auto count = std::min({into.size(), bytes_.size() - position_, limit});
         if (count == 0 && fails_) {
             return -1;
@@ -35,12 +34,15 @@ class MemorySource final : public bsm::ByteSource {
     void failAtEnd() { fails_ = true; }
 
     std::size_t reads() const { return reads_; }
+    // How many bytes the last read had room for.
+    std::size_t room() const { return room_; }
 
   private:
     Data bytes_;
     std::vector<std::size_t> portions_;
     std::size_t position_ = 0;
     std::size_t reads_ = 0;
+    std::size_t room_ = 0;
     bool fails_ = false;
 };
 

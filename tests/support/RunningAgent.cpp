@@ -8,14 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <system_error>
 #include <thread>
-#include <vector>
 
 namespace sentrova::testing {
 
@@ -84,11 +80,11 @@ std::string logOf(const SystemVolume& volume, std::string_view category) {
             files.insert(entry.path());
         }
     }
-    std::ostringstream text;
+    std::string text;
     for (const auto& file : files) {
-        text << std::ifstream(file).rdbuf();
+        text += textOf(file);
     }
-    return text.str();
+    return text;
 }
 
 bool waitForLog(const SystemVolume& volume, std::string_view category, std::string_view text,

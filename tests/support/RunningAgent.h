@@ -6,12 +6,8 @@
 
 #include <sys/types.h>
 
-#include <chrono>
-#include <filesystem>
 #include <functional>
 #include <optional>
-#include <string>
-#include <string_view>
 
 namespace sentrova::testing {
 

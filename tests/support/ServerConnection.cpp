@@ -8,9 +8,7 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <stdexcept>
-#include <string>
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>

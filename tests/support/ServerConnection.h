@@ -4,10 +4,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <memory>
 #include <string_view>
-#include <utility>
 
 #include <openssl/ssl.h>
 
@@ -61,7 +59,6 @@ class ServerConnection {
     void reset();
     // Ends the direction of the answers.
     void endAnswer();
-    bool isShutDown() const { return shutDown_; }
 
   private:
     const int socket_;

@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
-#include <stdexcept>
 #include <system_error>
 
 #include <fmt/format.h>
@@ -51,6 +49,11 @@ fs::path temporaryFolder(const fs::path& below) {
 }
 
 }  // namespace
+
+std::string textOf(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
 
 SystemVolume::SystemVolume() : SystemVolume(TemporaryIn{fs::temp_directory_path()}) {}
 
@@ -95,7 +98,9 @@ void SystemVolume::setVersion(std::string_view productVersion) {
 
 void SystemVolume::setDirectoryTool(std::string_view output, int exitStatus) {
     const auto tool = volume() / "usr/sbin/dsconfigad";
-    writeFile(tool, fmt::format("#!/bin/sh\ncat <<'END_OF_OUTPUT'\n{}\nEND_OF_OUTPUT\nexit {}\n", output, exitStatus));
+    writeFile(tool,
+              fmt::format("#!/bin/sh\necho \"$@\" >> \"$0.runs\"\ncat <<'END_OF_OUTPUT'\n{}\nEND_OF_OUTPUT\nexit {}\n",
+                          output, exitStatus));
     fs::permissions(tool, fs::perms::owner_all | fs::perms::group_exec | fs::perms::group_read);
 }
 
@@ -121,10 +126,6 @@ void SystemVolume::addDomainUser(std::string_view name, std::uint32_t uid, std::
     addUser(name, {{"name", name}, {"uid", uid}, {"gid", 20}, {"smb_sid", sid}, {"primary_ntdomain", domain}});
 }
 
-bool SystemVolume::setConsoleOwner(std::uint32_t uid, std::uint32_t gid) {
-    return ::chown(console().c_str(), uid, gid) == 0;
-}
-
 void SystemVolume::addTrail(std::string_view name, std::span<const std::uint8_t> bytes,
                             std::chrono::seconds modifiedSinceEpoch) {
     const auto path = auditFolder() / name;
@@ -141,12 +142,10 @@ void SystemVolume::writeConfiguration(std::string_view name, const Dictionary& c
 }
 
 Dictionary SystemVolume::readConfiguration(std::string_view name) const {
-    const auto path = conf() / name;
-    std::ifstream in(path, std::ios::binary);
-    const Data bytes(std::istreambuf_iterator<char>(in), {});
-    const auto value = PropertyList::parse(bytes);
+    const auto text = textOf(conf() / name);
+    const auto value = PropertyList::parse(Data(text.begin(), text.end()));
     if (!value || !value->dictionary()) {
-        throw std::runtime_error(path.string() + " holds no dictionary");
+        throw std::runtime_error((conf() / name).string() + " holds no dictionary");
     }
     return *value->dictionary();
 }

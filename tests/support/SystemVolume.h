@@ -12,13 +12,13 @@
 #include "foundation/Value.h"
 
 #include <chrono>
-#include <cstdint>
 #include <filesystem>
 #include <span>
-#include <string>
-#include <string_view>
 
 namespace sentrova::testing {
+
+// The content of a file; empty when there is none.
+std::string textOf(const std::filesystem::path& file);
 
 class SystemVolume {
   public:
@@ -48,7 +48,7 @@ class SystemVolume {
 
     void setVersion(std::string_view productVersion);
 
-    // What the Active Directory tool prints and how it exits.
+    // What the Active Directory tool prints and how it exits. It adds its arguments to a file beside it, ".runs".
     void setDirectoryTool(std::string_view output, int exitStatus);
     // Makes the tool answer with the binding; the computer account as the directory has it, "mac-042$".
     void bindTo(std::string_view domain, std::string_view computerAccount);
@@ -59,9 +59,6 @@ class SystemVolume {
     // A user that only this Mac knows, and one whose account is a domain's.
     void addLocalUser(std::string_view name, std::uint32_t uid);
     void addDomainUser(std::string_view name, std::uint32_t uid, std::string_view sid, std::string_view domain);
-
-    // Returns whether this process may give files away.
-    bool setConsoleOwner(std::uint32_t uid, std::uint32_t gid);
 
     void addTrail(std::string_view name, std::span<const std::uint8_t> bytes, std::chrono::seconds modifiedSinceEpoch);
 

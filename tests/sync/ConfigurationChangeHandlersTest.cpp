@@ -3,13 +3,12 @@
 #include "forwarding/SecurityUtil.h"
 #include "foundation/Json.h"
 #include "operations/ConcurrentOperationAbstract.h"
+#include "operations/ScheduleHandler.h"
 #include "support/AgentFixture.h"
 #include "sync/ServerCommunicator.h"
 
-#include <algorithm>
 #include <future>
 #include <thread>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -85,11 +84,8 @@ class ConfigurationChangeHandlersTest : public ::testing::Test, protected AgentF
     // What the handler has said last.
     std::string said() {
         const auto whole = log();
-        constexpr std::string_view kInfo = "[INFO]";
-        const auto from = whole.rfind("][ServerCommunicator]");
-        const auto at = whole.find(kInfo, std::min(from, whole.size()));
-        return at == std::string::npos ? ""
-                                       : whole.substr(at + kInfo.size(), whole.find("\r\n", at) - at - kInfo.size());
+        const auto at = whole.find("[INFO]", std::min(whole.rfind("][ServerCommunicator]"), whole.size()));
+        return at == std::string::npos ? "" : whole.substr(at + 6, whole.find("\r\n", at) - at - 6);
     }
 
     int added(const char* name) {
@@ -110,13 +106,10 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
     const std::tuple<Handler, const char*, const char*, const char*, int> cases[] = {
         {kDomain, "{}", "{}", "", 0},
         {kDomain, "{}", R"({"AgentGuid":"g"})", "First Time Configuration", 0},
-        {kDomain, R"({"AgentGuid":"g"})", R"({"AgentGuid":"g","DomainID":"1"})", "", 0},
         {kDomain, R"({"AgentGuid":"g"})", R"({"AgentGuid":"h"})", "", 0},
-        {kDomain, R"({"AgentGuid":"g"})", "{}", "", 0},
         {kState, R"({"isEnabled":1})", R"({"isEnabled":true})", "No State change", 0},
         {kState, R"({"isEnabled":true})", "{}", "No State change", 0},
         {kState, "{}", R"({"isEnabled":true})", "State Changed to enabled", 0},
-        {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":900})", "", 0},
         {kSyncTime, R"({"SyncTime":900})", "{}", "", 0},
         {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":"900"})", "SyncTime has been updated to ", 900},
         {kSyncTime, "{}", R"({"SyncTime":120})", "SyncTime has been updated to ", 120},
@@ -129,8 +122,6 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
         {kInterval, R"({"FetchInterval":600})", R"({"FetchInterval":600,"IsRealTime":false})", "", 0},
         {kInterval, R"({"FetchInterval":600})", R"({"FetchInterval":"600"})", kFetch, 600},
         {kInterval, R"({"FetchInterval":600})", "{}", kFetch, 10800},
-        {kInterval, "{}", "{}", kFetch, 10800},
-        {kInterval, R"({"FetchInterval":600,"IsRealTime":1})", R"({"FetchInterval":600})", kFetch, 600},
         {kInterval, R"({"FetchInterval":60})", R"({"FetchInterval":60,"IsRealTime":true})",
          "Realtime enabled starting listening", 0},
         {kInterval, R"({"IsRealTime":"no"})", R"({"FetchInterval":60,"IsRealTime":"YES"})", kFetch, 60},
@@ -148,6 +139,39 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
         EXPECT_EQ(clock().pendingTimers(), interval > 0 ? 1U : 0U);
         EXPECT_EQ(volume().readConfiguration("Serverinfo.plist"), serverInfo);
     }
+}
+
+TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfATaskThatHasTheIntervalAndWillRunAgain) {
+    constexpr auto* kInterval = Sync::IntervalChangesCheckWithOldData;
+    constexpr const char* kFetch = "Fetch interval has been changed updating schedule to 10800";
+    constexpr const char* kRealtime = R"({"IsRealTime":1})";
+    const std::tuple<Handler, const char*, const char*, const char*> cases[] = {
+        {kInterval, "{}", "{}", kFetch},
+        {kInterval, kRealtime, kRealtime, kFetch},
+        {Sync::SyncTimeCheckWithOldData, "{}", R"({"SyncTime":"10800"})", "SyncTime has been updated to 10800"},
+    };
+    for (const auto& [handler, before, after, words] : cases) {
+        SCOPED_TRACE(after);
+        fresh();
+        change(handler, before, after);
+        clock().advance(1000s);
+        change(handler, before, after);
+        EXPECT_EQ(logged(words), 2);
+        EXPECT_EQ(clock().pendingTimers(), 1U);
+        EXPECT_TRUE(clock().awaitTimerIn(9800s));
+    }
+    // While realtime collection is on, the task runs once for each start; afterwards it repeats.
+    fresh();
+    ScheduleHandler::UpdateTaskWithName("EventCollection", "Repeat", "false");
+    int runs = 0;
+    for (const auto* after : {kRealtime, kRealtime, "{}"}) {
+        change(kInterval, kRealtime, after);
+        ASSERT_TRUE(clock().awaitTimerIn(10800s)) << after;
+        clock().advance(10800s);
+        ++runs;
+        ASSERT_TRUE(eventually([&] { return logged("EventCollectionFiles start called") == runs; }));
+    }
+    EXPECT_TRUE(clock().awaitTimerIn(10800s));
 }
 
 TEST_F(ConfigurationChangeHandlersTest, CollectionsAreStartedTogetherAndTheLiveOneIsEndedFirst) {
@@ -182,14 +206,15 @@ TEST_F(ConfigurationChangeHandlersTest, CollectionsAreStartedTogetherAndTheLiveO
 
 TEST_F(ConfigurationChangeHandlersTest, RelaysNameSetsTheTypeOfConnectionWhenItChanges) {
     constexpr std::uint64_t kUnchanged = 9;
-    const char* const none = "{}";
-    const char* const relay = R"({"NATServerName":"relay"})";
-    const char* const other = R"({"NATServerName":"other"})";
-    const char* const empty = R"({"NATServerName":""})";
-    const char* const dash = R"({"NATServerName":"-"})";
-    const std::tuple<const char*, const char*, std::uint64_t> cases[] = {
-        {relay, relay, kUnchanged}, {dash, dash, kUnchanged}, {relay, dash, 1}, {dash, empty, 1},
-        {dash, relay, 0},           {relay, other, 0},        {relay, none, 0}, {none, none, 0}};
+    const auto named = [](const char* name) { return std::string(R"({"NATServerName":")") + name + "\"}"; };
+    const std::tuple<std::string, std::string, std::uint64_t> cases[] = {{named("relay"), named("relay"), kUnchanged},
+                                                                         {named("-"), named("-"), kUnchanged},
+                                                                         {named("relay"), named("-"), 1},
+                                                                         {named("-"), named(""), 1},
+                                                                         {named("-"), named("relay"), 0},
+                                                                         {named("relay"), named("other"), 0},
+                                                                         {named("relay"), "{}", 0},
+                                                                         {"{}", "{}", 0}};
     for (const auto& [before, after, type] : cases) {
         GlobalVariables::getInstance().setType(kUnchanged);
         change(Sync::NATChangesWithOldData, before, after);

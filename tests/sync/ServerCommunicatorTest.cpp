@@ -4,6 +4,7 @@
 #include "forwarding/TransportEngine.h"
 #include "foundation/Json.h"
 #include "support/AgentFixture.h"
+#include "support/FaultyFileSystem.h"
 #include "sync/ServerCommunicator.h"
 
 #include <future>
@@ -19,8 +20,7 @@ class ServerCommunicatorTest : public ::testing::Test, protected AgentFixture {
     // One synchronisation that the server answers so; returns when everything it brings has been applied.
     void syncAnsweredWith(const std::string& body) {
         session().respondWith([body](const auto&) { return FakeUrlSession::Answer{200, body}; });
-        ServerCommunicator().syncFromServer();
-        session().settle();
+        ServerCommunicator().syncAndApply();
     }
 
     Dictionary request(std::size_t number) { return *Json::parse(session().sent().at(number).body)->dictionary(); }
@@ -32,6 +32,9 @@ TEST_F(ServerCommunicatorTest, TwelveFailuresGoRoundTheAddressesAndThenPause) {
         ++requests;
         if (requests == 3) {
             return FakeUrlSession::failure(UrlErrorCode::timedOut, "Nobody answered");
+        }
+        if (requests == 4) {
+            throw std::runtime_error("No thread");
         }
         return FakeUrlSession::Answer{requests <= 12 ? 500 : 200, "{}"};
     });
@@ -57,6 +60,12 @@ TEST_F(ServerCommunicatorTest, TwelveFailuresGoRoundTheAddressesAndThenPause) {
     }
     EXPECT_EQ(sent[12].request.url, sent[0].request.url);
     EXPECT_EQ(logged("[ERROR] response code error Nobody answered", "Communication"), 1);
+    const std::pair<const char*, int> failures[] = {{"http://audit:8443: Nobody answered", 1},
+                                                    {"https://audit.example.com:9443: The request could not begin", 1},
+                                                    {"answered with HTTP status 500", 10}};
+    for (const auto& [text, count] : failures) {
+        EXPECT_EQ(logged(text, "Communication"), count) << text;
+    }
     EXPECT_EQ(volume().readConfiguration("Serverinfo.plist"), serverInfo);
 }
 
@@ -108,11 +117,15 @@ TEST_F(ServerCommunicatorTest, AnswerWithoutAConfigurationIsASuccessThatChangesN
     EXPECT_EQ(logged("[ERROR]The server's answer is no configuration"), 6);
 }
 
-TEST_F(ServerCommunicatorTest, AnswerIsStoredWithoutItsNullsAndItsChangesAreAppliedInTheirOrder) {
+TEST_F(ServerCommunicatorTest, AnswerIsStoredAsFarAsXmlCarriesItAndItsChangesAreAppliedInTheirOrder) {
     syncAnsweredWith(
         R"({"AgentGuid":"guid-1","DomainID":"1","DomainName":"new.example.com","isEnabled":false,"FetchInterval":60,)"
         R"("NATServerName":"relay.example.com","SyncTime":"120","EventsToRead":"AUE_su","AgentAuthID":"identity-7",)"
-        R"("AgentUID":"uid-1","Port":null,"Nested":{"a":null,"b":[1,null,{"c":null}]},"OrgAccessKey":"key-2"})");
+        R"("AgentUID":"uid-1","Port":null,"Nested":{"a":null,"b":[1,null,"\u0001",{"c":null,"d\u0000":2}]},)"
+        R"("ServerName":"a\u001b[1m","ServerIP":"\uFFFE","NATProtocol":"\uFFFF","OrgAccessKey":"key-2"})");
+    for (const auto* where : {".Nested.b[2]", ".Nested.b[3].d", ".ServerName", ".ServerIP", ".NATProtocol"}) {
+        EXPECT_EQ(logged(std::string("[ERROR]The server's answer holds a text at ") + where), 1) << where;
+    }
     const auto stored = volume().readConfiguration("Serverinfo.plist");
     EXPECT_EQ(stored["Nested"], Value(Dictionary{{"b", Array{1, Dictionary()}}}));
     EXPECT_FALSE(stored.contains("Port"));
@@ -132,6 +145,23 @@ TEST_F(ServerCommunicatorTest, AnswerIsStoredWithoutItsNullsAndItsChangesAreAppl
     EXPECT_FALSE(configuration.isEnabled());
     EXPECT_EQ(DomainUtil::getDomainName(), "new.example.com");
     EXPECT_EQ(log("Communication").find("key-2"), std::string::npos) << "no secret is logged";
+}
+
+TEST_F(ServerCommunicatorTest, AnswerThatCannotBeStoredIsAppliedByTheNextSyncThatCan) {
+    const std::string answer = R"({"isEnabled":false,"ServerFQDN":"new.example.com"})";
+    const auto& configuration = GlobalVariables::getInstance();
+    {
+        FaultyFileSystem files([](const auto& path) { return path.ends_with("Serverinfo.plist"); });
+        files.arm({.call = FaultyFileSystem::kRename, .error = ENOSPC, .number = 1});
+        syncAnsweredWith(answer);
+    }
+    EXPECT_EQ(volume().readConfiguration("Serverinfo.plist"), serverInfo);
+    EXPECT_TRUE(configuration.isEnabled() && configuration.serverFQDN() == "audit.example.com");
+    EXPECT_EQ(logged("[ERROR]The server's answer could not be stored"), 1);
+    EXPECT_EQ(logged("State"), 0) << "no handler runs";
+    syncAnsweredWith(answer);
+    EXPECT_EQ(logged("State Changed to disabled"), 1);
+    EXPECT_TRUE(!configuration.isEnabled() && configuration.serverFQDN() == "new.example.com");
 }
 
 }  // namespace sentrova::testing

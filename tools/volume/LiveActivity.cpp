@@ -32,7 +32,7 @@ TrailRecord LiveActivity::next(std::chrono::seconds sinceEpoch) {
                 .subject(subject, Layout::k32Ex)
                 .text(fmt::format("login {}", person.name))
                 .returns(refused, status)
-                .identity({.signingId = "com.apple.sshd"});
+                .identity("com.apple.sshd");
         case 2:
             return TrailRecord(72)
                 .at(sinceEpoch)
@@ -46,7 +46,7 @@ TrailRecord LiveActivity::next(std::chrono::seconds sinceEpoch) {
                 .subject(subject)
                 .text(fmt::format("Verify password for record type Users '{}' node '/Local/Default'", person.name))
                 .returns(refused ? 5000 : 0, status)
-                .identity({.signingId = "com.apple.loginwindow"});
+                .identity("com.apple.loginwindow");
     }
 }
 

@@ -137,7 +137,7 @@ void WorkingDay::wrongPassword(const Person& person, std::chrono::seconds at) {
         .subject(daemon(143, 100004))
         .text(verifyText(person.name))
         .returns(kWrongPassword, kRefused)
-        .identity({.signingId = "com.apple.opendirectoryd"});
+        .identity("com.apple.opendirectoryd");
 }
 
 void WorkingDay::consoleLogon(const Person& person, std::chrono::seconds at, std::uint32_t session) {
@@ -146,16 +146,16 @@ void WorkingDay::consoleLogon(const Person& person, std::chrono::seconds at, std
         .subject(daemon(143, session))
         .text(verifyText(person.name))
         .returns(0)
-        .identity({.signingId = "com.apple.opendirectoryd"});
+        .identity("com.apple.opendirectoryd");
     logon(kAuthorization, at + 1s)
         .subject(daemon(145, session))
         .text(person.name)
         .returns(0)
-        .identity({.signingId = "com.apple.authorizationhost"});
+        .identity("com.apple.authorizationhost");
     logon(kConsoleLogin, at + 2s)
         .subject(userProcess(person.uid, 67, session), Layout::k32Ex)
         .returns(0)
-        .identity({.signingId = "com.apple.loginwindow"});
+        .identity("com.apple.loginwindow");
     other(44903, at + 2s).arg64(1, "sflags", 0x1031).subject(userProcess(person.uid, 67, session)).returns(0);
 }
 
@@ -163,11 +163,8 @@ void WorkingDay::consoleLogout(const Person& person, std::chrono::seconds at, st
     logon(kConsoleLogout, at)
         .subject(userProcess(person.uid, 67, session), Layout::k32Ex)
         .returns(0)
-        .identity({.signingId = "com.apple.loginwindow"});
-    logon(kLogout, at + 1s)
-        .subject(userProcess(person.uid, 67, session))
-        .returns(0)
-        .identity({.signingId = "com.apple.loginwindow"});
+        .identity("com.apple.loginwindow");
+    logon(kLogout, at + 1s).subject(userProcess(person.uid, 67, session)).returns(0).identity("com.apple.loginwindow");
 }
 
 void WorkingDay::unlock(const Person& person, std::chrono::seconds at, std::uint32_t session) {
@@ -176,13 +173,13 @@ void WorkingDay::unlock(const Person& person, std::chrono::seconds at, std::uint
             .subject(userProcess(person.uid, 67, session))
             .text(verifyText(person.name))
             .returns(kWrongPassword, kRefused)
-            .identity({.signingId = "com.apple.loginwindow"});
+            .identity("com.apple.loginwindow");
     }
     logon(kAuthUser, at)
         .subject(userProcess(person.uid, 67, session))
         .text(verifyText(person.name))
         .returns(0)
-        .identity({.signingId = "com.apple.loginwindow"});
+        .identity("com.apple.loginwindow");
 }
 
 void WorkingDay::touchId(std::chrono::seconds at, std::uint32_t session) {
@@ -191,7 +188,7 @@ void WorkingDay::touchId(std::chrono::seconds at, std::uint32_t session) {
         .subject(daemon(98, session))
         .text("Touch ID authentication")
         .returns(0)
-        .identity({.signingId = "com.apple.coreauthd"});
+        .identity("com.apple.coreauthd");
 }
 
 void WorkingDay::refusedAuthorization(const Person& person, std::chrono::seconds at) {
@@ -199,28 +196,24 @@ void WorkingDay::refusedAuthorization(const Person& person, std::chrono::seconds
         .subject(daemon(145, 100005))
         .text(fmt::format("Authentication of user <{}> failed", person.name))
         .returns(60, kRefused)
-        .identity({.signingId = "com.apple.authorizationhost"});
+        .identity("com.apple.authorizationhost");
 }
 
 void WorkingDay::terminal(const Person& person, std::chrono::seconds at, std::uint32_t session) {
     const auto shell = userProcess(person.uid, 2210 + random(900), session);
-    logon(kLogin, at).subject(shell).text("successful login").returns(0).identity({.signingId = "com.apple.login"});
+    logon(kLogin, at).subject(shell).text("successful login").returns(0).identity("com.apple.login");
     logon(kSudo, at + 40s)
         .subject(shell)
         .text("/usr/bin/less /var/log/install.log")
         .returns(1, 1)
-        .identity({.signingId = "com.apple.sudo"});
+        .identity("com.apple.sudo");
     logon(kSudo, at + 52s)
         .subject(shell)
         .text("/usr/bin/less /var/log/install.log")
         .returns(0)
-        .identity({.signingId = "com.apple.sudo"});
-    logon(kSu, at + 3min)
-        .subject(shell)
-        .text("su: bad su")
-        .returns(1, kRefused)
-        .identity({.signingId = "com.apple.su"});
-    logon(kLogout, at + 6min).subject(shell).returns(0).identity({.signingId = "com.apple.login"});
+        .identity("com.apple.sudo");
+    logon(kSu, at + 3min).subject(shell).text("su: bad su").returns(1, kRefused).identity("com.apple.su");
+    logon(kLogout, at + 6min).subject(shell).returns(0).identity("com.apple.login");
 }
 
 void WorkingDay::remoteSession(const Person& person, std::chrono::seconds at, const std::string& from) {
@@ -228,7 +221,7 @@ void WorkingDay::remoteSession(const Person& person, std::chrono::seconds at, co
     auto caller = userProcess(person.uid, process, 100040 + random(50));
     caller.port = 0xD43A0016;
     caller.address = from;
-    const Identity sshd = {.signingId = "com.apple.sshd"};
+    const std::string sshd = "com.apple.sshd";
     other(32, at).subject(daemon(4090)).arg32(1, "fd", 5).path("/usr/sbin/sshd").returns(0);
     logon(kOpenSsh, at)
         .header(Layout::k32Ex, from)
@@ -263,7 +256,7 @@ void WorkingDay::noise(std::chrono::seconds at) {
                 .attr32(0100755, 0, 0)
                 .subject(process)
                 .returns(0)
-                .identity({.signingId = "com.apple.sh"});
+                .identity("com.apple.sh");
             break;
         case 2:
             other(32, at).arg32(1, "fd", 7).sockInet32(443, "17.253.144.10").subject(process).returns(0);

@@ -6,8 +6,8 @@
 #pragma once
 
 #include "support/SystemVolume.h"
-#include "support/TrailRecord.h"
-#include "support/TrailWriter.h"
+#include "volume/TrailRecord.h"
+#include "volume/TrailWriter.h"
 
 #include <chrono>
 #include <cstddef>

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 namespace sentrova::bsm {
 
@@ -34,10 +35,7 @@ std::optional<std::size_t> recordLength(std::span<const std::uint8_t> bytes) {
                 return kRecordStart;
             }
             const std::size_t length = in.u32();
-            if (length < kRecordStart || length > RecordReader::kMaximumRecordLength) {
-                return std::nullopt;
-            }
-            return length;
+            return length < kRecordStart ? std::nullopt : std::optional(length);
         }
         case TokenId::kOtherFile32:
             if (bytes.size() < kFileTokenStart) {
@@ -54,7 +52,7 @@ std::optional<std::size_t> recordLength(std::span<const std::uint8_t> bytes) {
 
 std::ptrdiff_t RecordReader::au_read_rec() {
     record_ = {};
-    if (end_ != End::kNotYet) {
+    if (end_ != End::kNotYet || (skippedLength_ > 0 && !skipRecord())) {
         return -1;
     }
     for (;;) {
@@ -62,6 +60,10 @@ std::ptrdiff_t RecordReader::au_read_rec() {
         const auto length = recordLength(bytes);
         if (!length) {
             return finish(End::kGarbage);
+        }
+        if (*length > kMaximumRecordLength) {
+            skippedLength_ = *length;
+            return 0;
         }
         if (*length <= bytes.size()) {
             record_ = bytes.first(*length);
@@ -75,8 +77,25 @@ std::ptrdiff_t RecordReader::au_read_rec() {
     }
 }
 
-// Takes more bytes from the source, behind those at hand and with room for a record of the given length. Returns false
-// at the end.
+// Takes the rest of the record from the source without keeping it. Returns false at the end.
+bool RecordReader::skipRecord() {
+    for (;;) {
+        const auto count = std::min<std::uint64_t>(skippedLength_ - skipped_, filled_ - next_);
+        next_ += count;
+        skipped_ += count;
+        if (skipped_ == skippedLength_) {
+            position_ += std::exchange(skippedLength_, 0);
+            skipped_ = 0;
+            return true;
+        }
+        if (!fill(kRecordStart)) {
+            return false;
+        }
+    }
+}
+
+// Takes more bytes from the source, behind those at hand, which are fewer than the given length of their record.
+// Returns false at the end.
 bool RecordReader::fill(std::size_t recordLength) {
     if (next_ > 0) {
         const auto begin = block_.begin();
@@ -84,8 +103,14 @@ bool RecordReader::fill(std::size_t recordLength) {
         filled_ -= next_;
         next_ = 0;
     }
-    if (block_.size() < std::max(recordLength, kBlockLength)) {
-        block_.resize(std::max(recordLength, kBlockLength));
+    if (block_.empty()) {
+        block_.resize(kBlockLength);
+    } else if (filled_ == block_.size()) {
+        block_.resize(std::min(recordLength, 2 * block_.size()));
+    } else if (block_.size() > kBlockLength && recordLength <= kBlockLength && filled_ < kBlockLength) {
+        // The source may have nothing for days after a long record.
+        block_.resize(kBlockLength);
+        block_.shrink_to_fit();
     }
     const auto count = source_.read(std::span(block_).subspan(filled_));
     if (count > 0) {
@@ -95,7 +120,7 @@ bool RecordReader::fill(std::size_t recordLength) {
     if (count < 0) {
         finish(End::kReadError);
     } else {
-        finish(filled_ == 0 ? End::kEndOfData : End::kTruncatedRecord);
+        finish(leftUnread() == 0 ? End::kEndOfData : End::kTruncatedRecord);
     }
     return false;
 }

@@ -9,15 +9,18 @@ namespace sentrova::bsm {
 
 namespace {
 
-constexpr std::uint16_t kTrailerMagic = 0xB105;
 constexpr std::size_t kTrailerLength = 7;
 
 // The longest path that a local socket's address holds.
 constexpr std::size_t kSocketPathLength = 104;
 
+constexpr bool isAddressLength(std::uint32_t length) {
+    return length == 4 || length == 16;
+}
+
 // An address of a length that the record gives: 4 or 16, nothing else.
 std::span<const std::uint8_t> takeAddress(ByteCursor& in, std::uint32_t length) {
-    if (length != 4 && length != 16) {
+    if (!isAddressLength(length)) {
         in.reject();
     }
     return in.take(length);
@@ -30,7 +33,9 @@ HeaderToken takeHeader(ByteCursor& in, bool wide, bool extended) {
     header.eventType = in.u16();
     header.eventModifier = in.u16();
     if (extended) {
-        takeAddress(in, in.u32());
+        // Unlike in other tokens, an address of any other kind takes no bytes here.
+        const auto length = in.u32();
+        in.take(isAddressLength(length) ? length : 0);
     }
     header.seconds = in.word(wide);
     header.milliseconds = in.word(wide);
@@ -101,8 +106,12 @@ void skipData(ByteCursor& in) {
     in.u8();  // how to print it
     const auto unit = in.u8();
     const auto count = in.u8();
-    // The writer takes a unit that it does not know for bytes.
-    in.take(std::size_t{count} << (unit <= 3 ? unit : 0));
+    constexpr std::uint8_t kLargestUnit = 3;
+    if (unit > kLargestUnit) {
+        in.reject();
+        return;
+    }
+    in.take(std::size_t{count} << unit);
 }
 
 // As many strings, each with a zero byte at its end, as the count before them says.
@@ -187,21 +196,14 @@ bool skipContent(TokenId id, ByteCursor& in) {
     }
 }
 
-// Leaves the cursor at the trailer that ends the record; there must be one, and something before it.
-void skipToTrailer(ByteCursor& in, std::size_t recordLength) {
-    const auto rest = in.rest();
-    if (rest.size() < kTrailerLength) {
+// Leaves the cursor at the last bytes of the record, where its trailer should be. Whether they are one is not judged:
+// the next token tells.
+void skipToTrailer(ByteCursor& in) {
+    if (in.left() < kTrailerLength) {
         in.reject();
         return;
     }
-    ByteCursor trailer(rest.last(kTrailerLength));
-    const bool found = static_cast<TokenId>(trailer.u8()) == TokenId::kTrailer && trailer.u16() == kTrailerMagic &&
-                       trailer.u32() == recordLength;
-    if (found) {
-        in.take(rest.size() - kTrailerLength);
-    } else {
-        in.reject();
-    }
+    in.take(in.left() - kTrailerLength);
 }
 
 }  // namespace
@@ -246,7 +248,7 @@ int TokenReader::au_fetch_tok() {
         default:
             token_.content = std::monostate();
             if (!skipContent(id, in)) {
-                skipToTrailer(in, record_.size());
+                skipToTrailer(in);
             }
     }
     if (in.damaged()) {

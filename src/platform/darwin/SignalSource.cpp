@@ -1,13 +1,15 @@
 #include "platform/SignalSource.h"
 
+#include "foundation/DispatchQueue.h"
+#include "foundation/ThreadStart.h"
 #include "platform/darwin/KernelQueue.h"
 
 #include <sys/event.h>
 
 #include <cerrno>
 #include <csignal>
+#include <memory>
 #include <system_error>
-#include <thread>
 
 namespace sentrova::platform {
 
@@ -17,7 +19,7 @@ namespace {
 class KernelQueueSource final : public SignalSource {
   public:
     KernelQueueSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {
-        if (!queue_ || !queue_.watch(static_cast<std::uintptr_t>(signal), EVFILT_SIGNAL, 0)) {
+        if (!*queue_ || !queue_->watch(static_cast<std::uintptr_t>(signal), EVFILT_SIGNAL, 0)) {
             throw std::system_error(errno, std::generic_category(), "cannot listen to signals");
         }
         // Only now, so that no signal is lost in between.
@@ -28,15 +30,16 @@ class KernelQueueSource final : public SignalSource {
     }
 
     void resume() override {
-        std::thread([queue = std::move(queue_), handler = handler_]() mutable {
-            while (queue.wait()) {
-                handler();
+        startThread([queue = queue_, handler = handler_] {
+            while (queue->wait()) {
+                runGuarded("SignalSource", handler);
             }
         }).detach();
     }
 
   private:
-    KernelQueue queue_;
+    // Shared with the thread.
+    const std::shared_ptr<KernelQueue> queue_ = std::make_shared<KernelQueue>();
     const std::function<void()> handler_;
 };
 

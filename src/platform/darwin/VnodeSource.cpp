@@ -2,6 +2,7 @@
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/FileDescriptor.h"
+#include "foundation/ThreadStart.h"
 #include "platform/darwin/KernelQueue.h"
 
 #include <fcntl.h>
@@ -26,7 +27,7 @@ class KernelQueueSource final : public VnodeSource {
         if (!queue_ || thread_.joinable()) {
             return false;
         }
-        thread_ = std::thread([this] { listen(); });
+        thread_ = startThread([this] { listen(); });
         return true;
     }
 

@@ -1,5 +1,6 @@
 #include "platform/Directory.h"
 
+#include "foundation/Clock.h"
 #include "foundation/FileSystem.h"
 #include "foundation/Mutex.h"
 #include "foundation/PropertyList.h"
@@ -9,6 +10,7 @@
 #include <array>
 #include <charconv>
 #include <string_view>
+#include <unordered_set>
 
 namespace sentrova::platform {
 
@@ -127,6 +129,35 @@ class NodeFolder {
     std::map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
 };
 
+// Files that were not there when they were last asked for. A trail may ask for the same one thousands of times in a
+// row, and each look at the disk costs as much as the rest of an event.
+class MissingFiles {
+  public:
+    bool contains(const std::string& path, Clock::Monotonic now) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        if (now >= forgetAt_) {
+            paths_.clear();
+        }
+        return paths_.contains(path);
+    }
+
+    void add(const std::string& path, Clock::Monotonic now) EXCLUDES(mutex_) {
+        MutexLock lock(mutex_);
+        if (paths_.empty()) {
+            forgetAt_ = now + kRemembered;
+        }
+        paths_.insert(path);
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds kRemembered{1};
+
+    Mutex mutex_;
+    // Bounded by what can be looked for in that time.
+    std::unordered_set<std::string> paths_ GUARDED_BY(mutex_);
+    Clock::Monotonic forgetAt_ GUARDED_BY(mutex_);
+};
+
 // The volume's local node, then the host's own databases.
 class VolumeDirectory final : public Directory {
   public:
@@ -151,14 +182,22 @@ class VolumeDirectory final : public Directory {
             name.find('\0') != std::string::npos) {
             return records;
         }
-        if (auto record = readRecord(users_.path() + "/" + name + std::string(kExtension))) {
+        const auto path = users_.path() + "/" + name + std::string(kExtension);
+        const auto now = Clock::shared().monotonicTime();
+        if (missing_.contains(path, now)) {
+            return records;
+        }
+        if (auto record = readRecord(path)) {
             record->try_emplace(kAttributeRecordName, std::vector<std::string>{name});
             records.push_back(std::move(*record));
+        } else {
+            missing_.add(path, now);
         }
         return records;
     }
 
   private:
+    MissingFiles missing_;
     NodeFolder users_{"users", kAttributeUniqueId};
     NodeFolder groups_{"groups", kGroupId};
 };

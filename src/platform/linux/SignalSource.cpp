@@ -1,9 +1,11 @@
 #include "platform/SignalSource.h"
 
+#include "foundation/DispatchQueue.h"
+#include "foundation/ThreadStart.h"
+
 #include <pthread.h>
 
 #include <csignal>
-#include <thread>
 
 namespace sentrova::platform {
 
@@ -20,11 +22,11 @@ class WaitingSource final : public SignalSource {
     }
 
     void resume() override {
-        std::thread([signals = signals_, handler = handler_] {
+        startThread([signals = signals_, handler = handler_] {
             for (;;) {
                 int signal = 0;
                 if (::sigwait(&signals, &signal) == 0) {
-                    handler();
+                    runGuarded("SignalSource", handler);
                 }
             }
         }).detach();

@@ -2,6 +2,7 @@
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/FileDescriptor.h"
+#include "foundation/ThreadStart.h"
 #include "platform/WaitForInput.h"
 
 #include <sys/eventfd.h>
@@ -28,7 +29,7 @@ class InotifySource final : public VnodeSource {
         if (!events_ || thread_.joinable()) {
             return false;
         }
-        thread_ = std::thread([this] { listen(); });
+        thread_ = startThread([this] { listen(); });
         return true;
     }
 

@@ -2,6 +2,7 @@
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/FileDescriptor.h"
+#include "foundation/ThreadStart.h"
 #include "platform/WaitForInput.h"
 
 #include <sys/eventfd.h>
@@ -23,7 +24,7 @@ class ClockJumpSource final : public WakeSource {
         : timer_(std::move(timer)),
           wake_(std::move(wake)),
           handler_(std::move(handler)),
-          thread_([this] { listen(); }) {}
+          thread_(startThread([this] { listen(); })) {}
 
     ~ClockJumpSource() override {
         ::eventfd_write(wake_.get(), 1);

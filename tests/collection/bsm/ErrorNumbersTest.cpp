@@ -7,10 +7,11 @@
 namespace sentrova::testing {
 
 TEST(ErrorNumbersTest, StatusesBecomeTheHostsOwnNumbers) {
-    // Those without a number are not assigned, or none of this host's.
+    // Those without a number are not assigned, none of this host's, or not converted by the platform's library.
     const std::pair<std::uint8_t, std::optional<int>> cases[] = {
-        {0, 0},        {1, EPERM},       {22, EINVAL}, {37, ECHRNG}, {45, EDEADLK}, {48, ENOTSUP}, {89, ENOSYS},
-        {151, ESTALE}, {145, ETIMEDOUT}, {75, {}},     {204, {}},    {250, {}},     {255, {}},
+        {0, 0},       {1, EPERM},    {22, EINVAL},     {37, ECHRNG}, {45, EDEADLK}, {48, ENOTSUP},
+        {89, ENOSYS}, {151, ESTALE}, {145, ETIMEDOUT}, {75, {}},     {204, {}},     {250, {}},
+        {255, {}},    {61, {}},      {62, {}},         {63, {}},     {128, {}},     {127, ENETDOWN},
     };
     for (const auto& [status, expected] : cases) {
         EXPECT_EQ(bsm::au_bsm_to_errno(status), expected) << "status " << int{status};

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "support/TrailRecord.h"
+#include "volume/TrailRecord.h"
 
 #include <algorithm>
 #include <cstddef>

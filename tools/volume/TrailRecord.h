@@ -10,6 +10,7 @@
 
 #include <arpa/inet.h>
 
+#include <array>
 #include <chrono>
 #include <concepts>
 #include <cstdint>
@@ -35,13 +36,6 @@ struct Subject {
     std::uint32_t sessionId = 100000;
     std::uint64_t port = 0;
     std::string address = "0.0.0.0";
-};
-
-struct Identity {
-    std::string signingId = {};
-    std::string teamId = {};
-    Data cdhash = Data(20, 0xCD);
-    std::uint32_t signerType = 1;
 };
 
 // Appends what audit records consist of.
@@ -115,22 +109,25 @@ class TrailRecord {
     }
 
     TrailRecord& subject(const Subject& subject, Layout layout = Layout::k32) {
-        return subjectToken("\x24\x75\x7A\x7C", subject, layout);
+        return subjectToken({0x24, 0x75, 0x7A, 0x7C}, subject, layout);
     }
     // A process token: who the record's action was done to.
     TrailRecord& process(const Subject& subject, Layout layout = Layout::k32) {
-        return subjectToken("\x26\x77\x7B\x7D", subject, layout);
+        return subjectToken({0x26, 0x77, 0x7B, 0x7D}, subject, layout);
     }
     TrailRecord& text(std::string_view text) { return token(0x28).counted(text); }
     TrailRecord& returns(std::uint32_t value, std::uint8_t status = 0) { return token(0x27, status, value); }
     TrailRecord& returns64(std::uint64_t value, std::uint8_t status = 0) { return token(0x72, status, value); }
-    TrailRecord& identity(const Identity& identity) {
-        token(0xED, identity.signerType).counted(identity.signingId);
+    // The code signature of the process. The numbers between the texts say that neither text was cut.
+    TrailRecord& identity(std::string_view signingId, std::string_view teamId = "",
+                          const Data& cdhash = Data(20, 0xCD)) {
+        constexpr std::uint32_t kSignerType = 1;
+        token(0xED, kSignerType).counted(signingId);
         tokens_.put(std::uint8_t{0});
-        counted(identity.teamId);
+        counted(teamId);
         tokens_.put(std::uint8_t{0});
-        tokens_.put(static_cast<std::uint16_t>(identity.cdhash.size()));
-        return raw(identity.cdhash);
+        tokens_.put(static_cast<std::uint16_t>(cdhash.size()));
+        return raw(cdhash);
     }
     TrailRecord& path(std::string_view path) { return token(0x23).counted(path); }
     TrailRecord& arg32(std::uint8_t number, std::string_view name, std::uint32_t value) {
@@ -140,7 +137,8 @@ class TrailRecord {
         return token(0x71, number, value).counted(name);
     }
     TrailRecord& attr32(std::uint32_t mode, std::uint32_t user, std::uint32_t group) {
-        constexpr std::uint32_t kFileSystem = 0x01000004, kDevice = 0;
+        constexpr std::uint32_t kFileSystem = 0x01000004;
+        constexpr std::uint32_t kDevice = 0;
         constexpr std::uint64_t kFile = 8675309;
         return token(0x3E, mode, user, group, kFileSystem, kFile, kDevice);
     }
@@ -188,11 +186,11 @@ class TrailRecord {
         rest.putWord(static_cast<std::uint64_t>(fraction_.count()), layout_);
         rest.put(std::span<const std::uint8_t>(tokens_.bytes));
 
-        constexpr std::uint8_t kIds[] = {0x14, 0x74, 0x15, 0x79};
+        constexpr Ids kIds = {0x14, 0x74, 0x15, 0x79};
         constexpr std::size_t kStartAndTrailer = 5 + 7;
         const auto length = static_cast<std::uint32_t>(rest.bytes.size() + kStartAndTrailer);
         TrailBytes record;
-        record.put(kIds[static_cast<std::size_t>(layout_)]);
+        record.put(kIds.at(static_cast<std::size_t>(layout_)));
         record.put(length);
         record.put(std::span<const std::uint8_t>(rest.bytes));
         record.put(std::uint8_t{0x13});
@@ -212,11 +210,11 @@ class TrailRecord {
         tokens_.putCounted(text);
         return *this;
     }
-    // The ids in the order of the layouts.
-    TrailRecord& subjectToken(std::string_view ids, const Subject& subject, Layout layout) {
-        token(static_cast<std::uint8_t>(ids[static_cast<std::size_t>(layout)]), subject.auditId,
-              subject.effectiveUserId, subject.effectiveGroupId, subject.realUserId, subject.realGroupId,
-              subject.processId, subject.sessionId);
+    // The ids of a kind of token, in the order of the layouts.
+    using Ids = std::array<std::uint8_t, 4>;
+    TrailRecord& subjectToken(const Ids& ids, const Subject& subject, Layout layout) {
+        token(ids.at(static_cast<std::size_t>(layout)), subject.auditId, subject.effectiveUserId,
+              subject.effectiveGroupId, subject.realUserId, subject.realGroupId, subject.processId, subject.sessionId);
         tokens_.putWord(subject.port, layout);
         tokens_.putAddress(subject.address, layout);
         return *this;

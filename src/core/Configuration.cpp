@@ -1,0 +1,108 @@
+#include "core/Configuration.h"
+
+#include "core/ConfigurationError.h"
+#include "core/GlobalConstants.h"
+#include "forwarding/SecurityUtil.h"
+
+#include <cstddef>
+#include <string_view>
+
+#include <fmt/format.h>
+
+namespace sentrova {
+
+namespace {
+
+using Text = std::optional<std::string>;
+
+// The identity is stored behind this many characters.
+constexpr std::size_t kIdentityPrefix = 32;
+
+Text textIn(const Dictionary& dictionary, std::string_view key) {
+    const auto& value = dictionary[key];
+    return value.string() || value.isNumber() ? Text(value.description()) : std::nullopt;
+}
+
+// The text from the given UTF-16 index on; nothing when the text is shorter.
+Text fromIndex(const std::string& text, std::size_t index) {
+    std::size_t units = 0;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        if ((byte & 0xC0U) == 0x80) {
+            continue;
+        }
+        if (units >= index) {
+            return text.substr(at);
+        }
+        // Characters of four bytes take two units.
+        units += byte >= 0xF0 ? 2 : 1;
+    }
+    return units >= index ? Text(std::string()) : std::nullopt;
+}
+
+}  // namespace
+
+Relay relayOf(const std::optional<std::string>& serverName) {
+    if (!serverName) {
+        return Relay::unspecified;
+    }
+    return serverName->empty() || *serverName == GlobalConstants::NO_NAT_SERVER ? Relay::none : Relay::named;
+}
+
+ServerSettings ServerSettings::from(const Dictionary& serverInfo) {
+    ServerSettings settings;
+    settings.orgAccessKey = textIn(serverInfo, GlobalConstants::ORG_ACCESS_KEY);
+    settings.agentUID = textIn(serverInfo, GlobalConstants::AGENT_UID);
+    settings.serverIP = textIn(serverInfo, GlobalConstants::SERVERIP);
+    settings.serverFQDN = textIn(serverInfo, GlobalConstants::SERVERFQDN);
+    settings.serverName = textIn(serverInfo, GlobalConstants::SERVERNAME);
+    settings.serverPort = serverInfo[GlobalConstants::SERVER_PORT].integerValue();
+    settings.serverProtocol = textIn(serverInfo, GlobalConstants::PROTOCOL);
+    settings.agentPort = serverInfo[GlobalConstants::AGENT_PORT].integerValue();
+    settings.isRealTime = serverInfo[GlobalConstants::REALTIME].boolValue();
+    settings.eventsToRead = textIn(serverInfo, GlobalConstants::EVENTS_TO_READ);
+    settings.isEnabled = serverInfo[GlobalConstants::IS_ENABLED].boolValue();
+    settings.noOfEventsPerRequest = serverInfo[GlobalConstants::NUMBER_OF_EVENTS].integerValue();
+    settings.eventDataSize = serverInfo[GlobalConstants::MAX_DATA_SIZE].integerValue();
+    settings.agentProtocol = textIn(serverInfo, GlobalConstants::AGENT_PROTOCOL);
+    settings.NATServerName = textIn(serverInfo, GlobalConstants::NAT_SERVER);
+    settings.NATPort = serverInfo[GlobalConstants::NAT_PORT].intValue();
+    settings.NATProtocol = textIn(serverInfo, GlobalConstants::NAT_PROTOCOL);
+    return settings;
+}
+
+AgentSettings AgentSettings::from(const Dictionary& mine) {
+    AgentSettings settings;
+    settings.logLevel = mine[GlobalConstants::LOG_LEVEL].intValue();
+    const auto& version = mine[GlobalConstants::AGENT_VERSION];
+    settings.agentVersion = version.isNull() ? Text() : Text(version.description());
+    return settings;
+}
+
+Text AgentSettings::identityIn(const Dictionary& mine, const Text& agentUID, const std::string& file) {
+    const auto& stored = mine[GlobalConstants::AGENT_AUTHENTICATION_ID];
+    if (stored.isNull()) {
+        return std::nullopt;
+    }
+    const auto text = stored.description();
+    const auto cipher = fromIndex(text, kIdentityPrefix);
+    if (!cipher) {
+        throw ConfigurationError(
+            fmt::format("The key \"{}\" of {} holds fewer than {} characters, so no identity can be in it",
+                        GlobalConstants::AGENT_AUTHENTICATION_ID, file, kIdentityPrefix));
+    }
+    const auto vector = text.substr(0, text.size() - cipher->size());
+    const auto plain =
+        SecurityUtil::decrypt(cipher, agentUID.value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)), vector);
+    return plain ? *plain : std::nullopt;
+}
+
+Folders Folders::around(const std::string& installation) {
+    return {.agentInstallationPath = installation,
+            .eventDataPath = installation + "/../eventData",
+            .logsPath = installation + "/../logs",
+            .confPath = installation + "/../conf",
+            .binPath = installation + "/../bin"};
+}
+
+}  // namespace sentrova
