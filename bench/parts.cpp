@@ -337,6 +337,7 @@ int main(int argc, char** argv) {
         return 64;
     }
     benchmark::AddCustomContext("spool", spoolFolder());
+    benchmark::AddCustomContext("compiler", __VERSION__);
     benchmark::RunSpecifiedBenchmarks();
     sentrova::ProcessWideState::reset();
     return EXIT_SUCCESS;
