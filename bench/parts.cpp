@@ -84,7 +84,7 @@ void readAndSum(benchmark::State& state) {
         benchmark::DoNotOptimize(sum);
     }
     countPerSecond(state, "records/s", records);
-    state.counters["bytes a record"] =
+    state.counters["bytes per record"] =
         static_cast<double>(std::filesystem::file_size(path)) / static_cast<double>(records);
 }
 
@@ -169,7 +169,7 @@ void bareClient(benchmark::State& state) {
         client.post(batches);
     }
     countPerSecond(state, "events/s", batches.size() * 1000);
-    state.counters["bytes a batch"] = static_cast<double>(batches.front().size());
+    state.counters["bytes per batch"] = static_cast<double>(batches.front().size());
 }
 
 // The agent's own session, and how many completions have run.

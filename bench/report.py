@@ -40,7 +40,9 @@ class Measurement:
     counters: dict[str, Any]
 
     def counter(self, name: str) -> float:
-        return self.counters.get(name, 0.0)
+        if name not in self.counters:
+            raise ValueError(f"{self.counters['name']}: no {name!r}")
+        return self.counters[name]
 
     @property
     def per_second(self) -> float:
@@ -154,10 +156,10 @@ def decode_row(results: Results) -> Row | None:
         return None
     ratio = ours.wall / plain.wall
     return Row(f"decode and filter {count(ours.size)} records that are not configured, "
-               f"{plain.counter('bytes a record'):.0f} bytes each",
+               f"{plain.counter('bytes per record'):.0f} bytes each",
                f"`read` and sum: {times(plain)}",
-               "at most 2x, or 10 million records a second",
-               f"{times(ours)}: {ratio:.2f}x; {rate(ours.per_second)} records a second",
+               "at most 2x, or 10 million records per second",
+               f"{times(ours)}: {ratio:.2f}x; {rate(ours.per_second)} records per second",
                ratio <= 2 or ours.per_second >= 1e7)
 
 
@@ -167,9 +169,9 @@ def spool_row(results: Results) -> Row | None:
     if not plain or not ours:
         return None
     return Row("selected record to JSON in a spool file",
-               f"the same without names and JSON: {rate(plain.per_second)} events a second",
-               "at least 300,000 events a second",
-               f"{rate(ours.per_second)} events a second (cpu {ours.cpu / ours.size * 1e6:.2f} us an event)",
+               f"the same without names and JSON: {rate(plain.per_second)} events per second",
+               "at least 300,000 events per second",
+               f"{rate(ours.per_second)} events per second (cpu {ours.cpu / ours.size * 1e6:.2f} us per event)",
                ours.per_second >= 300_000)
 
 
@@ -182,8 +184,8 @@ def delivery_row(results: Results) -> Row | None:
     events_per_second = ours.per_second * 1000
     return Row(f"spool file to confirmed delivery, loopback, {count(ours.size)} batches of 1,000 events",
                f"bare HTTP client, same bytes, 6 connections: {times(plain)}",
-               "at most 1.25x; at least 100,000 events a second",
-               f"{times(ours)}: {ratio:.2f}x; {rate(events_per_second)} events a second",
+               "at most 1.25x; at least 100,000 events per second",
+               f"{times(ours)}: {ratio:.2f}x; {rate(events_per_second)} events per second",
                ratio <= 1.25 and events_per_second >= 100_000)
 
 
@@ -198,7 +200,7 @@ def whole_agent_row(results: Results) -> Row | None:
     if ten:
         measured += f"; ten times the trail {times(ten)}: {ten.wall / one.wall:.1f}x"
         met = met and ten.wall <= 10 * one.wall
-    return Row("whole agent, 10^6 records, 5 in 100 selected, 500 events a batch",
+    return Row("whole agent, 10^6 records, 5 in 100 selected, 500 events per batch",
                f"`wc -c`, reading the trail through `cat`: {seconds(words.wall)}",
                "2 s; ten times the trail, at most ten times the time", measured, met)
 
@@ -244,11 +246,11 @@ def idle_row(results: Results) -> Row | None:
     resident = idle.counter("rss_kib") / 1024
     share = idle.counter("pss_kib") / 1024
     wakeups = idle.counter("wakeups")
-    measured = [f"{resident:.1f} MiB resident, {share:.1f} MiB with its share alone of what libraries share",
+    measured = [f"{resident:.1f} MiB resident, {share:.1f} MiB with shared pages divided among their users",
                 f"{wakeups:.0f} wake-ups of {idle.counter('threads'):.0f} threads",
                 *idle.counters.get("threads woken", [])]
     return Row(f"idle over {idle.counter('seconds'):.0f} s, realtime collection on", "none",
-               "at most 16 MiB; no wake-up but the tasks'", "; ".join(measured), resident <= 16 and wakeups <= 4)
+               "at most 16 MiB; no wake-ups except for scheduled tasks", "; ".join(measured), resident <= 16 and wakeups <= 4)
 
 
 def log_row(results: Results) -> Row | None:
@@ -257,19 +259,20 @@ def log_row(results: Results) -> Row | None:
     if not quiet or not debug:
         return None
     lines = debug.counter("lines")
-    measured = f"{times(debug)} for {lines:.0f} lines: {(debug.cpu - quiet.cpu) / lines * 1e6:.1f} us of cpu a line; "
+    measured = f"{times(debug)} for {lines:.0f} lines: {(debug.cpu - quiet.cpu) / lines * 1e6:.1f} us of cpu per line; "
     met = None
     if calls := results.largest("log calls"):
-        traced, opens, writes, closes = (calls.counter(name) for name in ("lines", "opens", "writes", "closes"))
+        traced, opens, writes, closes = (calls.counters.get(name, 0) for name in ("lines", "opens", "writes", "closes"))
         measured += f"{traced:.0f} lines under strace: {opens:.0f} opens, {writes:.0f} writes, {closes:.0f} closes"
         met = 0 < traced == opens == writes == closes
     else:
         measured += "calls not counted, no strace"
     return Row('"LogLevel" 2, the same trail', f"level 0: {times(quiet)}",
-               "cost stated; one open, one write, one close a line", measured, met)
+               "cost stated; one open, one write, one close per line", measured, met)
 
 
-ROWS = (decode_row, spool_row, delivery_row, whole_agent_row, unknown_ids_row, memory_row, outage_row, idle_row, log_row)
+ROWS = (decode_row, spool_row, delivery_row, whole_agent_row, unknown_ids_row, memory_row, outage_row, idle_row,
+        log_row)
 
 
 def target_table(results: Results) -> str:
@@ -394,13 +397,15 @@ def machine(compiler: str) -> str:
 
 def page(results: Results, curves: list[Curve], command: str) -> str:
     today = datetime.datetime.now(datetime.timezone.utc).date()
+    compiler = results.context.get("compiler", "unknown")
+    spool_folder = results.context.get("spool", "unknown")
     return f"""# Performance
 
-Written by `{command}` on {today}, on this machine: {machine(results.context.get("compiler", "unknown"))}.
+Written by `{command}` on {today}, on this machine: {machine(compiler)}.
 
-Each figure is the best of several repetitions; each baseline was measured in the same run. Times are wall-clock, with the processor
-time of all threads in brackets. What a row measures is said in `bench/parts.cpp` and `bench/agent.cpp`. Files lie
-on the disk, but those that the spool makes in the row of the selected record, which lie in `{results.context.get("spool", "")}`.
+Each figure is the best of several repetitions, and each baseline was measured in the same run. Times are wall-clock, with the
+processor time of all threads in brackets. The comments in `bench/parts.cpp` and `bench/agent.cpp` say what each row measures.
+All files are on disk, except those of the row "selected record to JSON in a spool file", which are in `{spool_folder}`.
 
 {target_table(results)}
 {growth_table(curves)}
