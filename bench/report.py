@@ -250,7 +250,8 @@ def idle_row(results: Results) -> Row | None:
                 f"{wakeups:.0f} wake-ups of {idle.counter('threads'):.0f} threads",
                 *idle.counters.get("threads woken", [])]
     return Row(f"idle over {idle.counter('seconds'):.0f} s, realtime collection on", "none",
-               "at most 16 MiB; no wake-ups except for scheduled tasks", "; ".join(measured), resident <= 16 and wakeups <= 4)
+               "at most 16 MiB; no wake-ups except for scheduled tasks", "; ".join(measured),
+               resident <= 16 and wakeups <= 4)
 
 
 def log_row(results: Results) -> Row | None:
@@ -285,8 +286,11 @@ def target_table(results: Results) -> str:
 
 @dataclasses.dataclass
 class Curve:
-    """How the cost of one benchmark grows. Colours are from the Okabe-Ito palette, which colour-blind readers can tell
-    apart; the markers differ as well, for print without colour."""
+    """How the cost of one benchmark grows, and how the plot shows it.
+
+    The colours are from the Okabe-Ito palette, which the colour-blind can tell apart. Markers differ for print without
+    colour.
+    """
 
     benchmark: str
     meaning: str
