@@ -1,4 +1,4 @@
-// Posts bodies with the network library and nothing around it: what a delivery costs at the least.
+// Posts bodies with libcurl alone: the least that a delivery can cost.
 
 #pragma once
 

@@ -36,7 +36,7 @@ testing::Subject person(std::size_t i) {
             .address = "10.20.3.41"};
 }
 
-// As a daemon that no user has started, under an account that is gone.
+// A daemon without an audit user, under a deleted account.
 testing::Subject stranger(std::size_t i) {
     auto subject = person(i);
     subject.auditId = 0xFFFFFFFF;
@@ -60,7 +60,7 @@ TrailRecord selectedRecord(std::size_t i, const testing::Subject& subject) {
         .identity("com.apple.sudo");
 }
 
-// What a Mac's trail is full of: sessions, mechanisms of the authorisation, files and programs.
+// The bulk of a Mac's trail: sessions, authorization mechanisms, files and programs.
 TrailRecord otherRecord(std::size_t i) {
     switch (i % 4) {
         case 0:
@@ -95,7 +95,8 @@ TrailRecord otherRecord(std::size_t i) {
     }
 }
 
-// Records of one second; the places of their seconds are given back beside their bytes.
+// The records of one second. `ends` and `seconds` are offsets into `bytes`: where each record ends, and where its
+// header holds the time.
 struct Block {
     std::string bytes;
     std::vector<std::size_t> ends;
@@ -140,7 +141,7 @@ BenchVolume::BenchVolume(const Configuration& configuration)
     volume_.addGroup("staff", {{"name", "staff"}, {"gid", 20}});
 }
 
-// Nothing has been read yet.
+// The agent keeps its progress in this file. No event has been read yet.
 void BenchVolume::writeOwnConfiguration() {
     volume_.writeConfiguration(
         "myconfigurations.plist",

@@ -12,11 +12,11 @@
 
 namespace sentrova::bench {
 
-// In a temporary folder that goes away with the object. Eight people of a domain are in its directory, nobody else.
+// Lives in a temporary folder that the destructor deletes. Its directory service knows eight users of a domain.
 class BenchVolume {
   public:
     struct Configuration {
-        // Of the server on loopback.
+        // Port of the server on loopback.
         int port = 9;
         int eventsPerRequest = 500;
         int logLevel = 0;
@@ -27,20 +27,20 @@ class BenchVolume {
 
     const testing::SystemVolume& files() const { return volume_; }
 
-    // Which of a trail's records are of a configured type.
+    // Which records of a trail have a configured event type.
     enum class Selected { none, fiveInHundred, all };
 
-    // Whether the directory knows the ids of the selected records.
+    // Whether the directory service knows the ids in the selected records.
     enum class Ids { known, halfUnknown };
 
-    // A closed trail of that many records; its path.
+    // Writes a closed trail of that many records and returns its path. Throws std::runtime_error if that fails.
     std::filesystem::path addTrail(std::string_view name, std::size_t records, Selected selected, Ids ids = Ids::known);
 
-    // People of the domain, beside the eight, with ids from firstUserId on.
+    // Adds users of the domain to the eight, with ids from kFirstUserId on.
     static constexpr std::uint32_t kFirstUserId = 100'000;
     void addUsers(std::size_t count);
 
-    // Makes this the surroundings of the process's own agent parts, fresh as after a first start.
+    // Makes the parts of the agent in this process use this volume, with the state of a first start.
     void enter();
 
   private:
@@ -50,10 +50,10 @@ class BenchVolume {
     testing::SystemVolume volume_;
 };
 
-// What the configuration selects.
+// The event names that the configuration selects.
 std::vector<std::string> eventsToRead();
 
-// Bytes of a file or of a pseudo-file of the host; empty when it cannot be read.
+// The content of a file, also of one in /proc; empty if the file cannot be read.
 std::string contentOf(const std::filesystem::path& path);
 
 }  // namespace sentrova::bench

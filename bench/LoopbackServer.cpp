@@ -37,7 +37,7 @@ using Counter = std::atomic<std::uint64_t>;
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// How many bytes follow the head of a request; the head ends with an empty line.
+// The number of body bytes that the head of a request announces.
 std::size_t contentLength(std::string_view head) {
     constexpr std::string_view kName = "Content-Length: ";
     std::size_t length = 0;
@@ -113,7 +113,7 @@ int listenOnLoopback(int& port) {
 }
 
 [[noreturn]] void runAudit(std::atomic<int>& port, Counter& arrived, bool isRefusing) {
-    // What it remembers is let go from time to time: a long run must not fill the memory.
+    // The server keeps what it received. Forgetting it regularly bounds the memory of a long run.
     constexpr std::uint64_t kRemembered = 50'000;
     testing::AuditServer::Configuration configuration;
     configuration.onEvent = [&arrived](const std::string&) { ++arrived; };
@@ -139,7 +139,7 @@ LoopbackServer::LoopbackServer(Kind kind)
           if (memory == MAP_FAILED) {
               failed("mmap");
           }
-          return ::new (memory) Shared;  // in the mapping, which both processes keep to their end
+          return ::new (memory) Shared;
       }()) {
     std::array<int, 2> ends{};
     if (::pipe(ends.data()) != 0) {

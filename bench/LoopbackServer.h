@@ -1,4 +1,4 @@
-// A server on loopback in a process of its own, so that its work is not taken for the agent's.
+// A server on loopback in a separate process, so that its work does not count as the agent's.
 
 #pragma once
 
@@ -11,16 +11,16 @@
 
 namespace sentrova::bench {
 
-// It forks: to be made before the process has threads. For one thread.
+// The constructor forks, so construct it before the process starts threads. Not thread-safe.
 class LoopbackServer {
   public:
     enum class Kind {
-        // The stand-in audit server of the tests, which reads what it gets; counts events.
+        // The stand-in audit server of the tests. Parses the deliveries and counts events.
         audit,
-        // The same, but it refuses every delivery.
+        // The same server, refusing every delivery.
         refusing,
-        // Answers every request with 200 as soon as its last byte has come, and looks at none; counts requests. What
-        // is measured against it is the client.
+        // Answers every request with 200 on its last byte, without parsing the body, and counts requests. Keeps the
+        // server's share of a measurement small.
         sink,
     };
 
@@ -30,17 +30,17 @@ class LoopbackServer {
     LoopbackServer& operator=(const LoopbackServer&) = delete;
 
     int port() const;
-    // How much has arrived since the start.
+    // How many events or requests have arrived since the start.
     std::uint64_t arrived() const;
-    // Whether as much had arrived before the time was over.
+    // Returns false if fewer have arrived when the time is over.
     [[nodiscard]] bool waitFor(std::uint64_t arrived, std::chrono::seconds time) const;
 
   private:
     struct Shared;
 
-    // In the memory of both processes.
+    // In memory that both processes share. Never unmapped.
     Shared* const shared_;
-    // The server ends when this end is closed, also by the end of this process.
+    // Write end of a pipe. The server exits when it is closed, also when this process dies.
     FileDescriptor lifeline_;
     pid_t process_ = -1;
 };

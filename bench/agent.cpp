@@ -1,6 +1,6 @@
-// What the whole agent costs: its own program, as the service manager runs it, over made trails and spools and against
-// the stand-in audit server. Writes its results as Google Benchmark does, so that one program reads both; times are in
-// seconds, from the start of the process.
+// The cost of the whole agent: its own program, started as the service manager does, with generated trails and spools
+// and the stand-in audit server. Writes its results in the format of Google Benchmark, so that one program reads both.
+// Times are in seconds, from the start of the process.
 
 #include "BenchVolume.h"
 #include "BuildPaths.h"
@@ -14,9 +14,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <functional>
 #include <map>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -49,7 +47,7 @@ double processorSecondsOfChildren() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// A number of a line "Name:   123 kB" in one of the host's files on a process.
+// The number in the line "Name:   123 kB" of a file in /proc; -1 if there is none.
 std::int64_t numberIn(const fs::path& file, std::string_view name) {
     const auto text = contentOf(file);
     const auto at = text.find(fmt::format("{}:", name));
@@ -75,7 +73,7 @@ class Results {
     Json all_ = Json::array();
 };
 
-// Runs the agent over the volume until that many events have arrived and its spool is empty.
+// Runs the agent on the volume until that many events have arrived and the spool is empty.
 Json deliver(const LoopbackServer& server, const BenchVolume& volume, std::uint64_t events,
              const fs::path& program = testing::build::kAgent) {
     const auto before = server.arrived();
@@ -96,15 +94,15 @@ Json deliver(const LoopbackServer& server, const BenchVolume& volume, std::uint6
             {"events", server.arrived() - before}};
 }
 
-// A file is written when the event after its last one arrives: with so many more records that is one event.
+// The spool writes a full file when the next event arrives. So many more records give that one event.
 constexpr std::size_t kLastInMemory = 20;
 
-// The events of a trail of that many records, and kLastInMemory more, that leave memory.
+// How many events of a trail of that many records, and kLastInMemory more, reach the spool.
 std::uint64_t spooled(std::size_t records) {
     return records / 20 / kEventsPerFile * kEventsPerFile;
 }
 
-// Reading every byte is the baseline; wc by itself would only ask for the size.
+// The baseline reads every byte; wc alone would only ask for the file's size.
 double secondsOfWordCount(const fs::path& trail) {
     const auto begin = std::chrono::steady_clock::now();
     const auto command = fmt::format("cat '{}' | wc -c >/dev/null", trail.string());
@@ -132,7 +130,7 @@ void runRecords(Results& results, const LoopbackServer& server, std::size_t larg
     }
 }
 
-// Files of five events each, left by an earlier run.
+// Adds files of five events each, as left by an earlier run.
 void addSpoolFiles(const BenchVolume& volume, std::size_t files) {
     std::string batch = "[";
     for (int i = 0; i < 5; ++i) {
@@ -162,7 +160,8 @@ double processorSeconds(const RunningAgent& agent) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// An agent whose server refuses deliveries, over rounds of announcements, without waiting files and with that many.
+// Runs an agent whose server refuses deliveries, first without waiting files and then with that many. Waiting files are
+// re-announced several times meanwhile.
 void runOutage(Results& results, const LoopbackServer& refusing, std::size_t largest, std::chrono::seconds time) {
     for (const std::size_t files : {std::size_t{0}, largest}) {
         const BenchVolume volume({.port = refusing.port()});
@@ -188,7 +187,7 @@ std::int64_t linesLogged(const BenchVolume& volume) {
     return lines;
 }
 
-// The same run at both levels; at level 2 also under strace, for what becomes of each line.
+// The same run at both log levels.
 void runLogLevels(Results& results, const LoopbackServer& server, std::size_t records) {
     for (const int level : {0, 2}) {
         BenchVolume volume({.port = server.port(), .logLevel = level});
@@ -199,8 +198,8 @@ void runLogLevels(Results& results, const LoopbackServer& server, std::size_t re
     }
 }
 
-// One file a thread, as strace writes it: a line of the log is "openat = N", then "write(N" and "close(N", each once
-// and with no other call between them. The end of the process can cut a line short; such a one is not counted.
+// Counts the system calls for the log in the files of strace, one per thread. Each line of the log takes an openat,
+// whose result is the descriptor, a write and a close. A line that the end of the process has cut short is not counted.
 Json callsOf(const fs::path& folder, std::int64_t lines) {
     std::int64_t opens = 0;
     std::int64_t writes = 0;
@@ -251,7 +250,7 @@ void runTracedLog(Results& results, const LoopbackServer& server) {
     RunningAgent agent(program, volume.files());
     static_cast<void>(testing::waitForLog(volume.files(), "Config", "1 file read", kPatience));
     agent.stop();
-    // The tracer may still be writing when the agent is gone.
+    // strace may still be writing after the agent has ended.
     const bool complete = testing::waitUntil([&folder] {
         return std::ranges::all_of(fs::directory_iterator(folder),
                                    [](const auto& file) { return contentOf(file.path()).ends_with("+++\n"); });
@@ -268,12 +267,12 @@ std::map<std::string, std::int64_t> switchesByThread(const RunningAgent& agent) 
     return switches;
 }
 
-// With a spool that is empty, realtime collection on and the tasks of an installation.
+// Runs the agent with an empty spool, realtime collection and the scheduled tasks of an installation.
 void runIdle(Results& results, const LoopbackServer& server, std::chrono::seconds time) {
     BenchVolume volume({.port = server.port(), .realtime = true});
     fs::copy_file(testing::build::kShippedSchedules, volume.files().conf() / "schedules.plist");
     RunningAgent agent(testing::build::kAgent, volume.files());
-    // Half a minute after its start the spool asks, once, for the time of the last event to be stored.
+    // Half a minute after the start, the spool stores the time of the last event, once.
     std::this_thread::sleep_for(time < 60s ? 3s : 35s);
     const auto before = switchesByThread(agent);
     std::this_thread::sleep_for(time);
@@ -297,54 +296,55 @@ void runIdle(Results& results, const LoopbackServer& server, std::chrono::second
     results.add("idle", run);
 }
 
-int run(const std::vector<std::string>& arguments) {
-    const std::string size = arguments.at(1);
-    const bool full = size == "full";
-    const bool smoke = size == "smoke";
+struct Sizes {
+    std::size_t records;
+    int repetitions;
+    std::size_t spoolFiles;
+    std::size_t waitingFiles;
+    std::chrono::seconds outage;
+    std::size_t loggedRecords;
+    std::chrono::seconds idle;
+};
+const std::map<std::string, Sizes> kSizes = {{"full", {10'000'000, 3, 100'000, 100'000, 60s, 1'000'000, 60s}},
+                                             {"quick", {1'000'000, 3, 10'000, 100'000, 30s, 1'000'000, 10s}},
+                                             {"smoke", {100'000, 1, 10, 100, 1s, 20'000, 1s}}};
+
+void run(const Sizes& sizes, const std::string& file, const std::vector<std::string>& parts) {
     const LoopbackServer server(LoopbackServer::Kind::audit);
     const LoopbackServer refusing(LoopbackServer::Kind::refusing);
     Results results;
-    const std::map<std::string, std::function<void()>> parts = {
-        {"idle", [&] { runIdle(results, server,
-                               full    ? 60s
-                               : smoke ? 1s
-                                       : 10s); }},
-        {"records",
-         [&] {
-             runRecords(results, server, smoke ? 100'000 : full ? 10'000'000 : 1'000'000, smoke ? 1 : 3);
-         }},
-        {"spool", [&] { runSpool(results, server,
-                                 smoke  ? 10
-                                 : full ? 100'000
-                                        : 10'000); }},
-        {"outage", [&] { runOutage(results, refusing, smoke ? 100 : 100'000,
-                                   full    ? 60s
-                                   : smoke ? 1s
-                                           : 30s); }},
-        {"log",
-         [&] {
-             runLogLevels(results, server, smoke ? 20'000 : 1'000'000);
-             runTracedLog(results, server);
-         }},
-    };
-    for (auto name = arguments.begin() + 3; name != arguments.end(); ++name) {
-        parts.at (*name)();
+    for (const auto& part : parts) {
+        if (part == "records") {
+            runRecords(results, server, sizes.records, sizes.repetitions);
+        } else if (part == "spool") {
+            runSpool(results, server, sizes.spoolFiles);
+        } else if (part == "outage") {
+            runOutage(results, refusing, sizes.waitingFiles, sizes.outage);
+        } else if (part == "log") {
+            runLogLevels(results, server, sizes.loggedRecords);
+            runTracedLog(results, server);
+        } else if (part == "idle") {
+            runIdle(results, server, sizes.idle);
+        } else {
+            throw std::runtime_error("no such measurement: " + part);
+        }
     }
-    results.write(arguments[2]);
-    return EXIT_SUCCESS;
+    results.write(file);
 }
 
 }  // namespace
 }  // namespace sentrova::bench
 
 int main(int argc, char** argv) {
+    using namespace sentrova::bench;
     const std::vector<std::string> arguments(argv, argv + argc);
-    if (arguments.size() < 4) {
-        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE idle|records|spool|outage|log...\n", arguments[0]);
+    if (arguments.size() < 4 || !kSizes.contains(arguments[1])) {
+        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE records|spool|outage|log|idle...\n", arguments[0]);
         return 64;
     }
     try {
-        return sentrova::bench::run(arguments);
+        run(kSizes.at(arguments[1]), arguments[2], {arguments.begin() + 3, arguments.end()});
+        return EXIT_SUCCESS;
     } catch (const std::exception& exception) {
         fmt::print(stderr, "{}: {}\n", arguments[0], exception.what());
         return EXIT_FAILURE;

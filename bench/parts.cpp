@@ -1,5 +1,5 @@
-// What the parts of the agent's road cost, each beside its baseline. Times are wall-clock ("real") and the processor
-// time of all threads of this process ("cpu").
+// The cost of the agent's parts, each beside a baseline. Times are wall-clock ("real") and the processor time of all
+// threads of this process ("cpu").
 
 #include "BareClient.h"
 #include "BenchVolume.h"
@@ -8,7 +8,6 @@
 #include "collection/EventCollector.h"
 #include "collection/bsm/TokenReader.h"
 #include "collection/currentLoginUtility.h"
-#include "core/LogSource.h"
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
@@ -24,9 +23,9 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <numeric>
-#include <optional>
-#include <thread>
+#include <string_view>
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -36,13 +35,13 @@ namespace {
 
 using Selected = BenchVolume::Selected;
 
-// Where the files lie that the spool makes.
+// The folder for the files that the spool writes.
 std::string spoolFolder() {
     const auto* const folder = std::getenv("SENTROVA_BENCH_SPOOL");
     return folder ? folder : std::filesystem::temp_directory_path().string();
 }
 
-// Each at most once in the process, whatever the repetitions: making one takes longer than measuring with it.
+// Each volume is made once per process, because making it takes longer than a measurement.
 BenchVolume& filterVolume(std::size_t records) {
     static BenchVolume volume({});
     static const auto trail = volume.addTrail("filter", records, Selected::none);
@@ -56,12 +55,7 @@ BenchVolume& spoolVolume(std::size_t records) {
 
 LoopbackServer* theSink = nullptr;
 
-void countPerSecond(benchmark::State& state, const char* name, std::size_t perIteration) {
-    state.counters[name] = benchmark::Counter(
-        static_cast<double>(perIteration) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
-}
-
-// A byte source over a file, as plain as there is one.
+// A file as a byte source, without buffer.
 class PlainFile final : public bsm::ByteSource {
   public:
     explicit PlainFile(const std::filesystem::path& path) : file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
@@ -83,19 +77,18 @@ void readAndSum(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(sum);
     }
-    countPerSecond(state, "records/s", records);
-    state.counters["bytes a record"] =
+    state.counters["bytes per record"] =
         static_cast<double>(std::filesystem::file_size(path)) / static_cast<double>(records);
 }
 
-// Reads a trail of the volume with the agent's own reader, as the batch collection does.
+// Reads a trail of the volume as batch collection does.
 void collect(const std::string& name) {
     EventCollector collector("/var/audit/" + name, eventsToRead());
     collector.start();
 }
 
-// The same, each time with a fresh agent.
-void collectEachTime(benchmark::State& state, BenchVolume& volume, const std::string& name, const char* unit) {
+// Repeats that, each time with a fresh agent.
+void collectEachTime(benchmark::State& state, BenchVolume& volume, const std::string& name) {
     for (auto _ : state) {
         state.PauseTiming();
         volume.enter();
@@ -104,18 +97,17 @@ void collectEachTime(benchmark::State& state, BenchVolume& volume, const std::st
         state.ResumeTiming();
         collect(name);
     }
-    countPerSecond(state, unit, static_cast<std::size_t>(state.range(0)));
 }
 
 void decodeAndFilter(benchmark::State& state) {
-    collectEachTime(state, filterVolume(static_cast<std::size_t>(state.range(0))), "filter", "records/s");
+    collectEachTime(state, filterVolume(static_cast<std::size_t>(state.range(0))), "filter");
 }
 
 void selectedToSpool(benchmark::State& state) {
-    collectEachTime(state, spoolVolume(static_cast<std::size_t>(state.range(0))), "spool", "events/s");
+    collectEachTime(state, spoolVolume(static_cast<std::size_t>(state.range(0))), "spool");
 }
 
-// Reads every token of the same records and writes files of the same size, with nothing in between.
+// The baseline of selectedToSpool: reads every token of the same records and writes files of the same size.
 void selectedWithoutNamesAndJson(benchmark::State& state) {
     const auto records = static_cast<std::size_t>(state.range(0));
     auto& volume = spoolVolume(records);
@@ -136,10 +128,9 @@ void selectedWithoutNamesAndJson(benchmark::State& state) {
             }
         }
     }
-    countPerSecond(state, "events/s", records);
 }
 
-// Batches as the spool writes them.
+// The content of the files that the spool writes.
 std::vector<std::string> spooledBatches(std::size_t count, int eventsEach) {
     BenchVolume volume({.eventsPerRequest = eventsEach});
     volume.addTrail("batches", count * static_cast<std::size_t>(eventsEach) + 1, Selected::all);
@@ -168,11 +159,9 @@ void bareClient(benchmark::State& state) {
     for (auto _ : state) {
         client.post(batches);
     }
-    countPerSecond(state, "events/s", batches.size() * 1000);
-    state.counters["bytes a batch"] = static_cast<double>(batches.front().size());
 }
 
-// The agent's own session, and how many completions have run.
+// The agent's own session, counting the completions that have run.
 class CountingSession final : public UrlSession {
   public:
     CountingSession(std::shared_ptr<UrlSessionDelegate> delegate, std::atomic<std::size_t>& completed)
@@ -233,7 +222,6 @@ void spoolToDelivery(benchmark::State& state) {
         state.PauseTiming();
         deliver(true);
     }
-    countPerSecond(state, "events/s", batches.size() * 1000);
     if (!std::filesystem::is_empty(volume.files().eventData()) || !TransportEngine::isConnected()) {
         state.SkipWithError("not everything was delivered");
     }
@@ -242,18 +230,7 @@ void spoolToDelivery(benchmark::State& state) {
     TransportEngine::setSessionFactory(nullptr);
 }
 
-// One message of level 2, at the log's level.
-void logLine(benchmark::State& state) {
-    BenchVolume volume({.logLevel = static_cast<int>(state.range(0))});
-    volume.enter();
-    constexpr LogSource kLog("EventQueueGCD");
-    for (auto _ : state) {
-        kLog.debug("enqueue", "EventQueueGCD dequeue count {}", 500);
-    }
-    countPerSecond(state, "lines/s", 1);
-}
-
-// The name of each user by id and the details by name, each asked twice.
+// Looks up the name of each user by id and the details by name, twice.
 void users(benchmark::State& state) {
     const auto count = static_cast<std::uint32_t>(state.range(0));
     BenchVolume volume({});
@@ -272,7 +249,7 @@ void users(benchmark::State& state) {
     }
 }
 
-// That many additions, a second apart by their records' time, the file, and as many look-ups.
+// Adds that many entries, one second apart, writes the file, and looks up each entry.
 void loginHistory(benchmark::State& state) {
     const auto count = state.range(0);
     BenchVolume volume({});
@@ -293,32 +270,34 @@ void loginHistory(benchmark::State& state) {
     }
 }
 
-// Sizes: "full", "quick" or "smoke".
-void registerAll(std::string_view size) {
-    const bool full = size == "full";
-    const bool smoke = size == "smoke";
-    const int repetitions = full ? 5 : smoke ? 1 : 3;
-    const auto add = [&](const char* name, auto function, std::int64_t argument, double seconds = 0.5) {
+struct Sizes {
+    int repetitions;
+    double seconds;
+    std::int64_t records;
+    std::int64_t events;
+    std::int64_t batches;
+    std::int64_t largestGrowth;
+};
+const std::map<std::string_view, Sizes> kSizes = {{"full", {5, 0.5, 1'000'000, 200'000, 200, 100'000}},
+                                                  {"quick", {3, 0.125, 200'000, 50'000, 60, 10'000}},
+                                                  {"smoke", {1, 0.01, 2000, 2000, 4, 10}}};
+
+void registerAll(const Sizes& sizes) {
+    const auto add = [](const char* name, auto function, std::int64_t argument, int repetitions, double seconds) {
         auto* const made = benchmark::RegisterBenchmark(name, function);
         made->Arg(argument)->Unit(benchmark::kMillisecond)->UseRealTime()->MeasureProcessCPUTime();
-        made->Repetitions(repetitions)->MinTime(smoke ? 0.01 : full ? seconds : seconds / 4);
-        return made;
+        made->Repetitions(repetitions)->MinTime(seconds);
     };
-    const std::int64_t records = smoke ? 2000 : full ? 1'000'000 : 200'000;
-    add("read and sum", readAndSum, records);
-    add("decode and filter", decodeAndFilter, records);
-    const std::int64_t events = smoke ? 2000 : full ? 200'000 : 50'000;
-    add("selected, without names and JSON", selectedWithoutNamesAndJson, events);
-    add("selected to spool", selectedToSpool, events);
-    const std::int64_t batches = smoke ? 4 : full ? 200 : 60;
-    add("bare client", bareClient, batches)->Repetitions(2 * repetitions);
-    add("spool to delivery", spoolToDelivery, batches)->Repetitions(2 * repetitions);
-    for (const int level : {0, 2}) {
-        add("log line", logLine, level, 0.2);
-    }
-    for (std::int64_t n = 1; n <= (smoke ? 10 : full ? 100'000 : 10'000); n *= 10) {
-        add("users", users, n, 0.05)->Repetitions(smoke ? 1 : 3);
-        add("login history", loginHistory, n, 0.05)->Repetitions(smoke ? 1 : 3);
+    const auto [repetitions, seconds, records, events, batches, largestGrowth] = sizes;
+    add("read and sum", readAndSum, records, repetitions, seconds);
+    add("decode and filter", decodeAndFilter, records, repetitions, seconds);
+    add("selected, without names and JSON", selectedWithoutNamesAndJson, events, repetitions, seconds);
+    add("selected to spool", selectedToSpool, events, repetitions, seconds);
+    add("bare client", bareClient, batches, 2 * repetitions, seconds);
+    add("spool to delivery", spoolToDelivery, batches, 2 * repetitions, seconds);
+    for (std::int64_t n = 1; n <= largestGrowth; n *= 10) {
+        add("users", users, n, std::min(repetitions, 3), seconds / 10);
+        add("login history", loginHistory, n, std::min(repetitions, 3), seconds / 10);
     }
 }
 
@@ -327,16 +306,21 @@ void registerAll(std::string_view size) {
 
 int main(int argc, char** argv) {
     using namespace sentrova::bench;
+    const auto* const name = std::getenv("SENTROVA_BENCH_SIZE");
+    const auto sizes = kSizes.find(name ? name : "quick");
+    if (sizes == kSizes.end()) {
+        fmt::print(stderr, "SENTROVA_BENCH_SIZE is full, quick or smoke, not {}\n", name);
+        return 64;
+    }
     LoopbackServer sink(LoopbackServer::Kind::sink);
     theSink = &sink;
-    const auto* const size = std::getenv("SENTROVA_BENCH_SIZE");
-    registerAll(size ? size : "quick");
-    // The names of the arguments are taken out of argv.
+    registerAll(sizes->second);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 64;
     }
     benchmark::AddCustomContext("spool", spoolFolder());
+    benchmark::AddCustomContext("compiler", __VERSION__);
     benchmark::RunSpecifiedBenchmarks();
     sentrova::ProcessWideState::reset();
     return EXIT_SUCCESS;
