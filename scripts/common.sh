@@ -50,22 +50,16 @@ setting_is() {
     [[ -r /proc/sys/$1 && $(<"/proc/sys/$1") == "$2" ]]
 }
 
-# What root can change so that user namespaces are permitted, as far as it can be seen.
-permit_namespaces() {
-    local command=''
+# The settings that refuse user namespaces here, as commands that change them.
+namespace_settings() {
     if setting_is kernel/unprivileged_userns_clone 0; then
-        command+=$'\n  sysctl kernel.unprivileged_userns_clone=1'
+        echo "  sysctl kernel.unprivileged_userns_clone=1  # as root"
     fi
     if setting_is kernel/apparmor_restrict_unprivileged_userns 1; then
-        command+=$'\n  sysctl kernel.apparmor_restrict_unprivileged_userns=0'
+        echo "  sysctl kernel.apparmor_restrict_unprivileged_userns=0  # as root"
     fi
     if setting_is user/max_user_namespaces 0; then
-        command+=$'\n  sysctl user.max_user_namespaces=10000'
-    fi
-    if [[ $command ]]; then
-        echo "or permit user namespaces, as root:$command"
-    else
-        echo "or permit user namespaces; in a container, its runtime decides."
+        echo "  sysctl user.max_user_namespaces=10000  # as root"
     fi
 }
 
@@ -76,13 +70,14 @@ why_no_agent_runs() {
 
 # Ends the script where the agent cannot run; 77 is sysexits' "permission denied".
 require_agent_can_run() {
-    local problem
+    local problem settings
     problem=$(why_no_agent_runs) || return 0
+    settings=$(namespace_settings)
     cat >&2 <<END
 ${0##*/}: The agent runs as root only. This user is not root, and the system refuses it a user namespace to be root in:
   $problem
-Run scripts/${0##*/} as root,
-$(permit_namespaces)
+Run scripts/${0##*/} as root, or permit user namespaces:
+${settings:-"  No setting of the kernel refuses them here; in a container, its runtime may."}
 END
     exit 77
 }
