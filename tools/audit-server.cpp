@@ -1,5 +1,6 @@
 // A stand-in audit server on loopback that shows the events that reach it.
 
+#include "Arguments.h"
 #include "server/EventTable.h"
 #include "support/AuditServer.h"
 
@@ -7,37 +8,35 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
-#include <cstdlib>
-#include <exception>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <fmt/format.h>
 
 namespace {
 
-using sentrova::testing::AuditServer;
+using namespace sentrova::testing;
 
 constexpr const char* kUsage =
-    "usage: audit-server [--port N] [--https] [--client-certificate] [--answer FILE] [--table | --json | --quiet]\n"
-    "\n"
-    "  --port N              listen on this port of the loopback; 0, the default, takes any that is free\n"
-    "  --https               speak TLS, with a certificate made at the start\n"
-    "  --client-certificate  ask clients for a certificate\n"
-    "  --answer FILE         answer a configuration sync with this file, read anew each time; default {}. Given "
-    "several\n"
-    "                        times, the files are the answers one after another, and the last one stays\n"
-    "  --table               show a line of a table for each event (the default)\n"
-    "  --json                show each event as JSON, one a line\n"
-    "  --quiet               show no events\n"
-    "\n"
-    "SIGTERM or SIGINT ends it with a summary.\n";
+    R"(usage: audit-server [--port N] [--https] [--client-certificate] [--answer FILE] [--table | --json | --quiet]
+
+  --port N              listen on this port of the loopback; 0, the default, takes any that is free
+  --https               speak TLS, with a certificate made at the start
+  --client-certificate  ask clients for a certificate
+  --answer FILE         answer a configuration sync with this file, read anew each time; default {}. Given several
+                        times, the files are the answers one after another, and the last one stays
+  --table               show a line of a table for each event (the default)
+  --json                show each event as JSON, one a line
+  --quiet               show no events
+  --help                this text
+  --version             the version
+
+SIGTERM or SIGINT ends it with a summary.
+)";
 
 enum class Display { table, json, quiet };
 
@@ -47,33 +46,25 @@ struct Options {
     Display display = Display::table;
 };
 
-// Nothing when the arguments make no sense.
-std::optional<Options> optionsFrom(const std::vector<std::string_view>& arguments) {
+Options optionsFrom(Arguments arguments) {
     Options options;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const auto argument = arguments[i];
-        const bool hasValue = i + 1 < arguments.size();
-        if (argument == "--port" && hasValue) {
-            const auto text = arguments[++i];
-            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), options.server.port);
-            if (error != std::errc() || end != text.data() + text.size() || options.server.port < 0 ||
-                options.server.port > 65535) {
-                return std::nullopt;
-            }
-        } else if (argument == "--answer" && hasValue) {
-            options.answerFiles.emplace_back(arguments[++i]);
-        } else if (argument == "--https") {
+    while (const auto argument = arguments.next()) {
+        if (*argument == "--port") {
+            options.server.port = static_cast<int>(arguments.numberOf(*argument, 0, 65535));
+        } else if (*argument == "--answer") {
+            options.answerFiles.emplace_back(arguments.valueOf(*argument));
+        } else if (*argument == "--https") {
             options.server.https = true;
-        } else if (argument == "--client-certificate") {
+        } else if (*argument == "--client-certificate") {
             options.server.tls.asksForClientCertificate = true;
-        } else if (argument == "--table") {
+        } else if (*argument == "--table") {
             options.display = Display::table;
-        } else if (argument == "--json") {
+        } else if (*argument == "--json") {
             options.display = Display::json;
-        } else if (argument == "--quiet") {
+        } else if (*argument == "--quiet") {
             options.display = Display::quiet;
         } else {
-            return std::nullopt;
+            throw unknownArgument(*argument);
         }
     }
     return options;
@@ -85,7 +76,7 @@ void print(const std::string& line) {
     std::fflush(stdout);
 }
 
-int serve(Options options) {
+void serve(Options options) {
     // Blocked before there are threads, so that they reach none of them.
     sigset_t endings;
     sigemptyset(&endings);
@@ -95,8 +86,7 @@ int serve(Options options) {
 
     if (options.display != Display::quiet) {
         options.server.onEvent = [display = options.display](const std::string& event) {
-            print(display == Display::table ? sentrova::testing::eventTableLine(event)
-                                            : sentrova::testing::withoutControls(event));
+            print(display == Display::table ? eventTableLine(event) : withoutControls(event));
         };
     }
     if (!options.answerFiles.empty()) {
@@ -109,30 +99,16 @@ int serve(Options options) {
     const AuditServer server(options.server);
     print("audit-server listening on " + server.url());
     if (options.display == Display::table) {
-        print(sentrova::testing::eventTableHeader());
+        print(eventTableHeader());
     }
     int ending = 0;
     sigwait(&endings, &ending);
     print(fmt::format("{} requests, {} events", server.requests().size(), server.events().size()));
-    return EXIT_SUCCESS;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        if (argc == 2 && std::string_view(argv[1]) == "--help") {
-            fmt::print("{}", kUsage);
-            return EXIT_SUCCESS;
-        }
-        const auto options = optionsFrom({argv + 1, argv + argc});
-        if (!options) {
-            fmt::print(stderr, "{}", kUsage);
-            return 64;
-        }
-        return serve(*options);
-    } catch (const std::exception& exception) {
-        fmt::print(stderr, "audit-server: {}\n", exception.what());
-        return EXIT_FAILURE;
-    }
+    return runTool("audit-server", kUsage, argc, argv,
+                   [](const Arguments& arguments) { serve(optionsFrom(arguments)); });
 }

@@ -1,6 +1,7 @@
 // Makes a Mac's system volume with a working day in its audit trails, and an installation of the agent beside it; and
 // keeps writing records to the audit pipe of one.
 
+#include "Arguments.h"
 #include "BuildPaths.h"
 #include "foundation/Clock.h"
 #include "foundation/FileDescriptor.h"
@@ -14,15 +15,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
-#include <cstdio>
 #include <ctime>
-#include <exception>
 #include <optional>
-#include <span>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <system_error>
 
 #include <fmt/chrono.h>
@@ -34,7 +30,7 @@ using namespace sentrova;
 using namespace sentrova::testing;
 
 constexpr const char* kUsage =
-    R"(Usage: make-volume DIR [options]
+    R"(usage: make-volume DIR [options]
        make-volume --live DIR [--per-second N] [--count N] [--seed N]
 
 Makes DIR/volume, what the agent reads of a Mac, with the audit trails of yesterday from 08:00 to 18:00,
@@ -47,6 +43,7 @@ and DIR/agent, an installation. DIR must be empty or absent.
   --log-level N           0 errors, 1 information, 2 debugging (default 1)
   --seed N                another day (default 1)
   --help                  this text
+  --version               the version
 
 With --live it writes what people do just now to the audit pipe of the volume in DIR, which was made before, until it
 is stopped.
@@ -66,84 +63,41 @@ struct Options {
     bool live = false;
     std::uint32_t perSecond = 2;
     std::optional<std::uint32_t> count;
-    bool help = false;
 };
 
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-// Hands out the words of the command line one after another.
-class Words {
-  public:
-    explicit Words(std::span<char*> words) : words_(words) {}
-
-    std::optional<std::string_view> next() {
-        if (words_.empty()) {
-            return std::nullopt;
-        }
-        const std::string_view word = words_.front();
-        words_ = words_.subspan(1);
-        return word;
-    }
-
-    std::string_view valueOf(std::string_view option) {
-        const auto value = next();
-        if (!value) {
-            throw UsageError(fmt::format("{} needs a value", option));
-        }
-        return *value;
-    }
-
-    std::uint32_t numberOf(std::string_view option, std::uint32_t least, std::uint32_t most) {
-        const auto text = valueOf(option);
-        std::uint32_t number = 0;
-        const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-        if (error != std::errc() || end != text.data() + text.size() || number < least || number > most) {
-            throw UsageError(fmt::format("{} takes a number from {} to {}, not \"{}\"", option, least, most, text));
-        }
-        return number;
-    }
-
-  private:
-    std::span<char*> words_;
-};
-
-Options parse(Words words) {
+Options parse(Arguments arguments) {
     Options options;
-    while (const auto word = words.next()) {
-        if (*word == "--help") {
-            options.help = true;
-        } else if (*word == "--live") {
+    while (const auto argument = arguments.next()) {
+        if (*argument == "--live") {
             options.live = true;
-        } else if (*word == "--per-second") {
-            options.perSecond = words.numberOf(*word, 1, 1000000);
-        } else if (*word == "--count") {
-            options.count = words.numberOf(*word, 1, 4294967295);
-        } else if (*word == "--server-port") {
-            options.serverPort = words.numberOf(*word, 1, 65535);
-        } else if (*word == "--scheme") {
-            options.scheme = words.valueOf(*word);
-        } else if (*word == "--events-per-request") {
-            options.eventsPerRequest = words.numberOf(*word, 1, 1000000);
-        } else if (*word == "--realtime") {
+        } else if (*argument == "--per-second") {
+            options.perSecond = arguments.numberOf(*argument, 1, 1000000);
+        } else if (*argument == "--count") {
+            options.count = arguments.numberOf(*argument, 1, 4294967295);
+        } else if (*argument == "--server-port") {
+            options.serverPort = arguments.numberOf(*argument, 1, 65535);
+        } else if (*argument == "--scheme") {
+            options.scheme = arguments.valueOf(*argument);
+        } else if (*argument == "--events-per-request") {
+            options.eventsPerRequest = arguments.numberOf(*argument, 1, 1000000);
+        } else if (*argument == "--realtime") {
             options.realtime = true;
-        } else if (*word == "--log-level") {
-            options.logLevel = words.numberOf(*word, 0, 2);
-        } else if (*word == "--seed") {
-            options.seed = words.numberOf(*word, 0, 4294967295);
-        } else if (word->starts_with("-")) {
-            throw UsageError(fmt::format("there is no option {}", *word));
+        } else if (*argument == "--log-level") {
+            options.logLevel = arguments.numberOf(*argument, 0, 2);
+        } else if (*argument == "--seed") {
+            options.seed = arguments.numberOf(*argument, 0, 4294967295);
+        } else if (argument->starts_with("-")) {
+            throw unknownArgument(*argument);
         } else if (options.folder.empty()) {
-            options.folder = *word;
+            options.folder = *argument;
         } else {
-            throw UsageError(fmt::format("one folder is enough, \"{}\" is another", *word));
+            throw UsageError(fmt::format("one folder is enough, \"{}\" is another", *argument));
         }
     }
     if (options.scheme != "http" && options.scheme != "https") {
         throw UsageError(fmt::format("--scheme takes http or https, not \"{}\"", options.scheme));
     }
-    if (options.folder.empty() && !options.help) {
+    if (options.folder.empty()) {
         throw UsageError("the folder is missing");
     }
     return options;
@@ -253,21 +207,12 @@ void make(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        const auto options = parse(Words(std::span(argv, static_cast<std::size_t>(argc)).subspan(1)));
-        if (options.help) {
-            fmt::print("{}", kUsage);
-        } else if (options.live) {
+    return runTool("make-volume", kUsage, argc, argv, [](const Arguments& arguments) {
+        const auto options = parse(arguments);
+        if (options.live) {
             live(options);
         } else {
             make(options);
         }
-        return 0;
-    } catch (const UsageError& error) {
-        fmt::print(stderr, "make-volume: {}\n\n{}", error.what(), kUsage);
-        return 2;
-    } catch (const std::exception& error) {
-        fmt::print(stderr, "make-volume: {}\n", error.what());
-        return 1;
-    }
+    });
 }

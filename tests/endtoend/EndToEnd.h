@@ -66,6 +66,11 @@ inline Processes eachOnce(std::int64_t first, std::int64_t count) {
 // The agent's own program between a system volume and a server on loopback.
 class EndToEnd : public ::testing::Test {
   protected:
+    void SetUp() override {
+        if (const auto reason = whyNoAgentRuns()) {
+            GTEST_SKIP() << *reason;
+        }
+    }
     void configure() {
         volume.writeConfiguration("Serverinfo.plist", serverInfo);
         volume.writeConfiguration("myconfigurations.plist", mine);

@@ -115,7 +115,7 @@ class LongRunTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (::getuid() != 0) {
-            GTEST_SKIP() << "the agent runs as root only";
+            GTEST_SKIP() << "the service starts as root only; run the tests as root";
         }
     }
 };

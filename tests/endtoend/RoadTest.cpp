@@ -17,7 +17,7 @@ using RoadTest = EndToEnd;
 
 TEST_F(RoadTest, RealTrailGivesExactlyItsFourEventsOnce) {
     if (!std::filesystem::exists(build::kRealTrail)) {
-        GTEST_SKIP() << build::kRealTrail << " is not there";
+        GTEST_SKIP() << build::kRealTrail << ", which a real Mac wrote, is not part of the tree, and not there";
     }
     const auto bytes = textOf(build::kRealTrail);
     // It was modified after its last record.

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <set>
 #include <system_error>
 #include <thread>
@@ -23,6 +24,15 @@ constexpr std::chrono::milliseconds kBetweenLooks{5};
 constexpr const char* kScript = R"(cd "$1" && export SENTROVA_SYSTEM_VOLUME="$2" TZ=UTC && exec ${4:+unshare -r} "$3")";
 
 }  // namespace
+
+std::optional<std::string> whyNoAgentRuns() {
+    // What unshare says about the cause goes to standard error.
+    if (::geteuid() == 0 || std::system("unshare -r true") == 0) {
+        return std::nullopt;
+    }
+    return "the agent runs as root only, and this system refuses an ordinary user the namespace to be root in; run the "
+           "tests as root, or permit user namespaces";
+}
 
 RunningAgent::RunningAgent(const std::filesystem::path& program, const SystemVolume& volume) {
     std::vector<std::string> words = {

@@ -8,8 +8,13 @@
 
 #include <functional>
 #include <optional>
+#include <string>
 
 namespace sentrova::testing {
+
+// Why no agent can be started here, in words for a person; nothing when one can. An ordinary user needs a user
+// namespace.
+std::optional<std::string> whyNoAgentRuns();
 
 // As root, with the installation's bin/ as its working directory; an ordinary user becomes root of a namespace of its
 // own.

@@ -4,7 +4,6 @@
 #include <array>
 #include <cstdint>
 #include <ctime>
-#include <map>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -67,25 +66,47 @@ std::string time(const Json& event) {
     return fmt::format("{:%Y-%m-%d %H:%M:%S}", local);
 }
 
+struct Kind {
+    std::int64_t number;
+    std::string_view word;
+};
+
+constexpr std::array kKinds = std::to_array<Kind>({{6152, "login"},
+                                                   {6153, "logout"},
+                                                   {6154, "telnet"},
+                                                   {6158, "rsh"},
+                                                   {6159, "su"},
+                                                   {6172, "ssh"},
+                                                   {32800, "openssh"},
+                                                   {45021, "window login"},
+                                                   {45022, "window logout"},
+                                                   {45023, "authentication"},
+                                                   {45026, "authorization"},
+                                                   {45028, "sudo"}});
+
+// As the table shows them: a word that is cut to its column could read like another.
+constexpr bool kindsAreToldApart() {
+    for (std::size_t i = 0; i < kKinds.size(); ++i) {
+        if (kKinds[i].word.size() > kWidths[1]) {
+            return false;
+        }
+        for (std::size_t j = 0; j < i; ++j) {
+            if (kKinds[i].word == kKinds[j].word || kKinds[i].number == kKinds[j].number) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+static_assert(kindsAreToldApart());
+
 std::string name(const Json& event) {
-    static const std::map<std::int64_t, const char*> kNames = {{6152, "login"},
-                                                               {6153, "logout"},
-                                                               {6154, "telnet"},
-                                                               {6158, "rsh"},
-                                                               {6159, "su"},
-                                                               {6172, "ssh"},
-                                                               {32800, "ssh"},
-                                                               {45021, "window login"},
-                                                               {45022, "window logout"},
-                                                               {45023, "authentication"},
-                                                               {45026, "authorization"},
-                                                               {45028, "sudo"}};
     const auto found = event.find("EventCode");
     if (found == event.end() || !found->is_number_integer()) {
         return text(event, "EventCode");
     }
-    const auto known = kNames.find(found->get<std::int64_t>());
-    return known == kNames.end() ? text(event, "EventCode") : known->second;
+    const auto known = std::ranges::find(kKinds, found->get<std::int64_t>(), &Kind::number);
+    return known == kKinds.end() ? text(event, "EventCode") : std::string(known->word);
 }
 
 std::uint32_t decode(std::string_view character) {
