@@ -185,12 +185,7 @@ bool isOfTheAgent(const std::string& path) {
     return std::ranges::any_of(kParts, [&](const char* part) { return path.find(part) != std::string::npos; });
 }
 
-struct Kind {
-    const char* name;
-    Fault fault;
-};
-
-const Kind kKinds[] = {
+const std::pair<const char*, Fault> kKinds[] = {
     {"permission denied at open", {.call = FaultyFileSystem::kOpen, .error = EACCES}},
     {"interrupted open", {.call = FaultyFileSystem::kOpen, .error = EINTR}},
     {"failed read", {.call = FaultyFileSystem::kRead, .error = EIO}},
@@ -306,43 +301,34 @@ TEST(FaultsTest, FaultAtAnyCallOfTheStartDoesNoLastingDamage) {
 }
 
 TEST(FaultsTest, NetworkTroubleAtAnyDeliveryCostsNoEvent) {
-    struct Trouble {
-        AuditServer::Failure failure;
-        // What the log says of it; nothing where the events have been accepted all the same.
-        const char* named;
-    };
-    // Where the first sending on a connection that was kept alive fails, the library sends once more by itself. With
-    // more failures than there are deliveries, one of them fails twice.
-    const Trouble troubles[] = {
-        {{.status = 204}, "(null)"},
-        {{.status = 302, .headers = {{"Location", "/elsewhere"}}}, "(null)"},
+    // With what the log says; nothing where the events have been accepted all the same. Where the first sending on a
+    // connection that was kept alive fails, the library sends once more by itself. With more failures than there are
+    // deliveries, one of them fails twice.
+    const std::pair<AuditServer::Failure, const char*> troubles[] = {
         {{.status = 503}, "(null)"},
         {{.kind = NetworkFault::drop, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::reset, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::halfClose, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::raw, .body = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}"}, "connection was lost"},
-        {{.kind = NetworkFault::raw, .body = "HTTP/1.1 200 OK\r\nContent-Le"}, "connection was lost"},
         {{.kind = NetworkFault::endless}, "exceeds the maximum"},
         {{.kind = NetworkFault::noAnswer}, "timed out"},
-        {{.kind = NetworkFault::raw, .accepts = true, .body = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n{}"}, ""},
         {{.kind = NetworkFault::raw,
           .accepts = true,
           .pace = 1ms,
-          .body = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"},
-         ""},
-    };
+          .body = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n{}"},
+         ""}};
     // Ten events in batches of three.
     constexpr int kDeliveries = 4;
     int punctual = 0;
     for (const auto& [failure, named] : troubles) {
         for (int after = 0; after < kDeliveries; ++after) {
             SCOPED_TRACE(fmt::format("{} at delivery {}", static_cast<int>(failure.kind), after + 1));
-            AuditServer server;
-            Road road(&server);
             auto trouble = failure;
             trouble.after = after;
             trouble.path = AuditServer::kEventsPath;
+            AuditServer server;
             server.fail(trouble);
+            Road road(&server);
             road.begin();
             road.collect(kFirst, kEvents);
             EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.account();
@@ -354,22 +340,9 @@ TEST(FaultsTest, NetworkTroubleAtAnyDeliveryCostsNoEvent) {
             const auto arrived = road.arrivals();
             EXPECT_TRUE(late || arrived == eachOnce(kFirst, kEvents)) << fmt::format("{}\n{}", arrived, errors);
             EXPECT_EQ(Processes(arrived.lower_bound(kFirst), arrived.upper_bound(kFirst + kEvents - 1)), arrived);
-            EXPECT_TRUE(std::ranges::none_of(server.requests(), [](const auto& r) { return r.path == "/elsewhere"; }));
         }
     }
     EXPECT_GT(punctual, 0);
-}
-
-TEST(FaultsTest, RefusedConnectionCostsNoEvent) {
-    std::optional<AuditServer> server(std::in_place);
-    Road road(&*server);
-    const int port = server->port();
-    road.begin();
-    server.reset();
-    road.collect(kFirst, kEvents);
-    ASSERT_TRUE(AgentFixture::eventually([&] { return road.errors().find("Could not connect") != std::string::npos; }));
-    server.emplace(AuditServer::Configuration{.port = port});
-    EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.account();
 }
 
 }  // namespace

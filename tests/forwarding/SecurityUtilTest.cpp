@@ -13,11 +13,8 @@ constexpr const char* kSixteenEncrypted = "mBTznmHhDMK5sREZRyIn8lfLbcmtxarmVybNU
 }  // namespace
 
 TEST(SecurityUtilTest, TextsEncryptAsTheyAlwaysHaveWhateverTheVector) {
-    const std::pair<const char*, const char*> cases[] = {{"0123456789abcdef", kSixteenEncrypted},
-                                                         {"gr\xC3\xBC\xC3\x9F"
-                                                          "e",
-                                                          "UimcDlISETUyligNIO9feQ=="}};
-    for (const auto& [plain, cipher] : cases) {
+    for (const auto& [plain, cipher] :
+         {std::pair("0123456789abcdef", kSixteenEncrypted), {"gr\u00FC\u00DFe", "UimcDlISETUyligNIO9feQ=="}}) {
         for (const auto* vector : {"", "0123456789abcdef"}) {
             EXPECT_EQ(*SecurityUtil::encrypt(plain, "secret", vector), Text(cipher));
             EXPECT_EQ(*SecurityUtil::decrypt(cipher, "secret", vector), Text(plain));

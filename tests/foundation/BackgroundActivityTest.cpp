@@ -19,7 +19,6 @@ class BackgroundActivityTest : public ::testing::Test, protected testing::AgentF
     bool ran(int times) {
         return eventually([&] { return runs_ == times; });
     }
-
     void setClock(seconds by) {
         clock().setWallTime(clock().wallTime() + by);
         NotificationCenter::defaultCenter().post({Timer::kClockChangedNotification, nullptr, {}});

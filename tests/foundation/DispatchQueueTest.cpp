@@ -106,8 +106,8 @@ TEST(DispatchQueueTest, BlocksThatFindNoThreadKeepTheirOrderAndRunWhenThereIsOne
     EXPECT_EQ(lines, 1);
 }
 
-TEST(DispatchQueueTest, ClosingLetsWhoWaitsInSyncHaveHisTurn) {
-    // Each time the end comes at another moment.
+TEST(DispatchQueueTest, SyncCallsThatAlreadyWaitStillRunWhenTheQueueCloses) {
+    // The queue closes at another moment each time.
     for (int i = 0; i < 500; ++i) {
         DispatchQueue queue("closing");
         std::atomic<int> runs = 0;

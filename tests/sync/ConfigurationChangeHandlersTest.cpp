@@ -102,11 +102,13 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
     constexpr auto* kSyncTime = Sync::SyncTimeCheckWithOldData;
     constexpr auto* kEvents = Sync::realTimeReinitialiseCheckWithOldData;
     constexpr const char* kFetch = "Fetch interval has been changed updating schedule to ";
+    constexpr const char* kNewEvents = "Events to be audited are changed to b";
     // What is said; with an interval at its end the task is started with it.
     const std::tuple<Handler, const char*, const char*, const char*, int> cases[] = {
         {kDomain, "{}", "{}", "", 0},
         {kDomain, "{}", R"({"AgentGuid":"g"})", "First Time Configuration", 0},
         {kDomain, R"({"AgentGuid":"g"})", R"({"AgentGuid":"h"})", "", 0},
+        {kDomain, R"({"AgentGuid":"g"})", R"({"AgentGuid":"g","DomainID":"1"})", "", 0},
         {kState, R"({"isEnabled":1})", R"({"isEnabled":true})", "No State change", 0},
         {kState, R"({"isEnabled":true})", "{}", "No State change", 0},
         {kState, "{}", R"({"isEnabled":true})", "State Changed to enabled", 0},
@@ -115,10 +117,8 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
         {kSyncTime, "{}", R"({"SyncTime":120})", "SyncTime has been updated to ", 120},
         {kEvents, R"({"EventsToRead":"b","IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":1})", "", 0},
         {kEvents, R"({"EventsToRead":"a","IsRealTime":1})", R"({"IsRealTime":1})", "", 0},
-        {kEvents, R"({"IsRealTime":0})", R"({"EventsToRead":"b","IsRealTime":1})",
-         "Events to be audited are changed to b", 0},
-        {kEvents, R"({"IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":0})",
-         "Events to be audited are changed to b", 0},
+        {kEvents, R"({"IsRealTime":0})", R"({"EventsToRead":"b","IsRealTime":1})", kNewEvents, 0},
+        {kEvents, R"({"IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":0})", kNewEvents, 0},
         {kInterval, R"({"FetchInterval":600})", R"({"FetchInterval":600,"IsRealTime":false})", "", 0},
         {kInterval, R"({"FetchInterval":600})", R"({"FetchInterval":"600"})", kFetch, 600},
         {kInterval, R"({"FetchInterval":600})", "{}", kFetch, 10800},
