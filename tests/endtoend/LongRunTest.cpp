@@ -68,13 +68,11 @@ class LongRun : public AgentFixture {
         myConfigurations.set("LogLevel", 0);
         writeConfiguration();
         session().respondWith(
-            [this](const auto& sent) -> std::optional<FakeUrlSession::Answer> {
-                if (isAway) {
-                    return FakeUrlSession::failure(UrlErrorCode::cannotConnectToHost, "away");
-                }
+            [this](const auto& sent) {
                 const MutexLock lock(mutex_);
-                arrivals_.merge(processesIn(sent.body));
-                return FakeUrlSession::Answer();
+                arrivals_.merge(isAway ? Processes() : processesIn(sent.body));
+                return isAway ? FakeUrlSession::failure(UrlErrorCode::cannotConnectToHost, "away")
+                              : FakeUrlSession::Answer();
             },
             false);
         EXPECT_TRUE(AgentServiceHandler::initializeService());
