@@ -76,7 +76,7 @@ TEST_F(DomainUtilTest, NothingIsRememberedUntilADomainIsSet) {
     EXPECT_EQ(logged("hostname is returned mac-042"), 2);
 }
 
-TEST_F(DomainUtilTest, HostIsTheComputersAccountOfAWholeAnswerOfTheTool) {
+TEST_F(DomainUtilTest, HostNameIsTheComputerAccountFromACompleteToolAnswer) {
     for (const auto& [account, host] : {std::pair("mac$", "mac"), {"mac", "mac"}, {"m$c", "m$c"}, {"m$$", "m$"}}) {
         volume().bindTo("corp.example.com", account);
         EXPECT_EQ(DomainUtil::getHostName(), host);
@@ -100,7 +100,7 @@ TEST_F(DomainUtilTest, HostIsTheComputersAccountOfAWholeAnswerOfTheTool) {
     EXPECT_EQ(DomainUtil::getHostName(), std::nullopt) << "no tool at all";
 }
 
-TEST_F(DomainUtilTest, DetailsAreAskedForUntilAUserIsKnown) {
+TEST_F(DomainUtilTest, UserDetailsAreQueriedUntilTheUserIsKnown) {
     FakeDirectory directory;
     EXPECT_EQ(DomainUtil::getUserDetails("anna"), nullptr);
     directory.problem = Error{"com.apple.OpenDirectory", 2100, "The node did not answer"};

@@ -59,7 +59,7 @@ TEST_F(EventCollectionScheduleTest, RunIsRefusedWhileItsConditionsDoNotHold) {
     EXPECT_FALSE(stamp().isNull());
 }
 
-TEST_F(EventCollectionScheduleTest, EveryFileIsOfferedTheOneModifiedLongestAgoFirst) {
+TEST_F(EventCollectionScheduleTest, FilesAreReadInOrderOfTheirModificationOldestFirst) {
     addTrail("a-newest", 3000s, {2500s});
     addTrail("z-oldest", 1000s, {500s});
     addTrail("current", 1500s, {1400s});

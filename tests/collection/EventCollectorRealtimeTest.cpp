@@ -71,7 +71,7 @@ TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) 
     EXPECT_EQ(logged("[ERROR]Realtime collection does not run: "), 2) << "no word where it is off or cancelled";
 }
 
-TEST_F(EventCollectorRealtimeTest, CancelBetweenTheReadersMakingAndItsBeginningEndsTheReading) {
+TEST_F(EventCollectorRealtimeTest, CancelBetweenCreationAndStartOfTheReaderEndsTheReading) {
     // Cancels as soon as the reader says that it starts.
     struct CancelAtStart final : FileSystem {
         CancelAtStart() { install(this); }

@@ -104,7 +104,7 @@ TEST_F(EventCollectorTest, ConfiguredNamesSelectTheTypes) {
     EXPECT_FALSE(EventSelection(EventSelection::split("")).contains(kLogin)) << "one empty name: none";
 }
 
-TEST_F(EventCollectorTest, SourceBeginsASecondLaterUnlessItNeedNotOrCannotBeRead) {
+TEST_F(EventCollectorTest, OpeningASourceMovesTheTimeOnBySecondAndUnsuitableFilesAreRefused) {
     const auto record = TrailRecord(kLogin).at(500s).returns(0).bytes();
     volume().addTrail("older", record, 99s);
     volume().addTrail("equal", record, 100s);
@@ -193,7 +193,7 @@ TEST_F(EventCollectorTest, EventHasTheFieldsOfItsRecordWithSignedNumbersAndNames
               R"("Source Workstation":"mac-042","UserSid":"S-1-5-21-7"}])");
 }
 
-TEST_F(EventCollectorTest, WhatIsAbsentOrOutsideTheRulesLeavesItsFieldsAlone) {
+TEST_F(EventCollectorTest, MissingOrMalformedTokensLeaveTheirFieldsUnset) {
     volume().setDirectoryTool("", 1);
     serverInfo.remove("DomainName");
     writeConfiguration();

@@ -33,7 +33,7 @@ class GlobalVariablesTest : public ::testing::Test, protected testing::AgentFixt
     }
 };
 
-TEST_F(GlobalVariablesTest, DirectorysDomainGoesFirstAndMissingFilesLeaveEverythingEmpty) {
+TEST_F(GlobalVariablesTest, DirectoryDomainTakesPrecedenceAndMissingFilesLeaveEverythingEmpty) {
     serverInfo.set("DomainName", "set.example.com");
     serverInfo.set("ServerName", 42);
     serverInfo.set("ServerIP", Array{"not a text"});
@@ -66,7 +66,7 @@ TEST_F(GlobalVariablesTest, DirectorysDomainGoesFirstAndMissingFilesLeaveEveryth
               (Dictionary{{"TimestampOfLastEvent", 1'700'000'123}}));
 }
 
-TEST_F(GlobalVariablesTest, IdentityIsDecryptedBehindItsPrefixOf32Units) {
+TEST_F(GlobalVariablesTest, IdentityIsDecryptedAfterItsPrefixOf32Utf16Units) {
     const std::string ascii(32, 'v');
     // 28 letters, one of two bytes, one of three, and a pair.
     const std::string mixed = std::string(28, 'v') + "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
@@ -91,7 +91,7 @@ TEST_F(GlobalVariablesTest, IdentityIsDecryptedBehindItsPrefixOf32Units) {
               3);
 }
 
-TEST_F(GlobalVariablesTest, ReloadKeepsWhatItCannotReadAndEmptiesWhatIsNotThere) {
+TEST_F(GlobalVariablesTest, ReloadKeepsUnreadableSettingsAndClearsMissingOnes) {
     const auto good = std::string(32, 'v') + **SecurityUtil::encrypt("agent 7", "XEVORTANIMB", "");
     myConfigurations.set("AgentAuthID", good);
     auto& loaded = load();
@@ -126,7 +126,7 @@ TEST_F(GlobalVariablesTest, ReloadKeepsWhatItCannotReadAndEmptiesWhatIsNotThere)
 }
 
 // Changes of either file come while the server's file is reloaded in a loop.
-TEST_F(GlobalVariablesTest, ReloadsTakeNoChangeBackAndMixNoAddress) {
+TEST_F(GlobalVariablesTest, ReloadsUndoNoChangeAndMixNoAddresses) {
     serverInfo.set("RecentEventTimeMillis", 5);
     myConfigurations.set("LogLevel", 0);
     auto& loaded = load();

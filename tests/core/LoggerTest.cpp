@@ -89,7 +89,7 @@ TEST_F(LoggerTest, MessagesAboveTheConfiguredLevelAreDropped) {
     EXPECT_THROW(Logger::formatTypeToString(3), std::invalid_argument);
 }
 
-TEST_F(LoggerTest, NewDayOrUnknownCategorySwitchesAllCategoriesToTheFilesOfTheDay) {
+TEST_F(LoggerTest, NewDayUnknownCategoryOrForeignPathSwitchesToTheFilesOfTheDay) {
     auto& logger = Logger::getInstance();
     logger.file("Config", "A", 0, "f", "yesterday");
     clock().advance(hours(12));
@@ -116,7 +116,7 @@ TEST_F(LoggerTest, NewDayOrUnknownCategorySwitchesAllCategoriesToTheFilesOfTheDa
     }
 }
 
-TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndGoesOnUnderTheNextFreeNumber) {
+TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndTheLogContinuesUnderTheNextFreeNumber) {
     // The present file and its size, a file that is there, maybe in a folder, and the file that the log goes on in.
     const std::tuple<std::string, std::uintmax_t, std::string, std::string> cases[] = {
         {"Event2026-11-15.log", kLimit, "x.log", "Event2026-11-15.log"},
@@ -146,7 +146,7 @@ TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndGoesOnUnderTheNextFreeNumber)
     }
 }
 
-TEST_F(LoggerTest, WakeOfTheMachineArchivesTheLogsOfAWeekAgo) {
+TEST_F(LoggerTest, WakeArchivesLogsOlderThanAWeek) {
     for (const auto* old : {"Config2026-11-07.log", "it's \"old\" $(id).log"}) {
         write(old, 100, hours(8 * 24));
     }
@@ -184,7 +184,7 @@ TEST_F(LoggerTest, WakeOfTheMachineArchivesTheLogsOfAWeekAgo) {
     EXPECT_EQ(namesIn("archive"), (std::set<std::string>{"Config2026-11-07.zip", "it's \"old\" $(id).zip"}));
 }
 
-TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileWholeAndIsToldOncePerOutage) {
+TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileIntactAndIsReportedOncePerOutage) {
     constexpr LogSource kSource("Full");
     kSource.error("f", "first");
     ::testing::internal::CaptureStderr();

@@ -292,15 +292,15 @@ void tryEveryFault(Journey (*go)(const Fault&)) {
     }
 }
 
-TEST(FaultsTest, FaultAtAnyCallOfTheRoadCostsNoEventThatIsNotNamed) {
+TEST(FaultsTest, FaultAtAnyCallLosesNoEventWithoutNamingIt) {
     tryEveryFault(travel);
 }
 
-TEST(FaultsTest, FaultAtAnyCallOfTheStartDoesNoLastingDamage) {
+TEST(FaultsTest, FaultAtAnyCallDuringTheStartDoesNoLastingDamage) {
     tryEveryFault(begin);
 }
 
-TEST(FaultsTest, NetworkTroubleAtAnyDeliveryCostsNoEvent) {
+TEST(FaultsTest, NetworkTroubleAtAnyDeliveryLosesNoEvent) {
     // With what the log says; nothing where the events have been accepted all the same. Where the first sending on a
     // connection that was kept alive fails, the library sends once more by itself. With more failures than there are
     // deliveries, one of them fails twice.

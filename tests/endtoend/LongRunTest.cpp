@@ -157,7 +157,7 @@ TEST_F(LongRunTest, InEightHoursNothingIsLostAndNothingPilesUp) {
                              Footprint().memory / 1024);
 }
 
-TEST_F(LongRunTest, DayWithoutAServerIsMadeUpForInTheOrderOfTheFiles) {
+TEST_F(LongRunTest, BacklogOfADayWithoutAServerIsDeliveredInFileOrder) {
     constexpr int kHours = 24;
     constexpr std::uint32_t kEventsAnHour = 100;
     constexpr std::uint32_t kBatch = 20;

@@ -52,7 +52,7 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEventsOnce) {
     EXPECT_EQ(server.events().size(), 4U);
 }
 
-TEST_F(RoadTest, DamagedInputCostsOnlyItselfAndTheLogTellsTheRoadInItsOrder) {
+TEST_F(RoadTest, DamagedInputLosesOnlyItselfAndTheLogShowsEachStepInOrder) {
     const auto cut = sudoRecord(kMorning, 999).bytes();
     addTrail(volume, sudoTrail(kMorning, 100, 3).addRaw(Data(cut.begin(), cut.begin() + 20)));
     addTrail(volume, sudoTrail(kMorning + 1h, 103, 2)

@@ -35,7 +35,7 @@ class SecurityTest : public EndToEnd {
     std::string logs() const { return log() + log("Communication"); }
 };
 
-TEST_F(SecurityTest, WhateverTheAgentMakesIsForItsOwnerOnly) {
+TEST_F(SecurityTest, EverythingTheAgentCreatesIsForItsOwnerOnly) {
     configure();
     fs::remove(volume.eventData());
     write(volume.conf() / "schedules.plist", "damaged");

@@ -3,6 +3,7 @@
 #include "forwarding/TransportEngine.h"
 #include "foundation/NotificationCenter.h"
 #include "support/AgentFixture.h"
+#include "support/Footprint.h"
 
 #include <atomic>
 #include <fstream>
@@ -33,10 +34,7 @@ class EventForwarderTest : public ::testing::Test, protected AgentFixture {
         std::ofstream(path) << content;
         return FileUrl(path.string());
     }
-    std::size_t filesLeft() {
-        return static_cast<std::size_t>(
-            std::distance(fs::directory_iterator(volume().eventData()), fs::directory_iterator()));
-    }
+    std::size_t filesLeft() { return Footprint::entriesOf(volume().eventData().c_str()); }
 
     void answer(std::size_t number, const FakeUrlSession::Answer& answer) {
         session().answer(number, answer);
@@ -94,7 +92,7 @@ TEST_F(EventForwarderTest, BatchOfARequestThatCouldNotBeginStaysWhereItWas) {
     EXPECT_TRUE(eventually([this] { return filesLeft() == 0 && EventQueueGCD::length() == 0; }));
 }
 
-TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredSixAtATimeAtTheMost) {
+TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredAtMostSixAtATime) {
     for (const std::string number : {"1", "2", "3", "4", "5", "6", "7", "8"}) {
         addFile("event_" + number, R"([{"n":)" + number + "}]");
     }

@@ -69,7 +69,7 @@ class EventQueueGCDTest : public ::testing::Test, protected AgentFixture {
     FileUrl url(const std::string& name) { return FileUrl((volume().eventData() / name).string()); }
 };
 
-TEST_F(EventQueueGCDTest, FullBatchBecomesAFileWhenTheNextEventThatJsonCanCarryComes) {
+TEST_F(EventQueueGCDTest, FullBatchBecomesAFileOfItsOwnWhenTheNextEventComes) {
     fs::remove(volume().eventData());
     EventQueueGCD::init();
     std::ofstream(volume().eventData() / "event_20261115120000001") << "of an earlier run";
@@ -143,7 +143,7 @@ TEST_F(EventQueueGCDTest, EventsAreAnnouncedAgainLaterWhileTheServerIsNotReachab
     EXPECT_EQ(EventQueueGCD::dequeue(url("event_2")), std::nullopt) << "there is none";
 }
 
-TEST_F(EventQueueGCDTest, BacklogIsAnnouncedInPortionsInTheOrderOfItsNames) {
+TEST_F(EventQueueGCDTest, BacklogIsAnnouncedInPortionsInNameOrder) {
     constexpr auto kPortion = EventQueueGCD::kFilesAnnounced;
     std::vector<std::string> names;
     for (auto i = 3 * kPortion; i > 0; --i) {

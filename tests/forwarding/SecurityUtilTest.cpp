@@ -12,7 +12,7 @@ constexpr const char* kSixteenEncrypted = "mBTznmHhDMK5sREZRyIn8lfLbcmtxarmVybNU
 
 }  // namespace
 
-TEST(SecurityUtilTest, TextsEncryptAsTheyAlwaysHaveWhateverTheVector) {
+TEST(SecurityUtilTest, EncryptionGivesTheEstablishedCipherTextWhateverTheVector) {
     for (const auto& [plain, cipher] :
          {std::pair("0123456789abcdef", kSixteenEncrypted), {"gr\u00FC\u00DFe", "UimcDlISETUyligNIO9feQ=="}}) {
         for (const auto* vector : {"", "0123456789abcdef"}) {
@@ -25,7 +25,7 @@ TEST(SecurityUtilTest, TextsEncryptAsTheyAlwaysHaveWhateverTheVector) {
     EXPECT_EQ(*SecurityUtil::decrypt(kSixteenEncrypted, std::string("secret\0more", 11), ""), Text("0123456789abcdef"));
 }
 
-TEST(SecurityUtilTest, WhatCannotBeDecryptedIsNothingOrTheCiphersError) {
+TEST(SecurityUtilTest, UndecryptableTextGivesNothingOrTheCipherError) {
     EXPECT_EQ(*SecurityUtil::encrypt(std::nullopt, "k", ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::encrypt("text", std::nullopt, ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::decrypt(std::nullopt, "k", ""), std::nullopt);

@@ -72,7 +72,7 @@ TEST_F(TransportEngineTest, ConnectionIsStoredOnlyWhenReachabilityChanges) {
     }
 }
 
-TEST_F(TransportEngineTest, NameThatIsNoHostFailsTheRequestThroughItsCompletion) {
+TEST_F(TransportEngineTest, InvalidHostNameFailsTheRequestThroughItsCompletion) {
     for (const auto* name : {"audit.example.com/x", "audit example", "user@audit", "a?b", "a#b", "", "a\tb"}) {
         EXPECT_EQ(deliverTo(name, 8443, "http"), static_cast<std::int64_t>(UrlErrorCode::badUrl)) << name;
     }
@@ -105,7 +105,7 @@ TEST_F(TransportEngineTest, AnyCertificateIsAcceptedAndNoTlsOlderThanVersion1Poi
     ::unsetenv("OPENSSL_CONF");
 }
 
-TEST_F(TransportEngineTest, NoQuestionOfAServerIsAnsweredExceptThatOfItsCertificate) {
+TEST_F(TransportEngineTest, OnlyTheServerTrustChallengeIsAnswered) {
     std::shared_ptr<UrlSessionDelegate> delegate;
     TransportEngine::setSessionFactory([&](std::shared_ptr<UrlSessionDelegate> given) -> std::unique_ptr<UrlSession> {
         delegate = std::move(given);
@@ -113,12 +113,11 @@ TEST_F(TransportEngineTest, NoQuestionOfAServerIsAnsweredExceptThatOfItsCertific
     });
     const TransportEngine engine;
     ASSERT_TRUE(delegate);
-    using Method = UrlAuthenticationChallenge::Method;
-    for (const auto method : {Method::serverTrust, Method::clientCertificate, Method::httpBasic, Method::httpDigest,
-                              Method::ntlm, Method::negotiate, Method::other}) {
+    using enum UrlAuthenticationChallenge::Method;
+    for (const auto method : {serverTrust, clientCertificate, httpBasic, httpDigest, ntlm, negotiate, other}) {
         int answers = 0;
         delegate->didReceiveChallenge({method, "anywhere"}, [&](UrlChallengeDisposition) { ++answers; });
-        EXPECT_EQ(answers, method == Method::serverTrust ? 1 : 0);
+        EXPECT_EQ(answers, method == serverTrust ? 1 : 0);
     }
 }
 

@@ -14,7 +14,7 @@ using std::chrono::hours;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-TEST(ClockTest, SystemClockCallsTimersInTheOrderOfTheirTimesNotBeforeAndAlsoAfterOneThatThrows) {
+TEST(ClockTest, SystemClockRunsTimersInOrderNeverEarlyAndEvenAfterOneThrows) {
     auto& clock = Clock::shared();
     const auto now = clock.monotonicTime();
     std::string order;
@@ -34,7 +34,7 @@ TEST(ClockTest, SystemClockCallsTimersInTheOrderOfTheirTimesNotBeforeAndAlsoAfte
     EXPECT_EQ(order, "abc");
 }
 
-TEST(ClockTest, CancelledTimerNeverRunsAndLetsGoOfWhatItHeld) {
+TEST(ClockTest, CancelledTimerNeverRunsAndReleasesItsFunction) {
     auto& clock = Clock::shared();
     auto held = std::make_shared<int>();
     const std::weak_ptr<int> heldToo = held;
@@ -50,7 +50,7 @@ TEST(ClockTest, CancelledTimerNeverRunsAndLetsGoOfWhatItHeld) {
     EXPECT_FALSE(clock.cancel(near));
 }
 
-TEST(ClockTest, DatesBecomeSecondsTowardZeroAndSecondsDatesWithinTheirRange) {
+TEST(ClockTest, DatesConvertToSecondsTowardZeroAndSecondsOutOfRangeAreClamped) {
     const Date halfPast{milliseconds(1'700'000'000'500)};
     EXPECT_EQ(epochSeconds(halfPast), 1'700'000'000);
     EXPECT_EQ(epochSeconds(Date(milliseconds(-500))), 0);

@@ -15,7 +15,7 @@ namespace {
 
 using std::chrono::seconds;
 
-TEST(DispatchQueueTest, BlocksRunOneAtATimeInTheOrderOfEachThatHandsThemOver) {
+TEST(DispatchQueueTest, BlocksRunOneAtATimeInTheOrderInWhichEachThreadQueuedThem) {
     constexpr int kThreads = 4;
     constexpr int kBlocks = 300;
     DispatchQueue queue("order");
@@ -66,7 +66,7 @@ TEST(DispatchQueueTest, SyncOnAnIdleQueueStaysOnTheCallersThreadAndThrowsWhatAsy
     EXPECT_EQ(reported, "idle: faultidle: an exception without a text; and on");
 }
 
-TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIsGone) {
+TEST(DispatchQueueTest, DelayedBlockRunsWhenDueAndNeverAfterTheQueueIsDestroyed) {
     testing::ManualClock clock;
     std::atomic<int> runs = 0;
     {
@@ -83,7 +83,7 @@ TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIs
     EXPECT_EQ(runs, 1);
 }
 
-TEST(DispatchQueueTest, BlocksThatFindNoThreadKeepTheirOrderAndRunWhenThereIsOne) {
+TEST(DispatchQueueTest, BlocksKeepTheirOrderWhileNoThreadCanBeStarted) {
     testing::ManualClock clock;
     static std::atomic<int> lines;
     lines = 0;

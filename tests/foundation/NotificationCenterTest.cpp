@@ -9,7 +9,7 @@
 namespace sentrova {
 namespace {
 
-TEST(NotificationCenterTest, ObserversOfTheNameHearInTheirOrderAndMayComeGoAndFailDuringAPost) {
+TEST(NotificationCenterTest, ObserversHearInOrderAndMaySubscribeLeaveAndThrowDuringAPost) {
     NotificationCenter center;
     std::string heard;
     const auto note = [&heard](const char* who) {

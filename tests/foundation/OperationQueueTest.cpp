@@ -61,7 +61,7 @@ class OperationQueueTest : public ::testing::Test {
     OperationQueue queue_;
 };
 
-TEST_F(OperationQueueTest, OperationWhoseStartReturnedHoldsItsPlaceUntilItIsFinished) {
+TEST_F(OperationQueueTest, OperationKeepsItsPlaceUntilItIsFinishedAndThenMakesRoomAtOnce) {
     queue_.setMaxConcurrentOperationCount(1);
     const auto first = operation();
     bool wasFinished = false;
@@ -95,7 +95,7 @@ TEST_F(OperationQueueTest, OperationWhoseStartReturnedHoldsItsPlaceUntilItIsFini
     queue_.waitUntilAllOperationsAreFinished();
 }
 
-TEST_F(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCancelled) {
+TEST_F(OperationQueueTest, OperationStartsAfterAllItsDependenciesUnlessItIsCancelled) {
     for (const bool cancelled : {false, true}) {
         SCOPED_TRACE(cancelled);
         const auto first = operation();
@@ -122,7 +122,7 @@ TEST_F(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCance
     }
 }
 
-TEST_F(OperationQueueTest, LimitOfOneRunsInOrderAfterAShortageOfThreadsAndAfterFailures) {
+TEST_F(OperationQueueTest, QueueWithALimitOfOneRunsInOrderDespiteAThreadShortageAndFailures) {
     testing::ManualClock clock;
     static std::string reported;
     reported.clear();
@@ -178,7 +178,7 @@ TEST_F(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
     EXPECT_EQ(queue_.operationCount(), 0U);
 }
 
-TEST(OperationQueueEndTest, DestructionWaitsForWhatRunsAndDropsTheRestAlsoInsideABlockOfItsOwn) {
+TEST(OperationQueueEndTest, DestructionWaitsForRunningOperationsAndDropsTheRestEvenInsideItsOwnBlock) {
     auto queue = std::make_shared<OperationQueue>();
     queue->setMaxConcurrentOperationCount(1);
     Semaphore begun;

@@ -18,7 +18,7 @@ std::pair<int, std::string> runShell(const std::string& script) {
     return {process.terminationStatus(), std::string(output.begin(), output.end())};
 }
 
-TEST(ProcessTest, StatusAndOutputAreThoseOfTheProgramWhichInheritsStandardStreamsOnly) {
+TEST(ProcessTest, ProgramInheritsStandardStreamsOnlyAndItsStatusAndOutputAreReturned) {
     const std::pair<std::string, std::pair<int, std::string>> cases[] = {
         {"printf out; echo complaint >&2; exit 3", {3, "out"}},
         {"kill -9 $$", {SIGKILL, ""}},

@@ -13,7 +13,7 @@ using std::chrono::seconds;
 constexpr auto kLargest = std::numeric_limits<std::int64_t>::max();
 constexpr auto kSmallest = std::numeric_limits<std::int64_t>::min();
 
-TEST(ValueTest, NumbersAreReadOutOfWhateverIsStored) {
+TEST(ValueTest, NumbersAreReadFromEveryKindOfValue) {
     constexpr auto kMost = std::numeric_limits<std::int32_t>::max();
     // As an integer, as one cut to 32 bits, as a real, as a truth value.
     const std::tuple<Value, std::int64_t, std::int32_t, double, bool> cases[] = {

@@ -52,7 +52,7 @@ class ConcurrentOperationAbstractTest : public ::testing::Test, protected testin
     }
 };
 
-TEST_F(ConcurrentOperationAbstractTest, EachChangeIsAnnouncedAroundItsMomentInTheGivenOrder) {
+TEST_F(ConcurrentOperationAbstractTest, EachChangeIsAnnouncedBeforeAndAfterInAFixedOrder) {
     Sample operation;
     EXPECT_EQ(operation.name(), "Sample");
     EXPECT_EQ(state(operation), "000");

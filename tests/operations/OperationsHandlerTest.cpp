@@ -42,7 +42,7 @@ class OperationsHandlerTest : public ::testing::Test, protected testing::AgentFi
     }
 };
 
-TEST_F(OperationsHandlerTest, SecondOperationOfANameIsRefusedOnlyWhileTheFirstExecutes) {
+TEST_F(OperationsHandlerTest, SecondOperationWithANameIsRefusedOnlyWhileTheFirstExecutes) {
     OperationsHandler handler(1);
     const auto first = add(handler, "EventForwarder");
     ASSERT_TRUE(runs(first));

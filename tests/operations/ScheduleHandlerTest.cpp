@@ -77,7 +77,7 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
     const Date start_ = clock().wallTime();
 };
 
-TEST_F(ScheduleHandlerTest, WeekOfTasksRunsEachExactlyWhenItIsDue) {
+TEST_F(ScheduleHandlerTest, EachTaskRunsExactlyWhenDueThroughoutAWeek) {
     setTasks({task("a", 6 * 3600), task("b", "86400", {{"RunAt", "02:00:00"}, {"TaskStatus", "Disable"}}),
               task("c", 10 * 3600, {{"Repeat", "false"}}), task("d", 5 * 3600, {{"TaskStatus", "enable"}}),
               task("e", 12 * 3600), task("f", 3600, {{"RunAt", "05:00:00"}, {"Repeat", false}})});

@@ -113,6 +113,7 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
         {kState, R"({"isEnabled":true})", "{}", "No State change", 0},
         {kState, "{}", R"({"isEnabled":true})", "State Changed to enabled", 0},
         {kSyncTime, R"({"SyncTime":900})", "{}", "", 0},
+        {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":900})", "", 0},
         {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":"900"})", "SyncTime has been updated to ", 900},
         {kSyncTime, "{}", R"({"SyncTime":120})", "SyncTime has been updated to ", 120},
         {kEvents, R"({"EventsToRead":"b","IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":1})", "", 0},
@@ -141,7 +142,7 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
     }
 }
 
-TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfATaskThatHasTheIntervalAndWillRunAgain) {
+TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfARepeatingTaskWithTheSameInterval) {
     constexpr auto* kInterval = Sync::IntervalChangesCheckWithOldData;
     constexpr const char* kFetch = "Fetch interval has been changed updating schedule to 10800";
     constexpr const char* kRealtime = R"({"IsRealTime":1})";
@@ -174,7 +175,7 @@ TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfATaskThatHasTheIn
     EXPECT_TRUE(clock().awaitTimerIn(10800s));
 }
 
-TEST_F(ConfigurationChangeHandlersTest, CollectionsAreStartedTogetherAndTheLiveOneIsEndedFirst) {
+TEST_F(ConfigurationChangeHandlersTest, BothCollectionsStartTogetherAndRealtimeEndsFirst) {
     const std::tuple<Handler, const char*, const char*, bool> cases[] = {
         {Sync::StateChangesCheckWithOldData, R"({"isEnabled":true})", R"({"isEnabled":false})", true},
         {Sync::IntervalChangesCheckWithOldData, R"({"IsRealTime":true})", R"({"IsRealTime":false})", false},
@@ -204,7 +205,7 @@ TEST_F(ConfigurationChangeHandlersTest, CollectionsAreStartedTogetherAndTheLiveO
     }
 }
 
-TEST_F(ConfigurationChangeHandlersTest, RelaysNameSetsTheTypeOfConnectionWhenItChanges) {
+TEST_F(ConfigurationChangeHandlersTest, ChangedRelayNameSetsTheConnectionType) {
     constexpr std::uint64_t kUnchanged = 9;
     const auto named = [](const char* name) { return std::string(R"({"NATServerName":")") + name + "\"}"; };
     const std::tuple<std::string, std::string, std::uint64_t> cases[] = {{named("relay"), named("relay"), kUnchanged},
@@ -222,7 +223,7 @@ TEST_F(ConfigurationChangeHandlersTest, RelaysNameSetsTheTypeOfConnectionWhenItC
     }
 }
 
-TEST_F(ConfigurationChangeHandlersTest, RealtimeIsStartedAgainOnlyWhenTheOldOneHasEnded) {
+TEST_F(ConfigurationChangeHandlersTest, RealtimeRestartsOnlyAfterTheOldReaderHasEnded) {
     startService();
     const auto realtime = addStandIn("EventCollectorRealtime");
     const auto before = added("EventCollectorRealtime");

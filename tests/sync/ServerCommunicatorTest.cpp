@@ -26,7 +26,7 @@ class ServerCommunicatorTest : public ::testing::Test, protected AgentFixture {
     Dictionary request(std::size_t number) { return *Json::parse(session().sent().at(number).body)->dictionary(); }
 };
 
-TEST_F(ServerCommunicatorTest, TwelveFailuresGoRoundTheAddressesAndThenPause) {
+TEST_F(ServerCommunicatorTest, TwelveFailuresTryTheAddressesInTurnAndThenPause) {
     std::size_t requests = 0;
     session().respondWith([&requests](const auto&) -> std::optional<FakeUrlSession::Answer> {
         ++requests;
@@ -111,7 +111,7 @@ TEST_F(ServerCommunicatorTest, AnswerWithoutAConfigurationIsASuccessThatChangesN
     EXPECT_EQ(logged("[ERROR]The server's answer is no configuration"), 4);
 }
 
-TEST_F(ServerCommunicatorTest, AnswerIsStoredAsFarAsXmlCarriesItAndItsChangesAreAppliedInTheirOrder) {
+TEST_F(ServerCommunicatorTest, AnswerIsStoredWithoutWhatXmlCannotCarryAndItsChangesApplyInOrder) {
     syncAnsweredWith(
         R"({"AgentGuid":"guid-1","DomainID":"1","DomainName":"new.example.com","isEnabled":false,"FetchInterval":60,)"
         R"("NATServerName":"relay.example.com","SyncTime":"120","EventsToRead":"AUE_su","AgentAuthID":"identity-7",)"
@@ -141,7 +141,7 @@ TEST_F(ServerCommunicatorTest, AnswerIsStoredAsFarAsXmlCarriesItAndItsChangesAre
     EXPECT_EQ(log("Communication").find("key-2"), std::string::npos) << "no secret is logged";
 }
 
-TEST_F(ServerCommunicatorTest, AnswerThatCannotBeStoredIsAppliedByTheNextSyncThatCan) {
+TEST_F(ServerCommunicatorTest, AnswerThatCannotBeStoredIsAppliedByTheNextSyncThatStoresIt) {
     const std::string answer = R"({"isEnabled":false,"ServerFQDN":"new.example.com"})";
     const auto& configuration = GlobalVariables::getInstance();
     {

@@ -122,7 +122,7 @@ TEST(RecordReaderTest, RecordsUpToTheLargestAreReadAndLongerOnesSkippedAcrossBlo
     }
 }
 
-TEST(RecordReaderTest, MemoryFollowsTheBytesThatCameAndIsGivenBackAfterLongRecords) {
+TEST(RecordReaderTest, MemoryGrowsWithReceivedBytesAndIsReleasedAfterLongRecords) {
     const auto residentPages = [] {
         std::int64_t size = 0, resident = 0;
         std::ifstream("/proc/self/statm") >> size >> resident;
@@ -146,7 +146,7 @@ TEST(RecordReaderTest, MemoryFollowsTheBytesThatCameAndIsGivenBackAfterLongRecor
     EXPECT_TRUE(Footprint().memory == 0 || residentPages() - before < 1024);
 }
 
-TEST(RecordReaderTest, SourceIsAskedOnlyForWhatIsNotAtHandAndNotAgainAfterAnError) {
+TEST(RecordReaderTest, SourceIsReadOnlyWhenTheBufferIsUsedUpAndNeverAfterAnError) {
     const auto record = TrailRecord(6152).at(1s).bytes();
     MemorySource source(joined({record, record}));
     source.failAtEnd();

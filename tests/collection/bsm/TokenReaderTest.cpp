@@ -100,7 +100,7 @@ TEST(TokenReaderTest, ReturnsTextAndIdentityAreRead) {
     }
 }
 
-TEST(TokenReaderTest, KindsThatTheAgentDoesNotLookIntoAreSkippedExactly) {
+TEST(TokenReaderTest, TokensThatTheAgentDoesNotUseAreSkippedExactly) {
     std::vector<Data> tokens = {
         Data{0x11} + zeros(8) + Data{0, 2, 'f', 0},              // file
         Data{0x21, 0, 0, 3} + zeros(3),                          // data, of bytes
