@@ -92,6 +92,7 @@ TEST_F(RoadTest, DamagedInputLosesOnlyItselfAndTheLogShowsEachStepInOrder) {
 TEST_F(RoadTest, AgentThatCannotRunSaysWhyAndEnds) {
     const std::tuple<const char*, const char*, int, const char*> cases[] = {
         {"10.14.6", nullptr, 0, "[ERROR]Agent cannot run because its either an unsupported version or the User is not"},
+        {"9.9", nullptr, 0, "[ERROR]Supported Version = majorVersion.minorVersion"},
         {"14.6.1", "short", 78, "The key \"AgentAuthID\" of "},
     };
     for (const auto& [version, identity, status, reason] : cases) {

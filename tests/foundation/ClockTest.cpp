@@ -26,8 +26,8 @@ TEST(ClockTest, SystemClockRunsTimersInOrderNeverEarlyAndEvenAfterOneThrows) {
         throw std::runtime_error("a timer's own fault");
     });
     clock.schedule(now + milliseconds(5), [&] { last.set_value(clock.monotonicTime()); });
-    for (const auto& timer : {std::pair(1, 'c'), std::pair(3, 'a'), std::pair(2, 'b')}) {
-        clock.schedule(now - seconds(timer.first), [&order, name = timer.second] { order += name; });
+    for (const char name : {'c', 'a', 'b'}) {
+        clock.schedule(now - seconds('d' - name), [&order, name] { order += name; });
     }
     allSet.signal();
     EXPECT_GE(last.get_future().get(), now + milliseconds(5));
