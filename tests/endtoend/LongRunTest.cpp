@@ -69,10 +69,12 @@ class LongRun : public AgentFixture {
         writeConfiguration();
         session().respondWith(
             [this](const auto& sent) {
+                if (isAway) {
+                    return FakeUrlSession::failure(UrlErrorCode::cannotConnectToHost, "away");
+                }
                 const MutexLock lock(mutex_);
-                arrivals_.merge(isAway ? Processes() : processesIn(sent.body));
-                return isAway ? FakeUrlSession::failure(UrlErrorCode::cannotConnectToHost, "away")
-                              : FakeUrlSession::Answer();
+                arrivals_.merge(processesIn(sent.body));
+                return FakeUrlSession::Answer();
             },
             false);
         EXPECT_TRUE(AgentServiceHandler::initializeService());
@@ -80,7 +82,8 @@ class LongRun : public AgentFixture {
     ~LongRun() {
         AgentServiceHandler::stop();
         service_.join();
-        session().respondWith(nullptr);
+        // A synchronisation under way ends only when it is answered.
+        session().respondWith([](const auto&) { return FakeUrlSession::Answer(); });
     }
     LongRun(const LongRun&) = delete;
     LongRun& operator=(const LongRun&) = delete;
