@@ -42,6 +42,9 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
 };
 
 TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAsciiBody) {
+    // Only the very first address has the scheme of its type.
+    GlobalVariables::getInstance().setType(0);
+    EXPECT_EQ(TransportEngine().baseURL(), "nat://audit.example.com:8443");
     TransportEngine engine;
     const auto ignore = [](auto&&...) {};
     EXPECT_TRUE(engine.sendMessageToServer(MessageType::eventDelivery, "caf\xC3\xA9 \xE2\x98\x83", ignore));
