@@ -44,13 +44,8 @@ TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
     const std::string unreadable =
         "Auditing is on, but /dev/auditpipe is not readable (Is a directory): " + troubleshoot;
     enum class Pipe { there, missing, aFolder };
-    const struct {
-        const char* name;
-        Pipe pipe;
-        std::optional<Result<AuditState>> state;
-        std::string atStart;
-        std::string atOpening;
-    } cases[] = {
+    // The pipe, what the host says of auditing, and the errors at the start and at the opening.
+    const std::tuple<const char*, Pipe, std::optional<Result<AuditState>>, std::string, std::string> cases[] = {
         {"all well", Pipe::there, std::nullopt, "", ""},
         {"device missing", Pipe::missing, std::nullopt, noDevice, noDevice},
         {"device that cannot be opened", Pipe::aFolder, std::nullopt, "", unreadable},
@@ -69,24 +64,24 @@ TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
         read = text.size();
         return errors;
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
+    for (const auto& [name, pipe, state, atStart, atOpening] : cases) {
+        SCOPED_TRACE(name);
         std::filesystem::remove(volume().auditPipe());
-        if (test.pipe == Pipe::there) {
+        if (pipe == Pipe::there) {
             ASSERT_EQ(::mkfifo(volume().auditPipe().c_str(), 0600), 0);
-        } else if (test.pipe == Pipe::aFolder) {
+        } else if (pipe == Pipe::aFolder) {
             std::filesystem::create_directory(volume().auditPipe());
         }
-        const FakeCondition condition(test.state);
+        const FakeCondition condition(state);
         AuditCheck::logState();
-        EXPECT_EQ(newErrors(), test.atStart);
+        EXPECT_EQ(newErrors(), atStart);
 
         const auto reader = std::make_shared<EventCollector>(AuditSource::kPipe, std::nullopt);
-        EXPECT_EQ(newErrors(), test.pipe == Pipe::there
+        EXPECT_EQ(newErrors(), pipe == Pipe::there
                                    ? ""
                                    : "failed to open audit pipe /dev/auditpipe\r\n"
                                      "FileNotOpen failed to open audit pipe\r\n" +
-                                         test.atOpening +
+                                         atOpening +
                                          "auditfile is null going to cancel\r\nEventCollector cancel called\r\n");
     }
 }

@@ -32,20 +32,14 @@ class EventCollectionScheduleTest : public ::testing::Test, protected AgentFixtu
 
 TEST_F(EventCollectionScheduleTest, RunIsRefusedWhileItsConditionsDoNotHold) {
     auto& configuration = GlobalVariables::getInstance();
-    const struct {
-        bool cancelled, enabled, full;
-        const char* flags;
-    } cases[] = {{true, true, false, "1 0 0 0"}, {false, false, false, "0 1 0 0"}, {false, true, true, "0 0 1 0"}};
-    for (const auto& test : cases) {
-        configuration.setIsEnabled(test.enabled);
-        configuration.setMaxEventDataSizeReached(test.full);
+    for (const std::string flags : {"1 0 0 0", "0 1 0 0", "0 0 1 0"}) {
+        configuration.setIsEnabled(flags[2] == '0');
+        configuration.setMaxEventDataSizeReached(flags[4] == '1');
         EventCollectionSchedule operation;
-        if (test.cancelled) {
-            operation.cancelOperation();
-        }
+        flags[0] == '1' ? operation.cancelOperation() : void();
         operation.start();
-        EXPECT_TRUE(operation.isFinished()) << test.flags;
-        EXPECT_EQ(logged(std::string("[INFO]") + test.flags + "\r\n"), 1);
+        EXPECT_TRUE(operation.isFinished()) << flags;
+        EXPECT_EQ(logged("[INFO]" + flags + "\r\n"), 1);
     }
     // A link in the spool's place, first one that others can have made.
     configuration.setMaxEventDataSizeReached(false);
@@ -65,7 +59,7 @@ TEST_F(EventCollectionScheduleTest, RunIsRefusedWhileItsConditionsDoNotHold) {
     EXPECT_FALSE(stamp().isNull());
 }
 
-TEST_F(EventCollectionScheduleTest, EveryFileIsOfferedTheOneModifiedLongestAgoFirst) {
+TEST_F(EventCollectionScheduleTest, FilesAreReadInOrderOfTheirModificationOldestFirst) {
     addTrail("a-newest", 3000s, {2500s});
     addTrail("z-oldest", 1000s, {500s});
     addTrail("current", 1500s, {1400s});
@@ -115,11 +109,7 @@ TEST_F(EventCollectionScheduleTest, CancelEndsThePresentFileOnly) {
     EventCollectionSchedule operation;
     int files = 0;
     // Posted from within the reading, when the second event comes.
-    const auto cancel = [&](const Notification&) {
-        if (++files == 1) {
-            operation.cancel();
-        }
-    };
+    const auto cancel = [&](const Notification&) { ++files == 1 ? operation.cancel() : void(); };
     const auto observer =
         NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kEventFileNotification, cancel);
     operation.start();

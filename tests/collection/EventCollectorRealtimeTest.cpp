@@ -56,31 +56,22 @@ class EventCollectorRealtimeTest : public ::testing::Test, protected AgentFixtur
 
 TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) {
     auto& configuration = GlobalVariables::getInstance();
-    const struct {
-        bool cancelled, realtime, enabled, full;
-        const char* flags;
-    } cases[] = {{true, true, true, false, "1 0 0 0 0"},
-                 {false, false, true, false, "0 1 0 0 0"},
-                 {false, true, false, false, "0 0 1 0 0"},
-                 {false, true, true, true, "0 0 0 1 0"}};
-    for (const auto& test : cases) {
-        configuration.setIsRealTime(test.realtime);
-        configuration.setIsEnabled(test.enabled);
-        configuration.setMaxEventDataSizeReached(test.full);
+    for (const std::string flags : {"1 0 0 0 0", "0 1 0 0 0", "0 0 1 0 0", "0 0 0 1 0"}) {
+        configuration.setIsRealTime(flags[2] == '0');
+        configuration.setIsEnabled(flags[4] == '0');
+        configuration.setMaxEventDataSizeReached(flags[6] == '1');
         const auto operation = std::make_shared<EventCollectorRealtime>();
-        if (test.cancelled) {
-            operation->cancel();
-        }
+        flags[0] == '1' ? operation->cancel() : void();
         operation->start();
-        EXPECT_TRUE(operation->isFinished()) << test.flags;
-        EXPECT_EQ(logged(std::string("[INFO]") + test.flags + "\r\n"), 1);
+        EXPECT_TRUE(operation->isFinished()) << flags;
+        EXPECT_EQ(logged("[INFO]" + flags + "\r\n"), 1);
     }
     EXPECT_EQ(logged("[ERROR]EventCollectorRealtime didn't run because conditions didnot match"), 4);
     EXPECT_EQ(logged("[ERROR]Realtime collection does not run: the agent is disabled (isEnabled)"), 1);
     EXPECT_EQ(logged("[ERROR]Realtime collection does not run: "), 2) << "no word where it is off or cancelled";
 }
 
-TEST_F(EventCollectorRealtimeTest, CancelBetweenTheReadersMakingAndItsBeginningEndsTheReading) {
+TEST_F(EventCollectorRealtimeTest, CancelBetweenCreationAndStartOfTheReaderEndsTheReading) {
     // Cancels as soon as the reader says that it starts.
     struct CancelAtStart final : FileSystem {
         CancelAtStart() { install(this); }
@@ -123,14 +114,13 @@ TEST_F(EventCollectorRealtimeTest, OneReaderReadsUntilTheSizeLimitIsReached) {
     EXPECT_EQ(logged("Eventcollector start called"), 1);
 }
 
-TEST_F(EventCollectorRealtimeTest, OfTwoOperationsStartedAtOnceOneReads) {
-    const Reading readings[2];
-    passRecord(1);
-    EXPECT_TRUE(eventually([this] { return logged("[INFO]0 0 0 0 1\r\n") == 1; }));
-    EXPECT_EQ(logged("Eventcollector start called"), 1);
-}
-
-TEST_F(EventCollectorRealtimeTest, OperationWithoutAPipeStaysUntilItIsCancelled) {
+TEST_F(EventCollectorRealtimeTest, OneOfTwoOperationsStartedAtOnceReadsAndOneWithoutAPipeWaitsForItsCancel) {
+    {
+        const Reading readings[2];
+        passRecord(1);
+        EXPECT_TRUE(eventually([this] { return logged("[INFO]0 0 0 0 1\r\n") == 1; }));
+        EXPECT_EQ(logged("Eventcollector start called"), 1);
+    }
     std::filesystem::remove(volume().auditPipe());
     const auto operation = std::make_shared<EventCollectorRealtime>();
     operation->start();

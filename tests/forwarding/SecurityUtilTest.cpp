@@ -12,12 +12,9 @@ constexpr const char* kSixteenEncrypted = "mBTznmHhDMK5sREZRyIn8lfLbcmtxarmVybNU
 
 }  // namespace
 
-TEST(SecurityUtilTest, TextsEncryptAsTheyAlwaysHaveWhateverTheVector) {
-    const std::pair<const char*, const char*> cases[] = {{"0123456789abcdef", kSixteenEncrypted},
-                                                         {"gr\xC3\xBC\xC3\x9F"
-                                                          "e",
-                                                          "UimcDlISETUyligNIO9feQ=="}};
-    for (const auto& [plain, cipher] : cases) {
+TEST(SecurityUtilTest, EncryptionGivesTheEstablishedCipherTextWhateverTheVector) {
+    for (const auto& [plain, cipher] :
+         {std::pair("0123456789abcdef", kSixteenEncrypted), {"gr\u00FC\u00DFe", "UimcDlISETUyligNIO9feQ=="}}) {
         for (const auto* vector : {"", "0123456789abcdef"}) {
             EXPECT_EQ(*SecurityUtil::encrypt(plain, "secret", vector), Text(cipher));
             EXPECT_EQ(*SecurityUtil::decrypt(cipher, "secret", vector), Text(plain));
@@ -28,7 +25,7 @@ TEST(SecurityUtilTest, TextsEncryptAsTheyAlwaysHaveWhateverTheVector) {
     EXPECT_EQ(*SecurityUtil::decrypt(kSixteenEncrypted, std::string("secret\0more", 11), ""), Text("0123456789abcdef"));
 }
 
-TEST(SecurityUtilTest, WhatCannotBeDecryptedIsNothingOrTheCiphersError) {
+TEST(SecurityUtilTest, UndecryptableTextGivesNothingOrTheCipherError) {
     EXPECT_EQ(*SecurityUtil::encrypt(std::nullopt, "k", ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::encrypt("text", std::nullopt, ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::decrypt(std::nullopt, "k", ""), std::nullopt);

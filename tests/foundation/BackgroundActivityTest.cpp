@@ -19,7 +19,6 @@ class BackgroundActivityTest : public ::testing::Test, protected testing::AgentF
     bool ran(int times) {
         return eventually([&] { return runs_ == times; });
     }
-
     void setClock(seconds by) {
         clock().setWallTime(clock().wallTime() + by);
         NotificationCenter::defaultCenter().post({Timer::kClockChangedNotification, nullptr, {}});
@@ -28,7 +27,7 @@ class BackgroundActivityTest : public ::testing::Test, protected testing::AgentF
     std::atomic<int> runs_ = 0;
 };
 
-TEST_F(BackgroundActivityTest, RunsOnceAnIntervalFromOneIntervalOnAlsoWhereARunThrowsOrATimerIsRefused) {
+TEST_F(BackgroundActivityTest, RunsOncePerIntervalEvenAfterARunThrowsOrATimerIsRefused) {
     static std::atomic<int> reports;
     reports = 0;
     DispatchQueue::setExceptionHandler([](std::string_view, std::string_view) { ++reports; });
@@ -53,7 +52,7 @@ TEST_F(BackgroundActivityTest, RunsOnceAnIntervalFromOneIntervalOnAlsoWhereARunT
     DispatchQueue::setExceptionHandler(nullptr);
 }
 
-TEST_F(BackgroundActivityTest, LongRunIsMadeUpForOnceAndKeepsToTheGrid) {
+TEST_F(BackgroundActivityTest, RunsMissedDuringALongOneBecomeOneAndTheGridIsKept) {
     Semaphore mayEnd;
     BackgroundActivity activity("long", seconds(10), true);
     activity.schedule([this, &mayEnd] {
@@ -73,7 +72,7 @@ TEST_F(BackgroundActivityTest, LongRunIsMadeUpForOnceAndKeepsToTheGrid) {
     EXPECT_TRUE(clock().awaitTimerIn(seconds(5)));
 }
 
-TEST_F(BackgroundActivityTest, WakeRunsWhatWasMissedOnceAlsoDuringARunAndWhereTheTimerIsJustFiring) {
+TEST_F(BackgroundActivityTest, WakeRunsAMissedTaskOnceEvenDuringARunOrWhileTheTimerFires) {
     Semaphore mayEnd;
     BackgroundActivity activity("slept", seconds(3600), true);
     activity.schedule([this, &mayEnd] {
@@ -101,7 +100,7 @@ TEST_F(BackgroundActivityTest, WakeRunsWhatWasMissedOnceAlsoDuringARunAndWhereTh
     EXPECT_EQ(runs_, 2);
 }
 
-TEST_F(BackgroundActivityTest, RunMayEndItsOwnActivityAndAnIntervalIsAboveZero) {
+TEST_F(BackgroundActivityTest, RunMayEndItsOwnActivityAndIntervalsMustBePositive) {
     auto activity = std::make_unique<BackgroundActivity>("own end", seconds(10), true);
     Semaphore done;
     activity->schedule([&] {

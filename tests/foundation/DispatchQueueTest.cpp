@@ -15,7 +15,7 @@ namespace {
 
 using std::chrono::seconds;
 
-TEST(DispatchQueueTest, BlocksRunOneAtATimeInTheOrderOfEachThatHandsThemOver) {
+TEST(DispatchQueueTest, BlocksRunOneAtATimeInTheOrderInWhichEachThreadQueuedThem) {
     constexpr int kThreads = 4;
     constexpr int kBlocks = 300;
     DispatchQueue queue("order");
@@ -66,7 +66,7 @@ TEST(DispatchQueueTest, SyncOnAnIdleQueueStaysOnTheCallersThreadAndThrowsWhatAsy
     EXPECT_EQ(reported, "idle: faultidle: an exception without a text; and on");
 }
 
-TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIsGone) {
+TEST(DispatchQueueTest, DelayedBlockRunsWhenDueAndNeverAfterTheQueueIsDestroyed) {
     testing::ManualClock clock;
     std::atomic<int> runs = 0;
     {
@@ -83,7 +83,7 @@ TEST(DispatchQueueTest, DelayedBlockRunsWhenItsTimeHasComeAndNeverOnceTheQueueIs
     EXPECT_EQ(runs, 1);
 }
 
-TEST(DispatchQueueTest, BlocksThatFindNoThreadKeepTheirOrderAndRunWhenThereIsOne) {
+TEST(DispatchQueueTest, BlocksKeepTheirOrderWhileNoThreadCanBeStarted) {
     testing::ManualClock clock;
     static std::atomic<int> lines;
     lines = 0;
@@ -106,8 +106,8 @@ TEST(DispatchQueueTest, BlocksThatFindNoThreadKeepTheirOrderAndRunWhenThereIsOne
     EXPECT_EQ(lines, 1);
 }
 
-TEST(DispatchQueueTest, ClosingLetsWhoWaitsInSyncHaveHisTurn) {
-    // Each time the end comes at another moment.
+TEST(DispatchQueueTest, SyncCallsThatAlreadyWaitStillRunWhenTheQueueCloses) {
+    // The queue closes at another moment each time.
     for (int i = 0; i < 500; ++i) {
         DispatchQueue queue("closing");
         std::atomic<int> runs = 0;

@@ -65,7 +65,7 @@ class FileSystemTest : public ::testing::Test {
 
 using Names = std::vector<std::string>;
 
-TEST_F(FileSystemTest, WrittenFileIsWholeItsOwnersAloneAndReplacesTheOldOne) {
+TEST_F(FileSystemTest, WrittenFileIsCompleteForItsOwnerOnlyAndReplacesTheOldOne) {
     for (const auto durability : {FileSystem::Durability::renamed, FileSystem::Durability::flushed}) {
         ASSERT_TRUE(files_.writeAtomically(at("a"), bytes("the old content"), durability));
         const auto before = files_.status(at("a"));
@@ -113,7 +113,7 @@ TEST_F(FileSystemTest, FailuresNameTheFileAndLeaveNothingBehind) {
     EXPECT_EQ(names(), (Names{".hidden", "link"}));
 }
 
-TEST_F(FileSystemTest, LinkIsFollowedOnlyWhereTheAgentsUserAloneCanHaveMadeIt) {
+TEST_F(FileSystemTest, LinkIsFollowedOnlyIfNobodyButTheAgentsUserCouldHaveCreatedIt) {
     ASSERT_TRUE(files_.createFolder(at("outside")));
     ASSERT_TRUE(files_.append(at("outside/file"), "as it was") && files_.append(at("file"), "inside"));
     fs::create_symlink("outside/", at("folder"));
@@ -151,7 +151,7 @@ TEST_F(FileSystemTest, LinkIsFollowedOnlyWhereTheAgentsUserAloneCanHaveMadeIt) {
     EXPECT_EQ(content("link") + content("outside/file"), "newas it was");
 }
 
-TEST_F(FileSystemTest, MoveToAnotherVolumeIsWholeOrLeavesEverythingAsItWas) {
+TEST_F(FileSystemTest, MoveToAnotherVolumeIsCompleteOrChangesNothing) {
     struct TwoVolumes final : FileSystem {
         int hostRename(const Location& from, const Location& to) override {
             errno = EXDEV;

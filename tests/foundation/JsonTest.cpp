@@ -75,7 +75,7 @@ TEST(JsonTest, WrittenValuesAreCompactAndReadBackEqual) {
     EXPECT_EQ(*Json::parse(*Json::write(reals)), reals);
 }
 
-TEST(JsonTest, WhatJsonCannotCarryIsNamedAndRefused) {
+TEST(JsonTest, ValuesThatJsonCannotCarryAreNamedAndRefused) {
     Value deep = Array();
     for (int i = 0; i < 128; ++i) {
         deep = Array{std::move(deep)};

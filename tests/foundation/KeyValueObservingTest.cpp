@@ -9,41 +9,35 @@ namespace {
 
 class Observed final : public KeyValueObserving {
   public:
-    void set(int value) {
-        willChangeValueForKey("value");
-        value_ = value;
-        didChangeValueForKey("value");
-    }
-    void setBoth(int value, int other) {
-        willChangeValueForKey("other");
-        set(value);
-        other_ = other;
-        didChangeValueForKey("other");
+    void set(const char* key, int value, const std::function<void()>& meanwhile = [] {}) {
+        willChangeValueForKey(key);
+        meanwhile();
+        values_.set(key, value);
+        didChangeValueForKey(key);
     }
 
   protected:
-    Value valueForKey(std::string_view key) const override { return key == "value" ? value_ : other_; }
+    Value valueForKey(std::string_view key) const override { return values_[key]; }
 
   private:
-    int value_ = 0;
-    int other_ = 0;
+    Dictionary values_ = {{"value", 0}, {"other", 0}};
 };
 
-TEST(KeyValueObservingTest, ChangesAreToldWithOldAndNewValuesAndAnObserverMayEndItselfChangeAgainAndFail) {
+TEST(KeyValueObservingTest, ObserversHearOldAndNewValuesAndMayEndThemselvesChangeTheValueAgainAndThrow) {
     Observed object;
     std::string heard;
     const auto note = [&heard](const KeyValueChange& change) {
-        heard += std::string(change.key) + (change.isPrior ? " from " : ":") + change.oldValue.description() +
+        heard += std::string(change.key) + " " + change.oldValue.description() +
                  (change.isPrior ? "; " : ">" + change.newValue.description() + "; ");
     };
     auto priors = object.observe("value", note, KeyValueObserving::Options::changesAndPriors);
     const auto other = object.observe("other", note);
-    object.set(1);
-    object.set(1);
-    EXPECT_EQ(heard, "value from 0; value:0>1; value from 1; value:1>1; ");
+    object.set("value", 1);
+    object.set("value", 1);
+    EXPECT_EQ(heard, "value 0; value 0>1; value 1; value 1>1; ");
     heard.clear();
-    object.setBoth(2, 3);
-    EXPECT_EQ(heard, "value from 1; value:1>2; other:0>3; ");
+    object.set("other", 3, [&object] { object.set("value", 2); });
+    EXPECT_EQ(heard, "value 1; value 1>2; other 0>3; ");
     heard.clear();
 
     priors.reset();
@@ -52,13 +46,13 @@ TEST(KeyValueObservingTest, ChangesAreToldWithOldAndNewValuesAndAnObserverMayEnd
         note(change);
         second.reset();
         if (change.newValue == Value(4)) {
-            object.set(5);
+            object.set("value", 5);
             throw std::runtime_error("the observer's own fault");
         }
     });
     second = object.observe("value", [&heard](const KeyValueChange&) { heard += "an ended one"; });
-    object.set(4);
-    EXPECT_EQ(heard, "value:2>4; value:4>5; ");
+    object.set("value", 4);
+    EXPECT_EQ(heard, "value 2>4; value 4>5; ");
 }
 
 }  // namespace

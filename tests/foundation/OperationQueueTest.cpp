@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <future>
+#include <numeric>
 
 #include <gtest/gtest.h>
 
@@ -60,7 +61,7 @@ class OperationQueueTest : public ::testing::Test {
     OperationQueue queue_;
 };
 
-TEST_F(OperationQueueTest, OperationWhoseStartReturnedHoldsItsPlaceUntilItIsFinished) {
+TEST_F(OperationQueueTest, OperationKeepsItsPlaceUntilItIsFinishedAndThenMakesRoomAtOnce) {
     queue_.setMaxConcurrentOperationCount(1);
     const auto first = operation();
     bool wasFinished = false;
@@ -78,9 +79,23 @@ TEST_F(OperationQueueTest, OperationWhoseStartReturnedHoldsItsPlaceUntilItIsFini
     EXPECT_EQ(queue_.operationCount(), 0U);
     queue_.addOperation(first);
     EXPECT_EQ(queue_.operationCount(), 0U) << "a finished operation was taken again";
+
+    // One that ends inside the start of another makes room at once.
+    queue_.setMaxConcurrentOperationCount(2);
+    const auto idle = operation();
+    const auto waiting = operation(&HandOperation::finish);
+    queue_.addOperation(operation([&](HandOperation& self) {
+        EXPECT_TRUE(eventually([&] { return idle->isExecuting(); }));
+        idle->finish();
+        EXPECT_TRUE(eventually([&] { return waiting->isFinished(); }));
+        self.finish();
+    }));
+    queue_.addOperation(idle);
+    queue_.addOperation(waiting);
+    queue_.waitUntilAllOperationsAreFinished();
 }
 
-TEST_F(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCancelled) {
+TEST_F(OperationQueueTest, OperationStartsAfterAllItsDependenciesUnlessItIsCancelled) {
     for (const bool cancelled : {false, true}) {
         SCOPED_TRACE(cancelled);
         const auto first = operation();
@@ -107,21 +122,21 @@ TEST_F(OperationQueueTest, OperationStartsAfterAllThatItDependsOnUnlessItIsCance
     }
 }
 
-TEST_F(OperationQueueTest, LimitOfOneRunsInOrderAfterAShortageOfThreadsAndAfterFailures) {
+TEST_F(OperationQueueTest, QueueWithALimitOfOneRunsInOrderDespiteAThreadShortageAndFailures) {
     testing::ManualClock clock;
     static std::string reported;
     reported.clear();
     DispatchQueue::setExceptionHandler([](std::string_view, std::string_view what) { (reported += what) += "; "; });
     queue_.setMaxConcurrentOperationCount(1);
     std::vector<int> order;
-    std::vector<int> expected;
+    std::vector<int> expected(300);
+    std::iota(expected.begin(), expected.end(), 0);
     {
         const ThreadShortage shortage;
         queue_.addOperation(operation([](HandOperation&) { throw std::runtime_error("a start's fault"); }));
         queue_.addOperationWithBlock([] { throw std::runtime_error("a block's fault"); });
-        for (int i = 0; i < 300; ++i) {
+        for (const int i : expected) {
             queue_.addOperationWithBlock([&order, i] { order.push_back(i); });
-            expected.push_back(i);
         }
         clock.advance(std::chrono::seconds(4));
         EXPECT_EQ(queue_.operationCount(), 302U);
@@ -163,22 +178,7 @@ TEST_F(OperationQueueTest, ManyThreadsNeverExceedTheLimitAndLoseNothing) {
     EXPECT_EQ(queue_.operationCount(), 0U);
 }
 
-TEST_F(OperationQueueTest, OperationEndedInsideTheStartOfAnotherMakesRoomAtOnce) {
-    queue_.setMaxConcurrentOperationCount(2);
-    const auto idle = operation();
-    const auto waiting = operation(&HandOperation::finish);
-    queue_.addOperation(operation([&](HandOperation& self) {
-        EXPECT_TRUE(eventually([&] { return idle->isExecuting(); }));
-        idle->finish();
-        EXPECT_TRUE(eventually([&] { return waiting->isFinished(); }));
-        self.finish();
-    }));
-    queue_.addOperation(idle);
-    queue_.addOperation(waiting);
-    queue_.waitUntilAllOperationsAreFinished();
-}
-
-TEST(OperationQueueEndTest, DestructionWaitsForWhatRunsAndDropsTheRestAlsoInsideABlockOfItsOwn) {
+TEST(OperationQueueEndTest, DestructionWaitsForRunningOperationsAndDropsTheRestEvenInsideItsOwnBlock) {
     auto queue = std::make_shared<OperationQueue>();
     queue->setMaxConcurrentOperationCount(1);
     Semaphore begun;

@@ -18,7 +18,7 @@ std::pair<int, std::string> runShell(const std::string& script) {
     return {process.terminationStatus(), std::string(output.begin(), output.end())};
 }
 
-TEST(ProcessTest, StatusAndOutputAreThoseOfTheProgram) {
+TEST(ProcessTest, ProgramInheritsStandardStreamsOnlyAndItsStatusAndOutputAreReturned) {
     const std::pair<std::string, std::pair<int, std::string>> cases[] = {
         {"printf out; echo complaint >&2; exit 3", {3, "out"}},
         {"kill -9 $$", {SIGKILL, ""}},
@@ -27,14 +27,9 @@ TEST(ProcessTest, StatusAndOutputAreThoseOfTheProgram) {
     for (const auto& [script, expected] : cases) {
         EXPECT_EQ(runShell(script), expected) << script;
     }
-}
-
-TEST(ProcessTest, ChildInheritsNoDescriptorButItsStandardStreams) {
     const FileDescriptor forgotten(::dup(STDIN_FILENO));
     EXPECT_EQ(runShell("ls /dev/fd/" + std::to_string(forgotten.get()) + " 2>/dev/null").second, "");
-}
-
-TEST(ProcessTest, StatusThatTheSystemDoesNotTellIsNoSuccess) {
+    // The system tells no status then, which is no success.
     auto* const before = std::signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(runShell("exit 3").first, Process::kUnknownStatus);
     std::signal(SIGCHLD, before);

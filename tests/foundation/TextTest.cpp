@@ -32,7 +32,7 @@ TEST(TextTest, Utf16KeepsCharactersAndMarksStrayBytes) {
     }
 }
 
-TEST(TextTest, AsciiLosesMarksAndReplacesTheRest) {
+TEST(TextTest, AsciiDropsAccentsAndReplacesOtherCharacters) {
     EXPECT_EQ(
         asciiLossy(
             "plain \n {\"name\":\"Zo\xC3\xAB\"} \xC3\x85ngstr\xC3\xB6m e\xCC\x81t\xC3\xA9 \xEF\xAC\x81n a\xC2\xA0z"),

@@ -29,7 +29,7 @@ class TimerTest : public ::testing::Test, protected testing::AgentFixture {
     std::function<void()> note_ = [this] { firings_.push_back(clock().wallTime()); };
 };
 
-TEST_F(TimerTest, FiresOnItsThreadAtEachDateAndOnceForThoseMissed) {
+TEST_F(TimerTest, FiresOnItsThreadAtEachDateAndOnceForAllMissedOnes) {
     Timer timer(start_ + hours(1), anHourLater, note_);
     std::thread thread([&timer] { timer.run(); });
     for (int i = 0; i < 2; ++i) {
@@ -62,7 +62,7 @@ TEST_F(TimerTest, DateInThePastFiresAtOnceAndTheFunctionMayEndTheTimer) {
     EXPECT_EQ(firings_.size(), 2U) << "an invalidated timer fired, or a timer not at all";
 }
 
-TEST_F(TimerTest, WallClockThatIsSetIsFollowedOnceItIsNoticed) {
+TEST_F(TimerTest, TimerFollowsAChangedWallClockOnceTheChangeIsNoticed) {
     Timer timer(start_ + hours(10), never, note_);
     std::thread thread([&timer] { timer.run(); });
     ASSERT_TRUE(clock().awaitTimerIn(hours(10)));

@@ -57,25 +57,17 @@ class GuardedFileSystem final : public FileSystem {
 
   protected:
     int hostOpen(const Location& at, int flags, mode_t mode) override {
-        if ((flags & (O_ACCMODE | O_CREAT)) != O_RDONLY) {
-            requireInside(at);
-        }
-        return FileSystem::hostOpen(at, flags, mode);
+        const bool onlyReads = (flags & (O_ACCMODE | O_CREAT)) == O_RDONLY;
+        return FileSystem::hostOpen(onlyReads ? at : inside(at), flags, mode);
     }
     // No input outlives a loss of power.
     int hostFlush(int /*descriptor*/) override { return 0; }
     int hostRename(const Location& from, const Location& to) override {
-        requireInside(from);
-        requireInside(to);
-        return FileSystem::hostRename(from, to);
+        return FileSystem::hostRename(inside(from), inside(to));
     }
-    int hostRemove(const Location& at) override {
-        requireInside(at);
-        return FileSystem::hostRemove(at);
-    }
+    int hostRemove(const Location& at) override { return FileSystem::hostRemove(inside(at)); }
     int hostMakeFolder(const Location& at, mode_t mode) override {
-        requireInside(at);
-        return FileSystem::hostMakeFolder(at, mode);
+        return FileSystem::hostMakeFolder(inside(at), mode);
     }
     int hostStatus(const std::string& path, struct stat& status) override {
         return dated(FileSystem::hostStatus(path, status), status);
@@ -85,9 +77,11 @@ class GuardedFileSystem final : public FileSystem {
     }
 
   private:
-    void requireInside(const Location& at) const {
+    // The location, which must be in the agent's folder.
+    const Location& inside(const Location& at) const {
         const auto path = std::filesystem::absolute(at.path).lexically_normal().string();
         require(path.starts_with(folder_.string() + "/"), "nothing is written outside the agent's folder", path);
+        return at;
     }
     static int dated(int result, struct stat& status) {
         status.st_mtim = {static_cast<time_t>(epochSeconds(Clock::shared().wallTime())), 0};

@@ -52,29 +52,28 @@ std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
     std::size_t requests = 0;
     agent.session().respondWith([&](const FakeUrlSession::Sent& sent) {
         const bool fails = (failing >> (requests++ % 8) & 1U) != 0;
-        if (!fails) {
-            delivered.push_back(sent.body);
-        }
+        delivered.insert(delivered.end(), fails ? 0U : 1U, sent.body);
         return FakeUrlSession::Answer{fails ? 500 : 200, "{}"};
     });
     EventQueueGCD::init();
     auto forwarder = EventForwarder::init();
     // Each block of the forwarder's queue holds it.
     const auto idle = [&forwarder] { return forwarder.use_count() == 1; };
-    forwarder->start();
-    for (int round = 0; round < 3; ++round) {
+    const auto awaitEnd = [&] {
         require(FuzzAgent::eventually(idle), "the forwarder ends its work");
         agent.session().settle();
-        if (round < 2) {
-            TransportEngine::setIsConnected(true);
-            agent.clock().advance(std::chrono::seconds(10));
-            EventQueueGCD::length();
-        }
+    };
+    forwarder->start();
+    for (int round = 0; round < 2; ++round) {
+        awaitEnd();
+        TransportEngine::setIsConnected(true);
+        agent.clock().advance(std::chrono::seconds(10));
+        EventQueueGCD::length();
     }
+    awaitEnd();
     // What was put back may have made it begin again.
     forwarder->cancel();
-    require(FuzzAgent::eventually(idle), "the forwarder ends its work");
-    agent.session().settle();
+    awaitEnd();
     return delivered;
 }
 

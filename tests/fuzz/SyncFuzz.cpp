@@ -10,6 +10,7 @@
 #include "fuzz/Fuzz.h"
 #include "fuzz/FuzzAgent.h"
 #include "operations/ScheduleHandler.h"
+#include "support/Footprint.h"
 #include "sync/ServerCommunicator.h"
 
 #include <future>
@@ -34,10 +35,6 @@ void synchronise(FuzzAgent& agent, std::string_view answer, bool atWork) {
     while (applied.wait_for(1ms) != std::future_status::ready) {
         agent.clock().advance(10s);
     }
-}
-
-std::ptrdiff_t threads() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
 
 void requireSoundState(FuzzAgent& agent) {
@@ -73,7 +70,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     auto answers = parts(asText(input), '\n', 5);
     const bool atWork = answers[0] == "service";
     agent.session().settle();
-    const auto before = threads();
+    const auto before = Footprint().threads;
     std::thread service;
     if (atWork) {
         agent.session().respondWith([](const auto&) { return FakeUrlSession::Answer(); });
@@ -94,7 +91,8 @@ void fuzz(std::span<const std::uint8_t> input) {
     requireSoundState(agent);
     // The next start finds a configuration that it can work with. One more thread may be the session's.
     agent.restart();
-    require(FuzzAgent::eventually([before] { return threads() <= before + 1; }), "no thread outlives the agent");
+    require(FuzzAgent::eventually([before] { return Footprint().threads <= before + 1; }),
+            "no thread outlives the agent");
     synchronise(agent, "{}", false);
     requireSoundState(agent);
 }

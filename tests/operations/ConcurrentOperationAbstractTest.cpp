@@ -52,7 +52,7 @@ class ConcurrentOperationAbstractTest : public ::testing::Test, protected testin
     }
 };
 
-TEST_F(ConcurrentOperationAbstractTest, EachChangeIsAnnouncedAroundItsMomentInTheGivenOrder) {
+TEST_F(ConcurrentOperationAbstractTest, EachChangeIsAnnouncedBeforeAndAfterInAFixedOrder) {
     Sample operation;
     EXPECT_EQ(operation.name(), "Sample");
     EXPECT_EQ(state(operation), "000");
@@ -65,14 +65,11 @@ TEST_F(ConcurrentOperationAbstractTest, EachChangeIsAnnouncedAroundItsMomentInTh
     EXPECT_EQ(logged("][DEBUG]ConcurrentOperationAbstract canStart called 0 0\r\n"), 1);
 }
 
-TEST_F(ConcurrentOperationAbstractTest, OneWhoseStartThrowsIsFinished) {
-    Sample operation(true);
-    EXPECT_FALSE(operation.run());
-    EXPECT_EQ(state(operation), "010");
+TEST_F(ConcurrentOperationAbstractTest, OperationThatThrowsOrWasCancelledFirstFinishesWithoutExecuting) {
+    Sample failing(true);
+    EXPECT_FALSE(failing.run());
+    EXPECT_EQ(state(failing), "010");
     EXPECT_TRUE(Sample().run());
-}
-
-TEST_F(ConcurrentOperationAbstractTest, CancelledBeforeItsStartItFinishesWithoutExecuting) {
     Sample operation;
     operation.cancel();
     EXPECT_EQ(heard(operation, [&] { operation.start(); }), "will isFinished 001; did isFinished 011; ");

@@ -24,7 +24,7 @@ class DailyTimeTest : public ::testing::Test, protected testing::AgentFixture {
     static Date at(const char* text) { return DateFormat::parse("yyyy-MM-dd HH:mm:ss Z", text).value(); }
 };
 
-TEST_F(DailyTimeTest, FirstFiringIsTodayUnlessTheTimeIsOver) {
+TEST_F(DailyTimeTest, FirstFiringIsTodayUnlessTheTimeHasPassed) {
     const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
         {"UTC", "02:00:00", "2026-11-15 02:00:00 +0000", "2026-11-15 02:00:00 +0000"},
         {"UTC", "02:00:00", "2026-11-15 02:00:01 +0000", "2026-11-16 02:00:00 +0000"},
@@ -43,7 +43,7 @@ TEST_F(DailyTimeTest, FirstFiringIsTodayUnlessTheTimeIsOver) {
     }
 }
 
-TEST_F(DailyTimeTest, OnlyATimeOfDayIsOne) {
+TEST_F(DailyTimeTest, OnlyTimesOfDayParse) {
     for (const auto* text : {"", "02", "02:00:", ":00:00", "24:00:00", "02:60:00", "02:00:60", "-1:00:00",
                              "02:00:00:00", "02:00:00pm", " 2:00:00", "2.5:00:00", "99999999999:00:00"}) {
         EXPECT_FALSE(DailyTime::parse(text)) << text;

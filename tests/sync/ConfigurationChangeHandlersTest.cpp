@@ -102,23 +102,24 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
     constexpr auto* kSyncTime = Sync::SyncTimeCheckWithOldData;
     constexpr auto* kEvents = Sync::realTimeReinitialiseCheckWithOldData;
     constexpr const char* kFetch = "Fetch interval has been changed updating schedule to ";
+    constexpr const char* kNewEvents = "Events to be audited are changed to b";
     // What is said; with an interval at its end the task is started with it.
     const std::tuple<Handler, const char*, const char*, const char*, int> cases[] = {
         {kDomain, "{}", "{}", "", 0},
         {kDomain, "{}", R"({"AgentGuid":"g"})", "First Time Configuration", 0},
         {kDomain, R"({"AgentGuid":"g"})", R"({"AgentGuid":"h"})", "", 0},
+        {kDomain, R"({"AgentGuid":"g"})", R"({"AgentGuid":"g","DomainID":"1"})", "", 0},
         {kState, R"({"isEnabled":1})", R"({"isEnabled":true})", "No State change", 0},
         {kState, R"({"isEnabled":true})", "{}", "No State change", 0},
         {kState, "{}", R"({"isEnabled":true})", "State Changed to enabled", 0},
         {kSyncTime, R"({"SyncTime":900})", "{}", "", 0},
+        {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":900})", "", 0},
         {kSyncTime, R"({"SyncTime":900})", R"({"SyncTime":"900"})", "SyncTime has been updated to ", 900},
         {kSyncTime, "{}", R"({"SyncTime":120})", "SyncTime has been updated to ", 120},
         {kEvents, R"({"EventsToRead":"b","IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":1})", "", 0},
         {kEvents, R"({"EventsToRead":"a","IsRealTime":1})", R"({"IsRealTime":1})", "", 0},
-        {kEvents, R"({"IsRealTime":0})", R"({"EventsToRead":"b","IsRealTime":1})",
-         "Events to be audited are changed to b", 0},
-        {kEvents, R"({"IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":0})",
-         "Events to be audited are changed to b", 0},
+        {kEvents, R"({"IsRealTime":0})", R"({"EventsToRead":"b","IsRealTime":1})", kNewEvents, 0},
+        {kEvents, R"({"IsRealTime":1})", R"({"EventsToRead":"b","IsRealTime":0})", kNewEvents, 0},
         {kInterval, R"({"FetchInterval":600})", R"({"FetchInterval":600,"IsRealTime":false})", "", 0},
         {kInterval, R"({"FetchInterval":600})", R"({"FetchInterval":"600"})", kFetch, 600},
         {kInterval, R"({"FetchInterval":600})", "{}", kFetch, 10800},
@@ -141,7 +142,7 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
     }
 }
 
-TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfATaskThatHasTheIntervalAndWillRunAgain) {
+TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfARepeatingTaskWithTheSameInterval) {
     constexpr auto* kInterval = Sync::IntervalChangesCheckWithOldData;
     constexpr const char* kFetch = "Fetch interval has been changed updating schedule to 10800";
     constexpr const char* kRealtime = R"({"IsRealTime":1})";
@@ -174,7 +175,7 @@ TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfATaskThatHasTheIn
     EXPECT_TRUE(clock().awaitTimerIn(10800s));
 }
 
-TEST_F(ConfigurationChangeHandlersTest, CollectionsAreStartedTogetherAndTheLiveOneIsEndedFirst) {
+TEST_F(ConfigurationChangeHandlersTest, BothCollectionsStartTogetherAndRealtimeEndsFirst) {
     const std::tuple<Handler, const char*, const char*, bool> cases[] = {
         {Sync::StateChangesCheckWithOldData, R"({"isEnabled":true})", R"({"isEnabled":false})", true},
         {Sync::IntervalChangesCheckWithOldData, R"({"IsRealTime":true})", R"({"IsRealTime":false})", false},
@@ -204,7 +205,7 @@ TEST_F(ConfigurationChangeHandlersTest, CollectionsAreStartedTogetherAndTheLiveO
     }
 }
 
-TEST_F(ConfigurationChangeHandlersTest, RelaysNameSetsTheTypeOfConnectionWhenItChanges) {
+TEST_F(ConfigurationChangeHandlersTest, ChangedRelayNameSetsTheConnectionType) {
     constexpr std::uint64_t kUnchanged = 9;
     const auto named = [](const char* name) { return std::string(R"({"NATServerName":")") + name + "\"}"; };
     const std::tuple<std::string, std::string, std::uint64_t> cases[] = {{named("relay"), named("relay"), kUnchanged},
@@ -222,7 +223,7 @@ TEST_F(ConfigurationChangeHandlersTest, RelaysNameSetsTheTypeOfConnectionWhenItC
     }
 }
 
-TEST_F(ConfigurationChangeHandlersTest, RealtimeIsStartedAgainOnlyWhenTheOldOneHasEnded) {
+TEST_F(ConfigurationChangeHandlersTest, RealtimeRestartsOnlyAfterTheOldReaderHasEnded) {
     startService();
     const auto realtime = addStandIn("EventCollectorRealtime");
     const auto before = added("EventCollectorRealtime");

@@ -74,11 +74,9 @@ TEST(RecordReaderTest, TrailCutAnywhereGivesTheRecordsBeforeTheCut) {
     Data trail;
     for (const auto& record : smallTrail()) {
         for (std::size_t cut = 0; cut < record.size(); ++cut) {
-            auto bytes = trail;
-            bytes.insert(bytes.end(), record.begin(), record.begin() + static_cast<std::ptrdiff_t>(cut));
-            const auto reading = readAll(bytes);
+            const auto reading = readAll(joined({trail, {record.data(), record.data() + cut}}));
             EXPECT_EQ(reading.records, whole);
-            EXPECT_EQ(reading.end, cut == 0 ? End::kEndOfData : End::kTruncatedRecord) << bytes.size();
+            EXPECT_EQ(reading.end, cut == 0 ? End::kEndOfData : End::kTruncatedRecord) << cut;
             EXPECT_EQ(reading.position, trail.size());
             EXPECT_EQ(reading.leftUnread, cut);
         }
@@ -88,16 +86,11 @@ TEST(RecordReaderTest, TrailCutAnywhereGivesTheRecordsBeforeTheCut) {
 }
 
 TEST(RecordReaderTest, BytesThatCannotBeARecordEndTheReadingAndAreCounted) {
-    const std::vector<Data> impossible = {
-        {0x14, 0, 0, 0, 0},  // length 0
-        {0x14, 0, 0, 0, 3},  // less than the length itself takes
-        {0x74, 0, 0, 0, 4},  // one byte less
-        {0x00},              // the zeros of a file that was not written out
-        {0x13, 0xB1, 0x05},  // a token, but none that begins a record
-        {0xFF},
-    };
     const auto good = TrailRecord(6152).at(1s).text("good").bytes();
-    for (const auto& bytes : impossible) {
+    // Lengths of 0, less than the length itself takes, and one byte less than that; the zeros of a file that was not
+    // written out; a token, but none that begins a record; and no token.
+    for (const Data& bytes :
+         {Data{0x14, 0, 0, 0, 0}, {0x14, 0, 0, 0, 3}, {0x74, 0, 0, 0, 4}, {0x00}, {0x13, 0xB1, 0x05}, {0xFF}}) {
         const auto reading = readAll(joined({good, bytes, good}));
         EXPECT_EQ(reading.records, std::vector<Data>{good});
         EXPECT_EQ(reading.end, End::kGarbage);
@@ -129,7 +122,7 @@ TEST(RecordReaderTest, RecordsUpToTheLargestAreReadAndLongerOnesSkippedAcrossBlo
     }
 }
 
-TEST(RecordReaderTest, MemoryFollowsTheBytesThatCameAndIsGivenBackAfterLongRecords) {
+TEST(RecordReaderTest, MemoryGrowsWithReceivedBytesAndIsReleasedAfterLongRecords) {
     const auto residentPages = [] {
         std::int64_t size = 0, resident = 0;
         std::ifstream("/proc/self/statm") >> size >> resident;
@@ -153,7 +146,7 @@ TEST(RecordReaderTest, MemoryFollowsTheBytesThatCameAndIsGivenBackAfterLongRecor
     EXPECT_TRUE(Footprint().memory == 0 || residentPages() - before < 1024);
 }
 
-TEST(RecordReaderTest, SourceIsAskedOnlyForWhatIsNotAtHandAndNotAgainAfterAnError) {
+TEST(RecordReaderTest, SourceIsReadOnlyWhenTheBufferIsUsedUpAndNeverAfterAnError) {
     const auto record = TrailRecord(6152).at(1s).bytes();
     MemorySource source(joined({record, record}));
     source.failAtEnd();

@@ -43,11 +43,7 @@ Data operator+(Data left, const Data& right) {
 }  // namespace
 
 TEST(TokenReaderTest, EveryLayoutGivesTheSameFields) {
-    const struct {
-        Layout layout;
-        const char* address;
-        const char* firstWord;
-    } cases[] = {
+    const std::tuple<Layout, const char*, const char*> cases[] = {
         {Layout::k32, "10.1.2.3", "10.1.2.3"},   {Layout::k64, "10.1.2.3", "10.1.2.3"},
         {Layout::k32Ex, "10.1.2.3", "10.1.2.3"}, {Layout::k32Ex, "2001:db8::1", "32.1.13.184"},
         {Layout::k64Ex, "10.1.2.3", "10.1.2.3"}, {Layout::k64Ex, "2001:db8::1", "32.1.13.184"},
@@ -94,21 +90,17 @@ TEST(TokenReaderTest, ReturnsTextAndIdentityAreRead) {
     EXPECT_EQ(std::tuple(identity.signerType, identity.signingId, identity.teamId),
               std::tuple(1U, "com.apple.sshd", "TEAM"));
     EXPECT_EQ(Data(identity.cdhash.begin(), identity.cdhash.end()), Data({1, 2}));
-    const std::pair<Data, const char*> texts[] = {
-        {{0x28, 0, 4, 0xC3, 0xA9, 'b', 0},
-         "\xC3\xA9"
-         "b"},
-        {{0x28, 0, 3, 'a', 'b', 'c'}, "abc"},
-        {{0x28, 0, 4, 'a', 0, 'b', 0}, "a"},
-        {{0x28, 0, 1, 0}, ""},
-        {{0x28, 0, 0}, ""},
-    };
+    const std::pair<Data, const char*> texts[] = {{{0x28, 0, 4, 0xC3, 0xA9, 'b', 0}, "\u00E9b"},
+                                                  {{0x28, 0, 3, 'a', 'b', 'c'}, "abc"},
+                                                  {{0x28, 0, 4, 'a', 0, 'b', 0}, "a"},
+                                                  {{0x28, 0, 1, 0}, ""},
+                                                  {{0x28, 0, 0}, ""}};
     for (const auto& [bytes, expected] : texts) {
         EXPECT_EQ(contentAt<bsm::TextToken>(bytes, 0).text, expected) << "to its first zero, or to its length";
     }
 }
 
-TEST(TokenReaderTest, KindsThatTheAgentDoesNotLookIntoAreSkippedExactly) {
+TEST(TokenReaderTest, TokensThatTheAgentDoesNotUseAreSkippedExactly) {
     std::vector<Data> tokens = {
         Data{0x11} + zeros(8) + Data{0, 2, 'f', 0},              // file
         Data{0x21, 0, 0, 3} + zeros(3),                          // data, of bytes
