@@ -1,6 +1,5 @@
 #include "BenchVolume.h"
 
-#include "foundation/ProcessWide.h"
 #include "support/RunningAgent.h"
 #include "volume/TrailRecord.h"
 
@@ -183,7 +182,21 @@ void BenchVolume::enter() {
     ::setenv("SENTROVA_SYSTEM_VOLUME", volume_.volume().c_str(), 1);
     std::filesystem::current_path(volume_.bin());
     writeOwnConfiguration();
-    ProcessWideState::reset();
+    if (entered_) {
+        entered_->leave();
+    }
+    entered_ = this;
+    agent_.emplace(host_.host(session_));
+    Logger::getInstance().load(NotificationCenter::defaultCenter());
+    GlobalVariables::getInstance().load();
+    Current<LastRead>::get().open();
+}
+
+void BenchVolume::leave() {
+    if (entered_ == this) {
+        entered_ = nullptr;
+        agent_.reset();
+    }
 }
 
 std::vector<std::string> eventsToRead() {

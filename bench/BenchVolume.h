@@ -2,10 +2,14 @@
 
 #pragma once
 
-#include "support/SystemVolume.h"
+#include "foundation/net/UrlSession.h"
+#include "platform/RealHost.h"
+#include "service/Agent.h"
+#include "volume/SystemVolume.h"
 
 #include <cstddef>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,6 +28,9 @@ class BenchVolume {
         std::filesystem::path folder = std::filesystem::temp_directory_path();
     };
     explicit BenchVolume(const Configuration& configuration);
+    ~BenchVolume() { leave(); }
+    BenchVolume(const BenchVolume&) = delete;
+    BenchVolume& operator=(const BenchVolume&) = delete;
 
     const testing::SystemVolume& files() const { return volume_; }
 
@@ -40,14 +47,24 @@ class BenchVolume {
     static constexpr std::uint32_t kFirstUserId = 100'000;
     void addUsers(std::size_t count);
 
-    // Makes the parts of the agent in this process use this volume, with the state of a first start.
+    // Makes an agent in this process that uses this volume, with the state of a first start, in the place of the agent
+    // of any volume.
     void enter();
+    // Destroys the agent, if it is this volume's.
+    void leave();
+    // The agents that are made from now on send to the session, which must outlive them.
+    void useSession(UrlSession& session) { session_ = &session; }
 
   private:
     void writeOwnConfiguration();
 
+    static inline BenchVolume* entered_ = nullptr;
+
     const int logLevel_;
     testing::SystemVolume volume_;
+    platform::RealHost host_;
+    UrlSession* session_ = nullptr;
+    std::optional<Agent> agent_;
 };
 
 // The event names that the configuration selects.

@@ -1,6 +1,6 @@
 #include "LoopbackServer.h"
 
-#include "support/AuditServer.h"
+#include "server/AuditServer.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>

@@ -11,10 +11,10 @@
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/CurlUrlSession.h"
-#include "foundation/FileSystem.h"
-#include "foundation/NotificationCenter.h"
-#include "foundation/ProcessWide.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/NotificationCenter.h"
+#include "platform/curl/CurlUrlSession.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -124,7 +124,8 @@ void selectedWithoutNamesAndJson(benchmark::State& state) {
             }
             if (read % 500 == 0) {
                 const auto target = volume.files().eventData() / fmt::format("plain_{}", ++files);
-                static_cast<void>(FileSystem::shared().writeAtomically(target, batch, FileSystem::Durability::renamed));
+                static_cast<void>(
+                    Current<FileSystem>::get().writeAtomically(target, batch, FileSystem::Durability::renamed));
             }
         }
     }
@@ -142,7 +143,6 @@ std::vector<std::string> spooledBatches(std::size_t count, int eventsEach) {
     for (const auto& entry : std::filesystem::directory_iterator(volume.files().eventData())) {
         batches.push_back(contentOf(entry.path()));
     }
-    ProcessWideState::reset();
     return batches;
 }
 
@@ -154,7 +154,7 @@ const std::vector<std::string>& theBatches(std::size_t count) {
 void bareClient(benchmark::State& state) {
     const auto& batches = theBatches(static_cast<std::size_t>(state.range(0)));
     BareClient client(fmt::format("http://127.0.0.1:{}/api/agent/tabs/agentData", theSink->port()),
-                      EventForwarder::kDeliveriesUnderWay);
+                      EventForwarder::kDeliveriesInFlight);
     client.post(batches);
     for (auto _ : state) {
         client.post(batches);
@@ -164,8 +164,9 @@ void bareClient(benchmark::State& state) {
 // The agent's own session, counting the completions that have run.
 class CountingSession final : public UrlSession {
   public:
-    CountingSession(std::shared_ptr<UrlSessionDelegate> delegate, std::atomic<std::size_t>& completed)
-        : session_(std::move(delegate)), completed_(completed) {}
+    CountingSession(Clock& clock, std::atomic<std::size_t>& completed) : session_(clock), completed_(completed) {
+        session_.start();
+    }
 
     void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override {
         uploadShared(request, std::make_shared<const std::string>(std::move(body)), std::move(completionHandler));
@@ -183,18 +184,19 @@ class CountingSession final : public UrlSession {
     }
 
   private:
-    CurlUrlSession session_;
+    platform::CurlUrlSession session_;
     std::atomic<std::size_t>& completed_;
 };
 
 // From the announcement of the first spool file to the completion of the last request.
 void spoolToDelivery(benchmark::State& state) {
     const auto& batches = theBatches(static_cast<std::size_t>(state.range(0)));
-    BenchVolume volume({.port = theSink->port()});
-    volume.enter();
     std::atomic<std::size_t> completed = 0;
-    TransportEngine::setSessionFactory(
-        [&](auto delegate) { return std::make_unique<CountingSession>(std::move(delegate), completed); });
+    platform::SystemClock clock;
+    CountingSession session(clock, completed);
+    BenchVolume volume({.port = theSink->port()});
+    volume.useSession(session);
+    volume.enter();
     EventQueueGCD::init();
     const auto forwarder = EventForwarder::init();
     forwarder->start();
@@ -202,7 +204,7 @@ void spoolToDelivery(benchmark::State& state) {
         std::vector<FileUrl> files;
         for (std::size_t i = 0; i < batches.size(); ++i) {
             files.emplace_back((volume.files().eventData() / fmt::format("event_{:017}", i)).string());
-            static_cast<void>(FileSystem::shared().append(files.back().path(), batches[i]));
+            static_cast<void>(Current<FileSystem>::get().append(files.back().path(), batches[i]));
         }
         completed = 0;
         if (timed) {
@@ -226,8 +228,7 @@ void spoolToDelivery(benchmark::State& state) {
         state.SkipWithError("not everything was delivered");
     }
     forwarder->cancel();
-    ProcessWideState::reset();
-    TransportEngine::setSessionFactory(nullptr);
+    volume.leave();
 }
 
 // Looks up the name of each user by id and the details by name, twice.
@@ -322,6 +323,5 @@ int main(int argc, char** argv) {
     benchmark::AddCustomContext("spool", spoolFolder());
     benchmark::AddCustomContext("compiler", __VERSION__);
     benchmark::RunSpecifiedBenchmarks();
-    sentrova::ProcessWideState::reset();
     return EXIT_SUCCESS;
 }

@@ -4,6 +4,8 @@ find_package(OpenSSL 3.0 REQUIRED)
 find_package(ICU REQUIRED COMPONENTS i18n uc data)
 find_package(fmt 9 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
+find_package(utf8cpp 3.2 REQUIRED)
+find_package(FastFloat 3.5 REQUIRED)
 
 # The TLS hooks of the agent are OpenSSL's, and the system's own libcurl has another library behind it.
 if(APPLE AND CURL_LIBRARIES MATCHES "libcurl[.0-9]*\\.tbd")

@@ -1,8 +1,8 @@
 // A stand-in audit server on loopback that shows the events that reach it.
 
 #include "Arguments.h"
+#include "server/AuditServer.h"
 #include "server/EventTable.h"
-#include "support/AuditServer.h"
 
 #include <pthread.h>
 #include <signal.h>

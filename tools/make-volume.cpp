@@ -3,12 +3,11 @@
 
 #include "Arguments.h"
 #include "BuildPaths.h"
-#include "foundation/Clock.h"
-#include "foundation/FileDescriptor.h"
-#include "foundation/FileSystem.h"
-#include "foundation/PropertyList.h"
-#include "support/SystemVolume.h"
+#include "foundation/files/FileDescriptor.h"
+#include "foundation/formats/PropertyList.h"
+#include "platform/posix/HostFileSystem.h"
 #include "volume/LiveActivity.h"
+#include "volume/SystemVolume.h"
 #include "volume/WorkingDay.h"
 
 #include <fcntl.h>
@@ -20,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <thread>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -105,7 +105,7 @@ Options parse(Arguments arguments) {
 
 // Yesterday at 08:00 in the local zone.
 std::chrono::seconds startOfYesterday() {
-    auto day = fmt::localtime(static_cast<std::time_t>(Clock::shared().epochSeconds()));
+    auto day = fmt::localtime(static_cast<std::time_t>(epochSeconds(std::chrono::system_clock::now())));
     day.tm_mday -= 1;
     day.tm_hour = 8;
     day.tm_min = 0;
@@ -143,7 +143,7 @@ Dictionary serverInfo(const Options& options) {
 
 // The task list that an installation comes with.
 Dictionary shippedSchedules() {
-    const auto bytes = FileSystem::shared().read(build::kShippedSchedules);
+    const auto bytes = platform::HostFileSystem().read(build::kShippedSchedules);
     const auto list = bytes ? PropertyList::parse(*bytes) : Result<Value>(bytes.error());
     if (!list || !list->dictionary()) {
         throw std::runtime_error(fmt::format("the task list cannot be read: {}", list ? "" : list.error().description));
@@ -171,11 +171,11 @@ void live(const Options& options) {
     LiveActivity activity(options.seed);
     const auto apart = std::chrono::nanoseconds(std::chrono::seconds(1)) / options.perSecond;
     for (std::uint32_t written = 0; !options.count || written < *options.count; ++written) {
-        const auto bytes = activity.next(std::chrono::seconds(Clock::shared().epochSeconds())).bytes();
+        const auto bytes = activity.next(std::chrono::seconds(epochSeconds(std::chrono::system_clock::now()))).bytes();
         if (::write(pipe.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
             throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));
         }
-        Clock::shared().sleepFor(apart);
+        std::this_thread::sleep_for(apart);
     }
 }
 

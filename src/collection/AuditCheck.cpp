@@ -1,6 +1,7 @@
 #include "collection/AuditCheck.h"
 
 #include "core/LogSource.h"
+#include "foundation/run/Current.h"
 #include "platform/AuditCondition.h"
 
 #include <optional>
@@ -23,7 +24,7 @@ constexpr std::string_view kOff =
 
 // What keeps records from coming; nothing while the system audits.
 std::optional<std::string> obstacle() {
-    const auto state = platform::AuditCondition::shared().state();
+    const auto state = Current<platform::AuditCondition>::get().state();
     if (!state) {
         return fmt::format(R"(Whether auditing is on cannot be told ({}): see "Troubleshoot" in docs/macos.md)",
                            state.error().description);
@@ -43,16 +44,15 @@ std::optional<std::string> obstacle() {
 
 void AuditCheck::logState() {
     if (const auto text = obstacle()) {
-        kLog.error(__func__, "{}", *text);
+        kLog.error("{}", *text);
     }
 }
 
 void AuditCheck::logFailedOpening(std::string_view reason) {
     if (const auto text = obstacle()) {
-        kLog.error(__func__, "{}", *text);
+        kLog.error("{}", *text);
     } else {
-        kLog.error(__func__,
-                   R"(Auditing is on, but /dev/auditpipe is not readable ({}): see "Troubleshoot" in )"
+        kLog.error(R"(Auditing is on, but /dev/auditpipe is not readable ({}): see "Troubleshoot" in )"
                    "docs/macos.md",
                    reason);
     }

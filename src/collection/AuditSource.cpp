@@ -1,6 +1,7 @@
 #include "collection/AuditSource.h"
 
-#include "foundation/FileSystem.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Current.h"
 #include "platform/AuditPipeDevice.h"
 #include "platform/ChildDescriptors.h"
 #include "platform/SystemPath.h"
@@ -24,7 +25,7 @@ constexpr std::uint32_t kTrailMode = 1;
 constexpr std::uint32_t kClasses = 0x1000 | 0x2000;
 
 std::uint32_t request(const FileDescriptor& device, AuditPipeRequest which, const char* name, std::uint32_t argument) {
-    const auto answer = AuditPipeDevice::shared().request(device, which, argument);
+    const auto answer = Current<AuditPipeDevice>::get().request(device, which, argument);
     if (!answer) {
         throw AuditSourceError(name, "Exception in ioctl", answer.error().description);
     }
@@ -45,7 +46,8 @@ std::unique_ptr<AuditSource> AuditSource::open(const std::string& path) {
     std::unique_ptr<AuditSource> source(new AuditSource);  // NOLINT: the constructor is private
     const bool isPipe = path == kPipe;
     const auto hostPath = platform::systemPath(path);
-    auto file = isPipe ? AuditPipeDevice::shared().open(hostPath) : FileSystem::shared().openForReading(hostPath);
+    auto file =
+        isPipe ? Current<AuditPipeDevice>::get().open(hostPath) : Current<FileSystem>::get().openForReading(hostPath);
     if (!file) {
         throw AuditSourceError("FileNotOpen", "failed to open audit pipe", file.error().description);
     }
@@ -72,7 +74,7 @@ std::ptrdiff_t AuditSource::read(std::span<std::uint8_t> into) {
                 return -1;
             }
         }
-        const auto got = FileSystem::shared().readOnce(file_.get(), into);
+        const auto got = Current<FileSystem>::get().readOnce(file_.get(), into);
         if (got >= 0) {
             return got;
         }

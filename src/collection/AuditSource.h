@@ -3,7 +3,7 @@
 #pragma once
 
 #include "collection/bsm/ByteSource.h"
-#include "foundation/FileDescriptor.h"
+#include "foundation/files/FileDescriptor.h"
 
 #include <atomic>
 #include <memory>

@@ -1,7 +1,8 @@
 #include "collection/CollectionRefusal.h"
 
 #include "core/GlobalVariables.h"
-#include "foundation/FileSystem.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Current.h"
 
 #include <cerrno>
 #include <utility>
@@ -20,7 +21,7 @@ std::optional<std::string> CollectionRefusal::reason() {
     if (configuration.maxEventDataSizeReached()) {
         return "the spool has reached its size limit (MaxEventDataSize)";
     }
-    const auto spool = FileSystem::shared().checkOwnFolder(configuration.eventDataPath());
+    const auto spool = Current<FileSystem>::get().checkOwnFolder(configuration.eventDataPath());
     // A shortage of descriptors passes, and must not keep realtime collection from its only start.
     if (spool) {
         return std::nullopt;
@@ -29,7 +30,7 @@ std::optional<std::string> CollectionRefusal::reason() {
     if (code == ELOOP || code == ENOENT || code == ENOTDIR) {
         return description;
     }
-    kLog.error(__func__, "{}; events are collected all the same", description);
+    kLog.error("{}; events are collected all the same", description);
     return std::nullopt;
 }
 
@@ -41,7 +42,7 @@ void CollectionRefusal::note(const LogSource& log, std::string_view what, const 
         }
     }
     if (reason) {
-        log.error("canStart", "{} does not run: {}", what, *reason);
+        log.error("{} does not run: {}", what, *reason);
     }
 }
 

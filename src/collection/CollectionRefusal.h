@@ -3,7 +3,7 @@
 #pragma once
 
 #include "core/LogSource.h"
-#include "foundation/Mutex.h"
+#include "foundation/run/Mutex.h"
 
 #include <optional>
 #include <string>

@@ -5,7 +5,8 @@
 #include "core/GlobalConstants.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
-#include "foundation/Clock.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/Sleep.h"
 
 #include <algorithm>
 
@@ -97,7 +98,7 @@ void Event::AdditionalEventChecks() {
             set(kUserName, get(kAuditUser));
     }
     if (eventType == AuditEventNumber::lw_login) {
-        kLog.debug(__func__, "Adding from 45021");
+        kLog.debug("Adding from 45021");
         addToLoginHistory(get(kUserName));
         exclude();
     }
@@ -115,7 +116,7 @@ void Event::checkSecurityAgent() {
         return;
     }
     if (signing_id == "com.apple.authorizationhost") {
-        kLog.debug(__func__, "Adding from 45026");
+        kLog.debug("Adding from 45026");
         addToLoginHistory(get(kText));
     }
     exclude();
@@ -125,9 +126,9 @@ void Event::checkAuthentication() {
     if (text == kTouchId) {
         if (GlobalVariables::getInstance().isRealTime()) {
             // The record that names the user follows this one within moments.
-            kLog.debug(__func__, "Waiting for 3 sec");
-            Clock::shared().sleepFor(kTouchIdWait);
-            kLog.debug(__func__, "completed Waiting for 3 sec");
+            kLog.debug("Waiting for 3 sec");
+            sleepFor(Current<Clock>::get(), kTouchIdWait);
+            kLog.debug("completed Waiting for 3 sec");
         }
         const auto entry = currentLoginUtility::getLogonUserAtTime(get(kRecordTime).integerValue());
         if (entry) {
@@ -139,7 +140,7 @@ void Event::checkAuthentication() {
     if (SessionID == kNoSession || ret != 0) {
         return;
     }
-    kLog.debug(__func__, "Adding from 45023");
+    kLog.debug("Adding from 45023");
     addToLoginHistory(get(kUserName));
 }
 
@@ -167,8 +168,7 @@ void Event::checkDirectory() {
     if ((*details)[DomainUtil::kODAttributeTypePrimaryNTDomain].isNull()) {
         if (LogSource::isWritten(LogLevel::Info)) {
             kLog.in(LogCategory::Event)
-                .info("AdditionalEventChecks", "Excluding event because of {}",
-                      eventDict_ ? Value(*eventDict_) : Value());
+                .info("Excluding event because of {}", eventDict_ ? Value(*eventDict_) : Value());
         }
         exclude();
         return;

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "foundation/Value.h"
+#include "foundation/value/Value.h"
 
 #include <cstdint>
 #include <optional>

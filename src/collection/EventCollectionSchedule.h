@@ -16,8 +16,6 @@ namespace sentrova {
 class EventCollectionSchedule final : public ConcurrentOperationAbstract {
   public:
     static constexpr const char* kOperationName = "EventCollectionSchedule";
-    // The scheduled task that does the same.
-    static constexpr const char* kTaskName = "EventCollection";
 
     EventCollectionSchedule();
 

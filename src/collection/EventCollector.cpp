@@ -1,28 +1,18 @@
 #include "collection/EventCollector.h"
 
 #include "collection/AuditCheck.h"
+#include "collection/LastRead.h"
 #include "collection/bsm/TokenReader.h"
-#include "collection/currentLoginUtility.h"
 #include "core/FileUtils.h"
-#include "core/GlobalConstants.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
-#include "core/PropertyListHandler.h"
 #include "core/Utilities.h"
 #include "forwarding/EventQueueGCD.h"
-#include "foundation/Clock.h"
-#include "foundation/DispatchQueue.h"
-#include "foundation/FileSystem.h"
-#include "foundation/NotificationCenter.h"
-#include "foundation/ProcessWide.h"
-#include "foundation/Text.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/NotificationCenter.h"
+#include "foundation/value/Text.h"
 #include "platform/SystemPath.h"
-
-#include <algorithm>
-#include <atomic>
-#include <limits>
-
-#include <fmt/format.h>
 
 namespace sentrova {
 
@@ -32,78 +22,6 @@ constexpr LogSource kLog("EventCollector");
 constexpr LogSource kProgress = kLog.in(LogCategory::Event);
 
 constexpr std::string_view kCurrentTrail = "/var/audit/current";
-
-// The time of the newest record, which only moves forward, and the observer that stores it.
-class LastRead {
-  public:
-    LastRead()
-        : time_(static_cast<std::uint64_t>(
-              std::max<std::int64_t>(GlobalVariables::getInstance().timeStampOfLastEvent().integerValue(), 0))),
-          observer_(NotificationCenter::defaultCenter().addObserver(
-              EventQueueGCD::kTimeUpdateNotification, [](const Notification&) { EventCollector::storeTime(); })) {}
-
-    std::uint64_t time() const { return time_.load(std::memory_order_relaxed); }
-    // Whether a record of that time is not older than the newest one. In the same step the time moves forward to it; if
-    // it may not move, a newer record is refused.
-    bool admit(std::uint64_t time, bool mayMove) {
-        auto last = time_.load(std::memory_order_relaxed);
-        while (last < time && mayMove) {
-            if (time_.compare_exchange_weak(last, time, std::memory_order_relaxed)) {
-                return true;
-            }
-        }
-        return last == time;
-    }
-    // The last second of all has no next one.
-    void moveOnBySecond() {
-        auto last = time();
-        while (last != std::numeric_limits<std::uint64_t>::max() &&
-               !time_.compare_exchange_weak(last, last + 1, std::memory_order_relaxed)) {
-        }
-    }
-
-    // Stores the time in the configuration when it is newer than what is stored there. Throws nothing: a configuration
-    // that cannot be loaded just now does not keep the time from its file.
-    void store() noexcept EXCLUDES(mutex_) {
-        runGuarded("updateTime", [this] { storeIfNewer(); });
-    }
-
-  private:
-    void storeIfNewer() EXCLUDES(mutex_) {
-        const auto newest = static_cast<std::int64_t>(time());
-        // A stored time must not be ahead of the history: records before it are not read again.
-        currentLoginUtility::flush();
-        const auto path =
-            fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
-        const MutexLock lock(mutex_);
-        if (newest <= storedLocked(path)) {
-            kLog.debug("updateTime", "Timestamps are less than or same");
-            return;
-        }
-        PropertyListHandler::change(path, GlobalConstants::TIMESTAMP_LE, fmt::format("{}", newest));
-        GlobalVariables::getInstance().initialiseMyConfigurations();
-    }
-
-    // The stored time. A file that has not changed since is not parsed again.
-    std::int64_t storedLocked(const std::string& path) REQUIRES(mutex_) {
-        const auto status = FileSystem::shared().status(path);
-        if (!status || !readFrom_ || readFrom_->identity != status->identity || readFrom_->size != status->size ||
-            readFrom_->modificationDate != status->modificationDate) {
-            stored_ =
-                PropertyListHandler::initWithFile(path).GetValueForKey(GlobalConstants::TIMESTAMP_LE).integerValue();
-            readFrom_ = status ? std::optional(*status) : std::nullopt;
-        }
-        return stored_;
-    }
-
-    std::atomic<std::uint64_t> time_;
-    Mutex mutex_{LockRank::transaction};
-    std::optional<FileStatus> readFrom_ GUARDED_BY(mutex_);
-    std::int64_t stored_ GUARDED_BY(mutex_) = 0;
-    const Subscription observer_;
-};
-
-ProcessWide<LastRead> theLastRead;
 
 // A text of a record, copied because it is stored; absent when it is not UTF-8.
 std::optional<std::string> stored(std::string_view text) {
@@ -135,11 +53,10 @@ void setSubject(const bsm::SubjectToken& token, Event& event) {
 
 EventCollector::EventCollector(const std::string& path, const std::optional<std::vector<std::string>>& eventsToRead)
     : ConcurrentOperationAbstract("EventCollector"), path_(path), eventsToRead_(eventsToRead) {
-    kLog.debug("init", "EventCollector Init called");
-    auto& lastRead = theLastRead.get();
+    kLog.debug("EventCollector Init called");
     auto source = initAuditFile(path);
     if (!source) {
-        kLog.error("init", "auditfile is null going to cancel");
+        kLog.error("auditfile is null going to cancel");
         EventCollector::cancel();
         return;
     }
@@ -148,7 +65,7 @@ EventCollector::EventCollector(const std::string& path, const std::optional<std:
         auditFile_ = std::move(source);
     }
     // Records of the second of the last event have been read, by whatever collector delivered it.
-    lastRead.moveOnBySecond();
+    Current<LastRead>::get().moveOnBySecond();
 }
 
 std::shared_ptr<AuditSource> EventCollector::initAuditFile(const std::string& path) const {
@@ -158,27 +75,27 @@ std::shared_ptr<AuditSource> EventCollector::initAuditFile(const std::string& pa
             source = AuditSource::open(path);
         } catch (const AuditSourceError& error) {
             if (error.name() == "FileNotOpen") {
-                kLog.error(__func__, "failed to open audit pipe {}", path);
+                kLog.error("failed to open audit pipe {}", path);
             }
             throw;
         }
         if (path == AuditSource::kPipe) {
             return source;
         }
-        kLog.debug(__func__, "Going to check {}", path);
+        kLog.debug("Going to check {}", path);
         if (path != kCurrentTrail && shouldReadFile(path)) {
             return source;
         }
-        kLog.info(__func__, "Skipping file {}", path);
+        kLog.info("Skipping file {}", path);
     } catch (const AuditSourceError& error) {
-        kLog.error(__func__, "{} {}", error.name(), error.what());
+        kLog.error("{} {}", error.name(), error.what());
         if (path == AuditSource::kPipe) {
             AuditCheck::logFailedOpening(error.systemReason());
         } else {
-            kLog.error(__func__, "{}", error.systemReason());
+            kLog.error("{}", error.systemReason());
         }
     } catch (const std::exception& exception) {
-        kLog.error(__func__, "{} {}", path, exception.what());
+        kLog.error("{} {}", path, exception.what());
     }
     return nullptr;
 }
@@ -187,22 +104,22 @@ bool EventCollector::shouldReadFile(const std::string& path) {
     const auto attributes = FileUtils::getFileAttributes(path);
     const auto* modified = attributes ? (*attributes)[FileUtils::kModificationDate].date() : nullptr;
     const auto lastRead = dateFromEpoch(static_cast<double>(LastTimeStamp()));
-    kLog.info(__func__, "fileLastModified={},lasteventread={}", modified ? Value(*modified) : Value(), Value(lastRead));
+    kLog.info("fileLastModified={},lasteventread={}", modified ? Value(*modified) : Value(), Value(lastRead));
     return !modified || lastRead <= *modified;
 }
 
 std::uint64_t EventCollector::LastTimeStamp() {
-    return theLastRead.get().time();
+    return Current<LastRead>::get().time();
 }
 
 bool EventCollector::shouldProcessRecord(std::uint16_t eventType, std::uint64_t withTimeStamp) const {
     // The time moves on for a type that is not collected, too. What a cancelled reader may not move the time on for is
     // left to the next reader.
-    return theLastRead.get().admit(withTimeStamp, !isCancelled()) && eventsToRead_.contains(eventType);
+    return Current<LastRead>::get().admit(withTimeStamp, !isCancelled()) && eventsToRead_.contains(eventType);
 }
 
 void EventCollector::start() {
-    kLog.error(__func__, "Eventcollector start called");
+    kLog.error("Eventcollector start called");
     if (!canStart()) {
         return;
     }
@@ -216,20 +133,18 @@ std::shared_ptr<AuditSource> EventCollector::auditFile() const {
 }
 
 void EventCollector::readEvents() {
-    kLog.info(__func__, "Eventcollector readEvents called");
-    kProgress.info(__func__, "Eventcollecor reading events from {}",
-                   GlobalVariables::getInstance().timeStampOfLastEvent());
+    kLog.info("Eventcollector readEvents called");
+    kProgress.info("Eventcollecor reading events from {}", GlobalVariables::getInstance().timeStampOfLastEvent());
     try {
         // Held here as well, so that a cancel from another thread does not close what is being read.
         if (const auto source = auditFile()) {
             readRecords(*source);
         }
         updateTime();
-        kProgress.info(
-            __func__, "Events read upto {}",
-            Utilities::getTimeFromEpoch(GlobalVariables::getInstance().timeStampOfLastEvent().doubleValue()));
+        kProgress.info("Events read upto {}", Utilities::getTimeFromEpoch(
+                                                  GlobalVariables::getInstance().timeStampOfLastEvent().doubleValue()));
     } catch (const std::exception& exception) {
-        kLog.error(__func__, "{}", exception.what());
+        kLog.error("{}", exception.what());
     }
     complete();
 }
@@ -243,7 +158,7 @@ void EventCollector::readRecords(AuditSource& source) {
                 break;
             }
             if (length == 0) {
-                kLog.error("readEvents", "A record of {} bytes at byte {} of {} is skipped: at most {} bytes are read",
+                kLog.error("A record of {} bytes at byte {} of {} is skipped: at most {} bytes are read",
                            reader.skippedLength(), reader.position(), path_, bsm::RecordReader::kMaximumRecordLength);
                 continue;
             }
@@ -251,7 +166,7 @@ void EventCollector::readRecords(AuditSource& source) {
             readRecord(reader.record());
         }
     } catch (const std::exception& exception) {
-        kLog.error(__func__, "{}", exception.what());
+        kLog.error("{}", exception.what());
     }
     logEnd(reader, source);
 }
@@ -303,31 +218,31 @@ void EventCollector::deliver(Event& event) {
         ++counts_.events;
     } else {
         if (LogSource::isWritten(LogLevel::Info)) {
-            kLog.info(__func__, "Error/Exclusion in {}", event.description());
+            kLog.info("Error/Exclusion in {}", event.description());
         }
         ++counts_.excluded;
     }
 }
 
 void EventCollector::logEnd(const bsm::RecordReader& reader, const AuditSource& source) const {
-    kProgress.info("readEvents", "{} ended: {} records read, {} events collected, {} excluded", path_, counts_.records,
+    kProgress.info("{} ended: {} records read, {} events collected, {} excluded", path_, counts_.records,
                    counts_.events, counts_.excluded);
     using End = bsm::RecordReader::End;
     const auto end = reader.end();
     if (end == End::kReadError && !isCancelled()) {
-        kLog.error("readEvents", "Reading {} failed after {} bytes: {}", path_, reader.position(),
+        kLog.error("Reading {} failed after {} bytes: {}", path_, reader.position(),
                    posixError(source.problem()).description);
     } else if (end == End::kGarbage || end == End::kTruncatedRecord) {
-        const auto size = FileSystem::shared().status(platform::systemPath(path_));
+        const auto size = Current<FileSystem>::get().status(platform::systemPath(path_));
         const auto unread = size && size->isRegular && size->size >= reader.position() ? size->size - reader.position()
                                                                                        : reader.leftUnread();
-        kLog.error("readEvents", "{} bytes of {} are left unread: what is at byte {} is {}", unread, path_,
-                   reader.position(), end == End::kGarbage ? "no audit record" : "a record cut short");
+        kLog.error("{} bytes of {} are left unread: what is at byte {} is {}", unread, path_, reader.position(),
+                   end == End::kGarbage ? "no audit record" : "a record cut short");
     }
 }
 
 void EventCollector::cancel() {
-    kLog.error(__func__, "EventCollector cancel called");
+    kLog.error("EventCollector cancel called");
     cancelOperation();
     complete();
 }
@@ -349,7 +264,7 @@ void EventCollector::updateTime() {
 }
 
 void EventCollector::storeTime() {
-    theLastRead.get().store();
+    Current<LastRead>::get().store();
 }
 
 }  // namespace sentrova

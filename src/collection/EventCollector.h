@@ -11,7 +11,7 @@
 #include "collection/EventSelection.h"
 #include "collection/bsm/RecordReader.h"
 #include "collection/bsm/Token.h"
-#include "foundation/Mutex.h"
+#include "foundation/run/Mutex.h"
 #include "operations/ConcurrentOperationAbstract.h"
 
 #include <cstdint>

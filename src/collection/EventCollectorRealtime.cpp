@@ -1,50 +1,50 @@
 #include "collection/EventCollectorRealtime.h"
 
 #include "collection/AuditSource.h"
-#include "collection/CollectionRefusal.h"
+#include "collection/Collections.h"
 #include "collection/EventSelection.h"
-#include "collection/ReaderSlot.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
-#include "foundation/ProcessWide.h"
+#include "foundation/run/Current.h"
 
 namespace sentrova {
 
 namespace {
 constexpr LogSource kLog("EventCollectorRealtime");
 constexpr const char* kCollection = "Realtime collection";
-ProcessWide<ReaderSlot> theSlot;
-ProcessWide<CollectionRefusal> theRefusal;
+RealtimeCollection& collection() {
+    return Current<RealtimeCollection>::get();
+}
 }  // namespace
 
 EventCollectorRealtime::EventCollectorRealtime() : ConcurrentOperationAbstract("EventCollectorRealtime") {
-    kLog.debug("init", "EventCollectorRealtime init called");
+    kLog.debug("EventCollectorRealtime init called");
 }
 
 bool EventCollectorRealtime::canStart() {
-    kLog.debug(__func__, "EventCollectorRealtime canStart called");
+    kLog.debug("EventCollectorRealtime canStart called");
     const auto& configuration = GlobalVariables::getInstance();
     const bool notRealTime = !configuration.isRealTime();
     const bool disabled = !configuration.isEnabled();
     const bool full = configuration.maxEventDataSizeReached();
-    const bool reading = theSlot.get().isBusy();
+    const bool reading = collection().slot.isBusy();
     const auto reason = CollectionRefusal::reason();
     if (!isCancelled() && !notRealTime && !reading) {
-        theRefusal.get().note(kLog, kCollection, reason);
+        collection().refusal.note(kLog, kCollection, reason);
         if (!reason) {
             return true;
         }
     }
     finishRefused();
-    kLog.info(__func__, "{:d} {:d} {:d} {:d} {:d}", isCancelled(), notRealTime, disabled, full, reading);
+    kLog.info("{:d} {:d} {:d} {:d} {:d}", isCancelled(), notRealTime, disabled, full, reading);
     return false;
 }
 
 void EventCollectorRealtime::start() {
-    kLog.debug(__func__, "EventCollectorRealtime start called");
+    kLog.debug("EventCollectorRealtime start called");
     const auto reader = makeReader();
     if (!reader) {
-        kLog.error(__func__, "EventCollectorRealtime didn't run because conditions didnot match");
+        kLog.error("EventCollectorRealtime didn't run because conditions didnot match");
         return;
     }
     // A cancel that came before the reader was in its place found nothing to end.
@@ -60,7 +60,7 @@ void EventCollectorRealtime::start() {
 
 std::shared_ptr<EventCollector> EventCollectorRealtime::makeReader() {
     // Two operations may be queued at once: the second one decides when the first one's reader is in its place.
-    const ReaderSlot::Turn turn(theSlot.get());
+    const ReaderSlot::Turn turn(collection().slot);
     if (!canStart()) {
         return nullptr;
     }
@@ -73,7 +73,7 @@ std::shared_ptr<EventCollector> EventCollectorRealtime::makeReader() {
                                                               });
     auto reader = std::make_shared<EventCollector>(
         AuditSource::kPipe, EventSelection::split(GlobalVariables::getInstance().eventsToRead()));
-    theSlot.get().set(reader);
+    collection().slot.set(reader);
     MutexLock lock(mutex_);
     observation_ = std::move(observation);
     reader_ = reader;
@@ -81,14 +81,14 @@ std::shared_ptr<EventCollector> EventCollectorRealtime::makeReader() {
 }
 
 void EventCollectorRealtime::cancel() {
-    kLog.error(__func__, "EventCollectorRealtime cancel called");
+    kLog.error("EventCollectorRealtime cancel called");
     {
         MutexLock lock(mutex_);
         observation_.reset();
     }
     // The flag first: a reader that is only being made is then ended by start.
     cancelOperation();
-    theSlot.get().cancelExecuting();
+    collection().slot.cancelExecuting();
     std::shared_ptr<EventCollector> reader;
     {
         MutexLock lock(mutex_);
@@ -107,7 +107,7 @@ void EventCollectorRealtime::observeValueForKeyPath(const KeyValueChange& change
         return;
     }
     if (change.newValue.integerValue() == 1) {
-        theRefusal.get().note(kLog, kCollection, CollectionRefusal::reason());
+        collection().refusal.note(kLog, kCollection, CollectionRefusal::reason());
         cancel();
     } else {
         clearCancelled();

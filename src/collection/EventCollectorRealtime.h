@@ -7,8 +7,8 @@
 #pragma once
 
 #include "collection/EventCollector.h"
-#include "foundation/KeyValueObserving.h"
-#include "foundation/Mutex.h"
+#include "foundation/run/KeyValueObserving.h"
+#include "foundation/run/Mutex.h"
 #include "operations/ConcurrentOperationAbstract.h"
 
 #include <memory>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "collection/EventCollector.h"
-#include "foundation/Mutex.h"
+#include "foundation/run/Mutex.h"
 
 #include <memory>
 

@@ -2,7 +2,6 @@
 
 #include "core/ConfigurationError.h"
 #include "core/GlobalConstants.h"
-#include "forwarding/SecurityUtil.h"
 
 #include <cstddef>
 #include <string_view>
@@ -79,7 +78,8 @@ AgentSettings AgentSettings::from(const Dictionary& mine) {
     return settings;
 }
 
-Text AgentSettings::identityIn(const Dictionary& mine, const Text& agentUID, const std::string& file) {
+Text AgentSettings::identityIn(const Dictionary& mine, const Text& agentUID, const std::string& file,
+                               const Decryption& decrypt) {
     const auto& stored = mine[GlobalConstants::AGENT_AUTHENTICATION_ID];
     if (stored.isNull()) {
         return std::nullopt;
@@ -91,10 +91,7 @@ Text AgentSettings::identityIn(const Dictionary& mine, const Text& agentUID, con
             fmt::format("The key \"{}\" of {} holds fewer than {} characters, so no identity can be in it",
                         GlobalConstants::AGENT_AUTHENTICATION_ID, file, kIdentityPrefix));
     }
-    const auto vector = text.substr(0, text.size() - cipher->size());
-    const auto plain =
-        SecurityUtil::decrypt(cipher, agentUID.value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)), vector);
-    return plain ? *plain : std::nullopt;
+    return decrypt(*cipher, agentUID.value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)));
 }
 
 Folders Folders::around(const std::string& installation) {

@@ -6,9 +6,10 @@
 
 #pragma once
 
-#include "foundation/Value.h"
+#include "foundation/value/Value.h"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -26,6 +27,10 @@ enum class Relay : std::uint8_t {
     unspecified,
 };
 Relay relayOf(const std::optional<std::string>& serverName);
+
+// Gives the plain text of a cipher text that was encrypted with a pass phrase; nothing for what was not.
+using Decryption =
+    std::function<std::optional<std::string>(const std::string& cipherText, const std::string& passPhrase)>;
 
 // What `Serverinfo.plist` says.
 struct ServerSettings {
@@ -69,7 +74,8 @@ struct AgentSettings {
     static AgentSettings from(const Dictionary& mine);
     // The stored identity, which is encrypted with the agent's id, in plain text; nothing when none is stored or it is
     // not encrypted so. Throws ConfigurationError, which names the file, when the text is shorter than its prefix.
-    static Text identityIn(const Dictionary& mine, const Text& agentUID, const std::string& file);
+    static Text identityIn(const Dictionary& mine, const Text& agentUID, const std::string& file,
+                           const Decryption& decrypt);
 };
 
 // Absolute, not normalised: they keep their "..".

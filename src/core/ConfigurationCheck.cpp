@@ -2,9 +2,9 @@
 
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
-#include "foundation/FileSystem.h"
-#include "foundation/PropertyList.h"
-#include "foundation/Text.h"
+#include "foundation/formats/PropertyList.h"
+#include "foundation/run/Current.h"
+#include "foundation/value/Text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -324,23 +324,25 @@ std::string ConfigurationFinding::text() const {
     return fmt::format("{}: {}{}; {}", file, key ? *key + ": " : "", problem, instead);
 }
 
-ConfigurationFile ConfigurationFile::at(const std::string& path) {
-    const auto bytes = FileSystem::shared().read(path);
+ConfigurationFile ConfigurationFile::at(FileSystem& files, const std::string& path) {
+    const auto bytes = files.read(path);
     if (!bytes) {
         const bool isMissing = bytes.error().code == ENOENT;
         // A link that is not followed counts as damaged: the agent replaces it.
         const auto state = bytes.error().code == ELOOP ? State::damaged : State::unreadable;
         return {isMissing ? State::missing : state, {}, isMissing ? "" : bytes.error().description};
     }
-    auto parsed = PropertyList::parse(*bytes);
+    auto parsed = PropertyList::parse(*bytes, Current<Encodings>::orNull());
     if (!parsed || !parsed->dictionary()) {
         return {State::damaged, {}, parsed ? "its root is no dictionary" : parsed.error().description};
     }
     return {State::read, *parsed->dictionary(), ""};
 }
 
-ConfigurationFiles ConfigurationFiles::in(const std::string& folder) {
-    const auto at = [&](std::string_view name) { return ConfigurationFile::at(fmt::format("{}/{}", folder, name)); };
+ConfigurationFiles ConfigurationFiles::in(FileSystem& files, const std::string& folder) {
+    const auto at = [&](std::string_view name) {
+        return ConfigurationFile::at(files, fmt::format("{}/{}", folder, name));
+    };
     return {at(GlobalConstants::SERVER_INFO_FILE), at(GlobalConstants::MY_CONFIGURATIONS_FILE),
             at(GlobalConstants::SCHEDULES_FILE)};
 }
@@ -354,7 +356,7 @@ void ConfigurationReport::report(std::vector<ConfigurationFinding> findings) {
     MutexLock lock(mutex_);
     for (const auto& finding : findings) {
         if (std::ranges::find(known_, finding) == known_.end()) {
-            kLog.error("report", "{}", finding.text());
+            kLog.error("{}", finding.text());
         }
     }
     known_ = std::move(findings);

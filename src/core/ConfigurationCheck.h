@@ -2,9 +2,10 @@
 
 #pragma once
 
-#include "foundation/Mutex.h"
-#include "foundation/Result.h"
-#include "foundation/Value.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/value/Result.h"
+#include "foundation/value/Value.h"
 
 #include <optional>
 #include <span>
@@ -39,7 +40,7 @@ struct ConfigurationFile {
     std::string reason;
 
     // Reads the file as it is, and changes nothing.
-    static ConfigurationFile at(const std::string& path);
+    static ConfigurationFile at(FileSystem& files, const std::string& path);
 };
 
 struct ConfigurationFiles {
@@ -47,7 +48,7 @@ struct ConfigurationFiles {
     ConfigurationFile myConfigurations;
     ConfigurationFile schedules;
 
-    static ConfigurationFiles in(const std::string& folder);
+    static ConfigurationFiles in(FileSystem& files, const std::string& folder);
 };
 
 // The findings in the three files, in the order of the files and of docs/configuration.md. `knownEvents` are the names
@@ -55,13 +56,21 @@ struct ConfigurationFiles {
 std::vector<ConfigurationFinding> checkConfiguration(const ConfigurationFiles& files,
                                                      std::span<const std::string_view> knownEvents);
 
-// Logs each finding at level 0 when it is new since the last check. A finding that was gone and comes back is new. Safe
-// from any thread.
+// Checks the files and logs each finding at level 0 when it is new since the last check. A finding that was gone and
+// comes back is new. Safe from any thread.
 class ConfigurationReport {
   public:
+    // Checks the files in the folder. The file system and the known names must outlive the object.
+    ConfigurationReport(FileSystem& files, std::string folder, std::span<const std::string_view> knownEvents)
+        : files_(files), folder_(std::move(folder)), knownEvents_(knownEvents) {}
+
+    void check() EXCLUDES(mutex_) { report(checkConfiguration(ConfigurationFiles::in(files_, folder_), knownEvents_)); }
     void report(std::vector<ConfigurationFinding> findings) EXCLUDES(mutex_);
 
   private:
+    FileSystem& files_;
+    const std::string folder_;
+    const std::span<const std::string_view> knownEvents_;
     Mutex mutex_{LockRank::owner};
     std::vector<ConfigurationFinding> known_ GUARDED_BY(mutex_);
 };

@@ -1,8 +1,9 @@
 #include "core/FileUtils.h"
 
 #include "core/LogSource.h"
-#include "foundation/FileSystem.h"
-#include "foundation/Text.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Current.h"
+#include "foundation/value/Text.h"
 #include "platform/Directory.h"
 #include "platform/SystemPath.h"
 
@@ -20,7 +21,7 @@ namespace {
 constexpr LogSource kLog("FileUtils");
 
 FileSystem& fileSystem() {
-    return FileSystem::shared();
+    return Current<FileSystem>::get();
 }
 
 // The text as one word of a shell command, in double quotes, with nothing in it special to the shell.
@@ -77,24 +78,24 @@ bool FileUtils::doesFileExist(const std::string& path) {
 bool FileUtils::createFile(const std::string& path) {
     const auto created = fileSystem().createFile(path);
     if (!created && created.error().code == EEXIST) {
-        kLog.error(__func__, "{} already exists", path);
+        kLog.error("{} already exists", path);
     }
     return true;
 }
 
 bool FileUtils::createFolder(const std::string& path) {
     if (const auto own = fileSystem().checkLinks(path); !own) {
-        kLog.error(__func__, "{}", own.error().description);
+        kLog.error("{}", own.error().description);
         return false;
     }
     if (fileSystem().exists(path)) {
-        kLog.error(__func__, "{} already exists", path);
+        kLog.error("{} already exists", path);
         return true;
     }
-    kLog.info(__func__, "Going to create folder {}", path);
+    kLog.info("Going to create folder {}", path);
     const auto created = fileSystem().createFolder(path);
     if (!created) {
-        kLog.error(__func__, "{}", created.error().description);
+        kLog.error("{}", created.error().description);
     }
     return static_cast<bool>(created);
 }
@@ -102,17 +103,17 @@ bool FileUtils::createFolder(const std::string& path) {
 std::optional<std::string> FileUtils::readFile(const std::string& path) {
     const auto hostPath = platform::systemPath(path);
     if (!fileSystem().exists(hostPath)) {
-        kLog.error(__func__, "File Doesnot Exists");
+        kLog.error("File Doesnot Exists");
         return std::nullopt;
     }
     const auto content = fileSystem().read(hostPath);
     if (!content) {
-        kLog.error(__func__, "{}", content.error().description);
+        kLog.error("{}", content.error().description);
         return std::nullopt;
     }
     std::string text(content->begin(), content->end());
     if (!isValidUtf8(text)) {
-        kLog.error(__func__, "The file \"{}\" is not UTF-8 text", path);
+        kLog.error("The file \"{}\" is not UTF-8 text", path);
         return std::nullopt;
     }
     return text;
@@ -126,15 +127,15 @@ bool FileUtils::writeToFile(const std::string& path, std::string_view content) {
 
 bool FileUtils::deleteFile(const std::string& path) {
     if (!fileSystem().linkStatus(path)) {
-        kLog.info(__func__, "File Doesnot Exists");
+        kLog.info("File Doesnot Exists");
         return false;
     }
     if (!isDeletable(path)) {
-        kLog.info(__func__, "Wont be able to delete the file");
+        kLog.info("Wont be able to delete the file");
         return false;
     }
     if (const auto removed = fileSystem().remove(path); !removed) {
-        kLog.info(__func__, "{}", removed.error().description);
+        kLog.info("{}", removed.error().description);
     }
     return true;
 }
@@ -144,13 +145,13 @@ bool FileUtils::zipFile(const std::string& path) {
     // The command itself follows every link, to read and to write.
     for (const auto& each : {path, zip}) {
         if (const auto own = fileSystem().checkLinks(each); !own) {
-            kLog.error(__func__, "{} is not zipped: {}", path, own.error().description);
+            kLog.error("{} is not zipped: {}", path, own.error().description);
             return false;
         }
     }
     const auto command = "zip -j " + quoted(zip) + " " + quoted(path);
     const int status = std::system(command.c_str());  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
-    kLog.info(__func__, "Output of ZipCommand {}", status);
+    kLog.info("Output of ZipCommand {}", status);
     return status == 0;
 }
 
@@ -158,13 +159,13 @@ std::optional<std::vector<std::string>> FileUtils::listOfFilesInPath(const std::
     const auto hostFolder = platform::systemPath(folder);
     if (const auto status = fileSystem().status(hostFolder); !status) {
         if (status.error().code != ENOENT) {
-            kLog.error(__func__, "{}", status.error().description);
+            kLog.error("{}", status.error().description);
         }
         return std::nullopt;
     }
     auto names = fileSystem().names(hostFolder);
     if (!names) {
-        kLog.error(__func__, "{}", names.error().description);
+        kLog.error("{}", names.error().description);
         return std::nullopt;
     }
     std::vector<std::pair<std::optional<Date>, std::string>> dated;
@@ -184,9 +185,9 @@ std::optional<std::vector<std::string>> FileUtils::listOfFilesInPath(const std::
 std::optional<std::vector<std::string>> FileUtils::listOfFileNamesInPath(const std::string& folder) {
     auto names = fileSystem().ownNames(folder);
     if (!names) {
-        kLog.error(__func__, "FileUtils listOfFileURLSInPath path doesnot exists");
+        kLog.error("FileUtils listOfFileURLSInPath path doesnot exists");
         if (names.error().code != ENOENT) {
-            kLog.error(__func__, "{}", names.error().description);
+            kLog.error("{}", names.error().description);
         }
         return std::nullopt;
     }
@@ -214,9 +215,9 @@ std::optional<Dictionary> FileUtils::getFileAttributes(const std::string& path) 
     const auto status = fileSystem().status(platform::systemPath(path));
     if (!status) {
         if (status.error().code == ENOENT) {
-            kLog.error(__func__, "{} doesnot exists", path);
+            kLog.error("{} doesnot exists", path);
         } else {
-            kLog.error(__func__, "Error while getfileattributes {}", status.error().description);
+            kLog.error("Error while getfileattributes {}", status.error().description);
         }
         return std::nullopt;
     }
@@ -227,7 +228,7 @@ std::optional<Dictionary> FileUtils::getFileAttributes(const std::string& path) 
         {kGroupOwnerAccountId, status->group},
         {kPosixPermissions, status->permissions},
     };
-    auto& directory = platform::Directory::shared();
+    auto& directory = Current<platform::Directory>::get();
     if (auto owner = directory.userName(status->owner)) {
         attributes.set(kOwnerAccountName, std::move(*owner));
     }
@@ -249,12 +250,12 @@ std::int64_t FileUtils::sizeOfFile(const std::string& path) {
 
 bool FileUtils::moveFileFrom(const std::string& source, const std::string& toFolder) {
     if (!fileSystem().exists(source)) {
-        kLog.info(__func__, "{} Source file does not exist.", source);
+        kLog.info("{} Source file does not exist.", source);
         return false;
     }
     const auto moved = fileSystem().move(source, toFolder);
     if (!moved) {
-        kLog.info(__func__, "Error moving file: {}", moved.error().description);
+        kLog.info("Error moving file: {}", moved.error().description);
     }
     return static_cast<bool>(moved);
 }

@@ -3,8 +3,8 @@
 
 #pragma once
 
-#include "foundation/FileUrl.h"
-#include "foundation/Value.h"
+#include "foundation/files/FileUrl.h"
+#include "foundation/value/Value.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,11 +1,11 @@
 #include "core/GlobalVariables.h"
 
-#include "collection/DomainUtil.h"
+#include "core/ConfigurationCheck.h"
 #include "core/ConfigurationError.h"
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
 #include "core/PropertyListHandler.h"
-#include "foundation/ProcessWide.h"
+#include "foundation/run/Current.h"
 #include "platform/OperatingSystem.h"
 
 #include <filesystem>
@@ -26,65 +26,88 @@ Dictionary contentOf(const PropertyListHandler& list) {
     return list.dictionary() ? *list.dictionary() : Dictionary();
 }
 
-}  // namespace
-
-struct SharedVariables {
-    GlobalVariables variables;
-};
-
-namespace {
-ProcessWide<SharedVariables> theVariables;
-}  // namespace
-
-GlobalVariables& GlobalVariables::getInstance() {
-    return theVariables.get().variables;
+Folders presentFolders() {
+    std::error_code error;
+    return Folders::around(std::filesystem::current_path(error).string());
 }
 
-GlobalVariables::GlobalVariables() {
+void take(const AgentSettings& settings, const Dictionary& mine, Configuration& next) {
+    static_cast<AgentSettings&>(next) = settings;
+    next.timeStampOfLastEvent = mine[GlobalConstants::TIMESTAMP_LE];
+    const auto type = mine[GlobalConstants::COMMUNICATION_TYPE].integerValue();
+    next.type = next.relay() == Relay::none ? static_cast<ConnectionType>(type) : ConnectionType::relay;
+}
+
+// What the files say, without anything that has to be asked for or decrypted.
+Configuration firstConfiguration(FileSystem& files) {
+    Configuration first;
+    static_cast<Folders&>(first) = presentFolders();
+    const auto contents = ConfigurationFiles::in(files, first.confPath);
+    const auto& server = contents.serverInfo.content;
+    static_cast<ServerSettings&>(first) = ServerSettings::from(server);
+    const auto& mine = contents.myConfigurations.content;
+    take(AgentSettings::from(mine), mine, first);
+    if (first.timeStampOfLastEvent.isNull()) {
+        first.timeStampOfLastEvent = server[GlobalConstants::RECENT_EVENT_TIME_MILLIS];
+    }
+    return first;
+}
+
+}  // namespace
+
+GlobalVariables::GlobalVariables(FileSystem& files, MachineNames& names, Decryption decrypt)
+    : names_(names),
+      decrypt_(std::move(decrypt)),
+      configuration_(std::make_shared<const Configuration>(firstConfiguration(files))) {}
+
+GlobalVariables& GlobalVariables::getInstance() {
+    return Current<GlobalVariables>::get();
+}
+
+void GlobalVariables::load() {
     initPrivate();
     initialiseAgentPaths();
     initialiseServerInfo();
     initialiseMyConfigurations();
-    isRunning_ = true;
+    isLoaded_ = true;
 }
 
 void GlobalVariables::initPrivate() {
-    kLog.debug(__func__, "GlobalVariables Initialised");
+    kLog.debug("GlobalVariables Initialised");
     set(&Configuration::maxEventDataSizeReached, false);
 }
 
 void GlobalVariables::initialiseAgentPaths() {
-    kLog.debug(__func__, "Globalvariables initialiseAgentPaths called");
-    std::error_code error;
-    const auto folders = Folders::around(std::filesystem::current_path(error).string());
+    kLog.debug("Globalvariables initialiseAgentPaths called");
+    const auto folders = presentFolders();
     replace([&](Configuration& next) { static_cast<Folders&>(next) = folders; });
-    kLog.debug(__func__, "Bin {}\tconf={}\tlogs={}", folders.binPath, folders.confPath, folders.logsPath);
+    kLog.debug("Bin {}\tconf={}\tlogs={}", folders.binPath, folders.confPath, folders.logsPath);
 }
 
 void GlobalVariables::initialiseServerInfo() {
-    kLog.debug(__func__, "Globalvariables initialiseServerInfo called");
+    kLog.debug("Globalvariables initialiseServerInfo called");
     auto serverInfo = PropertyListHandler::initWithFile(inFolder(confPath(), GlobalConstants::SERVER_INFO_FILE));
 
     // The directory may take seconds to answer, so it is asked before the files are held.
     auto domain = serverInfo.GetValueForKey(GlobalConstants::DOMAIN_NAME);
     if (!domain.isNull() && domain != Value("")) {
-        DomainUtil::setDomainName(domain.description());
+        names_.setDomainName(domain.description());
     } else {
-        const auto asked = DomainUtil::getDomainName();
+        const auto asked = names_.domainName();
         domain = asked ? Value(*asked) : Value();
     }
-    setHostName(DomainUtil::getHostName());
+    setHostName(names_.hostName());
     PropertyListHandler::exclusively([&] { loadServerInfo(std::move(serverInfo), domain); });
 }
 
 void GlobalVariables::loadServerInfo(PropertyListHandler serverInfo, const Value& domain) {
     const auto path = inFolder(confPath(), GlobalConstants::SERVER_INFO_FILE);
-    if (isRunning_ && serverInfo.isLoaded()) {
+    if (isLoaded_ && serverInfo.isLoaded()) {
         // An answer of the server may have been stored since the file was read.
         serverInfo = PropertyListHandler::initWithFile(path);
     }
     if (serverInfo.isUnread()) {
-        kLog.error(__func__, "The settings of {} stay as they are in memory", path);
+        kLog.error("The settings of {} stay as they are in memory", path);
         return;
     }
     // Takes effect only on a file that was not there: loaded content cannot be changed, and is written back as it was.
@@ -115,7 +138,7 @@ void GlobalVariables::storeRecentEventTime(const Value& recent) {
 }
 
 void GlobalVariables::initialiseMyConfigurations() {
-    kLog.debug(__func__, "Globalvariables initialiseMyConfigurations called");
+    kLog.debug("Globalvariables initialiseMyConfigurations called");
     PropertyListHandler::exclusively([this] { loadMyConfigurations(); });
 }
 
@@ -123,7 +146,7 @@ void GlobalVariables::loadMyConfigurations() {
     const auto path = inFolder(confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
     const auto list = PropertyListHandler::initWithFile(path);
     if (list.isUnread()) {
-        kLog.error(__func__, "The settings of {} stay as they are in memory", path);
+        kLog.error("The settings of {} stay as they are in memory", path);
         return;
     }
     const auto mine = contentOf(list);
@@ -131,23 +154,18 @@ void GlobalVariables::loadMyConfigurations() {
     auto settings = AgentSettings::from(mine);
     settings.agentUUID = present->agentUUID;
     try {
-        settings.agentUUID = AgentSettings::identityIn(mine, present->agentUID, path);
+        settings.agentUUID = AgentSettings::identityIn(mine, present->agentUID, path, decrypt_);
         identityRefused_ = false;
     } catch (const ConfigurationError& error) {
-        if (!isRunning_) {
-            kLog.error(__func__, "{}", error.what());
+        if (!isLoaded_) {
+            kLog.error("{}", error.what());
             throw;
         }
         if (!identityRefused_.exchange(true)) {
-            kLog.error(__func__, "{}; the identity in memory stays", error.what());
+            kLog.error("{}; the identity in memory stays", error.what());
         }
     }
-    const auto type = mine[GlobalConstants::COMMUNICATION_TYPE].integerValue();
-    replace([&](Configuration& next) {
-        static_cast<AgentSettings&>(next) = settings;
-        next.timeStampOfLastEvent = mine[GlobalConstants::TIMESTAMP_LE];
-        next.type = next.relay() == Relay::none ? static_cast<ConnectionType>(type) : ConnectionType::relay;
-    });
+    replace([&](Configuration& next) { take(settings, mine, next); });
 }
 
 void GlobalVariables::setType(std::uint64_t value) {

@@ -1,16 +1,18 @@
 // Holds the present Configuration for all parts of the agent.
 //
-// There is one, made by the first getInstance, which loads both files. A reload or a setter replaces the configuration
-// by a new value; nobody sees half of a reload. A reader of several values takes one snapshot. Setters only store: the
-// caller also writes the value into its file. Safe from any thread.
+// The agent has one. A reload or a setter replaces the configuration by a new value; nobody sees half of a reload. A
+// reader of several values takes one snapshot. Setters only store: the caller also writes the value into its file. Safe
+// from any thread.
 
 #pragma once
 
 #include "core/Configuration.h"
+#include "core/MachineNames.h"
 #include "core/PropertyListHandler.h"
-#include "foundation/KeyValueObserving.h"
-#include "foundation/Mutex.h"
-#include "foundation/Value.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/KeyValueObserving.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/value/Value.h"
 
 #include <atomic>
 #include <cstdint>
@@ -27,8 +29,16 @@ class GlobalVariables final : public KeyValueObserving {
 
     static constexpr const char* kMaxEventDataSizeReached = "maxEventDataSizeReached";
 
-    // Throws ConfigurationError when the stored identity cannot be one; nothing is made then.
+    // Reads the two files as they are, without the identity: runs no program and writes no file. What is passed in must
+    // outlive the object.
+    GlobalVariables(FileSystem& files, MachineNames& names, Decryption decrypt);
+
+    // The agent's one.
     static GlobalVariables& getInstance();
+
+    // Loads everything, as the agent does once at its start: asks for the names of the machine, and writes what a
+    // missing file lacks. Throws ConfigurationError when the stored identity cannot be one.
+    void load();
 
     // The present configuration; later changes do not reach it.
     std::shared_ptr<const Configuration> snapshot() const EXCLUDES(mutex_) {
@@ -36,10 +46,10 @@ class GlobalVariables final : public KeyValueObserving {
         return configuration_;
     }
 
-    // Work out the folders from the working directory, and load the two files. Callable again to reload. A missing or
-    // damaged file empties its settings; one that the host cannot read at the moment leaves them as they are. A reload
-    // leaves the identity as it is when the stored one cannot be one. No other change of a property list of this
-    // process comes between a loader's reading of a file and the end of its reload.
+    // Work out the folders from the working directory, and load the two files, in the course of load or again later. A
+    // missing or damaged file empties its settings; one that the host cannot read at the moment leaves them as they
+    // are. A reload leaves the identity as it is when the stored one cannot be one. No other change of a property list
+    // of this process comes between a loader's reading of a file and the end of its reload.
     void initialiseAgentPaths();
     void initialiseServerInfo();
     void initialiseMyConfigurations();
@@ -123,9 +133,6 @@ class GlobalVariables final : public KeyValueObserving {
     Value valueForKey(std::string_view key) const override;
 
   private:
-    GlobalVariables();
-    friend struct SharedVariables;
-
     void initPrivate();
     // Called with the other changes of property lists held off.
     void loadServerInfo(PropertyListHandler serverInfo, const Value& domain);
@@ -153,10 +160,13 @@ class GlobalVariables final : public KeyValueObserving {
         lock.unlock();
     }
 
+    MachineNames& names_;
+    const Decryption decrypt_;
+
     mutable Mutex mutex_;
-    std::shared_ptr<const Configuration> configuration_ GUARDED_BY(mutex_) = std::make_shared<Configuration>();
-    // The constructor is done; what it would have thrown is now only logged.
-    bool isRunning_ = false;
+    std::shared_ptr<const Configuration> configuration_ GUARDED_BY(mutex_);
+    // The first load is over; what it would have thrown is now only logged.
+    std::atomic<bool> isLoaded_ = false;
     std::atomic<bool> identityRefused_ = false;
 };
 

@@ -1,9 +1,11 @@
 // How a class writes to the log: its name once, and messages that are formatted only when their level is written.
+// Without an agent nothing is written.
 
 #pragma once
 
 #include "core/Logger.h"
-#include "foundation/Value.h"
+#include "foundation/run/Current.h"
+#include "foundation/value/Value.h"
 
 #include <optional>
 #include <string>
@@ -22,25 +24,28 @@ class LogSource {
     constexpr LogSource in(std::string_view category) const { return LogSource(className_, category); }
 
     template <class... Arguments>
-    void error(std::string_view func, fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
-        write(LogLevel::Error, func, format, fmt::make_format_args(arguments...));
+    void error(fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
+        write(LogLevel::Error, format, fmt::make_format_args(arguments...));
     }
     template <class... Arguments>
-    void info(std::string_view func, fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
-        write(LogLevel::Info, func, format, fmt::make_format_args(arguments...));
+    void info(fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
+        write(LogLevel::Info, format, fmt::make_format_args(arguments...));
     }
     template <class... Arguments>
-    void debug(std::string_view func, fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
-        write(LogLevel::Debug, func, format, fmt::make_format_args(arguments...));
+    void debug(fmt::format_string<Arguments...> format, Arguments&&... arguments) const {
+        write(LogLevel::Debug, format, fmt::make_format_args(arguments...));
     }
 
     // For messages whose parts are costly to make.
-    static bool isWritten(std::int32_t level) { return Logger::getInstance().currentLogLevel() >= level; }
+    static bool isWritten(std::int32_t level) {
+        const auto* const logger = Current<Logger>::orNull();
+        return logger && logger->currentLogLevel() >= level;
+    }
 
   private:
-    void write(std::int32_t level, std::string_view func, fmt::string_view format, fmt::format_args arguments) const {
+    void write(std::int32_t level, fmt::string_view format, fmt::format_args arguments) const {
         if (isWritten(level)) {
-            Logger::getInstance().file(category_, className_, level, func, fmt::vformat(format, arguments));
+            Logger::getInstance().file(category_, className_, level, "", fmt::vformat(format, arguments));
         }
     }
 

@@ -1,8 +1,10 @@
-// The agent's log: one file a category and day in the logs folder.
+// The agent's log, as its classes see it.
 
 #pragma once
 
-#include "foundation/Subscription.h"
+#include "core/LogFiles.h"
+#include "foundation/run/NotificationCenter.h"
+#include "foundation/run/Subscription.h"
 
 #include <atomic>
 #include <cstdint>
@@ -23,24 +25,21 @@ struct LogLevel {
     static constexpr std::int32_t Debug = 2;
 };
 
-// A line is "[time][class][process:thread][level]message" and CR LF, in UTF-8. All loggers share the table of current
-// files, which survives restarts in `logfile.plist`; each has a level of its own, read when it is made. Safe from any
-// thread; each line opens the file, is appended whole and closes the file. A message with control characters or line
-// breaks in it cannot pass for another line, and a line never continues one that a crash or a full disk cut short.
-//
-// A missing logs folder is made, with its archive. Lines that still cannot be written are announced ahead of the next
-// line of their category that can be, and those of level 0 among them repeated, up to a hundred. The first line that
-// cannot be written is told on standard error, once until that category is written again.
+// A line is "[time][class][process:thread][level]message" and CR LF, in UTF-8. A logger writes errors only until it is
+// loaded: what is read for that may itself have something to log. Safe from any thread.
 class Logger {
   public:
     static constexpr const char* kDidWakeNotification = "NSWorkspaceDidWakeNotification";
 
-    // The shared logger, made by the first call.
+    // The agent's one.
     static Logger& getInstance();
 
+    // The files must outlive the logger.
+    explicit Logger(LogFiles& files) : files_(files) {}
+
     // Reads "LogLevel" of `myconfigurations.plist`, 0 when there is none, and archives old logs after each wake of the
-    // machine for as long as the object lives.
-    Logger();
+    // machine for as long as the logger lives.
+    void load(NotificationCenter& notifications);
 
     // Writes the message when the logger's level is at least the message's. A category other than the three has no
     // file: its messages are lost.
@@ -50,26 +49,18 @@ class Logger {
     // "ERROR", "INFO" or "DEBUG"; throws std::invalid_argument on any other number.
     static std::string formatTypeToString(std::int32_t level);
 
-    // Both log that they begin and return at once. The work itself can take minutes, so it waits its turn on one thread
-    // of the log's own: no caller is held up, and no file is zipped twice at a time.
-
-    // Continues each current file that is over 10 MiB under a new name and zips the old one. For the start of the
-    // agent.
+    // Continues current files that have grown too large under a new name. For the start of the agent. Returns at once,
+    // as rotateLog does: see LogFiles.
     void validateLogSize();
-
-    // Zips log files that have not been written for a week into the archive folder, which must exist.
+    // Archives log files that have not been written for a week.
     void rotateLog();
 
     std::int32_t currentLogLevel() const { return currentLogLevel_; }
     void setCurrentLogLevel(std::int32_t level) { currentLogLevel_ = level; }
 
   private:
-    explicit Logger(std::int32_t level) : currentLogLevel_(level) {}
-    friend struct SharedLogger;
-
-    void load();
-
-    std::atomic<std::int32_t> currentLogLevel_;
+    LogFiles& files_;
+    std::atomic<std::int32_t> currentLogLevel_ = LogLevel::Error;
     Subscription wakeObserver_;
 };
 

@@ -2,11 +2,11 @@
 
 #include "core/LogSource.h"
 #include "core/Secrets.h"
-#include "foundation/FileSystem.h"
-#include "foundation/Json.h"
-#include "foundation/Mutex.h"
-#include "foundation/PropertyList.h"
-#include "foundation/Text.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/formats/Json.h"
+#include "foundation/formats/PropertyList.h"
+#include "foundation/run/Current.h"
+#include "foundation/value/Text.h"
 
 #include <cerrno>
 #include <exception>
@@ -21,8 +21,8 @@ constexpr LogSource kLog("PropertyListHandler");
 
 // The folder of configurations is reached by more than one path.
 bool nameTheSameFile(const std::string& left, const std::string& right) {
-    const auto leftStatus = FileSystem::shared().linkStatus(left);
-    const auto rightStatus = FileSystem::shared().linkStatus(right);
+    const auto leftStatus = Current<FileSystem>::get().linkStatus(left);
+    const auto rightStatus = Current<FileSystem>::get().linkStatus(right);
     return leftStatus && rightStatus && leftStatus->identity == rightStatus->identity;
 }
 
@@ -31,7 +31,7 @@ bool nameTheSameFile(const std::string& left, const std::string& right) {
 // what was damaged first is most likely the good configuration with one wrong edit.
 std::string keepDamaged(const std::string& path) {
     constexpr int kMostCopies = 20;
-    auto& fileSystem = FileSystem::shared();
+    auto& fileSystem = Current<FileSystem>::get();
     auto kept = path + ".damaged";
     for (int number = 2; number <= kMostCopies && fileSystem.linkStatus(kept); ++number) {
         kept = fmt::format("{}.damaged-{}", path, number);
@@ -51,13 +51,13 @@ PropertyListHandler::PropertyListHandler() = default;
 PropertyListHandler PropertyListHandler::initWithFile(const std::string& path) {
     PropertyListHandler handler;
     handler.path_ = path;
-    const auto bytes = FileSystem::shared().read(path);
+    const auto bytes = Current<FileSystem>::get().read(path);
     if (bytes) {
         handler.parse(*bytes);
     } else if (bytes.error().code != ENOENT) {
         // A symbolic link in the file's place is not followed, and has no content to lose.
         (bytes.error().code == ELOOP ? handler.damaged_ : handler.unread_) = true;
-        kLog.error(__func__, "Property list {} is not read: {}", path, bytes.error().description);
+        kLog.error("Property list {} is not read: {}", path, bytes.error().description);
     }
     return handler;
 }
@@ -75,21 +75,21 @@ PropertyListHandler PropertyListHandler::initWithData(std::optional<std::span<co
 
 void PropertyListHandler::parse(std::span<const std::uint8_t> bytes) {
     try {
-        auto parsed = PropertyList::parse(bytes);
+        auto parsed = PropertyList::parse(bytes, Current<Encodings>::orNull());
         if (parsed) {
             root_ = *std::move(parsed);
             changeable_ = false;
             if (!root_.dictionary()) {
                 damaged_ = true;
-                kLog.error(__func__, "Property list {} holds no dictionary", orNull(path_));
+                kLog.error("Property list {} holds no dictionary", orNull(path_));
             }
         } else {
             damaged_ = true;
-            kLog.error(__func__, "Property list {} is not read: {}", orNull(path_), parsed.error().description);
+            kLog.error("Property list {} is not read: {}", orNull(path_), parsed.error().description);
         }
     } catch (const std::exception&) {
         damaged_ = true;
-        kLog.error(__func__, "Exception plist for {} is {}", orNull(path_), Value());
+        kLog.error("Exception plist for {} is {}", orNull(path_), Value());
     }
 }
 
@@ -129,9 +129,7 @@ bool PropertyListHandler::replace(const std::string& path, Dictionary content) {
 }
 
 void PropertyListHandler::exclusively(const std::function<void()>& step) {
-    static Mutex oneAtATime(LockRank::file);
-    const MutexLock lock(oneAtATime);
-    step();
+    Current<PropertyListLock>::get().exclusively(step);
 }
 
 Value PropertyListHandler::GetValueForKey(std::string_view key) const {
@@ -164,17 +162,17 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
     }
     const auto bytes = PropertyList::writeXml(root_);
     if (!bytes) {
-        kLog.error(__func__, "Exception occurred in WriteToProplist: {}\n", bytes.error().description);
+        kLog.error("Exception occurred in WriteToProplist: {}\n", bytes.error().description);
         return false;
     }
     const auto& target = path ? path : path_;
     if (!target) {
-        kLog.error(__func__, "plistfilepath is not initialized properly\n");
+        kLog.error("plistfilepath is not initialized properly\n");
         return false;
     }
-    auto& fileSystem = FileSystem::shared();
+    auto& fileSystem = Current<FileSystem>::get();
     if (unread_ && path_ && nameTheSameFile(*target, *path_)) {
-        kLog.error(__func__, "Property list {} could not be read, and so is not replaced", *target);
+        kLog.error("Property list {} could not be read, and so is not replaced", *target);
         return true;
     }
     std::optional<std::string> kept;
@@ -187,8 +185,8 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
         damaged_ = false;
         written_ = true;
     } else {
-        kLog.error(__func__, "WriteToProplist:failed path , {}", *target);
-        kLog.error(__func__, "{}", written.error().description);
+        kLog.error("WriteToProplist:failed path , {}", *target);
+        kLog.error("{}", written.error().description);
         if (kept) {
             static_cast<void>(fileSystem.move(*kept, *target));
         }
@@ -198,23 +196,23 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
 
 void PropertyListHandler::PrintPlistData() const {
     if (root_.isNull()) {
-        kLog.info(__func__, "Proplist is nil, no data to print.\n");
+        kLog.info("Proplist is nil, no data to print.\n");
     } else {
-        kLog.info(__func__, "Proplist Data:>> {}\n", Secrets::masked(root_));
+        kLog.info("Proplist Data:>> {}\n", Secrets::masked(root_));
     }
 }
 
 std::optional<std::string> PropertyListHandler::getPlistAsJsonString() const {
     const auto text = Json::write(root_);
     if (!text) {
-        kLog.error(__func__, "The property list {} has no form in JSON: {}", orNull(path_), text.error().description);
+        kLog.error("The property list {} has no form in JSON: {}", orNull(path_), text.error().description);
         return std::nullopt;
     }
     if (LogSource::isWritten(LogLevel::Debug)) {
         const auto masked = Json::write(Secrets::masked(root_));
-        kLog.debug(__func__, "{}", masked ? asciiLossy(*masked) : std::string());
+        kLog.debug("{}", masked ? asciiLossy(*masked, Current<Encodings>::get()) : std::string());
     }
-    return asciiLossy(*text);
+    return asciiLossy(*text, Current<Encodings>::get());
 }
 
 std::string PropertyListHandler::description() const {

@@ -6,7 +6,8 @@
 
 #pragma once
 
-#include "foundation/Value.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/value/Value.h"
 
 #include <cstdint>
 #include <functional>
@@ -16,6 +17,18 @@
 #include <string_view>
 
 namespace sentrova {
+
+// Held over each change of a property list. The agent has one, published as the Current one.
+class PropertyListLock {
+  public:
+    void exclusively(const std::function<void()>& step) EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        step();
+    }
+
+  private:
+    Mutex mutex_{LockRank::file};
+};
 
 class PropertyListHandler {
   public:

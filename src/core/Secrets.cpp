@@ -1,7 +1,7 @@
 #include "core/Secrets.h"
 
 #include "core/GlobalConstants.h"
-#include "foundation/Json.h"
+#include "foundation/formats/Json.h"
 
 #include <string_view>
 

@@ -1,8 +1,8 @@
 #include "core/TaskManager.h"
 
-#include "foundation/DispatchQueue.h"
-#include "foundation/NotificationCenter.h"
-#include "foundation/ThreadStart.h"
+#include "foundation/run/NotificationCenter.h"
+#include "foundation/run/Threads.h"
+#include "foundation/run/Unhandled.h"
 #include "platform/SystemPath.h"
 
 namespace sentrova {

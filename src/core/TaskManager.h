@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "foundation/Process.h"
-#include "foundation/Value.h"
+#include "foundation/value/Value.h"
+#include "platform/posix/Process.h"
 
 #include <cstdint>
 #include <memory>
@@ -42,7 +42,7 @@ class TaskManager {
     std::int8_t taskStatus() const { return taskStatus_; }
 
   private:
-    Process prauditTask_;
+    platform::Process prauditTask_;
     Data output_;
     std::int8_t taskStatus_ = 0;
     std::thread reader_;

@@ -2,8 +2,9 @@
 
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
-#include "foundation/Clock.h"
-#include "foundation/DateFormat.h"
+#include "foundation/run/Current.h"
+#include "foundation/time/Clock.h"
+#include "foundation/time/DateFormat.h"
 #include "platform/OperatingSystem.h"
 
 namespace sentrova {
@@ -13,7 +14,8 @@ constexpr LogSource kLog("Utilities");
 }  // namespace
 
 Dictionary Utilities::getOSVersion() {
-    const auto version = platform::operatingSystemVersion().value_or(platform::OperatingSystemVersion());
+    const auto version =
+        platform::operatingSystemVersion(Current<FileSystem>::get()).value_or(platform::OperatingSystemVersion());
     Dictionary dictionary;
     dictionary.set(GlobalConstants::MAJOR_VERSION, version.major);
     dictionary.set(GlobalConstants::MINOR_VERSION, version.minor);
@@ -26,21 +28,21 @@ bool Utilities::isSupportedOSVersion() {
     const auto major = version[GlobalConstants::MAJOR_VERSION].integerValue();
     const auto minor = version[GlobalConstants::MINOR_VERSION].integerValue();
     const bool supported = (major == 10 && minor > 14) || major >= 11;
-    kLog.info(__func__, "isSupportedOsVersion={:d}", supported);
+    kLog.info("isSupportedOsVersion={:d}", supported);
     return supported;
 }
 
 std::string Utilities::getCurrentTimeInFormat(std::string_view format) {
-    return DateFormat::format(format, Clock::shared().wallTime());
+    return Current<DateFormat>::get().format(format, Current<Clock>::get().wallTime());
 }
 
 std::string Utilities::converStringToEpoch(std::string_view text, std::string_view withFormat) {
-    const auto date = DateFormat::parse(withFormat, text);
+    const auto date = Current<DateFormat>::get().parse(withFormat, text);
     return Value(date ? epochSecondsExact(*date) : 0.0).description();
 }
 
 std::string Utilities::getTimeFromEpoch(double seconds) {
-    return DateFormat::longStyle(dateFromEpoch(seconds));
+    return Current<DateFormat>::get().longStyle(dateFromEpoch(seconds));
 }
 
 }  // namespace sentrova

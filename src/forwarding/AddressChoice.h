@@ -7,7 +7,7 @@
 
 #include "core/Configuration.h"
 #include "core/GlobalVariables.h"
-#include "foundation/Mutex.h"
+#include "foundation/run/Mutex.h"
 
 #include <cstdint>
 #include <string>

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "foundation/Clock.h"
+#include "foundation/time/Clock.h"
 
 #include <cstdint>
 #include <deque>

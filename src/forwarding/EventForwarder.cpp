@@ -1,16 +1,16 @@
 #include "forwarding/EventForwarder.h"
 
 #include "core/FileUtils.h"
-#include "core/GlobalVariables.h"
 #include "core/LogSource.h"
 #include "core/Secrets.h"
 #include "forwarding/EventQueueGCD.h"
+#include "forwarding/Spool.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/Clock.h"
-#include "foundation/DispatchQueue.h"
-#include "foundation/FileSystem.h"
-#include "foundation/Json.h"
-#include "foundation/Text.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/formats/Json.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/Unhandled.h"
+#include "foundation/value/Text.h"
 
 #include <fmt/format.h>
 
@@ -26,40 +26,20 @@ bool looksLikeBatch(std::string_view data) {
     return data.starts_with('[') && data.ends_with(']') && isValidUtf8(data);
 }
 
-// Keeps what is no batch in a file of its own. Two of one second do not share one: together they might read as one.
-void setAside(const std::string& data) {
-    const auto first = fmt::format("{}/undelivered_{}", GlobalVariables::getInstance().eventDataPath(),
-                                   Clock::shared().epochSeconds());
-    static Mutex oneAtATime(LockRank::file);
-    MutexLock lock(oneAtATime);
-    auto aside = first;
-    for (int number = 2; FileUtils::doesFileExist(aside); ++number) {
-        aside = fmt::format("{}_{}", first, number);
-    }
-    kLog.error("putBack", "A batch that was not delivered is no JSON array; its {} bytes are kept in {}", data.size(),
-               aside);
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(data.data());
-    const auto written =
-        FileSystem::shared().writeAtomically(aside, {bytes, data.size()}, FileSystem::Durability::renamed);
-    if (!written) {
-        kLog.error("putBack", "The {} bytes are lost: {}", data.size(), written.error().description);
-    }
-}
-
-// Gives the events of a batch back to the spool, in their order. A batch that is none after all is put aside, since its
-// file is gone.
+// Gives the events of a batch back to the spool, in their order. What turns out to be no batch is kept in a
+// file, since its own file is gone.
 void putBack(const std::string& data) {
     auto parsed = Json::parse(data, {data.size(), 512});
     auto* const events = parsed ? parsed->array() : nullptr;
     if (!events) {
-        setAside(data);
+        Current<Spool>::get().keepUndelivered(data);
         return;
     }
     for (auto& event : *events) {
         if (auto* const dictionary = event.dictionary()) {
             EventQueueGCD::enqueue(std::move(*dictionary));
         } else {
-            kLog.error(__func__, "An entry of a batch that was not delivered is no event: {}", event);
+            kLog.error("An entry of a batch that was not delivered is no event: {}", event);
         }
     }
 }
@@ -67,22 +47,21 @@ void putBack(const std::string& data) {
 // What there is to do when a delivery has been answered, or has failed. On the session's delegate queue.
 void finishDelivery(TransportEngine& engine, const std::string& sent, const std::optional<Data>& data,
                     const std::optional<UrlResponse>& response, const std::optional<Error>& error) {
-    constexpr const char* kFunction = "SendData";
     if (LogSource::isWritten(LogLevel::Debug)) {
-        kTraffic.debug(kFunction, "EventForwarder DATA= {}", Secrets::maskedBody(data));
+        kTraffic.debug("EventForwarder DATA= {}", Secrets::maskedBody(data));
     }
     const auto status = fmt::format("{}", response ? response->statusCode : 0);
-    kTraffic.debug(kFunction, "response status code: {}", status);
+    kTraffic.debug("response status code: {}", status);
     if (!error && status == "200") {
         TransportEngine::setIsConnected(true);
         if (LogSource::isWritten(LogLevel::Info)) {
             const auto body = Json::parse(data ? std::string(data->begin(), data->end()) : std::string());
-            kTraffic.info(kFunction, "response={}", body ? Secrets::masked(*body) : Value());
+            kTraffic.info("response={}", body ? Secrets::masked(*body) : Value());
         }
         return;
     }
-    kTraffic.error(kFunction, "{}", error ? error->description : "(null)");
-    kTraffic.error(kFunction, "The delivery failed at {}", engine.describeFailure(response, error));
+    kTraffic.error("{}", error ? error->description : "(null)");
+    kTraffic.error("The delivery failed at {}", engine.describeFailure(response, error));
     // The events must come back whatever happens here.
     runGuarded("EventForwarder", [&engine] {
         TransportEngine::setIsConnected(false);
@@ -95,7 +74,7 @@ void finishDelivery(TransportEngine& engine, const std::string& sent, const std:
 
 EventForwarder::Slot EventForwarder::Slots::take() {
     MutexLock lock(mutex_);
-    while (taken_ >= kDeliveriesUnderWay && !closed_) {
+    while (taken_ >= kDeliveriesInFlight && !closed_) {
         changed_.wait(lock);
     }
     if (closed_) {
@@ -117,24 +96,27 @@ void EventForwarder::Slots::close() {
     changed_.notifyAll();
 }
 
-EventForwarder::EventForwarder() : ConcurrentOperationAbstract("EventForwarder") {
-    kLog.debug("init", "EventForwarder Init called");
+EventForwarder::EventForwarder(NotificationCenter& notifications, Clock& clock)
+    : ConcurrentOperationAbstract("EventForwarder"), notifications_(notifications), opQueue_(1, clock) {
+    kLog.debug("EventForwarder Init called");
 }
 
 std::shared_ptr<EventForwarder> EventForwarder::init() {
-    return std::shared_ptr<EventForwarder>(new EventForwarder);  // NOLINT: the constructor is private
+    // NOLINTNEXTLINE: the constructor is private
+    return std::shared_ptr<EventForwarder>(
+        new EventForwarder(Current<NotificationCenter>::get(), Current<Clock>::get()));
 }
 
 void EventForwarder::start() {
-    kLog.debug(__func__, "EventForwarder start called");
+    kLog.debug("EventForwarder start called");
     if (!canStart()) {
         return;
     }
     started();
-    kLog.debug(__func__, "EventForwarder start observing queue");
+    kLog.debug("EventForwarder start observing queue");
     const auto observe = [this](const char* name, void (EventForwarder::*handler)(const Notification&)) {
-        auto subscription = NotificationCenter::defaultCenter().addObserver(
-            name, [weak = weak_from_this(), handler](const Notification& notification) {
+        auto subscription =
+            notifications_.addObserver(name, [weak = weak_from_this(), handler](const Notification& notification) {
                 if (const auto self = weak.lock()) {
                     (self.get()->*handler)(notification);
                 }
@@ -149,7 +131,7 @@ void EventForwarder::start() {
 }
 
 void EventForwarder::gotFilesToProcess(const Notification& notification) {
-    kLog.debug(__func__, "Received file created notification");
+    kLog.debug("Received file created notification");
     const auto* text = notification.userInfo[EventQueueGCD::kFileUrl].string();
     const auto file = text ? FileUrl::parse(*text) : std::nullopt;
     if (file) {
@@ -159,7 +141,7 @@ void EventForwarder::gotFilesToProcess(const Notification& notification) {
 }
 
 void EventForwarder::gotEventsToProcess(const Notification& /*notification*/) {
-    kLog.debug(__func__, "Received Event Timeout notification");
+    kLog.debug("Received Event Timeout notification");
     // One delivery takes all events there are: while one waits for its turn, others would find nothing.
     if (!eventsWait_.exchange(true)) {
         try {
@@ -185,9 +167,9 @@ void EventForwarder::process(const std::optional<FileUrl>& file) {
     }
     if (isTaken && file) {
         const bool deleted = FileUtils::deleteFile(file->path());
-        kLog.info(__func__, "Going to Delete the file {} {:d}", file->absoluteString(), deleted);
-        if (FileSystem::shared().linkStatus(file->path())) {
-            kLog.error(__func__, "The file {} has been sent and is still there: it is sent again at the next start",
+        kLog.info("Going to Delete the file {} {:d}", file->absoluteString(), deleted);
+        if (Current<FileSystem>::get().linkStatus(file->path())) {
+            kLog.error("The file {} has been sent and is still there: it is sent again at the next start",
                        file->path());
         }
     }
@@ -209,17 +191,17 @@ bool EventForwarder::deliver(const std::optional<FileUrl>& file) {
     }
     *batch = *std::move(data);
     if (file && !looksLikeBatch(*batch)) {
-        kLog.error("process", "The file {} is no batch of events; it is left where it is", file->path());
+        kLog.error("The file {} is no batch of events; it is left where it is", file->path());
         return false;
     }
     if (SendData(batch, std::move(slot))) {
         return true;
     }
     if (file) {
-        kLog.error("process", "The file {} was not sent; it stays and is announced again", file->path());
+        kLog.error("The file {} was not sent; it stays and is announced again", file->path());
         EventQueueGCD::announceAgain(*file);
     } else {
-        kLog.error("process", "The events in memory were not sent; they go back into the spool");
+        kLog.error("The events in memory were not sent; they go back into the spool");
         putBack(*batch);
     }
     return false;
@@ -228,10 +210,10 @@ bool EventForwarder::deliver(const std::optional<FileUrl>& file) {
 bool EventForwarder::SendData(const std::shared_ptr<const std::string>& data, Slot slot) {
     bool isTaken = false;
     if (TransportEngine::isConnected()) {
-        kLog.debug(__func__, "Dequeued array={}", *data);
+        kLog.debug("Dequeued array={}", *data);
         runGuarded("EventForwarder", [&] {
             const auto engine = std::make_shared<TransportEngine>();
-            kLog.info("SendData", "EventForwarder next url {}", engine->baseURL());
+            kLog.info("EventForwarder next url {}", engine->baseURL());
             isTaken = engine->sendMessageToServer(
                 MessageType::eventDelivery, data,
                 [engine, data, slot = std::move(slot)](const auto& answer, const auto& response, const auto& error) {
@@ -242,12 +224,12 @@ bool EventForwarder::SendData(const std::shared_ptr<const std::string>& data, Sl
         putBack(*data);
         isTaken = true;
     }
-    kLog.debug(__func__, "EventForwarder sendData is finished");
+    kLog.debug("EventForwarder sendData is finished");
     return isTaken;
 }
 
 void EventForwarder::cancel() {
-    kLog.debug(__func__, "EventForwarder cancel called");
+    kLog.debug("EventForwarder cancel called");
     {
         MutexLock lock(observersMutex_);
         observers_.clear();

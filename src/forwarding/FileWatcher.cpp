@@ -1,6 +1,7 @@
 #include "forwarding/FileWatcher.h"
 
 #include "core/LogSource.h"
+#include "foundation/run/Current.h"
 #include "platform/SystemPath.h"
 
 namespace sentrova {
@@ -10,7 +11,7 @@ constexpr LogSource kLog("FileWatcher");
 }  // namespace
 
 FileWatcher::FileWatcher(std::string path)
-    : watchedPath_(std::move(path)), queue_("com.kelvark.vantorix.filewatcherqueue") {}
+    : watchedPath_(std::move(path)), queue_("com.kelvark.vantorix.filewatcherqueue", Current<Clock>::get()) {}
 
 std::unique_ptr<FileWatcher> FileWatcher::initWithPath(const std::string& path, std::function<void()> andCallback) {
     std::unique_ptr<FileWatcher> watcher(new FileWatcher(path));  // NOLINT: the constructor is private
@@ -32,7 +33,7 @@ void FileWatcher::suspend() {
     if (source_) {
         source_->cancel();
     }
-    kLog.info(__func__, "Filewatcher suspended");
+    kLog.info("Filewatcher suspended");
 }
 
 }  // namespace sentrova

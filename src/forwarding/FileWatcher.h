@@ -3,7 +3,7 @@
 
 #pragma once
 
-#include "foundation/DispatchQueue.h"
+#include "foundation/run/DispatchQueue.h"
 #include "platform/VnodeSource.h"
 
 #include <functional>

@@ -6,8 +6,8 @@
 
 #pragma once
 
-#include "foundation/Result.h"
-#include "foundation/Value.h"
+#include "foundation/value/Result.h"
+#include "foundation/value/Value.h"
 
 #include <cstdint>
 #include <optional>

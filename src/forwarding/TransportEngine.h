@@ -1,17 +1,15 @@
 // Sends one message to the audit server, and chooses the server's address.
 //
-// The address choice, the session and whether the server is believed reachable belong to the process; engines are
-// short-lived, and each sends to the address that it was given. Safe from any thread, but one engine is for one thread
-// at a time.
+// Engines are short-lived, share one Transport, and each sends to the address that it was given. Safe from any thread,
+// but one engine is for one thread at a time.
 
 #pragma once
 
-#include "forwarding/AddressChoice.h"
 #include "forwarding/MsgConfiguration.h"
-#include "foundation/UrlSession.h"
+#include "forwarding/Transport.h"
+#include "foundation/net/UrlSession.h"
 
 #include <array>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,10 +18,7 @@ namespace sentrova {
 
 class TransportEngine {
   public:
-    using SessionFactory = std::function<std::unique_ptr<UrlSession>(std::shared_ptr<UrlSessionDelegate>)>;
-
-    // With the current address. The first engine of the process takes the first address from the configuration and
-    // makes the session.
+    // With the current address.
     TransportEngine();
 
     // Whether the server is believed reachable; true at first, so that a delivery is attempted.
@@ -52,12 +47,10 @@ class TransportEngine {
     // The parts that baseURL was joined from.
     const std::array<std::string, 6>& urlComp() const { return urlComp_; }
 
-    // How the process's session is made, for tests; null for the real one. Takes effect on the next first engine.
-    static void setSessionFactory(SessionFactory factory);
-
   private:
     void compose(const ServerAddress& address);
 
+    Transport& transport_;
     std::string baseURL_;
     std::array<std::string, 6> urlComp_;
 };

@@ -13,7 +13,7 @@ ConcurrentOperationAbstract::ConcurrentOperationAbstract(std::string className) 
 }
 
 bool ConcurrentOperationAbstract::canStart() {
-    kLog.debug(__func__, "ConcurrentOperationAbstract canStart called {:d} {:d}", isCancelled(), isFinished());
+    kLog.debug("ConcurrentOperationAbstract canStart called {:d} {:d}", isCancelled(), isFinished());
     if (!isCancelled()) {
         return true;
     }
@@ -56,11 +56,11 @@ void ConcurrentOperationAbstract::cancelOperation() {
 }
 
 void ConcurrentOperationAbstract::printStatus() const {
-    kLog.info(__func__, "isFinished={:d}", isFinished());
-    kLog.info(__func__, "isCancelled={:d}", isCancelled());
-    kLog.info(__func__, "isExecuting={:d}", isExecuting());
-    kLog.info(__func__, "isAsync={:d}", isAsynchronous());
-    kLog.info(__func__, "isCancelled={:d}", isCancelled());
+    kLog.info("isFinished={:d}", isFinished());
+    kLog.info("isCancelled={:d}", isCancelled());
+    kLog.info("isExecuting={:d}", isExecuting());
+    kLog.info("isAsync={:d}", isAsynchronous());
+    kLog.info("isCancelled={:d}", isCancelled());
 }
 
 }  // namespace sentrova

@@ -6,7 +6,7 @@
 
 #pragma once
 
-#include "foundation/Operation.h"
+#include "foundation/run/Operation.h"
 
 #include <atomic>
 #include <string>

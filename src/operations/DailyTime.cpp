@@ -1,6 +1,6 @@
 #include "operations/DailyTime.h"
 
-#include "foundation/Calendar.h"
+#include "foundation/time/Calendar.h"
 
 #include <array>
 #include <charconv>

@@ -1,7 +1,7 @@
 #include "operations/OperationsHandler.h"
 
 #include "core/LogSource.h"
-#include "foundation/DispatchQueue.h"
+#include "foundation/run/Unhandled.h"
 
 #include <algorithm>
 
@@ -11,7 +11,7 @@ namespace {
 constexpr LogSource kLog("OperationsHandler");
 }  // namespace
 
-OperationsHandler::OperationsHandler(int maximum) {
+OperationsHandler::OperationsHandler(int maximum, Clock& clock) : queue_(clock) {
     if (maximum >= 1) {
         queue_.setMaxConcurrentOperationCount(maximum);
     }
@@ -23,11 +23,11 @@ void OperationsHandler::addToOperationQueue(const std::shared_ptr<ConcurrentOper
     const bool runs = std::ranges::any_of(
         operations, [&name](const auto& other) { return other->name() == name && other->isExecuting(); });
     if (runs) {
-        kLog.info(__func__, "OperationsHandler {} cannot be added to the queue already exists", name);
+        kLog.info("OperationsHandler {} cannot be added to the queue already exists", name);
         return;
     }
     queue_.addOperation(operation);
-    kLog.info(__func__, "OperationsHandler {} has been added to the queue", name);
+    kLog.info("OperationsHandler {} has been added to the queue", name);
 }
 
 void OperationsHandler::addDependency(const std::shared_ptr<ConcurrentOperationAbstract>& operation,
@@ -56,7 +56,7 @@ void OperationsHandler::waitToFinish() {
 }
 
 void OperationsHandler::countOfOperationsInQueue() const {
-    kLog.debug(__func__, "operations count {}", queue_.operationCount());
+    kLog.debug("operations count {}", queue_.operationCount());
 }
 
 void OperationsHandler::cancelOperationWithName(std::string_view name) {
@@ -64,12 +64,12 @@ void OperationsHandler::cancelOperationWithName(std::string_view name) {
     if (LogSource::isWritten(LogLevel::Info)) {
         Array list;
         std::ranges::transform(operations, std::back_inserter(list), &Operation::description);
-        kLog.info(__func__, "operations count {}", Value(list));
+        kLog.info("operations count {}", Value(list));
     }
     for (const auto& operation : operations) {
         if (operation->name() == name) {
             operation->cancel();
-            kLog.info(__func__, "OperationsHandler {} has been cancelled", name);
+            kLog.info("OperationsHandler {} has been cancelled", name);
         }
     }
 }
@@ -78,7 +78,7 @@ bool OperationsHandler::getTaskStatus(std::string_view name) const {
     const auto operations = queue_.operations();
     const auto found = std::ranges::find_if(operations, [name](const auto& other) { return other->name() == name; });
     if (found == operations.end()) {
-        kLog.error(__func__, "{} operation doesnot exists", name);
+        kLog.error("{} operation doesnot exists", name);
         return false;
     }
     return (*found)->isExecuting();

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "foundation/OperationQueue.h"
+#include "foundation/run/OperationQueue.h"
 #include "operations/ConcurrentOperationAbstract.h"
 
 #include <functional>
@@ -17,7 +17,7 @@ namespace sentrova {
 class OperationsHandler {
   public:
     // How many operations run at once; below 1 there is no limit.
-    explicit OperationsHandler(int maximum);
+    OperationsHandler(int maximum, Clock& clock);
 
     // Refuses an operation while another of its name is executing.
     void addToOperationQueue(const std::shared_ptr<ConcurrentOperationAbstract>& operation);

@@ -10,20 +10,31 @@
 #pragma once
 
 #include "core/GlobalConstants.h"
-#include "foundation/Timer.h"
-#include "foundation/Value.h"
+#include "core/GlobalVariables.h"
+#include "foundation/time/Clock.h"
+#include "foundation/time/DateFormat.h"
+#include "foundation/value/Value.h"
 #include "operations/ConcurrentOperationAbstract.h"
+#include "operations/DailyTime.h"
+#include "operations/TaskList.h"
+#include "operations/TaskRegistry.h"
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace sentrova {
 
 // As an operation it starts all tasks, and is finished when that is done.
-class ScheduleHandler final : public ConcurrentOperationAbstract {
+class ScheduleHandler final : public ConcurrentOperationAbstract, public std::enable_shared_from_this<ScheduleHandler> {
   public:
+    // The task of batch collection.
+    static constexpr std::string_view kEventCollection = "EventCollection";
     // Stands for every task.
     static constexpr std::string_view kAll = "ALL";
 
@@ -47,7 +58,11 @@ class ScheduleHandler final : public ConcurrentOperationAbstract {
     // Replaces an interval that is missing or not above zero, which would never let go of the processor.
     static constexpr std::chrono::seconds kDefaultInterval{60};
 
-    // The one object of the process. Each call also rewrites whether "EventCollection" repeats.
+    // What is passed in must outlive the object.
+    ScheduleHandler(TaskList& tasks, const TaskRegistry& registry, GlobalVariables& configuration, Clock& clock,
+                    DateFormat& dates);
+
+    // The agent's one. Each call also rewrites whether "EventCollection" repeats.
     static std::shared_ptr<ScheduleHandler> init();
 
     void start() override;
@@ -84,8 +99,19 @@ class ScheduleHandler final : public ConcurrentOperationAbstract {
     static std::string description();
 
   private:
-    ScheduleHandler();
-    friend struct SharedSchedule;
+    std::string taskListFile() const;
+    std::optional<std::vector<Dictionary>> taskEntries() const;
+    std::vector<Dictionary> entriesToStart(std::string_view name) REQUIRES(tasks_.starting);
+    TaskList::Daily dailyTimer(const Dictionary& entry, const DailyTime& time);
+    std::function<void()> starter(const Dictionary& entry, bool daily);
+    void startTasks(std::string_view name, const std::function<bool()>& isWanted) EXCLUDES(tasks_.starting);
+
+    TaskList& tasks_;
+    const TaskRegistry& registry_;
+    GlobalVariables& configuration_;
+    Clock& clock_;
+    DateFormat& dates_;
+    std::atomic<bool> isAnnounced_ = false;
 };
 
 }  // namespace sentrova

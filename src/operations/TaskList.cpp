@@ -1,10 +1,15 @@
 #include "operations/TaskList.h"
 
-#include "foundation/DispatchQueue.h"
+#include "foundation/run/Unhandled.h"
 
 #include <utility>
 
 namespace sentrova {
+
+void TaskList::close() {
+    endAll();
+    dailyTimers_.close();
+}
 
 void TaskList::Task::end() const {
     if (activity) {
@@ -16,7 +21,8 @@ void TaskList::Task::end() const {
 }
 
 void TaskList::startActivity(const std::string& name, Clock::Duration interval, bool repeats, Run run) {
-    Task task{std::make_shared<Token>(), std::make_shared<BackgroundActivity>(name, interval, repeats), nullptr};
+    Task task{std::make_shared<Token>(), std::make_shared<BackgroundActivity>(queue_, name, interval, repeats),
+              nullptr};
     task.activity->schedule(
         [this, name, token = std::weak_ptr(task.token), run = std::move(run)] { runInTurn(name, token, run); });
     put(name, std::move(task));
@@ -25,18 +31,13 @@ void TaskList::startActivity(const std::string& name, Clock::Duration interval, 
 TaskList::Task TaskList::dailyTask(const std::string& name, const Daily& daily) {
     const auto token = std::make_shared<Token>();
     auto run = [this, name, weak = std::weak_ptr(token), run = daily.run] { runInTurn(name, weak, run); };
-    return {token, nullptr, std::make_shared<Timer>(daily.first, daily.next, std::move(run))};
+    return {token, nullptr,
+            std::make_shared<Timer>(queue_.clock(), queue_.notifications(), daily.first, daily.next, std::move(run))};
 }
 
 void TaskList::startDaily(const std::string& name, const Daily& daily) {
     auto task = dailyTask(name, daily);
-    {
-        MutexLock lock(mutex_);
-        if (closed_) {
-            return;
-        }
-        threads_.emplace_back([name, timer = task.daily] { runGuarded(name, [&timer] { timer->run(); }); });
-    }
+    dailyTimers_.start(name, task.daily);
     put(name, std::move(task));
 }
 
@@ -49,7 +50,7 @@ void TaskList::runDaily(const std::string& name, const Daily& daily) {
 
 void TaskList::put(const std::string& name, Task task) {
     MutexLock lock(mutex_);
-    const auto ended = closed_ ? std::move(task) : std::exchange(tasks_[name], std::move(task));
+    const auto ended = std::exchange(tasks_[name], std::move(task));
     lock.unlock();
     ended.end();
 }
@@ -92,19 +93,6 @@ std::shared_ptr<BackgroundActivity> TaskList::activity(std::string_view name) {
     MutexLock lock(mutex_);
     const auto found = tasks_.find(name);
     return found == tasks_.end() ? nullptr : found->second.activity;
-}
-
-void TaskList::quiesce() {
-    std::list<std::thread> threads;
-    {
-        MutexLock lock(mutex_);
-        closed_ = true;
-        threads.swap(threads_);
-    }
-    endAll();
-    for (auto& thread : threads) {
-        thread.join();
-    }
 }
 
 bool TaskList::beginRun(const std::string& name, const std::weak_ptr<Token>& token) {

@@ -2,19 +2,18 @@
 
 #pragma once
 
-#include "foundation/BackgroundActivity.h"
-#include "foundation/Mutex.h"
-#include "foundation/Timer.h"
-#include "foundation/Value.h"
+#include "foundation/run/BackgroundActivity.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/run/Timer.h"
+#include "foundation/value/Value.h"
+#include "operations/DailyTimers.h"
 
 #include <functional>
-#include <list>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 namespace sentrova {
@@ -34,8 +33,9 @@ class TaskList {
     };
     using Activities = std::map<std::string, std::shared_ptr<BackgroundActivity>, std::less<>>;
 
-    TaskList() = default;
-    ~TaskList() { quiesce(); }
+    // The queue must outlive the list.
+    explicit TaskList(BackgroundQueue& queue) : queue_(queue) {}
+    ~TaskList() { close(); }
     TaskList(const TaskList&) = delete;
     TaskList& operator=(const TaskList&) = delete;
 
@@ -50,12 +50,12 @@ class TaskList {
     // Ends every task.
     void endAll() EXCLUDES(mutex_);
 
+    // Ends every task, waits for the threads of daily timers, and starts no other daily timers.
+    void close() EXCLUDES(mutex_);
+
     Activities activities() EXCLUDES(mutex_);
     // Null when the task has no background activity.
     std::shared_ptr<BackgroundActivity> activity(std::string_view name) EXCLUDES(mutex_);
-
-    // Ends the daily timers, waits for their threads, and starts no others.
-    void quiesce() EXCLUDES(mutex_);
 
     // Held from reading the file of the tasks until they are started, so that of two starts of a task the one with the
     // newer entry is the one that lasts.
@@ -84,15 +84,14 @@ class TaskList {
     // What the run throws is reported, and the timer goes on.
     void runInTurn(const std::string& name, const std::weak_ptr<Token>& token, const Run& run) EXCLUDES(mutex_);
 
+    BackgroundQueue& queue_;
     Mutex mutex_;
     Condition turnsChanged_;
     Tasks tasks_ GUARDED_BY(mutex_);
     // The tasks with a run under way.
     std::set<std::string, std::less<>> running_ GUARDED_BY(mutex_);
-    bool closed_ GUARDED_BY(mutex_) = false;
-    // Of all daily timers, including those that have ended. There are few: all tasks are started together once per
-    // process.
-    std::list<std::thread> threads_ GUARDED_BY(mutex_);
+    // Last, so that its threads have ended before what they work on goes.
+    DailyTimers dailyTimers_;
 };
 
 }  // namespace sentrova

@@ -2,7 +2,9 @@
 
 #pragma once
 
-#include "foundation/Result.h"
+#include "foundation/value/Result.h"
+
+#include <memory>
 
 namespace sentrova::platform {
 
@@ -13,9 +15,8 @@ class AuditCondition {
   public:
     virtual ~AuditCondition() = default;
 
-    // The host's, unless a test has put its own in its place.
-    static AuditCondition& shared();
-    static void install(AuditCondition* condition);
+    // The host's.
+    static std::unique_ptr<AuditCondition> make();
 
     // As it is now; an error when the system does not tell.
     virtual Result<AuditState> state() = 0;
@@ -24,9 +25,6 @@ class AuditCondition {
     AuditCondition() = default;
     AuditCondition(const AuditCondition&) = default;
     AuditCondition& operator=(const AuditCondition&) = default;
-
-  private:
-    static AuditCondition& host();
 };
 
 }  // namespace sentrova::platform

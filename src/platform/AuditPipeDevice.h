@@ -2,10 +2,11 @@
 
 #pragma once
 
-#include "foundation/FileDescriptor.h"
-#include "foundation/Result.h"
+#include "foundation/files/FileDescriptor.h"
+#include "foundation/value/Result.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace sentrova::platform {
@@ -23,9 +24,8 @@ class AuditPipeDevice {
   public:
     virtual ~AuditPipeDevice() = default;
 
-    // The host's device, unless a test has put its own in its place.
-    static AuditPipeDevice& shared();
-    static void install(AuditPipeDevice* device);
+    // The host's device.
+    static std::unique_ptr<AuditPipeDevice> make();
 
     // A descriptor to read records from, which does not end while the device is there.
     virtual Result<FileDescriptor> open(const std::string& path) = 0;
@@ -39,9 +39,6 @@ class AuditPipeDevice {
     AuditPipeDevice() = default;
     AuditPipeDevice(const AuditPipeDevice&) = default;
     AuditPipeDevice& operator=(const AuditPipeDevice&) = default;
-
-  private:
-    static AuditPipeDevice& host();
 };
 
 }  // namespace sentrova::platform

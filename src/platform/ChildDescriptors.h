@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "foundation/FileDescriptor.h"
+#include "foundation/files/FileDescriptor.h"
 
 #include <spawn.h>
 

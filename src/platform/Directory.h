@@ -2,10 +2,13 @@
 
 #pragma once
 
-#include "foundation/Result.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/time/Clock.h"
+#include "foundation/value/Result.h"
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -26,9 +29,8 @@ class Directory {
   public:
     virtual ~Directory() = default;
 
-    // The host's directory, unless a test has put its own in its place.
-    static Directory& shared();
-    static void install(Directory* directory);
+    // The host's directory, which may use the file system and the clock for as long as it lives.
+    static std::unique_ptr<Directory> make(FileSystem& files, Clock& clock);
 
     // The account name of an id; nothing for an id without an account.
     virtual std::optional<std::string> userName(std::uint32_t id) = 0;
@@ -42,9 +44,6 @@ class Directory {
     Directory() = default;
     Directory(const Directory&) = default;
     Directory& operator=(const Directory&) = default;
-
-  private:
-    static Directory& host();
 };
 
 }  // namespace sentrova::platform

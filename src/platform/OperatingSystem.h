@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "foundation/files/FileSystem.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -19,8 +21,8 @@ struct OperatingSystemVersion {
 // The version that a text such as "10.15.7" names; what it leaves out is 0.
 OperatingSystemVersion versionFromText(std::string_view text);
 
-// The version of macOS; nothing on a host without one.
-std::optional<OperatingSystemVersion> operatingSystemVersion();
+// The version of macOS; nothing on a host without one. A host may keep it in a file.
+std::optional<OperatingSystemVersion> operatingSystemVersion(FileSystem& files);
 
 // The name that a person gave to the computer.
 std::string localizedHostName();

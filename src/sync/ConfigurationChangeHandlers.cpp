@@ -2,12 +2,13 @@
 
 #include "collection/EventCollectionSchedule.h"
 #include "collection/EventCollectorRealtime.h"
-#include "core/AgentServiceHandler.h"
 #include "core/GlobalConstants.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
 #include "forwarding/SecurityUtil.h"
-#include "foundation/Clock.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/Sleep.h"
+#include "operations/MainQueue.h"
 #include "operations/ScheduleHandler.h"
 #include "sync/ServerCommunicator.h"
 
@@ -31,11 +32,11 @@ template <class Operation>
 void addToMainQueue() {
     auto operation = std::make_shared<Operation>();
     operation->setName(Operation::kOperationName);
-    AgentServiceHandler::addOperationToMainQueue(operation);
+    Current<MainQueue>::get().add(operation);
 }
 
 void cancelOnMainQueue(const char* name) {
-    AgentServiceHandler::cancelOperationsOnMainQueue(name);
+    Current<MainQueue>::get().cancel(name);
 }
 
 std::string inConfFolder(std::string_view file) {
@@ -48,7 +49,7 @@ std::string inConfFolder(std::string_view file) {
 class Retiming {
   public:
     // Stops the task.
-    Retiming(const char* task, const Value& interval)
+    Retiming(std::string_view task, const Value& interval)
         : task_(task), seconds_(interval.integerValue()), keepsTimer_(ScheduleHandler::runsEvery(seconds_, task)) {
         if (!keepsTimer_) {
             ScheduleHandler::stopTask(task_);
@@ -64,7 +65,7 @@ class Retiming {
     }
 
   private:
-    const char* const task_;
+    const std::string_view task_;
     const Value seconds_;
     const bool keepsTimer_;
 };
@@ -88,31 +89,31 @@ void ServerCommunicator::ConfigurationChangesCheckWithOldData(const PropertyList
     const auto& newGuid = newData[GlobalConstants::AGENT_GUID];
     if (oldGuid.isNull()) {
         if (!newGuid.isNull()) {
-            kLog.info(__func__, "First Time Configuration");
+            kLog.info("First Time Configuration");
         }
         return;
     }
     if (oldGuid != newGuid || newData.contains(GlobalConstants::DOMAIN_ID)) {
         return;
     }
-    kLog.info(__func__, "Agent Deleted/Unconfigured");
+    kLog.info("Agent Deleted/Unconfigured");
     PropertyListHandler::change(inConfFolder(GlobalConstants::SERVER_INFO_FILE), [](Dictionary& serverInfo) {
         serverInfo.remove(GlobalConstants::AGENT_GUID);
         serverInfo.remove(GlobalConstants::DOMAIN_NAME);
     });
-    AgentServiceHandler::stop();
+    Current<MainQueue>::get().stop();
 }
 
 void ServerCommunicator::StateChangesCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData) {
     const auto& enabled = newData[GlobalConstants::IS_ENABLED];
     if (!differs(enabled, oldData.GetValueForKey(GlobalConstants::IS_ENABLED))) {
-        kLog.info(__func__, "No State change");
+        kLog.info("No State change");
     } else if (enabled.boolValue()) {
-        kLog.info(__func__, "State Changed to enabled");
+        kLog.info("State Changed to enabled");
         addToMainQueue<EventCollectionSchedule>();
         addToMainQueue<EventCollectorRealtime>();
     } else {
-        kLog.info(__func__, "State Changed to disabled");
+        kLog.info("State Changed to disabled");
         cancelOnMainQueue(EventCollectorRealtime::kOperationName);
         cancelOnMainQueue(EventCollectionSchedule::kOperationName);
     }
@@ -123,19 +124,19 @@ void ServerCommunicator::IntervalChangesCheckWithOldData(const PropertyListHandl
     const bool isRealTime = newData[GlobalConstants::REALTIME].boolValue();
     bool realTimeWasDisabled = false;
     if (wasRealTime != isRealTime) {
-        kLog.info(__func__, "Realtimestate has been changed");
+        kLog.info("Realtimestate has been changed");
         if (isRealTime) {
             // The two characters at the end have always been there.
-            kLog.info(__func__, "Running schedule once to read old events\u00A0\u0330");
+            kLog.info("Running schedule once to read old events\u00A0\u0330");
             addToMainQueue<EventCollectionSchedule>();
-            kLog.info(__func__, "Realtime enabled starting listening");
+            kLog.info("Realtime enabled starting listening");
             addToMainQueue<EventCollectorRealtime>();
-            ScheduleHandler::stopTask(EventCollectionSchedule::kTaskName);
+            ScheduleHandler::stopTask(ScheduleHandler::kEventCollection);
         } else {
-            kLog.info(__func__, "Realtime disabled stopping listening");
+            kLog.info("Realtime disabled stopping listening");
             cancelOnMainQueue(EventCollectorRealtime::kOperationName);
             // The batch task ran once while realtime collection was on.
-            ScheduleHandler::UpdateTaskWithName(EventCollectionSchedule::kTaskName, ScheduleHandler::kRepeat, "true");
+            ScheduleHandler::UpdateTaskWithName(ScheduleHandler::kEventCollection, ScheduleHandler::kRepeat, "true");
             realTimeWasDisabled = true;
         }
     }
@@ -143,8 +144,8 @@ void ServerCommunicator::IntervalChangesCheckWithOldData(const PropertyListHandl
     const auto& newInterval = newData[GlobalConstants::FETCH_INTERVAL];
     if (realTimeWasDisabled || oldInterval.isNull() || oldInterval != newInterval) {
         const auto interval = newInterval.isNull() ? Value(kDefaultFetchInterval) : newInterval;
-        const Retiming retiming(EventCollectionSchedule::kTaskName, interval);
-        kLog.info(__func__, "Fetch interval has been changed updating schedule to {}", interval);
+        const Retiming retiming(ScheduleHandler::kEventCollection, interval);
+        kLog.info("Fetch interval has been changed updating schedule to {}", interval);
         retiming.finish();
     }
 }
@@ -165,7 +166,7 @@ void ServerCommunicator::SyncTimeCheckWithOldData(const PropertyListHandler& old
     const auto& syncTime = newData[GlobalConstants::SYNCTIME];
     if (differs(syncTime, oldData.GetValueForKey(GlobalConstants::SYNCTIME))) {
         Retiming(kTaskName, syncTime).finish();
-        kLog.info(__func__, "SyncTime has been updated to {}", syncTime);
+        kLog.info("SyncTime has been updated to {}", syncTime);
     }
 }
 
@@ -174,16 +175,16 @@ void ServerCommunicator::realTimeReinitialiseCheckWithOldData(const PropertyList
     if (!differs(events, oldData.GetValueForKey(GlobalConstants::EVENTS_TO_READ))) {
         return;
     }
-    kLog.info(__func__, "Events to be audited are changed to {}", events);
+    kLog.info("Events to be audited are changed to {}", events);
     const bool isRealTime = newData[GlobalConstants::REALTIME].boolValue();
     if (!isRealTime || !oldData.GetValueForKey(GlobalConstants::REALTIME).boolValue()) {
         return;
     }
-    kLog.info(__func__, "Change in events to be audited, reinitiatizing real time collection");
+    kLog.info("Change in events to be audited, reinitiatizing real time collection");
     cancelOnMainQueue(EventCollectorRealtime::kOperationName);
-    while (AgentServiceHandler::getOperationStatusOnMainQueue(EventCollectorRealtime::kOperationName)) {
-        kLog.info(__func__, "Sleeping for 10 seconds");
-        Clock::shared().sleepFor(kRealtimeEndAwaited);
+    while (Current<MainQueue>::get().isExecuting(EventCollectorRealtime::kOperationName)) {
+        kLog.info("Sleeping for 10 seconds");
+        sleepFor(Current<Clock>::get(), kRealtimeEndAwaited);
     }
     addToMainQueue<EventCollectorRealtime>();
 }
@@ -198,12 +199,12 @@ void ServerCommunicator::AuthIDChangesWithOldData(const PropertyListHandler& old
         agentUid.isNull() ? std::string(GlobalConstants::FALLBACK_PASS_PHRASE) : agentUid.description();
     const auto random = SecurityUtil::randomBytes(kIdentityPrefix);
     if (!random) {
-        kLog.debug(__func__, "Error while generating secrandomcopybytes");
+        kLog.debug("Error while generating secrandomcopybytes");
     }
     const auto prefix = identityPrefix(random.value_or(Data()));
     const auto cipher = SecurityUtil::encrypt(identity.description(), passPhrase, prefix);
     if (!cipher) {
-        kLog.error(__func__, "{}", cipher.error().description);
+        kLog.error("{}", cipher.error().description);
         return;
     }
     PropertyListHandler::change(inConfFolder(GlobalConstants::MY_CONFIGURATIONS_FILE),

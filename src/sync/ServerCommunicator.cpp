@@ -1,19 +1,18 @@
 #include "sync/ServerCommunicator.h"
 
 #include "collection/DomainUtil.h"
-#include "collection/EventCollectionSchedule.h"
-#include "core/AgentServiceHandler.h"
+#include "core/ConfigurationCheck.h"
 #include "core/GlobalConstants.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
 #include "core/Secrets.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/Clock.h"
-#include "foundation/DispatchQueue.h"
-#include "foundation/Json.h"
-#include "foundation/Mutex.h"
+#include "foundation/formats/Json.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/run/Sleep.h"
+#include "foundation/run/Unhandled.h"
 #include "operations/ScheduleHandler.h"
-#include "operations/TaskRegistry.h"
 #include "sync/StorableAnswer.h"
 
 #include <array>
@@ -28,10 +27,6 @@ namespace {
 
 constexpr LogSource kLog("ServerCommunicator");
 constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
-constexpr const char* kFunction = "syncFromServer";
-
-const TaskRegistry::Registration kTask("ServerCommunicator", "syncFromServer",
-                                       [] { ServerCommunicator().syncFromServer(); });
 
 // One pass over all addresses: three connections with four forms of the host's name each.
 constexpr int kFailuresBeforePause = 12;
@@ -55,7 +50,7 @@ PropertyListHandler requestData() {
     request.SetValueForKey(GlobalConstants::AGENT_AUTHENTICATION_ID, valueOf(configuration.agentUUID()));
     request.SetValueForKey(
         GlobalConstants::LASTSCHEDULERUNAT,
-        ScheduleHandler::getProperty(ScheduleHandler::kLastScheduleTimeInMillis, EventCollectionSchedule::kTaskName));
+        ScheduleHandler::getProperty(ScheduleHandler::kLastScheduleTimeInMillis, ScheduleHandler::kEventCollection));
     return request;
 }
 
@@ -82,17 +77,16 @@ std::optional<Dictionary> parsedAnswer(const std::optional<Data>& data) {
     }
     const auto parsed = Json::parse(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
     if (!parsed || !parsed->dictionary()) {
-        kLog.error(kFunction, "The server's answer is no configuration: {}",
+        kLog.error("The server's answer is no configuration: {}",
                    parsed ? "it is not a dictionary" : parsed.error().description);
         return std::nullopt;
     }
     StorableAnswer answer(*parsed->dictionary());
     for (const auto& where : answer.dropped) {
-        kLog.error(kFunction, "The server's answer holds a text at {} that no property list can carry; it is left out",
-                   where);
+        kLog.error("The server's answer holds a text at {} that no property list can carry; it is left out", where);
     }
     if (const auto others = answer.droppedCount - answer.dropped.size(); others > 0) {
-        kLog.error(kFunction, "The server's answer holds {} more such texts", others);
+        kLog.error("The server's answer holds {} more such texts", others);
     }
     return std::move(answer.content);
 }
@@ -101,7 +95,7 @@ std::optional<Dictionary> parsedAnswer(const std::optional<Data>& data) {
 // compared with the old file, and everything applied again.
 void apply(const PropertyListHandler& sent, Dictionary answer) {
     if (!PropertyListHandler::replace(serverInfoFile(), answer)) {
-        kLog.error(kFunction, "The server's answer could not be stored, so it is not applied; the next one may be");
+        kLog.error("The server's answer could not be stored, so it is not applied; the next one may be");
         return;
     }
     auto& configuration = GlobalVariables::getInstance();
@@ -123,7 +117,7 @@ void apply(const PropertyListHandler& sent, Dictionary answer) {
         runGuarded("ServerCommunicator", [&] { handler(sent, answer); });
     }
     configuration.initialiseMyConfigurations();
-    AgentServiceHandler::checkConfiguration();
+    Current<ConfigurationReport>::get().check();
 }
 
 // What the waiting call and the completions of its requests share.
@@ -172,13 +166,13 @@ struct Exchange {
 bool isAnswered(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
                 const std::optional<Error>& error) {
     if (LogSource::isWritten(LogLevel::Debug)) {
-        kTraffic.debug(kFunction, "GlobalVariables DATA= {}", Secrets::maskedBody(data));
+        kTraffic.debug("GlobalVariables DATA= {}", Secrets::maskedBody(data));
     }
     const auto status = fmt::format("{}", response ? response->statusCode : 0);
-    kTraffic.debug(kFunction, "response status code: {}", status);
+    kTraffic.debug("response status code: {}", status);
     if (error || status != "200") {
-        kTraffic.error(kFunction, " response code error {}", error ? error->description : "(null)");
-        kTraffic.error(kFunction, "The sync failed at {}", exchange.engine.describeFailure(response, error));
+        kTraffic.error(" response code error {}", error ? error->description : "(null)");
+        kTraffic.error("The sync failed at {}", exchange.engine.describeFailure(response, error));
         TransportEngine::setIsConnected(false);
         exchange.engine.tryOtherURL();
         return false;
@@ -189,7 +183,7 @@ bool isAnswered(Exchange& exchange, const std::optional<Data>& data, const std::
 
 void applyAnswer(const PropertyListHandler& sent, const std::optional<Data>& data) {
     auto answer = parsedAnswer(data);
-    kTraffic.info(kFunction, "response={}", answer ? Secrets::masked(*answer) : Value());
+    kTraffic.info("response={}", answer ? Secrets::masked(*answer) : Value());
     if (answer && !answer->empty()) {
         apply(sent, *std::move(answer));
     }
@@ -221,15 +215,15 @@ void ServerCommunicator::syncAndApply() {
 }
 
 void ServerCommunicator::sync(Until until) {
-    kLog.info(kFunction, "GlobalVariables going to sync data from server");
+    kLog.info("GlobalVariables going to sync data from server");
     const auto exchange = std::make_shared<Exchange>();
     for (;;) {
         if (exchange->passIsOver()) {
-            kLog.info(kFunction, "Sleeping for 900 seconds");
-            Clock::shared().sleepFor(kPause);
+            kLog.info("Sleeping for 900 seconds");
+            sleepFor(Current<Clock>::get(), kPause);
         }
         setCommunicationType(exchange->request);
-        kLog.info(kFunction, "GlobalVariables next url {}", exchange->engine.baseURL());
+        kLog.info("GlobalVariables next url {}", exchange->engine.baseURL());
         const bool begun = exchange->engine.sendMessageToServer(
             MessageType::configurationSync, exchange->request.getPlistAsJsonString().value_or(""),
             [exchange](const auto& data, const auto& response, const auto& error) {
@@ -244,7 +238,7 @@ void ServerCommunicator::sync(Until until) {
             exchange->completed.wait();
         }
         if (!exchange->mustRetry()) {
-            kTraffic.debug(kFunction, "GlobalVariables Sync Data is finished");
+            kTraffic.debug("GlobalVariables Sync Data is finished");
             return;
         }
     }

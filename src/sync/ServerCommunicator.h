@@ -3,7 +3,7 @@
 #pragma once
 
 #include "core/PropertyListHandler.h"
-#include "foundation/Value.h"
+#include "foundation/value/Value.h"
 
 namespace sentrova {
 

@@ -1,7 +1,7 @@
 #include "sync/StorableAnswer.h"
 
-#include "foundation/PropertyList.h"
-#include "foundation/Text.h"
+#include "foundation/formats/PropertyList.h"
+#include "foundation/value/Text.h"
 
 #include <fmt/format.h>
 
@@ -16,10 +16,8 @@ class Filter {
     Dictionary kept(const Dictionary& dictionary) {
         Dictionary kept;
         for (const auto& [key, entry] : dictionary) {
-            // A key may be as long as the whole answer.
-            constexpr std::size_t kLongestName = 100;
             const auto length = path_.size();
-            path_ += "." + asciiLossy(key.substr(0, kLongestName));
+            path_ += "." + excerpt(key);
             if (!PropertyList::isXmlText(key)) {
                 drop();
             } else if (auto value = storable(entry); !value.isNull()) {

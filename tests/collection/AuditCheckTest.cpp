@@ -2,6 +2,7 @@
 #include "collection/AuditCheck.h"
 #include "collection/AuditSource.h"
 #include "collection/EventCollector.h"
+#include "foundation/run/Current.h"
 #include "platform/AuditCondition.h"
 #include "support/AgentFixture.h"
 
@@ -18,12 +19,14 @@ using platform::AuditState;
 // What the host says of itself, unless the test says something else.
 struct FakeCondition final : platform::AuditCondition {
     explicit FakeCondition(std::optional<Result<AuditState>> given) : answer(std::move(given)) {
-        install(answer ? this : nullptr);
+        if (answer) {
+            publication.emplace(*this);
+        }
     }
-    ~FakeCondition() override { install(nullptr); }
     Result<AuditState> state() override { return *answer; }
 
     const std::optional<Result<AuditState>> answer;
+    std::optional<Current<AuditCondition>::Publication> publication;
 };
 
 }  // namespace

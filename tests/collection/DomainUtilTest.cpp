@@ -13,12 +13,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Takes the place of the host's directory for its lifetime: knows what a test tells it, and counts what it is asked.
+// Knows what a test tells it, and counts what it is asked.
 class FakeDirectory final : public platform::Directory {
   public:
-    FakeDirectory() { install(this); }
-    ~FakeDirectory() override { install(nullptr); }
-
     std::optional<std::string> userName(std::uint32_t id) override { return nameIn(userNames, id); }
     std::optional<std::string> groupName(std::uint32_t id) override { return nameIn(groupNames, id); }
     Result<std::vector<platform::DirectoryRecord>> usersNamed(const std::string& name) override {
@@ -102,6 +99,8 @@ TEST_F(DomainUtilTest, HostNameIsTheComputerAccountFromACompleteToolAnswer) {
 
 TEST_F(DomainUtilTest, UserDetailsAreQueriedUntilTheUserIsKnown) {
     FakeDirectory directory;
+    host().otherDirectory = &directory;
+    restart();
     EXPECT_EQ(DomainUtil::getUserDetails("anna"), nullptr);
     directory.problem = Error{"com.apple.OpenDirectory", 2100, "The node did not answer"};
     EXPECT_EQ(DomainUtil::getUserDetails("anna"), nullptr);
@@ -125,6 +124,8 @@ TEST_F(DomainUtilTest, UserDetailsAreQueriedUntilTheUserIsKnown) {
 
 TEST_F(DomainUtilTest, NamesOfIdsAreRememberedForAMinuteAndTheirAbsenceForASecond) {
     FakeDirectory directory;
+    host().otherDirectory = &directory;
+    restart();
     directory.userNames = {{501, "anna"}};
     directory.groupNames = {{501, "choir"}};
     EXPECT_EQ(DomainUtil::getUserNameFromID(501), "anna");

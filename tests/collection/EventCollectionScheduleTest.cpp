@@ -1,7 +1,7 @@
 #include "collection/EventCollectionSchedule.h"
 #include "core/GlobalVariables.h"
 #include "forwarding/EventQueueGCD.h"
-#include "foundation/NotificationCenter.h"
+#include "foundation/run/NotificationCenter.h"
 #include "support/AgentFixture.h"
 #include "volume/TrailWriter.h"
 
@@ -84,7 +84,7 @@ TEST_F(EventCollectionScheduleTest, FilesAreReadInOrderOfTheirModificationOldest
 
 TEST_F(EventCollectionScheduleTest, SecondPassWaitsForTheFirst) {
     serverInfo.set("NumberofEventsPerRequest", 1);
-    writeConfiguration();
+    restartConfigured();
     addTrail("trail", 3000s, {1000s, 1001s, 1002s});
     std::future<void> second;
     int files = 0;
@@ -103,7 +103,7 @@ TEST_F(EventCollectionScheduleTest, SecondPassWaitsForTheFirst) {
 
 TEST_F(EventCollectionScheduleTest, CancelEndsThePresentFileOnly) {
     serverInfo.set("NumberofEventsPerRequest", 1);
-    writeConfiguration();
+    restartConfigured();
     addTrail("first", 3000s, {1000s, 1001s, 1002s, 1003s});
     addTrail("second", 4000s, {3500s, 3501s});
     EventCollectionSchedule operation;

@@ -1,8 +1,7 @@
 #include "collection/EventCollectorRealtime.h"
 #include "core/GlobalVariables.h"
 #include "forwarding/EventQueueGCD.h"
-#include "foundation/FileDescriptor.h"
-#include "foundation/FileSystem.h"
+#include "foundation/files/FileDescriptor.h"
 #include "support/AgentFixture.h"
 #include "volume/TrailRecord.h"
 
@@ -23,7 +22,7 @@ class EventCollectorRealtimeTest : public ::testing::Test, protected AgentFixtur
   protected:
     EventCollectorRealtimeTest() {
         serverInfo.set("IsRealTime", true);
-        writeConfiguration();
+        restartConfigured();
     }
 
     // An operation that reads the pipe on a thread of its own, until it is cancelled.
@@ -73,17 +72,16 @@ TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) 
 
 TEST_F(EventCollectorRealtimeTest, CancelBetweenCreationAndStartOfTheReaderEndsTheReading) {
     // Cancels as soon as the reader says that it starts.
-    struct CancelAtStart final : FileSystem {
-        CancelAtStart() { install(this); }
-        ~CancelAtStart() override { install(nullptr); }
+    struct CancelAtStart final : platform::HostFileSystem {
         Result<Done> append(const std::string& path, std::string_view text) override {
             if (text.find("Eventcollector start called") != std::string_view::npos) {
                 operation->cancel();
             }
-            return FileSystem::append(path, text);
+            return HostFileSystem::append(path, text);
         }
         std::shared_ptr<EventCollectorRealtime> operation = std::make_shared<EventCollectorRealtime>();
     } fileSystem;
+    const SwitchedFileSystem::Replacement replacement(fileSystem);
     auto reading = std::async(std::launch::async, [&] { fileSystem.operation->start(); });
     EXPECT_TRUE(eventually([&] { return reading.wait_for(0s) == std::future_status::ready; }));
     fileSystem.operation->cancel();

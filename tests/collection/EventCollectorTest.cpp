@@ -2,8 +2,9 @@
 #include "collection/currentLoginUtility.h"
 #include "core/GlobalVariables.h"
 #include "forwarding/EventQueueGCD.h"
-#include "foundation/Json.h"
-#include "foundation/NotificationCenter.h"
+#include "foundation/formats/Json.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/NotificationCenter.h"
 #include "platform/AuditPipeDevice.h"
 #include "support/AgentFixture.h"
 #include "volume/TrailWriter.h"
@@ -26,8 +27,7 @@ constexpr std::uint16_t kLogout = 6153;
 // Stands for the device's requests; the source itself is the volume's.
 class RequestedDevice final : public platform::AuditPipeDevice {
   public:
-    explicit RequestedDevice(std::size_t failing) : failing_(failing) { install(this); }
-    ~RequestedDevice() override { install(nullptr); }
+    explicit RequestedDevice(std::size_t failing) : failing_(failing) {}
 
     Result<FileDescriptor> open(const std::string& path) override {
         return FileDescriptor(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -44,6 +44,7 @@ class RequestedDevice final : public platform::AuditPipeDevice {
 
   private:
     const std::size_t failing_;
+    const Current<AuditPipeDevice>::Publication publication_{*this};
 };
 
 }  // namespace
@@ -54,7 +55,7 @@ class EventCollectorTest : public ::testing::Test, protected AgentFixture {
     EventCollectorTest() {
         serverInfo.set("NumberofEventsPerRequest", 1000);
         myConfigurations.set("TimestampOfLastEvent", "100");
-        writeConfiguration();
+        restartConfigured();
     }
 
     // Reads a trail with these bytes, all of it newly modified.
@@ -167,6 +168,7 @@ TEST_F(EventCollectorTest, TimeNeverGoesBackAndIsNotMovedByACancelledReader) {
 }
 
 TEST_F(EventCollectorTest, EventHasTheFieldsOfItsRecordWithSignedNumbersAndNames) {
+    GlobalVariables::getInstance().load();
     volume().addDomainUser("anna", 501, "S-1-5-21-7", "CORP");
     volume().addLocalUser("lars", 502);
     volume().addGroup("staff", {{"name", "staff"}, {"gid", 20}});

@@ -114,10 +114,8 @@ TEST_F(EventTest, TouchIdTakesItsUserFromTheHistoryForWhichOnlyRealtimeWaitsThre
     }
     EXPECT_EQ(logged("Waiting for 3 sec"), 0);
 
-    restart();
-    std::filesystem::remove(volume().conf() / "currentLogins");
     serverInfo.set("IsRealTime", true);
-    writeConfiguration();
+    restartConfigured();
     auto parsed = std::async(std::launch::async, [] { return eventOf(45023, 0, kTouchId).parsedEvent(); });
     ASSERT_TRUE(clock().awaitTimerIn(3s));
     currentLoginUtility::addToLoginHistory({{"uid", "anna"}}, static_cast<double>(kTime));

@@ -1,8 +1,9 @@
 #include "collection/EventCollector.h"
 #include "collection/currentLoginUtility.h"
-#include "core/AgentServiceHandler.h"
 #include "core/GlobalVariables.h"
-#include "foundation/KeyedArchive.h"
+#include "foundation/formats/KeyedArchive.h"
+#include "foundation/run/Current.h"
+#include "service/AgentServiceHandler.h"
 #include "support/AgentFixture.h"
 #include "support/FaultyFileSystem.h"
 
@@ -56,7 +57,7 @@ class currentLoginUtilityTest : public ::testing::Test, protected AgentFixture {
     }
 
     KeyedArchive::Content stored() {
-        const auto bytes = FileSystem::shared().read(file());
+        const auto bytes = Current<FileSystem>::get().read(file());
         const auto content = bytes ? KeyedArchive::unarchive(*bytes) : Result<KeyedArchive::Content>(bytes.error());
         return content ? *content : KeyedArchive::Content{{-1, {{"problem", content.error().description}}}};
     }
@@ -97,6 +98,7 @@ TEST_F(currentLoginUtilityTest, EntriesBeforeTheLastEventAreRemovedFromMemoryAtT
 
 TEST_F(currentLoginUtilityTest, DamagedHistoryIsReplacedOnlyByTheNextAddition) {
     std::ofstream(file()) << "bplist00 but no archive";
+    currentLoginUtility::initialize();
     EXPECT_EQ(userAt(1000), std::nullopt);
     EXPECT_EQ(logged("[ERROR]Error while unarchiving current login  "), 1);
     EXPECT_EQ(fs::file_size(file()), 23U);
@@ -106,6 +108,7 @@ TEST_F(currentLoginUtilityTest, DamagedHistoryIsReplacedOnlyByTheNextAddition) {
     restart();
     fs::remove(file());
     fs::create_directory(file());
+    currentLoginUtility::initialize();
     EXPECT_EQ(userAt(1000), std::nullopt);
     EXPECT_EQ(logged("[ERROR]Error while reading current login "), 1);
 }
@@ -135,6 +138,7 @@ TEST_F(currentLoginUtilityTest, AdditionsWithinATenthOfASecondShareAWriteAndSurv
     EXPECT_TRUE(lines().ends_with("AWLxAL")) << lines();
     EXPECT_EQ(userAt(5), "five") << "it stays in memory";
     restart();
+    currentLoginUtility::initialize();
     EXPECT_EQ(userAt(5), "zo\xC3\xAB");
 }
 

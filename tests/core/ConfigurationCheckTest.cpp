@@ -1,6 +1,7 @@
 #include "BuildPaths.h"
 #include "collection/EventSelection.h"
 #include "core/ConfigurationCheck.h"
+#include "platform/posix/HostFileSystem.h"
 #include "support/AgentFixture.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +24,8 @@ Texts problemsIn(const ConfigurationFiles& files) {
 TEST(ConfigurationCheckTest, EachMistakeIsAFindingAndTheExampleHasNone) {
     using Files = ConfigurationFiles;
     using State = ConfigurationFile::State;
-    const auto example = Files::in(std::string(build::kSourceDir) + "/packaging/conf");
+    platform::HostFileSystem host;
+    const auto example = Files::in(host, std::string(build::kSourceDir) + "/packaging/conf");
     const auto server = [](const char* key, Value value) {
         return [key, value](Files& files) { files.serverInfo.content.set(key, value); };
     };
@@ -103,7 +105,7 @@ class ConfigurationReportTest : public ::testing::Test, protected AgentFixture {
 TEST_F(ConfigurationReportTest, FindingIsLoggedOnceForEachTimeItComes) {
     const ConfigurationFinding port = {"Serverinfo.plist", "Port", "missing", "none"};
     const ConfigurationFinding file = {"schedules.plist", std::nullopt, "missing", "none"};
-    ConfigurationReport report;
+    ConfigurationReport report(host().files, "", {});
     for (const auto& findings : {std::vector{port}, {port, file}, {file}, {}, {port}}) {
         report.report(findings);
     }

@@ -29,6 +29,7 @@ class GlobalVariablesTest : public ::testing::Test, protected testing::AgentFixt
     }
     GlobalVariables& reload() {
         restart();
+        GlobalVariables::getInstance().load();
         return GlobalVariables::getInstance();
     }
 };

@@ -1,6 +1,7 @@
 #include "core/LogSource.h"
 #include "core/Logger.h"
-#include "foundation/NotificationCenter.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/NotificationCenter.h"
 #include "platform/OperatingSystem.h"
 #include "support/AgentFixture.h"
 #include "support/FaultyFileSystem.h"
@@ -40,13 +41,13 @@ class LoggerTest : public ::testing::Test, protected testing::AgentFixture {
     // The two wait their turn: the first one is over, and all that was asked for before, when the second one has begun.
     void keepHouse() {
         write("last.log", 1, hours(30 * 24));
-        Logger().validateLogSize();
-        Logger().rotateLog();
-        ASSERT_TRUE(eventually([this] { return !fs::exists(file("last.log")); }));
+        Logger::getInstance().validateLogSize();
+        Logger::getInstance().rotateLog();
+        ASSERT_TRUE(testing::eventually([this] { return !fs::exists(file("last.log")); }));
         fs::remove(file("archive/last.zip"));
     }
     std::set<std::string> namesIn(const std::string& folder) {
-        const auto names = *FileSystem::shared().names(file(folder));
+        const auto names = *Current<FileSystem>::get().names(file(folder));
         return {names.begin(), names.end()};
     }
 };
@@ -65,7 +66,7 @@ TEST_F(LoggerTest, NothingInAMessageCanPassForALineOfItsOwn) {
     const auto begin =
         fmt::format("[2026-11-15 12:00:00 +0000][Names][{}:{}][ERROR]", ::getpid(), platform::currentThreadId());
     for (const auto& [given, written] : cases) {
-        kSource.error("f", "{}", given);
+        kSource.error("{}", given);
         expected += begin + written + "\r\n";
     }
     EXPECT_EQ(log(), expected);
@@ -80,9 +81,9 @@ TEST_F(LoggerTest, MessagesAboveTheConfiguredLevelAreDropped) {
         writeConfiguration();
         restart();
         fs::remove(file("Event2026-11-15.log"));
-        kSource.error("f", "x");
-        kSource.info("f", "x");
-        kSource.debug("f", "x");
+        kSource.error("x");
+        kSource.info("x");
+        kSource.debug("x");
         EXPECT_EQ(logged("[ERROR]x", "Event") + 2 * logged("[INFO]x", "Event") + 4 * logged("[DEBUG]x", "Event"),
                   written);
     }
@@ -162,22 +163,19 @@ TEST_F(LoggerTest, WakeArchivesLogsOlderThanAWeek) {
     fs::permissions(zip, fs::perms::owner_all);
     const std::string path = ::getenv("PATH");  // NOLINT(concurrency-mt-unsafe)
     ::setenv("PATH", (volume().bin().string() + ":" + path).c_str(), 1);
-    Logger::getInstance();
     const auto wake = [] { NotificationCenter::defaultCenter().post({Logger::kDidWakeNotification, nullptr, {}}); };
     wake();
     std::ofstream{go};
-    ASSERT_TRUE(eventually([this] { return logged("[INFO]Error moving file") == 2; }));
+    ASSERT_TRUE(testing::eventually([this] { return logged("[INFO]Error moving file") == 2; }));
     EXPECT_TRUE(fs::exists(file("Config2026-11-07.log"))) << "it could not be moved";
     fs::create_directory(file("archive"));
-    // A logger that is gone does not answer.
-    static_cast<void>(Logger());
     fs::remove(go);
     wake();
     wake();
     EXPECT_EQ(logged("][INFO]Zipping Log\r\n"), 3);
     std::ofstream{go};
     left.insert({"archive", "Config2026-11-15.log"});
-    EXPECT_TRUE(eventually([&] { return namesIn(".") == left; }));
+    EXPECT_TRUE(testing::eventually([&] { return namesIn(".") == left; }));
     keepHouse();
     ::setenv("PATH", path.c_str(), 1);
     EXPECT_EQ(logged("][INFO]Trying to zip "), 5) << "no file is zipped twice";
@@ -186,7 +184,7 @@ TEST_F(LoggerTest, WakeArchivesLogsOlderThanAWeek) {
 
 TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileIntactAndIsReportedOncePerOutage) {
     constexpr LogSource kSource("Full");
-    kSource.error("f", "first");
+    kSource.error("first");
     ::testing::internal::CaptureStderr();
     {
         testing::FaultyFileSystem files([](const std::string& path) { return path.ends_with(".log"); });
@@ -195,10 +193,10 @@ TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileIntactAndIsReportedOncePe
             for (const bool isShort : {true, false}) {
                 files.arm(
                     {.call = testing::FaultyFileSystem::kWrite, .error = ENOSPC, .isShort = isShort, .number = 1});
-                kSource.error("f", "late");
+                kSource.error("late");
                 EXPECT_EQ(log(), before);
             }
-            kSource.error("f", "next");
+            kSource.error("next");
         }
     }
     EXPECT_EQ(logged("late\r\n["), 4);
@@ -209,10 +207,10 @@ TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileIntactAndIsReportedOncePe
 
     std::ofstream(file("Config2026-11-15.log"), std::ios::app) << "[cut by a loss of pow";
     restart();
-    kSource.error("f", "after the loss");
+    kSource.error("after the loss");
     EXPECT_EQ(logged("loss of pow\r\n[2026"), 1);
     fs::remove_all(volume().logs());
-    kSource.error("f", "in a new folder");
+    kSource.error("in a new folder");
     EXPECT_EQ(logged("in a new folder"), 1);
     for (const auto& folder : {volume().logs(), volume().logs() / "archive"}) {
         EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);

@@ -1,7 +1,8 @@
 #include "core/PropertyListHandler.h"
 #include "core/Secrets.h"
-#include "foundation/BinaryPropertyListWriter.h"
-#include "foundation/Json.h"
+#include "foundation/formats/BinaryPropertyListWriter.h"
+#include "foundation/formats/Json.h"
+#include "foundation/run/Current.h"
 #include "support/AgentFixture.h"
 #include "support/FaultyFileSystem.h"
 
@@ -21,7 +22,7 @@ class PropertyListHandlerTest : public ::testing::Test, protected testing::Agent
   protected:
     void write(const std::string& content) const { std::ofstream(path_, std::ios::binary) << content; }
     static std::string read(const std::string& path) {
-        const auto content = FileSystem::shared().read(path);
+        const auto content = Current<FileSystem>::get().read(path);
         return content ? std::string(content->begin(), content->end()) : content.error().description;
     }
     void store(const Dictionary& content) { volume().writeConfiguration("a.plist", content); }

@@ -1,5 +1,5 @@
 #include "core/TaskManager.h"
-#include "foundation/NotificationCenter.h"
+#include "foundation/run/NotificationCenter.h"
 #include "support/AgentFixture.h"
 
 #include <gtest/gtest.h>

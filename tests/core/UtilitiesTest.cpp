@@ -1,5 +1,5 @@
-#include "core/CommandLine.h"
 #include "core/Utilities.h"
+#include "service/CommandLine.h"
 #include "support/AgentFixture.h"
 
 #include <gtest/gtest.h>

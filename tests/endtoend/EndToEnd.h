@@ -4,7 +4,7 @@
 #pragma once
 
 #include "BuildPaths.h"
-#include "support/AuditServer.h"
+#include "server/AuditServer.h"
 #include "support/RunningAgent.h"
 #include "volume/TrailWriter.h"
 

@@ -7,6 +7,7 @@
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
+#include "platform/curl/CurlUrlSession.h"
 #include "support/AgentFixture.h"
 #include "support/FaultyFileSystem.h"
 #include "sync/ServerCommunicator.h"
@@ -38,12 +39,14 @@ class Road : public AgentFixture {
     // Without a server on loopback the network is left out.
     explicit Road(const AuditServer* server = nullptr) : server_(server) {
         if (server) {
-            TransportEngine::setSessionFactory(nullptr);
+            real_.emplace(clock());
+            real_->start();
+            host().otherSession = &*real_;
             serverInfo = loopbackConfiguration(server->port());
             serverInfo.set("NumberofEventsPerRequest", 3);
         }
         myConfigurations.set("LogLevel", 0);
-        writeConfiguration();
+        restartConfigured();
         session().respondWith([this](const FakeUrlSession::Sent& sent) { return answer(sent); });
     }
     ~Road() { end(); }
@@ -51,7 +54,7 @@ class Road : public AgentFixture {
     Road& operator=(const Road&) = delete;
 
     void begin() {
-        static_cast<void>(GlobalVariables::getInstance().isEnabled());
+        GlobalVariables::getInstance().load();
         EventQueueGCD::init();
         currentLoginUtility::init();
         forwarder_ = EventForwarder::init();
@@ -169,6 +172,7 @@ class Road : public AgentFixture {
     }
 
     const AuditServer* const server_;
+    std::optional<platform::CurlUrlSession> real_;
     std::shared_ptr<EventForwarder> forwarder_;
     std::mutex mutex_;
     // When each event was recorded.

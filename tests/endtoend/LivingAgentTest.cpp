@@ -1,9 +1,9 @@
 // The agent as it lives: a server that changes its mind, records that keep coming, and stops at any moment.
 
 #include "endtoend/EndToEnd.h"
-#include "foundation/Clock.h"
-#include "foundation/FileDescriptor.h"
-#include "foundation/Json.h"
+#include "foundation/files/FileDescriptor.h"
+#include "foundation/formats/Json.h"
+#include "foundation/time/Clock.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -48,11 +48,11 @@ class LivingAgentTest : public EndToEnd {
 
     // A record with a process number of its own, every twentieth of a second while this is called.
     void keepWriting() {
-        const auto second = Clock::shared().epochSeconds();
-        if (Clock::shared().monotonicTime() < nextWrite) {
+        const auto second = epochSeconds(std::chrono::system_clock::now());
+        if (std::chrono::steady_clock::now() < nextWrite) {
             return;
         }
-        nextWrite = Clock::shared().monotonicTime() + 50ms;
+        nextWrite = std::chrono::steady_clock::now() + 50ms;
         // An agent that reads no more must not hold the test up.
         pollfd writable{pipe.get(), POLLOUT, 0};
         if (::poll(&writable, 1, 0) != 1) {
@@ -153,7 +153,8 @@ TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
     RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(waitForLog(volume, "Config", kReading));
     constexpr std::uint32_t kRecords = 20'000;
-    const auto bytes = sudoTrail(std::chrono::seconds(Clock::shared().epochSeconds()), 0, kRecords, 0s).bytes();
+    const auto bytes =
+        sudoTrail(std::chrono::seconds(epochSeconds(std::chrono::system_clock::now())), 0, kRecords, 0s).bytes();
     ASSERT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
     // The last batch, in memory, follows ten seconds later.
     ASSERT_TRUE(server.waitForEvents(kRecords));

@@ -1,12 +1,12 @@
 // Hours and days of the agent's life, by a clock that is moved by hand.
 
 #include "collection/EventCollector.h"
-#include "core/AgentServiceHandler.h"
 #include "core/GlobalVariables.h"
 #include "endtoend/EndToEnd.h"
-#include "foundation/FileDescriptor.h"
-#include "foundation/FileSystem.h"
-#include "foundation/Mutex.h"
+#include "foundation/files/FileDescriptor.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Mutex.h"
+#include "service/AgentServiceHandler.h"
 #include "support/AgentFixture.h"
 #include "support/Footprint.h"
 
@@ -30,13 +30,10 @@ constexpr std::size_t kMebibyte = 1024 * 1024;
 constexpr std::size_t kFilesToTheLimit = 80;
 
 // Files of the spool that count for more than they are, and the order in which they are let go.
-class HeavyFiles final : public FileSystem {
+class HeavyFiles final : public platform::HostFileSystem {
   public:
-    HeavyFiles() { install(this); }
-    ~HeavyFiles() override { install(nullptr); }
-
     Result<FileStatus> linkStatus(const std::string& path) override {
-        auto status = FileSystem::linkStatus(path);
+        auto status = HostFileSystem::linkStatus(path);
         if (status && path.find("eventData") != std::string::npos) {
             status->allocatedSize = 1'000'000'000 / kFilesToTheLimit;
         }
@@ -47,7 +44,7 @@ class HeavyFiles final : public FileSystem {
         if (at.name.starts_with("event_")) {
             removed_.push_back(at.name);
         }
-        return FileSystem::hostRemove(at);
+        return HostFileSystem::hostRemove(at);
     }
     std::vector<std::string> removed() {
         const MutexLock lock(mutex_);
@@ -57,6 +54,7 @@ class HeavyFiles final : public FileSystem {
   private:
     Mutex mutex_;
     std::vector<std::string> removed_ GUARDED_BY(mutex_);
+    const SwitchedFileSystem::Replacement replacement_{*this};
 };
 
 // The service in this process, below a server that keeps nothing but account of the events.
@@ -66,7 +64,7 @@ class LongRun : public AgentFixture {
         serverInfo.set("IsRealTime", isRealTime);
         serverInfo.set("NumberofEventsPerRequest", batch);
         myConfigurations.set("LogLevel", 0);
-        writeConfiguration();
+        restartConfigured();
         session().respondWith(
             [this](const auto& sent) {
                 if (isAway) {
@@ -128,7 +126,7 @@ TEST_F(LongRunTest, InEightHoursNothingIsLostAndNothingPilesUp) {
     agent.volume().addDomainUser("bruno", 4001, "S-1-5-21-1-2-3-1104", "CORP");
     agent.start();
     const FileDescriptor pipe(::open(agent.volume().auditPipe().c_str(), O_RDWR | O_CLOEXEC));
-    ASSERT_TRUE(LongRun::eventually(
+    ASSERT_TRUE(testing::eventually(
         [] { return AgentServiceHandler::getOperationStatusOnMainQueue("EventCollectorRealtime"); }));
 
     std::uint32_t process = 1;
@@ -139,7 +137,7 @@ TEST_F(LongRunTest, InEightHoursNothingIsLostAndNothingPilesUp) {
         const auto bytes = sudoTrail(now - std::chrono::seconds(kRecordsAMinute - 1), process, kRecordsAMinute).bytes();
         process += kRecordsAMinute;
         ASSERT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
-        ASSERT_TRUE(LongRun::eventually([now] {
+        ASSERT_TRUE(testing::eventually([now] {
             return EventCollector::LastTimeStamp() == static_cast<std::uint64_t>(now.count());
         })) << minute;
         if (minute == 60) {
@@ -150,7 +148,7 @@ TEST_F(LongRunTest, InEightHoursNothingIsLostAndNothingPilesUp) {
     EXPECT_EQ(agent.logged("WriteToProplist:failed"), 0);
     EXPECT_TRUE(std::filesystem::is_empty(agent.volume().eventData()));
     // Threads and descriptors come and go with the tasks of the moment.
-    EXPECT_TRUE(LongRun::eventually([&] {
+    EXPECT_TRUE(testing::eventually([&] {
         const Footprint atTheEnd;
         return atTheEnd.descriptors <= afterAnHour->descriptors && atTheEnd.threads <= afterAnHour->threads;
     }));
@@ -172,7 +170,7 @@ TEST_F(LongRunTest, BacklogOfADayWithoutAServerIsDeliveredInFileOrder) {
         const auto tasks = agent.volume().readConfiguration("schedules.plist")["ScheduleTasks"];
         return (*tasks.array()->front().dictionary())["LastScheduleTimeInMillis"].integerValue();
     };
-    ASSERT_TRUE(LongRun::eventually([&] { return lastPass() > 0; }));
+    ASSERT_TRUE(testing::eventually([&] { return lastPass() > 0; }));
 
     std::uint32_t process = 0;
     std::optional<Footprint> afterAnHour;
@@ -187,7 +185,7 @@ TEST_F(LongRunTest, BacklogOfADayWithoutAServerIsDeliveredInFileOrder) {
             agent.clock().advance(10s);
         }
         // The pass of this hour has read the trail, or was refused by the size guard.
-        ASSERT_TRUE(LongRun::eventually([&] {
+        ASSERT_TRUE(testing::eventually([&] {
             agent.clock().advance(10s);
             return lastPass() > formerly || configuration.maxEventDataSizeReached();
         }));

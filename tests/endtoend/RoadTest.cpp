@@ -1,8 +1,8 @@
 // The whole road of an event: the agent's own program between a system volume and a server on loopback.
 
 #include "endtoend/EndToEnd.h"
-#include "foundation/Json.h"
-#include "foundation/KeyedArchive.h"
+#include "foundation/formats/Json.h"
+#include "foundation/formats/KeyedArchive.h"
 
 #include <gtest/gtest.h>
 

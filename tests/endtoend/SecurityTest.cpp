@@ -1,7 +1,7 @@
 // What others must not get out of the agent, or into it: the agent's own program in surroundings that mean it ill.
 
 #include "endtoend/EndToEnd.h"
-#include "foundation/Json.h"
+#include "foundation/formats/Json.h"
 
 #include <sys/stat.h>
 

@@ -1,7 +1,7 @@
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/NotificationCenter.h"
+#include "foundation/run/NotificationCenter.h"
 #include "support/AgentFixture.h"
 #include "support/Footprint.h"
 
@@ -77,7 +77,7 @@ TEST_F(EventForwarderTest, BatchOfARequestThatCouldNotBeginStaysWhereItWas) {
     const auto file = addFile("event_1");
     EventQueueGCD::enqueue({{"n", 0}});
     // Each gives back its place among those under way.
-    for (std::size_t i = 0; i <= EventForwarder::kDeliveriesUnderWay; ++i) {
+    for (std::size_t i = 0; i <= EventForwarder::kDeliveriesInFlight; ++i) {
         forwarder_->process(file);
         forwarder_->process(std::nullopt);
     }

@@ -1,7 +1,7 @@
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/Mutex.h"
-#include "foundation/NotificationCenter.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/run/NotificationCenter.h"
 #include "support/AgentFixture.h"
 
 #include <fstream>

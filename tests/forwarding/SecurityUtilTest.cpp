@@ -1,4 +1,6 @@
 #include "forwarding/SecurityUtil.h"
+#include "foundation/run/Current.h"
+#include "platform/openssl/OpenSslCryptography.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +14,13 @@ constexpr const char* kSixteenEncrypted = "mBTznmHhDMK5sREZRyIn8lfLbcmtxarmVybNU
 
 }  // namespace
 
-TEST(SecurityUtilTest, EncryptionGivesTheEstablishedCipherTextWhateverTheVector) {
+class SecurityUtilTest : public ::testing::Test {
+  private:
+    const std::unique_ptr<Cryptography> cryptography_ = platform::makeOpenSslCryptography();
+    const Current<Cryptography>::Publication publication_{*cryptography_};
+};
+
+TEST_F(SecurityUtilTest, EncryptionGivesTheEstablishedCipherTextWhateverTheVector) {
     for (const auto& [plain, cipher] :
          {std::pair("0123456789abcdef", kSixteenEncrypted), {"gr\u00FC\u00DFe", "UimcDlISETUyligNIO9feQ=="}}) {
         for (const auto* vector : {"", "0123456789abcdef"}) {
@@ -25,7 +33,7 @@ TEST(SecurityUtilTest, EncryptionGivesTheEstablishedCipherTextWhateverTheVector)
     EXPECT_EQ(*SecurityUtil::decrypt(kSixteenEncrypted, std::string("secret\0more", 11), ""), Text("0123456789abcdef"));
 }
 
-TEST(SecurityUtilTest, UndecryptableTextGivesNothingOrTheCipherError) {
+TEST_F(SecurityUtilTest, UndecryptableTextGivesNothingOrTheCipherError) {
     EXPECT_EQ(*SecurityUtil::encrypt(std::nullopt, "k", ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::encrypt("text", std::nullopt, ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::decrypt(std::nullopt, "k", ""), std::nullopt);

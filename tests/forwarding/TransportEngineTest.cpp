@@ -1,7 +1,8 @@
 #include "core/GlobalVariables.h"
 #include "forwarding/TransportEngine.h"
+#include "platform/curl/CurlUrlSession.h"
+#include "server/AuditServer.h"
 #include "support/AgentFixture.h"
-#include "support/AuditServer.h"
 
 #include <cstdlib>
 #include <fstream>
@@ -20,7 +21,7 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
         serverInfo.set("NATProtocol", "nat");
         serverInfo.set("AgentProtocol", "agent");
         serverInfo.set("Protocol", "prod");
-        writeConfiguration();
+        restartConfigured();
     }
 
     // Begins anew with the real session. The status of the answer to an event, or the error's code.
@@ -28,9 +29,10 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
         serverInfo.set("ServerFQDN", host);
         serverInfo.set("AgentPort", port);
         serverInfo.set("AgentProtocol", scheme);
-        writeConfiguration();
-        restart();
-        TransportEngine::setSessionFactory(nullptr);
+        real_.emplace(clock());
+        real_->start();
+        this->host().otherSession = &*real_;
+        restartConfigured();
         const auto outcome = std::make_shared<std::promise<std::int64_t>>();
         EXPECT_TRUE(TransportEngine().sendMessageToServer(
             MessageType::eventDelivery, "[{}]", [outcome](const auto&, const auto& response, const auto& error) {
@@ -39,11 +41,15 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
         auto answered = outcome->get_future();
         return answered.wait_for(1min) == std::future_status::ready ? answered.get() : 0;
     }
+
+  private:
+    std::optional<platform::CurlUrlSession> real_;
 };
 
 TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAsciiBody) {
     // Only the very first address has the scheme of its type.
-    GlobalVariables::getInstance().setType(0);
+    myConfigurations.set("CommunicationType", 0);
+    restartConfigured();
     EXPECT_EQ(TransportEngine().baseURL(), "nat://audit.example.com:8443");
     TransportEngine engine;
     const auto ignore = [](auto&&...) {};
@@ -106,22 +112,6 @@ TEST_F(TransportEngineTest, AnyCertificateIsAcceptedAndNoTlsOlderThanVersion1Poi
         EXPECT_EQ(server.events().size(), outcome == 200 ? 1U : 0U);
     }
     ::unsetenv("OPENSSL_CONF");
-}
-
-TEST_F(TransportEngineTest, OnlyTheServerTrustChallengeIsAnswered) {
-    std::shared_ptr<UrlSessionDelegate> delegate;
-    TransportEngine::setSessionFactory([&](std::shared_ptr<UrlSessionDelegate> given) -> std::unique_ptr<UrlSession> {
-        delegate = std::move(given);
-        return std::make_unique<FakeUrlSession>();
-    });
-    const TransportEngine engine;
-    ASSERT_TRUE(delegate);
-    using enum UrlAuthenticationChallenge::Method;
-    for (const auto method : {serverTrust, clientCertificate, httpBasic, httpDigest, ntlm, negotiate, other}) {
-        int answers = 0;
-        delegate->didReceiveChallenge({method, "anywhere"}, [&](UrlChallengeDisposition) { ++answers; });
-        EXPECT_EQ(answers, method == serverTrust ? 1 : 0);
-    }
 }
 
 }  // namespace sentrova::testing

@@ -1,10 +1,11 @@
 // Date patterns, and times of day. The input: a pattern, a text and eight bytes of a date, with line feeds between.
 
-#include "foundation/Clock.h"
-#include "foundation/DateFormat.h"
-#include "foundation/Text.h"
+#include "foundation/time/DateFormat.h"
+#include "foundation/value/Text.h"
 #include "fuzz/Fuzz.h"
 #include "operations/DailyTime.h"
+#include "platform/icu/IcuDates.h"
+#include "support/ManualClock.h"
 
 #include <array>
 #include <cstring>
@@ -15,6 +16,9 @@ void fuzz(std::span<const std::uint8_t> input) {
     using namespace std::chrono;
     static const bool zoneIsSet = ::setenv("TZ", "UTC", 1) == 0;
     require(zoneIsSet, "the zone is set");
+    static ManualClock clock;
+    static const auto library = platform::makeIcuDates();
+    static DateFormat dates(clock, *library);
     const auto lines = parts(asText(input), '\n', 3);
     const auto pattern = lines[0];
     const auto text = lines.size() > 1 ? lines[1] : std::string_view();
@@ -25,20 +29,20 @@ void fuzz(std::span<const std::uint8_t> input) {
     // Half of the range of dates: that the rest is far from everything is not of interest.
     const Date any{milliseconds(static_cast<std::int64_t>(bits) % (std::int64_t{1} << 43))};
 
-    require(isValidUtf8(DateFormat::format(pattern, any)), "a formatted date is text");
-    require(isValidUtf8(DateFormat::universal(any)) && !DateFormat::longStyle(any).empty(), "every date has a text");
-    if (const auto date = DateFormat::parse(pattern, text)) {
-        require(isValidUtf8(DateFormat::format(pattern, *date)), "a parsed date has a text");
+    require(isValidUtf8(dates.format(pattern, any)), "a formatted date is text");
+    require(isValidUtf8(universalText(any)) && !dates.longStyle(any).empty(), "every date has a text");
+    if (const auto date = dates.parse(pattern, text)) {
+        require(isValidUtf8(dates.format(pattern, *date)), "a parsed date has a text");
     }
 
     constexpr std::array kOwnPatterns = {"yyyy-MM-dd HH:mm:ss Z", "E, d MMM yyyy HH:mm:ss Z", "yyyyMMddHHmmssSSS",
                                          "yyyy-MM-dd"};
     const Date present{milliseconds(bits % (std::uint64_t{1} << 42))};
     for (const auto* own : kOwnPatterns) {
-        const auto written = DateFormat::format(own, present);
-        const auto read = DateFormat::parse(own, written);
-        require(read && DateFormat::format(own, *read) == written, "the agent reads the dates that it writes", written);
-        static_cast<void>(DateFormat::parse(own, text));
+        const auto written = dates.format(own, present);
+        const auto read = dates.parse(own, written);
+        require(read && dates.format(own, *read) == written, "the agent reads the dates that it writes", written);
+        static_cast<void>(dates.parse(own, text));
     }
 
     if (const auto time = DailyTime::parse(text)) {

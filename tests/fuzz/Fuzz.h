@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "foundation/Value.h"
+#include "foundation/value/Value.h"
 
 #include <cstdlib>
 #include <span>

@@ -1,7 +1,5 @@
 #include "fuzz/FuzzAgent.h"
 
-#include "forwarding/SecurityUtil.h"
-#include "foundation/ProcessWide.h"
 #include "fuzz/Fuzz.h"
 
 namespace sentrova::testing {
@@ -19,17 +17,15 @@ void FuzzAgent::prepare() {
 }
 
 FuzzAgent& FuzzAgent::fresh() {
-    // Makes the cryptography's own state before the agent's threads, so that it outlives them.
-    static const bool hasRandom = SecurityUtil::randomBytes(1).has_value();
-    require(hasRandom, "there is randomness");
     static FuzzAgent agent;
     static const auto start = agent.clock().wallTime();
-    agent.restart();
+    agent.endAgent();
     agent.session().startAnew();
     // Runs the timers of queues that are gone, which do nothing any more.
     agent.clock().advance(std::chrono::hours(1));
     agent.clock().setWallTime(start);
     agent.files().reset();
+    agent.restart();
     return agent;
 }
 

@@ -2,9 +2,11 @@
 
 #pragma once
 
-#include "foundation/Clock.h"
-#include "foundation/FileSystem.h"
+#include "foundation/run/Current.h"
+#include "foundation/time/Clock.h"
 #include "fuzz/Fuzz.h"
+#include "platform/posix/HostFileSystem.h"
+#include "support/SwitchedFileSystem.h"
 
 #include <fcntl.h>
 
@@ -17,16 +19,14 @@
 
 namespace sentrova::testing {
 
-// Installs itself for its lifetime. A change to anything outside the folder, an absolute path, is a finding. A file was
-// last changed just now, whenever it is asked for.
-class GuardedFileSystem final : public FileSystem {
+// Takes the place of the fixture's file system for its lifetime. A change to anything outside the folder, an absolute
+// path, is a finding. A file was last changed just now, whenever it is asked for.
+class GuardedFileSystem final : public platform::HostFileSystem {
   public:
     explicit GuardedFileSystem(std::filesystem::path folder)
         : folder_(std::move(folder)), original_(folder_.string() + ".original") {
         std::filesystem::copy(folder_, original_, std::filesystem::copy_options::recursive);
-        install(this);
     }
-    ~GuardedFileSystem() override { install(nullptr); }
 
     // Everything in the folder as it was in the beginning, but for bin/, where the agent is at work.
     void reset() {
@@ -58,22 +58,22 @@ class GuardedFileSystem final : public FileSystem {
   protected:
     int hostOpen(const Location& at, int flags, mode_t mode) override {
         const bool onlyReads = (flags & (O_ACCMODE | O_CREAT)) == O_RDONLY;
-        return FileSystem::hostOpen(onlyReads ? at : inside(at), flags, mode);
+        return HostFileSystem::hostOpen(onlyReads ? at : inside(at), flags, mode);
     }
     // No input outlives a loss of power.
     int hostFlush(int /*descriptor*/) override { return 0; }
     int hostRename(const Location& from, const Location& to) override {
-        return FileSystem::hostRename(inside(from), inside(to));
+        return HostFileSystem::hostRename(inside(from), inside(to));
     }
-    int hostRemove(const Location& at) override { return FileSystem::hostRemove(inside(at)); }
+    int hostRemove(const Location& at) override { return HostFileSystem::hostRemove(inside(at)); }
     int hostMakeFolder(const Location& at, mode_t mode) override {
-        return FileSystem::hostMakeFolder(inside(at), mode);
+        return HostFileSystem::hostMakeFolder(inside(at), mode);
     }
     int hostStatus(const std::string& path, struct stat& status) override {
-        return dated(FileSystem::hostStatus(path, status), status);
+        return dated(HostFileSystem::hostStatus(path, status), status);
     }
     int hostLinkStatus(const Location& at, struct stat& status) override {
-        return dated(FileSystem::hostLinkStatus(at, status), status);
+        return dated(HostFileSystem::hostLinkStatus(at, status), status);
     }
 
   private:
@@ -84,12 +84,13 @@ class GuardedFileSystem final : public FileSystem {
         return at;
     }
     static int dated(int result, struct stat& status) {
-        status.st_mtim = {static_cast<time_t>(epochSeconds(Clock::shared().wallTime())), 0};
+        status.st_mtim = {static_cast<time_t>(epochSeconds(Current<Clock>::get().wallTime())), 0};
         return result;
     }
 
     const std::filesystem::path folder_;
     const std::filesystem::path original_;
+    const SwitchedFileSystem::Replacement replacement_{*this};
 };
 
 }  // namespace sentrova::testing

@@ -1,7 +1,7 @@
 // The login history's file: the archive by itself, and as the agent finds it at its start.
 
 #include "collection/currentLoginUtility.h"
-#include "foundation/KeyedArchive.h"
+#include "foundation/formats/KeyedArchive.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/FuzzAgent.h"
 

@@ -1,8 +1,9 @@
 // JSON texts: what is read can be written, and reads again as the same.
 
-#include "foundation/Json.h"
-#include "foundation/Text.h"
+#include "foundation/formats/Json.h"
+#include "foundation/value/Text.h"
 #include "fuzz/Fuzz.h"
+#include "platform/icu/IcuEncodings.h"
 
 namespace sentrova::testing {
 
@@ -18,7 +19,8 @@ void fuzz(std::span<const std::uint8_t> input) {
     const auto again = Json::parse(*text);
     require(again && *again == *value, "what is written reads as the same", *text);
     // Bodies go out as ASCII.
-    const auto sent = Json::parse(asciiLossy(*text));
+    static const auto encodings = platform::makeIcuEncodings();
+    const auto sent = Json::parse(asciiLossy(*text, *encodings));
     require(sent && (sent->array() == nullptr) == (value->array() == nullptr), "what is sent is JSON", *text);
 }
 

@@ -1,13 +1,15 @@
 // Property lists in both forms: what is read can be written as XML, and reads again as the same.
 
-#include "foundation/PropertyList.h"
-#include "foundation/Text.h"
+#include "foundation/formats/PropertyList.h"
+#include "foundation/value/Text.h"
 #include "fuzz/Fuzz.h"
+#include "platform/icu/IcuEncodings.h"
 
 namespace sentrova::testing {
 
 void fuzz(std::span<const std::uint8_t> input) {
-    const auto value = PropertyList::parse(input);
+    static const auto encodings = platform::makeIcuEncodings();
+    const auto value = PropertyList::parse(input, encodings.get());
     if (!value) {
         require(!value.error().description.empty(), "a refusal has a reason");
         return;

@@ -5,8 +5,9 @@
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/Json.h"
-#include "foundation/Text.h"
+#include "foundation/formats/Json.h"
+#include "foundation/run/Current.h"
+#include "foundation/value/Text.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/FuzzAgent.h"
 
@@ -60,7 +61,7 @@ std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
     // Each block of the forwarder's queue holds it.
     const auto idle = [&forwarder] { return forwarder.use_count() == 1; };
     const auto awaitEnd = [&] {
-        require(FuzzAgent::eventually(idle), "the forwarder ends its work");
+        require(eventually(idle), "the forwarder ends its work");
         agent.session().settle();
     };
     forwarder->start();
@@ -103,7 +104,8 @@ void fuzz(std::span<const std::uint8_t> input) {
             require(input[0] != 0 || name.starts_with('.') || name.starts_with("undelivered_"),
                     "a batch is delivered when the server is there", name);
             after.erase(left);
-        } else if (const auto sent = std::ranges::find(delivered, asciiLossy(content)); sent != delivered.end()) {
+        } else if (const auto sent = std::ranges::find(delivered, asciiLossy(content, Current<Encodings>::get()));
+                   sent != delivered.end()) {
             delivered.erase(sent);
         } else {
             const auto json = Json::parse(content, {content.size(), 512});
@@ -126,7 +128,8 @@ void fuzz(std::span<const std::uint8_t> input) {
     require(found == expected, "no event is lost, none is made", fmt::format("{} of {}", found, expected));
     for (const auto content : noJson) {
         // Two batches may look the same in ASCII, of which one was delivered.
-        require(asciiLossy(aside).find(asciiLossy(content)) != std::string::npos,
+        require(asciiLossy(aside, Current<Encodings>::get()).find(asciiLossy(content, Current<Encodings>::get())) !=
+                    std::string::npos,
                 "what could not be sent is kept as it is", content);
     }
 }

@@ -1,15 +1,15 @@
 // The server's answers to synchronisations, one after another, through all handlers. The input: the answers with line
 // feeds between; after a first line "service" the agent is at work meanwhile.
 
-#include "core/AgentServiceHandler.h"
 #include "core/GlobalVariables.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/Json.h"
-#include "foundation/NotificationCenter.h"
+#include "foundation/formats/Json.h"
+#include "foundation/run/NotificationCenter.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/FuzzAgent.h"
 #include "operations/ScheduleHandler.h"
+#include "service/AgentServiceHandler.h"
 #include "support/Footprint.h"
 #include "sync/ServerCommunicator.h"
 
@@ -76,9 +76,8 @@ void fuzz(std::span<const std::uint8_t> input) {
         agent.session().respondWith([](const auto&) { return FakeUrlSession::Answer(); });
         EventQueueGCD::init();
         service = std::thread([] { AgentServiceHandler::start(); });
-        require(
-            FuzzAgent::eventually([] { return AgentServiceHandler::getOperationStatusOnMainQueue("EventForwarder"); }),
-            "the service starts");
+        require(eventually([] { return AgentServiceHandler::getOperationStatusOnMainQueue("EventForwarder"); }),
+                "the service starts");
         answers.erase(answers.begin());
     }
     for (const auto answer : answers) {
@@ -91,8 +90,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     requireSoundState(agent);
     // The next start finds a configuration that it can work with. One more thread may be the session's.
     agent.restart();
-    require(FuzzAgent::eventually([before] { return Footprint().threads <= before + 1; }),
-            "no thread outlives the agent");
+    require(eventually([before] { return Footprint().threads <= before + 1; }), "no thread outlives the agent");
     synchronise(agent, "{}", false);
     requireSoundState(agent);
 }

@@ -1,6 +1,6 @@
 // The task list: any `schedules.plist`, started as the agent does, run for some hours.
 
-#include "foundation/PropertyList.h"
+#include "foundation/formats/PropertyList.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/FuzzAgent.h"
 #include "operations/ScheduleHandler.h"
@@ -44,8 +44,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     const auto before = agent.clock().pendingTimers();
     ScheduleHandler::init()->start();
     const auto scheduled = agent.logged(kScheduled);
-    require(FuzzAgent::eventually(
-                [&] { return agent.clock().pendingTimers() + agent.logged(kAtOnce) >= before + scheduled; }),
+    require(eventually([&] { return agent.clock().pendingTimers() + agent.logged(kAtOnce) >= before + scheduled; }),
             "every task that is scheduled has its timer, unless it runs at once");
     for (const auto time : {1, 600, 36000}) {
         agent.clock().advance(std::chrono::seconds(time));

@@ -4,7 +4,7 @@
 #include "collection/EventCollector.h"
 #include "collection/bsm/TokenReader.h"
 #include "forwarding/EventQueueGCD.h"
-#include "foundation/Json.h"
+#include "foundation/formats/Json.h"
 #include "fuzz/Fuzz.h"
 #include "fuzz/FuzzAgent.h"
 #include "support/MemorySource.h"

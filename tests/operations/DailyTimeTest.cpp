@@ -1,4 +1,5 @@
-#include "foundation/DateFormat.h"
+#include "foundation/run/Current.h"
+#include "foundation/time/DateFormat.h"
 #include "operations/DailyTime.h"
 #include "support/AgentFixture.h"
 
@@ -21,7 +22,7 @@ class DailyTimeTest : public ::testing::Test, protected testing::AgentFixture {
         ::setenv("TZ", zone, 1);
         clock().advance(seconds(1));
     }
-    static Date at(const char* text) { return DateFormat::parse("yyyy-MM-dd HH:mm:ss Z", text).value(); }
+    static Date at(const char* text) { return Current<DateFormat>::get().parse("yyyy-MM-dd HH:mm:ss Z", text).value(); }
 };
 
 TEST_F(DailyTimeTest, FirstFiringIsTodayUnlessTheTimeHasPassed) {
@@ -70,7 +71,7 @@ TEST_F(DailyTimeTest, NextFiringIsTheFirstOfTheGridAfterNow) {
     };
     for (const auto& [zone, fired, interval, now, next] : cases) {
         setZone(zone);
-        const auto time = DailyTime::parse(DateFormat::format("HH:mm:ss", at(fired)));
+        const auto time = DailyTime::parse(Current<DateFormat>::get().format("HH:mm:ss", at(fired)));
         EXPECT_EQ(time->nextAfter(at(fired), interval, at(now)), at(next)) << fired << " seen at " << now;
     }
 }

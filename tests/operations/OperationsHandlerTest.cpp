@@ -1,4 +1,3 @@
-#include "core/Logger.h"
 #include "operations/OperationsHandler.h"
 #include "support/AgentFixture.h"
 
@@ -28,22 +27,18 @@ class Lasting final : public ConcurrentOperationAbstract {
 
 class OperationsHandlerTest : public ::testing::Test, protected testing::AgentFixture {
   protected:
-    OperationsHandlerTest() {
-        // As in the agent the log is complete before there are threads.
-        Logger::getInstance();
-    }
     static std::shared_ptr<Lasting> add(OperationsHandler& handler, const char* name) {
         auto operation = std::make_shared<Lasting>(name);
         handler.addToOperationQueue(operation);
         return operation;
     }
     static bool runs(const std::shared_ptr<Lasting>& operation) {
-        return eventually([&] { return operation->isExecuting(); });
+        return testing::eventually([&] { return operation->isExecuting(); });
     }
 };
 
 TEST_F(OperationsHandlerTest, SecondOperationWithANameIsRefusedOnlyWhileTheFirstExecutes) {
-    OperationsHandler handler(1);
+    OperationsHandler handler(1, clock());
     const auto first = add(handler, "EventForwarder");
     ASSERT_TRUE(runs(first));
     const auto refused = add(handler, "EventForwarder");
@@ -76,7 +71,7 @@ TEST_F(OperationsHandlerTest, SecondOperationWithANameIsRefusedOnlyWhileTheFirst
 }
 
 TEST_F(OperationsHandlerTest, FirstOfTwoDependsOnTheSecondWithoutALimit) {
-    OperationsHandler handler(0);
+    OperationsHandler handler(0, clock());
     const auto dependent = std::make_shared<Lasting>("realtime");
     handler.addDependency(dependent, std::make_shared<Lasting>("never added"));
     handler.addToOperationQueue(dependent);

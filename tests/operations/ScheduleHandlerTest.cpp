@@ -1,7 +1,5 @@
 #include "core/GlobalVariables.h"
-#include "foundation/FileSystem.h"
 #include "operations/ScheduleHandler.h"
-#include "operations/TaskRegistry.h"
 #include "support/AgentFixture.h"
 
 #include <atomic>
@@ -27,8 +25,9 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
 
     ScheduleHandlerTest() {
         for (const auto* name : {"a", "b", "c", "d", "e", "f"}) {
-            const TaskRegistry::Registration method("ScheduleHandlerTest", name, [this, name] { noteRun(name); });
+            taskClasses["ScheduleHandlerTest"][name] = [this, name] { noteRun(name); };
         }
+        restart();
     }
 
     // The tasks reach this object's members.
@@ -59,7 +58,7 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
 
     void noteRun(const std::string& name) {
         MutexLock lock(mutex_);
-        runs_[name].push_back(std::chrono::duration_cast<seconds>(Clock::shared().wallTime() - start_));
+        runs_[name].push_back(std::chrono::duration_cast<seconds>(clock().wallTime() - start_));
     }
     // When the task ran, in time since the beginning of the test.
     Times runs(const std::string& name) {
@@ -68,7 +67,7 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
     }
     // Waits until so many timers are set: every task that goes on has ended its run and waits for the next one.
     [[nodiscard]] bool settled(std::size_t timers) {
-        return eventually([&] { return clock().pendingTimers() == timers; });
+        return testing::eventually([&] { return clock().pendingTimers() == timers; });
     }
 
   private:
@@ -100,7 +99,8 @@ TEST_F(ScheduleHandlerTest, EachTaskRunsExactlyWhenDueThroughoutAWeek) {
         // Each day has a log of its own.
         EXPECT_EQ(logged("][ERROR]"), 0) << hour;
         ASSERT_TRUE(settled(hour < 10 ? 6 : hour < 17 ? 5 : 4)) << hour;
-        ASSERT_TRUE(eventually([&] { return runs("c") == expected["c"] && runs("f") == expected["f"]; })) << hour;
+        ASSERT_TRUE(testing::eventually([&] { return runs("c") == expected["c"] && runs("f") == expected["f"]; }))
+            << hour;
         if (hour == 48) {
             ScheduleHandler::UpdateTaskWithName("e", "IntervalSeconds", 8 * 3600);
             ScheduleHandler::startTask("e");
@@ -157,19 +157,20 @@ TEST_F(ScheduleHandlerTest, TaskHasOneTimerHoweverOftenItIsStarted) {
 TEST_F(ScheduleHandlerTest, RunOfARestartedTaskWaitsForTheRunBeforeIt) {
     Semaphore mayEnd;
     std::atomic<int> begun = 0;
-    const TaskRegistry::Registration method("ScheduleHandlerTest", "long", [&] {
+    taskClasses["ScheduleHandlerTest"]["long"] = [&] {
         ++begun;
         mayEnd.wait();
-    });
+    };
+    restart();
     setTasks({task("long", 600)});
     for (int start = 1; start <= 3; ++start) {
         ScheduleHandler::startTask("long");
         clock().advance(seconds(600));
-        ASSERT_TRUE(eventually([&] { return begun > 0; }));
+        ASSERT_TRUE(testing::eventually([&] { return begun > 0; }));
         EXPECT_EQ(begun, 1);
     }
     mayEnd.signal();
-    ASSERT_TRUE(eventually([&] { return begun == 2; })) << "the run of the latest start was lost";
+    ASSERT_TRUE(testing::eventually([&] { return begun == 2; })) << "the run of the latest start was lost";
     mayEnd.signal();
     ASSERT_TRUE(settled(1));
     EXPECT_EQ(begun, 2) << "the run of a start that another one replaced";
@@ -245,9 +246,9 @@ TEST_F(ScheduleHandlerTest, BatchCollectionRepeatsUnlessCollectionIsRealtimeAndU
 
 TEST_F(ScheduleHandlerTest, SizeGuardSetsItsFlagAtEveryCheck) {
     // A spool of one file that takes up what it is told to.
-    struct SpoolOfSize final : FileSystem {
+    struct SpoolOfSize final : platform::HostFileSystem {
         Result<FileStatus> linkStatus(const std::string& path) override {
-            auto status = FileSystem::linkStatus(path);
+            auto status = HostFileSystem::linkStatus(path);
             status->allocatedSize = path.ends_with("event_1") ? allocated : status->allocatedSize;
             return status;
         }
@@ -259,7 +260,7 @@ TEST_F(ScheduleHandlerTest, SizeGuardSetsItsFlagAtEveryCheck) {
     int changes = 0;
     const auto observation =
         configuration.observe(GlobalVariables::kMaxEventDataSizeReached, [&](const auto&) { ++changes; });
-    FileSystem::install(&spool);
+    const testing::SwitchedFileSystem::Replacement replacement(spool);
     for (const auto& [limit, size, reached] : {std::tuple(std::int64_t{1}, 999'999'999U, false),
                                                {1, 1'000'000'000, true},
                                                {2, 1'999'999'999, false},
@@ -271,7 +272,6 @@ TEST_F(ScheduleHandlerTest, SizeGuardSetsItsFlagAtEveryCheck) {
         ScheduleHandler::runTask({{"className", "ScheduleHandler"}, {"selector", "CheckEventDatasize"}});
         EXPECT_EQ(configuration.maxEventDataSizeReached(), reached) << size << " of " << limit << " GB";
     }
-    FileSystem::install(nullptr);
     EXPECT_EQ(changes, 6);
 }
 

@@ -1,11 +1,7 @@
 #include "support/AgentFixture.h"
 
-#include "forwarding/TransportEngine.h"
-#include "foundation/DateFormat.h"
-#include "foundation/Json.h"
-#include "foundation/ProcessWide.h"
-
-#include <thread>
+#include "foundation/formats/Json.h"
+#include "foundation/run/Current.h"
 
 namespace sentrova::testing {
 
@@ -14,9 +10,6 @@ AgentFixture::AgentFixture() : formerFolder_(std::filesystem::current_path()) {
     ::tzset();
     ::setenv("SENTROVA_SYSTEM_VOLUME", volume_.volume().c_str(), 1);
     std::filesystem::current_path(volume_.bin());
-    ProcessWideState::reset();
-    installSession();
-
     serverInfo = *Json::parse(R"({
         "DomainName": "corp.example.com", "OrgAccessKey": "org-access-key", "ServerIP": "192.0.2.1",
         "ServerFQDN": "audit.example.com", "ServerName": "audit", "Port": 9443, "Protocol": "https",
@@ -34,30 +27,13 @@ AgentFixture::AgentFixture() : formerFolder_(std::filesystem::current_path()) {
     schedules = {{"ScheduleTasks", Array{task("EventCollection", "EventCollectionSchedule", "start"),
                                          task("SyncConfiguration", "ServerCommunicator", "syncFromServer"),
                                          task("CheckEventDatasize", "ScheduleHandler", "CheckEventDatasize")}}};
-    writeConfiguration();
+    restartConfigured();
 }
 
 AgentFixture::~AgentFixture() {
-    restart();
-    TransportEngine::setSessionFactory(nullptr);
+    endAgent();
     std::filesystem::current_path(formerFolder_);
     ::unsetenv("SENTROVA_SYSTEM_VOLUME");
-}
-
-void AgentFixture::installSession() {
-    // The agent owns a session of its own that passes everything on, so that a restart does not end the test's.
-    class Forwarding final : public UrlSession {
-      public:
-        explicit Forwarding(std::shared_ptr<FakeUrlSession> target) : target_(std::move(target)) {}
-        void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override {
-            target_->uploadTask(request, std::move(body), std::move(completionHandler));
-        }
-
-      private:
-        const std::shared_ptr<FakeUrlSession> target_;
-    };
-    TransportEngine::setSessionFactory(
-        [session = session_](const auto&) { return std::make_unique<Forwarding>(session); });
 }
 
 void AgentFixture::writeConfiguration() {
@@ -66,17 +42,32 @@ void AgentFixture::writeConfiguration() {
     volume_.writeConfiguration("schedules.plist", schedules);
 }
 
-void AgentFixture::restart() {
-    session_->forget();
-    ProcessWideState::endThreads();
+void AgentFixture::endAgent() {
+    if (!agent_) {
+        return;
+    }
+    session().forget();
+    agent_->endThreads();
     // What a task's last request was answered with.
-    session_->settle();
-    ProcessWideState::reset();
+    session().settle();
+    agent_.reset();
+}
+
+void AgentFixture::restart() {
+    endAgent();
+    agent_.emplace(host_.host(), taskClasses);
+    Logger::getInstance().load(NotificationCenter::defaultCenter());
+    Current<LastRead>::get().open();
+}
+
+void AgentFixture::restartConfigured() {
+    writeConfiguration();
+    restart();
 }
 
 std::string AgentFixture::log(std::string_view category) const {
-    auto& clock = Clock::shared();
-    const auto name = std::string(category) + DateFormat::format("yyyy-MM-dd", clock.wallTime()) + ".log";
+    const auto day = Current<DateFormat>::get().format("yyyy-MM-dd", Current<Clock>::get().wallTime());
+    const auto name = std::string(category) + day + ".log";
     return textOf(volume_.logs() / name);
 }
 
@@ -87,17 +78,6 @@ int AgentFixture::logged(std::string_view text, std::string_view category) const
         ++count;
     }
     return count;
-}
-
-bool AgentFixture::eventually(const std::function<bool()>& condition) {
-    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > giveUp) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
 }
 
 }  // namespace sentrova::testing

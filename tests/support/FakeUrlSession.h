@@ -2,9 +2,9 @@
 
 #pragma once
 
-#include "foundation/DispatchQueue.h"
-#include "foundation/Mutex.h"
-#include "foundation/UrlSession.h"
+#include "foundation/net/UrlSession.h"
+#include "foundation/run/DispatchQueue.h"
+#include "foundation/run/Mutex.h"
 
 #include <chrono>
 #include <functional>
@@ -14,6 +14,9 @@ namespace sentrova::testing {
 // Completions run one after another on a queue of the session's own, as those of the real one do. Safe from any thread.
 class FakeUrlSession final : public UrlSession {
   public:
+    // The clock must outlive the session.
+    explicit FakeUrlSession(Clock& clock) : delegateQueue_("FakeUrlSession", clock) {}
+
     struct Sent {
         UrlRequest request;
         std::string body;
@@ -121,7 +124,7 @@ class FakeUrlSession final : public UrlSession {
     std::vector<Completion> waiting_ GUARDED_BY(mutex_);
     Responder responder_ GUARDED_BY(mutex_);
     bool keepsRequests_ GUARDED_BY(mutex_) = true;
-    DispatchQueue delegateQueue_{"FakeUrlSession"};
+    DispatchQueue delegateQueue_;
 };
 
 }  // namespace sentrova::testing

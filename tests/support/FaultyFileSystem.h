@@ -2,8 +2,9 @@
 
 #pragma once
 
-#include "foundation/FileSystem.h"
-#include "foundation/Mutex.h"
+#include "foundation/run/Mutex.h"
+#include "platform/posix/HostFileSystem.h"
+#include "support/SwitchedFileSystem.h"
 
 #include <array>
 #include <cerrno>
@@ -12,8 +13,8 @@
 
 namespace sentrova::testing {
 
-// Installs itself as the process's file system for its lifetime. Safe from any thread.
-class FaultyFileSystem final : public FileSystem {
+// Takes the place of the fixture's file system for its lifetime. Safe from any thread.
+class FaultyFileSystem final : public platform::HostFileSystem {
   public:
     enum Call : std::size_t { kOpen, kRead, kWrite, kFlush, kRename, kRemove, kStatus, kList, kCalls };
 
@@ -28,10 +29,7 @@ class FaultyFileSystem final : public FileSystem {
     };
 
     // Only calls on paths that the function says yes to are counted and fail.
-    explicit FaultyFileSystem(std::function<bool(const std::string& path)> concerns) : concerns_(std::move(concerns)) {
-        install(this);
-    }
-    ~FaultyFileSystem() override { install(nullptr); }
+    explicit FaultyFileSystem(std::function<bool(const std::string& path)> concerns) : concerns_(std::move(concerns)) {}
 
     // Counts from 0 again.
     void arm(const Fault& fault) EXCLUDES(mutex_) {
@@ -52,7 +50,7 @@ class FaultyFileSystem final : public FileSystem {
     }
 
     std::ptrdiff_t readOnce(int descriptor, std::span<std::uint8_t> into) override {
-        return fails(kRead, pathOf(descriptor)) ? -1 : FileSystem::readOnce(descriptor, into);
+        return fails(kRead, pathOf(descriptor)) ? -1 : HostFileSystem::readOnce(descriptor, into);
     }
 
   protected:
@@ -60,7 +58,7 @@ class FaultyFileSystem final : public FileSystem {
         if (fails(kOpen, at.path)) {
             return -1;
         }
-        const int descriptor = FileSystem::hostOpen(at, flags, mode);
+        const int descriptor = HostFileSystem::hostOpen(at, flags, mode);
         MutexLock lock(mutex_);
         opened_[descriptor] = at.path;
         return descriptor;
@@ -70,22 +68,24 @@ class FaultyFileSystem final : public FileSystem {
         const auto half = content.first(content.size() / 2);
         return verdict == Verdict::fails
                    ? -1
-                   : FileSystem::hostWrite(descriptor, verdict == Verdict::isShort ? half : content);
+                   : HostFileSystem::hostWrite(descriptor, verdict == Verdict::isShort ? half : content);
     }
     // No test outlives a loss of power.
     int hostFlush(int descriptor) override { return fails(kFlush, pathOf(descriptor)) ? -1 : 0; }
     int hostRename(const Location& from, const Location& to) override {
-        return fails(kRename, to.path) ? -1 : FileSystem::hostRename(from, to);
+        return fails(kRename, to.path) ? -1 : HostFileSystem::hostRename(from, to);
     }
-    int hostRemove(const Location& at) override { return fails(kRemove, at.path) ? -1 : FileSystem::hostRemove(at); }
+    int hostRemove(const Location& at) override {
+        return fails(kRemove, at.path) ? -1 : HostFileSystem::hostRemove(at);
+    }
     int hostStatus(const std::string& path, struct stat& status) override {
-        return fails(kStatus, path) ? -1 : FileSystem::hostStatus(path, status);
+        return fails(kStatus, path) ? -1 : HostFileSystem::hostStatus(path, status);
     }
     int hostLinkStatus(const Location& at, struct stat& status) override {
-        return fails(kStatus, at.path) ? -1 : FileSystem::hostLinkStatus(at, status);
+        return fails(kStatus, at.path) ? -1 : HostFileSystem::hostLinkStatus(at, status);
     }
     DIR* hostOpenFolder(const std::string& path) override {
-        return fails(kList, path) ? nullptr : FileSystem::hostOpenFolder(path);
+        return fails(kList, path) ? nullptr : HostFileSystem::hostOpenFolder(path);
     }
 
   private:
@@ -118,6 +118,8 @@ class FaultyFileSystem final : public FileSystem {
     std::array<std::size_t, kCalls> calls_ GUARDED_BY(mutex_) = {};
     std::string met_ GUARDED_BY(mutex_);
     std::map<int, std::string> opened_ GUARDED_BY(mutex_);
+    // Last: calls come from now on.
+    const SwitchedFileSystem::Replacement replacement_{*this};
 };
 
 }  // namespace sentrova::testing

@@ -2,8 +2,8 @@
 
 #pragma once
 
-#include "foundation/Clock.h"
-#include "foundation/Mutex.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/time/Clock.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -13,12 +13,9 @@
 
 namespace sentrova::testing {
 
-// Installs itself as the process's clock for its lifetime. Begins at 15 November 2026, 12:00:00 UTC.
+// Begins at 15 November 2026, 12:00:00 UTC.
 class ManualClock final : public Clock {
   public:
-    ManualClock() { install(this); }
-    ~ManualClock() override { install(nullptr); }
-
     Date wallTime() override EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return wall_;

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "collection/bsm/ByteSource.h"
-#include "foundation/Value.h"
+#include "foundation/value/Value.h"
 
 #include <algorithm>
 #include <limits>

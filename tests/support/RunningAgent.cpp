@@ -1,6 +1,6 @@
 #include "support/RunningAgent.h"
 
-#include "foundation/Json.h"
+#include "foundation/formats/Json.h"
 #include "platform/Environment.h"
 
 #include <fcntl.h>

@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "support/SystemVolume.h"
+#include "volume/SystemVolume.h"
 
 #include <sys/types.h>
 

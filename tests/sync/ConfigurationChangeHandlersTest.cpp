@@ -1,9 +1,9 @@
-#include "core/AgentServiceHandler.h"
 #include "core/GlobalVariables.h"
 #include "forwarding/SecurityUtil.h"
-#include "foundation/Json.h"
+#include "foundation/formats/Json.h"
 #include "operations/ConcurrentOperationAbstract.h"
 #include "operations/ScheduleHandler.h"
+#include "service/AgentServiceHandler.h"
 #include "support/AgentFixture.h"
 #include "sync/ServerCommunicator.h"
 
@@ -76,9 +76,8 @@ class ConfigurationChangeHandlersTest : public ::testing::Test, protected AgentF
 
     // Begins anew, with an empty log.
     void fresh() {
-        restart();
+        restartConfigured();
         std::filesystem::remove(volume().logs() / "Config2026-11-15.log");
-        writeConfiguration();
     }
 
     // What the handler has said last.

@@ -2,7 +2,7 @@
 #include "core/GlobalVariables.h"
 #include "forwarding/SecurityUtil.h"
 #include "forwarding/TransportEngine.h"
-#include "foundation/Json.h"
+#include "foundation/formats/Json.h"
 #include "support/AgentFixture.h"
 #include "support/FaultyFileSystem.h"
 #include "sync/ServerCommunicator.h"
@@ -79,7 +79,6 @@ TEST_F(ServerCommunicatorTest, RequestIsTheStoredConfigurationWithTheAgentsState
         {"relay.example.com", "1:NAT"}, {"-", "2:AgentConnector"}, {"-", "3:ProductConnector"}};
     for (std::size_t type = 0; type < std::size(types); ++type) {
         const auto& [relay, text] = types[type];
-        restart();
         serverInfo.set("NATServerName", relay);
         myConfigurations = {
             {"TimestampOfLastEvent", "1383590186"}, {"AgentVersion", "1.0.0"}, {"CommunicationType", type}};
@@ -88,7 +87,8 @@ TEST_F(ServerCommunicatorTest, RequestIsTheStoredConfigurationWithTheAgentsState
             myConfigurations.set("AgentAuthID", identity);
             expected.set("AgentAuthID", "identity-7");
         }
-        writeConfiguration();
+        restartConfigured();
+        GlobalVariables::getInstance().load();
         syncAnsweredWith("{}");
         expected.set("Build", "1.0.0");
         expected.set("TimestampOfLastEvent", "1383590186");

@@ -6,7 +6,7 @@
 
 #pragma once
 
-#include "foundation/Value.h"
+#include "foundation/value/Value.h"
 
 #include <arpa/inet.h>
 

@@ -5,7 +5,7 @@
 
 #pragma once
 
-#include "support/SystemVolume.h"
+#include "volume/SystemVolume.h"
 #include "volume/TrailRecord.h"
 #include "volume/TrailWriter.h"
 

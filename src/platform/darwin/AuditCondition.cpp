@@ -31,9 +31,8 @@ class KernelCondition final : public AuditCondition {
 
 }  // namespace
 
-AuditCondition& AuditCondition::host() {
-    static KernelCondition condition;
-    return condition;
+std::unique_ptr<AuditCondition> AuditCondition::make() {
+    return std::make_unique<KernelCondition>();
 }
 
 }  // namespace sentrova::platform

@@ -51,9 +51,8 @@ class KernelDevice final : public AuditPipeDevice {
 
 }  // namespace
 
-AuditPipeDevice& AuditPipeDevice::host() {
-    static KernelDevice device;
-    return device;
+std::unique_ptr<AuditPipeDevice> AuditPipeDevice::make() {
+    return std::make_unique<KernelDevice>();
 }
 
 }  // namespace sentrova::platform

@@ -106,9 +106,8 @@ class OpenDirectory final : public Directory {
 
 }  // namespace
 
-Directory& Directory::host() {
-    static OpenDirectory directory;
-    return directory;
+std::unique_ptr<Directory> Directory::make(FileSystem& /*files*/, Clock& /*clock*/) {
+    return std::make_unique<OpenDirectory>();
 }
 
 }  // namespace sentrova::platform

@@ -13,7 +13,7 @@
 
 namespace sentrova::platform {
 
-std::optional<OperatingSystemVersion> operatingSystemVersion() {
+std::optional<OperatingSystemVersion> operatingSystemVersion(FileSystem& /*files*/) {
     std::array<char, 64> text{};
     std::size_t size = text.size() - 1;
     if (::sysctlbyname("kern.osproductversion", text.data(), &size, nullptr, 0) != 0) {

@@ -1,7 +1,7 @@
 #include "platform/SignalSource.h"
 
-#include "foundation/DispatchQueue.h"
-#include "foundation/ThreadStart.h"
+#include "foundation/run/Threads.h"
+#include "foundation/run/Unhandled.h"
 #include "platform/darwin/KernelQueue.h"
 
 #include <sys/event.h>

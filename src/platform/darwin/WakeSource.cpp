@@ -1,6 +1,6 @@
 #include "platform/WakeSource.h"
 
-#include "foundation/DispatchQueue.h"
+#include "foundation/run/DispatchQueue.h"
 
 #include <IOKit/IOMessage.h>
 #include <IOKit/pwr_mgt/IOPMLib.h>

@@ -18,9 +18,8 @@ class VolumeCondition final : public AuditCondition {
 
 }  // namespace
 
-AuditCondition& AuditCondition::host() {
-    static VolumeCondition condition;
-    return condition;
+std::unique_ptr<AuditCondition> AuditCondition::make() {
+    return std::make_unique<VolumeCondition>();
 }
 
 }  // namespace sentrova::platform

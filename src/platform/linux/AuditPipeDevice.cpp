@@ -28,9 +28,8 @@ class FifoDevice final : public AuditPipeDevice {
 
 }  // namespace
 
-AuditPipeDevice& AuditPipeDevice::host() {
-    static FifoDevice device;
-    return device;
+std::unique_ptr<AuditPipeDevice> AuditPipeDevice::make() {
+    return std::make_unique<FifoDevice>();
 }
 
 }  // namespace sentrova::platform

@@ -1,9 +1,9 @@
 #include "platform/Directory.h"
 
-#include "foundation/Clock.h"
-#include "foundation/FileSystem.h"
-#include "foundation/Mutex.h"
-#include "foundation/PropertyList.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/formats/PropertyList.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/time/Clock.h"
 #include "platform/AccountDatabase.h"
 #include "platform/linux/SystemVolume.h"
 
@@ -46,8 +46,8 @@ std::vector<std::string> textsOf(const Value& values) {
 }
 
 // Nothing when the file is missing or no dictionary.
-std::optional<DirectoryRecord> readRecord(const std::string& path) {
-    const auto bytes = FileSystem::shared().read(path);
+std::optional<DirectoryRecord> readRecord(FileSystem& files, const std::string& path) {
+    const auto bytes = files.read(path);
     if (!bytes) {
         return std::nullopt;
     }
@@ -71,7 +71,8 @@ std::optional<DirectoryRecord> readRecord(const std::string& path) {
 // One folder of the volume's local node: users or groups, by id.
 class NodeFolder {
   public:
-    NodeFolder(std::string_view kind, std::string_view idAttribute) : kind_(kind), idAttribute_(idAttribute) {}
+    NodeFolder(FileSystem& files, std::string_view kind, std::string_view idAttribute)
+        : files_(files), kind_(kind), idAttribute_(idAttribute) {}
 
     std::string path() const { return systemVolume() + std::string(kNodeFolder) + kind_; }
 
@@ -79,7 +80,7 @@ class NodeFolder {
     std::optional<std::string> nameOf(std::uint32_t id) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         const auto folder = path();
-        const auto status = FileSystem::shared().status(folder);
+        const auto status = files_.status(folder);
         if (!status) {
             return std::nullopt;
         }
@@ -95,7 +96,7 @@ class NodeFolder {
   private:
     std::map<std::uint32_t, std::string> readNames(const std::string& folder) const {
         std::map<std::uint32_t, std::string> names;
-        const auto files = FileSystem::shared().names(folder);
+        const auto files = files_.names(folder);
         if (!files) {
             return names;
         }
@@ -103,7 +104,7 @@ class NodeFolder {
             if (!file.ends_with(kExtension)) {
                 continue;
             }
-            const auto record = readRecord(folder + "/" + file);
+            const auto record = readRecord(files_, folder + "/" + file);
             const auto ids = record ? record->find(std::string(idAttribute_)) : DirectoryRecord::const_iterator();
             if (!record || ids == record->end()) {
                 continue;
@@ -121,6 +122,7 @@ class NodeFolder {
         return names;
     }
 
+    FileSystem& files_;
     const std::string kind_;
     const std::string_view idAttribute_;
     Mutex mutex_{LockRank::owner};
@@ -161,6 +163,8 @@ class MissingFiles {
 // The volume's local node, then the host's own databases.
 class VolumeDirectory final : public Directory {
   public:
+    VolumeDirectory(FileSystem& files, Clock& clock) : files_(files), clock_(clock) {}
+
     std::optional<std::string> userName(std::uint32_t id) override {
         if (auto name = users_.nameOf(id)) {
             return name;
@@ -183,11 +187,11 @@ class VolumeDirectory final : public Directory {
             return records;
         }
         const auto path = users_.path() + "/" + name + std::string(kExtension);
-        const auto now = Clock::shared().monotonicTime();
+        const auto now = clock_.monotonicTime();
         if (missing_.contains(path, now)) {
             return records;
         }
-        if (auto record = readRecord(path)) {
+        if (auto record = readRecord(files_, path)) {
             record->try_emplace(kAttributeRecordName, std::vector<std::string>{name});
             records.push_back(std::move(*record));
         } else {
@@ -197,16 +201,17 @@ class VolumeDirectory final : public Directory {
     }
 
   private:
+    FileSystem& files_;
+    Clock& clock_;
     MissingFiles missing_;
-    NodeFolder users_{"users", kAttributeUniqueId};
-    NodeFolder groups_{"groups", kGroupId};
+    NodeFolder users_{files_, "users", kAttributeUniqueId};
+    NodeFolder groups_{files_, "groups", kGroupId};
 };
 
 }  // namespace
 
-Directory& Directory::host() {
-    static VolumeDirectory directory;
-    return directory;
+std::unique_ptr<Directory> Directory::make(FileSystem& files, Clock& clock) {
+    return std::make_unique<VolumeDirectory>(files, clock);
 }
 
 }  // namespace sentrova::platform

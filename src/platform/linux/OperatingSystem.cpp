@@ -1,7 +1,7 @@
 #include "platform/OperatingSystem.h"
 
-#include "foundation/FileSystem.h"
-#include "foundation/PropertyList.h"
+#include "foundation/files/FileSystem.h"
+#include "foundation/formats/PropertyList.h"
 #include "platform/SystemPath.h"
 
 #include <sys/syscall.h>
@@ -11,8 +11,8 @@
 
 namespace sentrova::platform {
 
-std::optional<OperatingSystemVersion> operatingSystemVersion() {
-    const auto bytes = FileSystem::shared().read(systemPath("/System/Library/CoreServices/SystemVersion.plist"));
+std::optional<OperatingSystemVersion> operatingSystemVersion(FileSystem& files) {
+    const auto bytes = files.read(systemPath("/System/Library/CoreServices/SystemVersion.plist"));
     if (!bytes) {
         return std::nullopt;
     }

@@ -1,8 +1,8 @@
 #include "platform/VnodeSource.h"
 
-#include "foundation/DispatchQueue.h"
-#include "foundation/FileDescriptor.h"
-#include "foundation/ThreadStart.h"
+#include "foundation/files/FileDescriptor.h"
+#include "foundation/run/Threads.h"
+#include "foundation/run/Unhandled.h"
 #include "platform/WaitForInput.h"
 
 #include <sys/eventfd.h>

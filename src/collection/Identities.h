@@ -1,0 +1,63 @@
+// Who is behind the numbers in audit records: the names of users and groups, what the directory knows of a user, and
+// the machine's place in its domain. DomainUtil describes what is remembered for how long.
+
+#pragma once
+
+#include "collection/DomainUtil.h"
+#include "collection/NameCache.h"
+#include "core/MachineNames.h"
+#include "foundation/run/Mutex.h"
+#include "foundation/time/Clock.h"
+#include "foundation/value/Value.h"
+#include "platform/Directory.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace sentrova {
+
+// Safe from any thread. No lock is held while the directory, or its tool, is asked.
+class Identities final : public MachineNames {
+  public:
+    // What is passed in must outlive the object.
+    Identities(platform::Directory& directory, Clock& clock);
+
+    std::optional<std::string> domainName() override EXCLUDES(mutex_);
+    std::optional<std::string> hostName() override EXCLUDES(mutex_);
+    void setDomainName(const std::optional<std::string>& domain) override EXCLUDES(mutex_);
+
+    // Null when the directory has no such user.
+    DomainUtil::UserDetails userDetails(const std::string& user) EXCLUDES(mutex_);
+    // Asks the directory and remembers what it knows of the user.
+    void setUserDetails(const std::string& user) EXCLUDES(mutex_);
+
+    // The account's name, or the number, signed, where there is no account.
+    std::string userName(std::uint32_t id);
+    std::string groupName(std::uint32_t id);
+
+  private:
+    struct DomainBinding {
+        std::optional<std::string> domain;
+        std::optional<std::string> host;
+    };
+
+    DomainBinding askDirectoryTool() EXCLUDES(mutex_);
+    std::optional<std::string> known(std::string_view key) EXCLUDES(mutex_);
+    DomainUtil::UserDetails knownDetails(const std::string& user) EXCLUDES(mutex_);
+    void remember(std::string_view key, const std::optional<std::string>& value) EXCLUDES(mutex_);
+
+    platform::Directory& directory_;
+    NameCache userNames_;
+    NameCache groupNames_;
+
+    Mutex mutex_;
+    // The machine's domain and account. There is no cache until the configured domain has been stored.
+    std::optional<Dictionary> domain_ GUARDED_BY(mutex_);
+    // Bounded by the directory: only users that it has are stored.
+    std::unordered_map<std::string, DomainUtil::UserDetails> details_ GUARDED_BY(mutex_);
+};
+
+}  // namespace sentrova

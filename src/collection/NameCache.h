@@ -1,0 +1,71 @@
+// The names of user or group ids, remembered for a short while.
+
+#pragma once
+
+#include "foundation/run/Mutex.h"
+#include "foundation/time/Clock.h"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace sentrova {
+
+// Remembers the name of an id for a minute, and for a second that an id has no name. Safe from any thread.
+class NameCache {
+  public:
+    // The clock must outlive the cache.
+    explicit NameCache(Clock& clock) : clock_(clock) {}
+
+    template <class LookUp>
+    std::optional<std::string> find(std::uint32_t id, LookUp lookUp) EXCLUDES(mutex_) {
+        if (id == kUnsetId) {
+            return std::nullopt;
+        }
+        const auto now = clock_.monotonicTime();
+        {
+            MutexLock lock(mutex_);
+            if (now >= emptiedAt_ + kNameRemembered) {
+                names_.clear();
+                emptiedAt_ = now;
+            }
+            if (const auto found = names_.find(id); found != names_.end()) {
+                return found->second;
+            }
+            if (const auto found = nameless_.find(id); found != nameless_.end() && now < found->second) {
+                return std::nullopt;
+            }
+        }
+        auto name = lookUp(id);
+        MutexLock lock(mutex_);
+        if (name) {
+            names_.insert_or_assign(id, *name);
+        } else {
+            // The ids come out of records, which may hold any number of them.
+            if (nameless_.size() >= kMostNameless) {
+                nameless_.clear();
+            }
+            nameless_.insert_or_assign(id, now + kNamelessRemembered);
+        }
+        return name;
+    }
+
+  private:
+    // What a record holds in the place of an id that was never set.
+    static constexpr std::uint32_t kUnsetId = 0xFFFFFFFF;
+    static constexpr std::chrono::minutes kNameRemembered{1};
+    static constexpr std::chrono::seconds kNamelessRemembered{1};
+    static constexpr std::size_t kMostNameless = 4096;
+
+    Clock& clock_;
+    Mutex mutex_;
+    // Bounded by the directory.
+    std::unordered_map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
+    Clock::Monotonic emptiedAt_ GUARDED_BY(mutex_);
+    // Each with the time until which it is remembered.
+    std::unordered_map<std::uint32_t, Clock::Monotonic> nameless_ GUARDED_BY(mutex_);
+};
+
+}  // namespace sentrova

@@ -1,0 +1,37 @@
+// What all requests to the audit server share: the session, the address in use, and whether the server is believed
+// reachable.
+
+#pragma once
+
+#include "core/GlobalVariables.h"
+#include "forwarding/AddressChoice.h"
+#include "foundation/net/UrlSession.h"
+
+#include <atomic>
+
+namespace sentrova {
+
+// Safe from any thread.
+class Transport {
+  public:
+    // What is passed in must outlive the object.
+    Transport(GlobalVariables& configuration, UrlSession& session)
+        : configuration_(configuration), session_(session), choice_(configuration) {}
+
+    GlobalVariables& configuration() { return configuration_; }
+    UrlSession& session() { return session_; }
+    AddressChoice& addresses() { return choice_; }
+
+    // True at first, so that a delivery is attempted.
+    bool isConnected() const { return connected_; }
+    // A change is recorded with the connection in use in `myconfigurations.plist`.
+    void setIsConnected(bool flag);
+
+  private:
+    GlobalVariables& configuration_;
+    UrlSession& session_;
+    AddressChoice choice_;
+    std::atomic<bool> connected_ = true;
+};
+
+}  // namespace sentrova

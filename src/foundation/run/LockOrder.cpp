@@ -1,0 +1,54 @@
+#include "foundation/run/LockOrder.h"
+
+#ifndef NDEBUG
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
+namespace sentrova {
+
+namespace {
+
+// What the present thread holds, in the order in which it was taken. Without a destructor: locks are taken until the
+// very end of a thread.
+struct Held {
+    std::array<LockOrder*, 32> locks;
+    std::size_t count;
+};
+
+thread_local Held held{};
+
+}  // namespace
+
+void LockOrder::wanted() {
+    for (std::size_t i = 0; i < held.count; ++i) {
+        const auto& other = *held.locks[i];
+        if (other.rank_ >= rank_) {
+            std::fprintf(stderr, "lock order: a mutex of rank %d is taken under one of rank %d\n",
+                         static_cast<int>(rank_), static_cast<int>(other.rank_));
+            std::abort();
+        }
+    }
+}
+
+void LockOrder::taken() {
+    if (held.count == held.locks.size()) {
+        std::abort();
+    }
+    held.locks[held.count++] = this;
+}
+
+void LockOrder::released() {
+    const auto begin = held.locks.begin();
+    const auto end = begin + static_cast<std::ptrdiff_t>(held.count);
+    // Not always the latest: a scoped lock may be let go early.
+    std::copy(std::next(std::find(begin, end, this)), end, std::find(begin, end, this));
+    --held.count;
+}
+
+}  // namespace sentrova
+
+#endif

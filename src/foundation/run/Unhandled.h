@@ -1,0 +1,42 @@
+// What becomes of an exception that reaches the end of a thread, a block of a queue, an observer or a timer.
+
+#pragma once
+
+#include <string_view>
+
+namespace sentrova {
+
+// Gets such exceptions. Published as the Current one by the agent, whose log has a line for each; without one they are
+// dropped. Safe from any thread.
+class UnhandledExceptions {
+  public:
+    virtual ~UnhandledExceptions() = default;
+
+    // `where` is the label of a queue, or the name of a thread, an operation or a notification; `what` is the text of
+    // the exception. What this throws is dropped.
+    virtual void report(std::string_view where, std::string_view what) = 0;
+
+  protected:
+    UnhandledExceptions() = default;
+    UnhandledExceptions(const UnhandledExceptions&) = default;
+    UnhandledExceptions& operator=(const UnhandledExceptions&) = default;
+};
+
+void reportException(std::string_view where, std::string_view what) noexcept;
+// Reports the exception that is being handled.
+void reportCurrentException(std::string_view where) noexcept;
+
+// Runs the function and reports what it throws under the name given; returns whether it ended without an exception. The
+// outermost frame of every thread of the agent.
+template <class Function>
+bool runGuarded(std::string_view where, const Function& function) noexcept {
+    try {
+        function();
+        return true;
+    } catch (...) {
+        reportCurrentException(where);
+        return false;
+    }
+}
+
+}  // namespace sentrova

@@ -1,0 +1,42 @@
+#include "operations/DailyTimers.h"
+
+#include "foundation/run/Threads.h"
+#include "foundation/run/Unhandled.h"
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace sentrova {
+
+void DailyTimers::start(const std::string& name, const std::shared_ptr<Timer>& timer) {
+    auto thread = tryStartThread([name, timer] { runGuarded(name, [&timer] { timer->run(); }); });
+    if (!thread.joinable()) {
+        throw std::system_error(EAGAIN, std::generic_category());
+    }
+    MutexLock lock(mutex_);
+    if (closed_) {
+        lock.unlock();
+        timer->invalidate();
+        thread.join();
+        return;
+    }
+    running_.push_back({timer, std::move(thread)});
+}
+
+void DailyTimers::close() {
+    std::list<Running> ended;
+    {
+        MutexLock lock(mutex_);
+        closed_ = true;
+        ended.swap(running_);
+    }
+    for (const auto& each : ended) {
+        each.timer->invalidate();
+    }
+    for (auto& each : ended) {
+        each.thread.join();
+    }
+}
+
+}  // namespace sentrova

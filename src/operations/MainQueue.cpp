@@ -1,0 +1,72 @@
+#include "operations/MainQueue.h"
+
+#include "core/LogSource.h"
+
+#include <utility>
+
+namespace sentrova {
+
+namespace {
+// The stop is known in the log by the name of the service.
+constexpr LogSource kLog("AgentServiceHandler");
+}  // namespace
+
+void MainQueue::close() {
+    std::shared_ptr<OperationsHandler> queue;
+    {
+        MutexLock lock(mutex_);
+        queue = std::move(queue_);
+    }
+    // Not left to the destructor of the queue: an operation may hold the queue for a moment longer.
+    if (queue) {
+        queue->close();
+    }
+}
+
+std::shared_ptr<OperationsHandler> MainQueue::present() {
+    MutexLock lock(mutex_);
+    return queue_;
+}
+
+std::shared_ptr<OperationsHandler> MainQueue::open() {
+    auto queue = std::make_shared<OperationsHandler>(-1, clock_);
+    auto opened = queue;
+    MutexLock lock(mutex_);
+    // The earlier queue is destroyed after the lock is released.
+    std::swap(queue_, queue);
+    lock.unlock();
+    return opened;
+}
+
+void MainQueue::add(const std::shared_ptr<ConcurrentOperationAbstract>& operation) {
+    const auto queue = present();
+    if (!queue || stopAsked_) {
+        return;
+    }
+    queue->addToOperationQueue(operation);
+    // A stop that came in between may have cancelled the operations of the queue before this one was among them.
+    if (stopAsked_) {
+        queue->suspend();
+    }
+}
+
+void MainQueue::cancel(std::string_view name) {
+    if (const auto queue = present()) {
+        queue->cancelOperationWithName(name);
+    }
+}
+
+bool MainQueue::isExecuting(std::string_view name) {
+    const auto queue = present();
+    return queue && queue->getTaskStatus(name);
+}
+
+void MainQueue::stop() {
+    kLog.info("AgentServiceHandler stop called");
+    stopAsked_ = true;
+    if (const auto queue = present()) {
+        queue->suspend();
+    }
+}
+
+}  // namespace sentrova

@@ -1,0 +1,311 @@
+#include "platform/curl/CurlTransfer.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <stdexcept>
+#include <string_view>
+
+namespace sentrova::platform {
+
+namespace {
+
+// The library sends a request again by itself when the kept-alive connection that it went out on turns out to have been
+// closed by the server. The server may all the same have read it, so that is done once and not more often.
+constexpr int kMostSendings = 2;
+
+// A body goes to the host in portions, for which the library keeps memory while it is sent: the larger they are, the
+// fewer calls and wake-ups of the other side a batch costs. With TLS a portion counts as progress only as a whole:
+// there it stays small enough for a slow line.
+constexpr std::size_t kSmallestPortion = 16 * 1024;
+constexpr std::size_t kLargestPortion = 512 * 1024;
+constexpr std::size_t kLargestTlsPortion = 64 * 1024;
+
+std::uint64_t nextId() {
+    static std::atomic<std::uint64_t> last{0};
+    return ++last;
+}
+
+CurlTransfer& transferOf(void* self) {
+    return *static_cast<CurlTransfer*>(self);
+}
+
+bool isToken(std::string_view text) {
+    constexpr std::string_view kMarks = "!#$%&'*+-.^_`|~";
+    return !text.empty() && std::ranges::all_of(text, [&](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+               kMarks.find(c) != std::string_view::npos;
+    });
+}
+
+bool fitsOnALine(std::string_view text) {
+    return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+bool isSendable(const UrlRequest& request) {
+    return isToken(request.method) && std::ranges::all_of(request.headers, [](const auto& header) {
+               return isToken(header.first) && fitsOnALine(header.second);
+           });
+}
+
+UrlErrorCode errorCodeFor(CURLcode code) {
+    switch (code) {
+        case CURLE_URL_MALFORMAT:
+            return UrlErrorCode::badUrl;
+        case CURLE_COULDNT_RESOLVE_HOST:
+            return UrlErrorCode::cannotFindHost;
+        case CURLE_COULDNT_CONNECT:
+            return UrlErrorCode::cannotConnectToHost;
+        case CURLE_OPERATION_TIMEDOUT:
+            return UrlErrorCode::timedOut;
+        case CURLE_GOT_NOTHING:
+        case CURLE_PARTIAL_FILE:
+        case CURLE_SEND_ERROR:
+        case CURLE_RECV_ERROR:
+            return UrlErrorCode::networkConnectionLost;
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+        case CURLE_SSL_SHUTDOWN_FAILED:
+        case CURLE_SSL_CLIENTCERT:
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return UrlErrorCode::secureConnectionFailed;
+        case CURLE_UNSUPPORTED_PROTOCOL:  // of the answer: the URL's scheme has been checked
+        case CURLE_WEIRD_SERVER_REPLY:
+            return UrlErrorCode::badServerResponse;
+        default:
+            return UrlErrorCode::unknown;
+    }
+}
+
+}  // namespace
+
+CurlTransfer::CurlTransfer(Address address, UrlRequest request, Body body, UrlSession::Completion completion,
+                           const Limits& limits)
+    : id_(nextId()),
+      address_(std::move(address)),
+      request_(std::move(request)),
+      body_(std::move(body)),
+      limits_(limits),
+      completion_(std::make_shared<const UrlSession::Completion>(std::move(completion))) {}
+
+Result<CurlTransfer::Address> CurlTransfer::addressOf(const UrlRequest& request) {
+    if (!isSendable(request)) {
+        return Error{kUrlErrorDomain, static_cast<std::int64_t>(UrlErrorCode::unknown),
+                     "The request's method or one of its headers cannot be sent."};
+    }
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), curl_url_cleanup);
+    // A user name in it could only have come there by a damaged host name.
+    constexpr unsigned kStrictness = CURLU_NON_SUPPORT_SCHEME | CURLU_DISALLOW_USER;
+    if (!fitsOnALine(request.url) ||
+        curl_url_set(parsed.get(), CURLUPART_URL, request.url.c_str(), kStrictness) != CURLUE_OK) {
+        return urlError(UrlErrorCode::badUrl);
+    }
+    const auto part = [&](CURLUPart which) {
+        char* text = nullptr;
+        curl_url_get(parsed.get(), which, &text, CURLU_DEFAULT_PORT);
+        const std::unique_ptr<char, void (*)(void*)> owned(text, curl_free);
+        return std::string(text ? text : "");
+    };
+    const std::string scheme = part(CURLUPART_SCHEME);
+    if (!curl_strequal(scheme.c_str(), "http") && !curl_strequal(scheme.c_str(), "https")) {
+        return urlError(UrlErrorCode::unsupportedUrl);
+    }
+    const std::string host = part(CURLUPART_HOST);
+    const std::string port = part(CURLUPART_PORT);
+    return Address{part(CURLUPART_URL), host, port, scheme + "://" + host + ":" + port};
+}
+
+CurlTransfer::HeaderList CurlTransfer::headerList() const {
+    HeaderList list;
+    const auto append = [&](const std::string& line) {
+        auto* const longer = curl_slist_append(list.get(), line.c_str());
+        if (!longer) {
+            throw std::bad_alloc();
+        }
+        static_cast<void>(list.release());
+        list.reset(longer);
+    };
+    const auto isGiven = [this](const char* name) {
+        return std::ranges::any_of(request_.headers,
+                                   [&](const auto& header) { return curl_strequal(header.first.c_str(), name); });
+    };
+    for (const auto& [name, value] : request_.headers) {
+        const std::string sent = curl_strequal(name.c_str(), "Content-Length") ? std::to_string(body_->size()) : value;
+        // A name with a semicolon is how the library is asked for a header without a value, one with nothing after its
+        // colon how it is asked for no such header.
+        append(sent.empty() ? name + ";" : name + ": " + sent);
+    }
+    for (const char* const unasked : {"Accept", "Content-Type", "Expect"}) {
+        if (!isGiven(unasked)) {
+            append(std::string(unasked) + ":");
+        }
+    }
+    return list;
+}
+
+// "host:port:address,address", which spares the library its own look-up.
+CurlTransfer::HeaderList CurlTransfer::resolveList(const AddressList& addresses) const {
+    if (addresses.empty()) {
+        return nullptr;
+    }
+    std::string entry = address_.host + ":" + address_.port;
+    char separator = ':';
+    for (const auto& address : addresses) {
+        const bool isSix = address.find(':') != std::string::npos;
+        entry += separator + (isSix ? "[" + address + "]" : address);
+        separator = ',';
+    }
+    HeaderList list(curl_slist_append(nullptr, entry.c_str()));
+    if (!list) {
+        throw std::bad_alloc();
+    }
+    return list;
+}
+
+template <class T>
+void CurlTransfer::set(CURLoption option, T value) {
+    if (const auto code = curl_easy_setopt(handle_.get(), option, value); code != CURLE_OK) {
+        throw std::runtime_error("option " + std::to_string(option) + ": " + curl_easy_strerror(code));
+    }
+}
+
+void CurlTransfer::comeToTurn(Session& session) {
+    session_ = &session;
+    noteProgress();
+    cameToTurn_ = lastProgress_;
+}
+
+CURL* CurlTransfer::begin(const AddressList& addresses) {
+    resolved_ = resolveList(addresses);
+    addressCount_ = addresses.size();
+    handle_.reset(curl_easy_init());
+    if (!handle_) {
+        throw std::bad_alloc();
+    }
+    setUpRequest();
+    setUpCallbacks();
+    setUpSecurity();
+    underWay_ = true;
+    return handle_.get();
+}
+
+void CurlTransfer::setUpRequest() {
+    headers_ = headerList();
+    set(CURLOPT_URL, address_.url.c_str());
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    // An empty name: no proxy, whatever the environment says.
+    set(CURLOPT_PROXY, "");
+    set(CURLOPT_POST, 1L);
+    set(CURLOPT_CUSTOMREQUEST, request_.method.c_str());
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body_->size()));
+    set(CURLOPT_POSTFIELDS, body_->c_str());
+    const bool isTls = curl_strnequal(address_.origin.c_str(), "https:", 6) != 0;
+    const auto largest = isTls ? kLargestTlsPortion : kLargestPortion;
+    set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(std::clamp(body_->size(), kSmallestPortion, largest)));
+    set(CURLOPT_HTTPHEADER, headers_.get());
+    set(CURLOPT_FOLLOWLOCATION, 0L);
+    set(CURLOPT_RESOLVE, resolved_.get());
+    // The library tries the addresses of a family one after another. Each gets half of the time that is left, the last
+    // one all of it: so the time to connect must be the time until the session gives the request up.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due() - session_->now());
+    set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(left.count()), 1L));
+    set(CURLOPT_NOSIGNAL, 1L);
+}
+
+void CurlTransfer::setUpCallbacks() {
+    set(CURLOPT_PRIVATE, this);
+    set(CURLOPT_PREREQFUNCTION, &CurlTransfer::aboutToSend);
+    set(CURLOPT_PREREQDATA, this);
+    set(CURLOPT_NOPROGRESS, 0L);
+    set(CURLOPT_XFERINFOFUNCTION, &CurlTransfer::progressed);
+    set(CURLOPT_XFERINFODATA, this);
+    set(CURLOPT_HEADERFUNCTION, &CurlTransfer::receivedHeader);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, &CurlTransfer::receivedBody);
+    set(CURLOPT_WRITEDATA, this);
+}
+
+void CurlTransfer::setUpSecurity() {
+    // Any certificate of a server is accepted, and none is offered.
+    set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    set(CURLOPT_SSL_VERIFYPEER, 0L);
+    set(CURLOPT_SSL_VERIFYHOST, 0L);
+    set(CURLOPT_CAINFO, static_cast<const char*>(nullptr));
+    set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+}
+
+int CurlTransfer::aboutToSend(void* self, char*, char*, int, int) {
+    auto& transfer = transferOf(self);
+    transfer.noteProgress();
+    return ++transfer.timesSent_ > kMostSendings ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+}
+
+int CurlTransfer::progressed(void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent) {
+    auto& transfer = transferOf(self);
+    if (const auto moved = received + sent; moved != transfer.bytesMoved_) {
+        transfer.bytesMoved_ = moved;
+        transfer.noteProgress();
+    }
+    return 0;
+}
+
+std::size_t CurlTransfer::receivedHeader(char* line, std::size_t size, std::size_t count, void* self) {
+    auto& transfer = transferOf(self);
+    transfer.noteProgress();
+    const std::string_view text(line, size * count);
+    if (text.starts_with("HTTP/")) {
+        transfer.headComplete_ = false;
+    } else if (text == "\r\n" || text == "\n") {
+        transfer.headComplete_ = true;
+    }
+    return text.size();
+}
+
+std::size_t CurlTransfer::receivedBody(char* bytes, std::size_t size, std::size_t count, void* self) {
+    auto& transfer = transferOf(self);
+    const std::string_view text(bytes, size * count);
+    if (text.size() > transfer.limits_.maximumAnswer - transfer.answer_.size()) {
+        transfer.tooLong_ = true;
+        return CURL_WRITEFUNC_ERROR;
+    }
+    transfer.answer_.insert(transfer.answer_.end(), text.begin(), text.end());
+    return text.size();
+}
+
+void CurlTransfer::ended(CURLcode code) {
+    underWay_ = false;
+    outcome_ = answerOrError(code);
+}
+
+CurlTransfer::Outcome CurlTransfer::answerOrError(CURLcode code) const {
+    if (tooLong_) {
+        return {{}, {}, urlError(UrlErrorCode::dataLengthExceedsMaximum)};
+    }
+    // The library takes the end of the connection for the end of the headers; and an abort is the third sending.
+    if ((code == CURLE_OK && !headComplete_) || code == CURLE_ABORTED_BY_CALLBACK) {
+        return {{}, {}, urlError(UrlErrorCode::networkConnectionLost)};
+    }
+    if (code != CURLE_OK) {
+        return {{}, {}, urlError(errorCodeFor(code))};
+    }
+    long status = 0;
+    curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
+    return {answer_, UrlResponse{status}, {}};
+}
+
+std::string CurlTransfer::connectedAddress() const {
+    char* address = nullptr;
+    return handle_ && curl_easy_getinfo(handle_.get(), CURLINFO_PRIMARY_IP, &address) == CURLE_OK && address ? address
+                                                                                                             : "";
+}
+
+Clock::Monotonic CurlTransfer::due() const {
+    // No time-out reaches beyond the total time, which also keeps a huge one from overflowing.
+    return std::min(lastProgress_ + std::min(request_.timeout, limits_.totalTime), cameToTurn_ + limits_.totalTime);
+}
+
+}  // namespace sentrova::platform

@@ -1,0 +1,88 @@
+// The files and folders of a POSIX host.
+
+#pragma once
+
+#include "foundation/files/FileSystem.h"
+#include "foundation/run/Mutex.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <functional>
+#include <optional>
+
+namespace sentrova::platform {
+
+// Each call to the host goes through a function of its own, so that a test can make any single call fail.
+class HostFileSystem : public FileSystem {
+  public:
+    HostFileSystem() = default;
+
+    Result<FileStatus> status(const std::string& path) override;
+    Result<FileStatus> linkStatus(const std::string& path) override;
+    Result<FileDescriptor> openForReading(const std::string& path) override;
+    Result<Data> read(const std::string& path) override;
+    Result<std::string> readText(const std::string& path) override;
+    Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
+                                 Durability durability) override;
+    Result<Done> append(const std::string& path, std::string_view text) override EXCLUDES(appending_);
+    Result<bool> endsWithLineFeed(const std::string& path) override;
+    Result<Done> createFile(const std::string& path) override;
+    Result<FileDescriptor> lock(const std::string& path, std::string_view content) override;
+    Result<Done> createFolder(const std::string& path) override;
+    Result<Done> restrictToOwner(const std::string& path) override;
+    Result<Done> remove(const std::string& path) override;
+    Result<Done> move(const std::string& from, const std::string& to) override;
+    Result<std::vector<std::string>> names(const std::string& folder) override;
+    Result<std::vector<std::string>> ownNames(const std::string& folder) override;
+    Result<Done> checkOwnFolder(const std::string& folder) override;
+    Result<Done> checkLinks(const std::string& path) override;
+    bool isTemporaryName(std::string_view name) const override;
+    std::ptrdiff_t readOnce(int descriptor, std::span<std::uint8_t> into) override;
+
+  protected:
+    // What a call of the host is made on: a name in a folder that is open, or a path (folder AT_FDCWD).
+    struct Location {
+        int folder = 0;
+        std::string name;
+        // The whole path, for a test to tell one call from another.
+        std::string path;
+    };
+
+    // The host's other calls, one each, below everything that repeats them or cleans up after them: here a test makes a
+    // single one fail. They answer as the host does, -1 or null with errno for a failure.
+    virtual int hostOpen(const Location& at, int flags, mode_t mode);
+    virtual std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content);
+    virtual int hostFlush(int descriptor);
+    virtual int hostRename(const Location& from, const Location& to);
+    virtual int hostRemove(const Location& at);
+    virtual int hostMakeFolder(const Location& at, mode_t mode);
+    virtual int hostStatus(const std::string& path, struct stat& status);
+    // Of a symbolic link itself.
+    virtual int hostLinkStatus(const Location& at, struct stat& status);
+    virtual DIR* hostOpenFolder(const std::string& path);
+
+  private:
+    struct Place;
+    struct Written;
+
+    static Location locationOf(const std::string& path);
+    Result<Place> placeOf(const std::string& path, const char* what);
+    Result<Place> targetPlaceOf(const std::string& path, const char* what);
+    Result<FileDescriptor> openOwnFolder(std::string folder, const char* what, const std::string& forPath);
+    std::optional<std::string> targetOf(const Location& link);
+    bool isLink(const std::string& path);
+    Result<Done> putInPlace(const Place& place, Durability durability, const std::function<int(int descriptor)>& fill);
+    Result<Done> moveToOtherVolume(const Place& from, const Place& to);
+    int copyContent(int from, int to);
+    template <class Content>
+    Result<Content> readWhole(const std::string& path);
+    FileDescriptor open(const Location& at, int flags, mode_t mode = 0);
+    int flush(int descriptor);
+    Written writeWhole(int descriptor, std::span<const std::uint8_t> content);
+
+    // Held over an append, so that taking back a failed one cannot cut another thread's text.
+    Mutex appending_{LockRank::log};
+};
+
+}  // namespace sentrova::platform

@@ -1,0 +1,50 @@
+// The clocks of the system.
+
+#pragma once
+
+#include "foundation/run/Mutex.h"
+#include "foundation/time/Clock.h"
+
+#include <functional>
+#include <map>
+#include <thread>
+#include <utility>
+
+namespace sentrova::platform {
+
+// One thread sleeps until the next timer is due, and does not wake without a timer. Safe from any thread.
+class SystemClock final : public Clock {
+  public:
+    SystemClock() = default;
+    // Ends the thread. The functions of timers that are not due yet are dropped without a call.
+    ~SystemClock() override;
+    SystemClock(const SystemClock&) = delete;
+    SystemClock& operator=(const SystemClock&) = delete;
+
+    // Starts the thread, and waits for it while the system grants none. Called at the start of the process: without the
+    // thread no timer would run, the one that tries a refused thread again among them. Where it has not been called,
+    // the first timer starts the thread.
+    void start() EXCLUDES(mutex_);
+
+    Date wallTime() override;
+    Monotonic monotonicTime() override;
+    TimerId schedule(Monotonic due, std::function<void()> function) override EXCLUDES(mutex_);
+    bool cancel(TimerId timer) override EXCLUDES(mutex_);
+
+  private:
+    using Key = std::pair<Monotonic, TimerId>;
+
+    bool tryStart() EXCLUDES(mutex_);
+    bool tryStartLocked() REQUIRES(mutex_);
+    void run() EXCLUDES(mutex_);
+
+    Mutex mutex_{LockRank::clock};
+    Condition changed_;
+    std::map<Key, std::function<void()>> timers_ GUARDED_BY(mutex_);
+    std::map<TimerId, Monotonic> dueById_ GUARDED_BY(mutex_);
+    TimerId lastId_ GUARDED_BY(mutex_) = 0;
+    bool stopped_ GUARDED_BY(mutex_) = false;
+    std::thread thread_ GUARDED_BY(mutex_);
+};
+
+}  // namespace sentrova::platform

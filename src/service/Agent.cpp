@@ -1,0 +1,187 @@
+#include "service/Agent.h"
+
+#include "collection/AuditCheck.h"
+#include "collection/EventCollectionSchedule.h"
+#include "collection/EventCollectorRealtime.h"
+#include "collection/EventSelection.h"
+#include "collection/currentLoginUtility.h"
+#include "core/GlobalConstants.h"
+#include "core/LogSource.h"
+#include "core/Utilities.h"
+#include "forwarding/EventForwarder.h"
+#include "forwarding/EventQueueGCD.h"
+#include "forwarding/SecurityUtil.h"
+#include "service/Installation.h"
+#include "sync/ServerCommunicator.h"
+
+#include <unistd.h>
+
+#include <string>
+
+namespace sentrova {
+
+namespace {
+
+constexpr LogSource kLog("AgentServiceHandler");
+
+constexpr std::string_view kBanner =
+    "**************************************************************************************";
+static_assert(kBanner.size() == 86);
+
+std::optional<std::string> decrypted(const std::string& cipherText, const std::string& passPhrase) {
+    const auto plain = SecurityUtil::decrypt(cipherText, passPhrase, "");
+    return plain ? *plain : std::nullopt;
+}
+
+template <class Made>
+std::shared_ptr<Made> named(std::shared_ptr<Made> operation, const char* name) {
+    operation->setName(name);
+    return operation;
+}
+
+}  // namespace
+
+void Agent::LoggedExceptions::report(std::string_view where, std::string_view what) {
+    constexpr LogSource kMain("main");
+    kMain.error("{}: {}", where, what);
+}
+
+TaskRegistry::Classes Agent::taskClasses() {
+    return {
+        {"EventCollectionSchedule", {{"start", [] { std::make_shared<EventCollectionSchedule>()->run(); }}}},
+        {"ServerCommunicator", {{"syncFromServer", [] { ServerCommunicator().syncFromServer(); }}}},
+        {"ScheduleHandler", {{"CheckEventDatasize", [] { ScheduleHandler::init()->CheckEventDatasize(); }}}},
+    };
+}
+
+Agent::Agent(const platform::Host& host, TaskRegistry::Classes tasks)
+    : clock_(host.clock),
+      files_(host.files),
+      cryptography_(host.cryptography),
+      encodings_(host.encodings),
+      directory_(host.directory),
+      auditPipe_(host.auditPipe),
+      auditCondition_(host.auditCondition),
+      fileSystem_(host.files),
+      dates_(host.clock, host.dates),
+      logFiles_(host.files, host.clock, *dates_),
+      logger_(logFiles_),
+      unhandled_(loggedExceptions_),
+      report_(host.files, std::string(GlobalConstants::CONF_PATH), EventSelection::knownNames()),
+      identities_(host.directory, host.clock),
+      configuration_(host.files, *identities_, decrypted),
+      transport_(*configuration_, host.session),
+      spool_(Spool::Surroundings{.configuration = *configuration_,
+                                 .transport = *transport_,
+                                 .files = host.files,
+                                 .clock = host.clock,
+                                 .dates = *dates_,
+                                 .notifications = *notifications_}),
+      loginHistory_(*configuration_, host.files, host.clock),
+      lastRead_(*configuration_, host.files, *notifications_),
+      background_(host.clock, *notifications_),
+      tasks_(background_),
+      registry_(std::move(tasks)),
+      schedule_(std::make_shared<ScheduleHandler>(tasks_, registry_, *configuration_, host.clock, *dates_)),
+      scheduleHandler_(*schedule_),
+      mainQueue_(host.clock),
+      self_(*this) {}
+
+Agent::~Agent() {
+    endThreads();
+}
+
+void Agent::endThreads() {
+    wakes_.reset();
+    mainQueue_->close();
+    tasks_.close();
+    background_.close();
+    console_->end();
+    spool_->close();
+    loginHistory_->close();
+    logFiles_.close();
+}
+
+bool Agent::initialize() {
+    logger_->load(*notifications_);
+    if (!Utilities::isSupportedOSVersion() || ::getuid() != 0) {
+        kLog.error("Agent cannot run because its either an unsupported version or the User is not a root");
+        // The keys, not numbers: the line has always read so.
+        kLog.error("Supported Version = {}.{}", GlobalConstants::MAJOR_VERSION, GlobalConstants::MINOR_VERSION);
+        return false;
+    }
+    // Before anything of the installation is touched.
+    lock_.emplace(fileSystem_);
+    // Before the configuration is loaded, which writes a file that is missing.
+    report_->check();
+    configuration_->load();
+    prepareFolders();
+    // Before the sync, which may take for ever: whoever installs the agent looks at the log before that.
+    AuditCheck::logState();
+    ServerCommunicator().syncAndApply();
+    openParts();
+    kLog.debug("AgentServiceHandler init Finished");
+    return true;
+}
+
+void Agent::prepareFolders() {
+    const auto folders = configuration_->snapshot();
+    const auto archive = folders->logsPath + "/archive";
+    Installation installation(fileSystem_);
+    installation.makeMissingFolder(folders->logsPath);
+    installation.makeMissingFolder(archive);
+    installation.checkFolder(folders->binPath);
+    for (const auto& folder : {folders->confPath, folders->logsPath, archive, folders->eventDataPath}) {
+        installation.checkFolder(folder);
+        installation.removeUnfinishedFiles(folder);
+    }
+}
+
+void Agent::openParts() {
+    EventQueueGCD::init();
+    currentLoginUtility::init();
+    lastRead_->open();
+}
+
+void Agent::run() {
+    kLog.info("{}", kBanner);
+    kLog.info("Going to Start Vantorix Sentrova Agent.");
+    kLog.info("{}", kBanner);
+    const auto mainQueue = mainQueue_->open();
+    if (mainQueue_->stopAsked()) {
+        kLog.info("The agent was stopped before its start; nothing is started");
+        return;
+    }
+    wakes_ = platform::WakeSource::make([this] { notifications_->post({Logger::kDidWakeNotification, nullptr, {}}); });
+    if (!wakes_) {
+        kLog.error("This system does not tell when it wakes; old logs are archived at the next start only");
+    }
+
+    logger_->validateLogSize();
+    logger_->rotateLog();
+
+    mainQueue_->add(named(ScheduleHandler::init(), "ScheduleHandler"));
+    mainQueue_->add(named(EventForwarder::init(), "EventForwarder"));
+    kLog.debug("Calling first schedule");
+    const auto batch = named(std::make_shared<EventCollectionSchedule>(), EventCollectionSchedule::kOperationName);
+    mainQueue_->add(batch);
+    // What the files hold comes before what the live device brings.
+    const auto realtime = named(std::make_shared<EventCollectorRealtime>(), EventCollectorRealtime::kOperationName);
+    mainQueue->addDependency(realtime, batch);
+    mainQueue_->add(realtime);
+    mainQueue->waitToFinish();
+}
+
+void Agent::stop() {
+    mainQueue_->stop();
+}
+
+void Agent::end() {
+    if (const auto events = spool_->lengthAtEnd(); events > 0) {
+        kLog.error("{} events in memory were not delivered and are given up by this stop", events);
+    }
+    // An addition of the last moment may still wait for its write.
+    loginHistory_->flush();
+}
+
+}  // namespace sentrova

@@ -1,0 +1,122 @@
+// The agent: everything that there is once, made in the order of the members and destroyed in the reverse order.
+//
+// A reader who wants to know what an agent consists of reads the members below from top to bottom: each part knows only
+// parts above it. Parts get what they need through their constructors. The operations of a class that take no object
+// (EventQueueGCD, DomainUtil, ...) reach the part that is published as the Current one.
+
+#pragma once
+
+#include "collection/Collections.h"
+#include "collection/ConsoleWatch.h"
+#include "collection/Identities.h"
+#include "collection/LastRead.h"
+#include "collection/LoginHistory.h"
+#include "core/ConfigurationCheck.h"
+#include "core/GlobalVariables.h"
+#include "core/LogFiles.h"
+#include "core/Logger.h"
+#include "core/PropertyListHandler.h"
+#include "forwarding/Spool.h"
+#include "forwarding/Transport.h"
+#include "foundation/run/BackgroundActivity.h"
+#include "foundation/run/Current.h"
+#include "foundation/run/NotificationCenter.h"
+#include "foundation/run/Unhandled.h"
+#include "foundation/time/DateFormat.h"
+#include "operations/MainQueue.h"
+#include "operations/ScheduleHandler.h"
+#include "operations/TaskList.h"
+#include "operations/TaskRegistry.h"
+#include "platform/Host.h"
+#include "platform/WakeSource.h"
+#include "service/AgentLock.h"
+
+#include <memory>
+#include <optional>
+#include <string_view>
+
+namespace sentrova {
+
+// One per process at a time. The constructor runs no program, writes no file and starts no thread.
+class Agent {
+  public:
+    // What the host refers to must outlive the agent.
+    explicit Agent(const platform::Host& host, TaskRegistry::Classes tasks = taskClasses());
+    // Ends the threads, then everything else. The agent's own program leaves without it: threads of the system may
+    // still run then.
+    ~Agent();
+    // What the tasks of `schedules.plist` may run.
+    static TaskRegistry::Classes taskClasses();
+
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
+
+    // See AgentServiceHandler.
+    bool initialize();
+    void run();
+    void stop();
+    void end();
+
+    // Ends the threads of all parts, each of which may use any other part until then.
+    void endThreads();
+
+  private:
+    // The log has a line for each exception that nobody else takes.
+    class LoggedExceptions final : public UnhandledExceptions {
+      public:
+        void report(std::string_view where, std::string_view what) override;
+    };
+
+    void openParts();
+    void prepareFolders();
+
+    // The host.
+    const Current<Clock>::Publication clock_;
+    const Current<FileSystem>::Publication files_;
+    const Current<Cryptography>::Publication cryptography_;
+    const Current<Encodings>::Publication encodings_;
+    const Current<platform::Directory>::Publication directory_;
+    const Current<platform::AuditPipeDevice>::Publication auditPipe_;
+    const Current<platform::AuditCondition>::Publication auditCondition_;
+    FileSystem& fileSystem_;
+
+    // The log.
+    Published<NotificationCenter> notifications_;
+    Published<DateFormat> dates_;
+    Published<PropertyListLock> propertyLists_;
+    LogFiles logFiles_;
+    Published<Logger> logger_;
+    LoggedExceptions loggedExceptions_;
+    const Current<UnhandledExceptions>::Publication unhandled_;
+
+    // The configuration.
+    std::optional<AgentLock> lock_;
+    Published<ConfigurationReport> report_;
+    Published<Identities> identities_;
+    Published<GlobalVariables> configuration_;
+
+    // Delivery.
+    Published<Transport> transport_;
+    Published<Spool> spool_;
+
+    // Collection.
+    Published<LoginHistory> loginHistory_;
+    Published<LastRead> lastRead_;
+    Published<BatchCollection> batch_;
+    Published<RealtimeCollection> realtime_;
+    Published<ConsoleWatch> console_;
+
+    // What runs.
+    BackgroundQueue background_;
+    TaskList tasks_;
+    TaskRegistry registry_;
+    std::shared_ptr<ScheduleHandler> schedule_;
+    const Current<ScheduleHandler>::Publication scheduleHandler_;
+    Published<MainQueue> mainQueue_;
+    // Tells the parts that wait for a date, and the log, when the machine has slept.
+    std::unique_ptr<platform::WakeSource> wakes_;
+
+    const Current<Agent>::Publication self_;
+};
+
+}  // namespace sentrova
