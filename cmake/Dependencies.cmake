@@ -7,11 +7,6 @@ find_package(nlohmann_json 3.11 REQUIRED)
 find_package(utf8cpp 3.2 REQUIRED)
 find_package(FastFloat 3.5 REQUIRED)
 
-# The TLS hooks of the agent are OpenSSL's, and the system's own libcurl has another library behind it.
-if(APPLE AND CURL_LIBRARIES MATCHES "libcurl[.0-9]*\\.tbd")
-    message(FATAL_ERROR "This is the system's libcurl; use a preset, which finds one with OpenSSL")
-endif()
-
 # The Mac's own frameworks that src/platform/darwin calls.
 set(SENTROVA_HOST_LIBRARIES "")
 if(APPLE)

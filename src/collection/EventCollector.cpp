@@ -263,8 +263,4 @@ void EventCollector::updateTime() {
     NotificationCenter::defaultCenter().post({EventQueueGCD::kTimeUpdateNotification, this, {}});
 }
 
-void EventCollector::storeTime() {
-    Current<LastRead>::get().store();
-}
-
 }  // namespace sentrova

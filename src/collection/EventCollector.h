@@ -39,9 +39,8 @@ class EventCollector final : public ConcurrentOperationAbstract {
     // Whether a trail file may hold records that have not been read: it was not modified before the last one.
     static bool shouldReadFile(const std::string& path);
 
-    // Announces that the time may be stored; stores it when it is newer than the stored one.
+    // Announces that the time may be stored, which stores it when it is newer than the stored one.
     void updateTime();
-    static void storeTime();
 
     // Whole seconds since 1970 of the newest record that was read; never goes back.
     static std::uint64_t LastTimeStamp();

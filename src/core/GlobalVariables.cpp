@@ -42,10 +42,12 @@ void take(const AgentSettings& settings, const Dictionary& mine, Configuration& 
 Configuration firstConfiguration(FileSystem& files) {
     Configuration first;
     static_cast<Folders&>(first) = presentFolders();
-    const auto contents = ConfigurationFiles::in(files, first.confPath);
-    const auto& server = contents.serverInfo.content;
+    const auto contentOfFile = [&](std::string_view name) {
+        return ConfigurationFile::at(files, inFolder(first.confPath, name)).content;
+    };
+    const auto server = contentOfFile(GlobalConstants::SERVER_INFO_FILE);
     static_cast<ServerSettings&>(first) = ServerSettings::from(server);
-    const auto& mine = contents.myConfigurations.content;
+    const auto mine = contentOfFile(GlobalConstants::MY_CONFIGURATIONS_FILE);
     take(AgentSettings::from(mine), mine, first);
     if (first.timeStampOfLastEvent.isNull()) {
         first.timeStampOfLastEvent = server[GlobalConstants::RECENT_EVENT_TIME_MILLIS];

@@ -237,17 +237,17 @@ TEST_F(EventCollectorTest, TimeIsStoredAsTextAndOnlyWhenItIsNewer) {
     EXPECT_EQ(GlobalVariables::getInstance().timeStampOfLastEvent(), Value("5000"));
 
     EXPECT_EQ(logged("Timestamps are less than or same"), 0);
-    EventCollector::storeTime();
+    Current<LastRead>::get().store();
     EXPECT_EQ(logged("[DEBUG]Timestamps are less than or same"), 1);
     myConfigurations.set("TimestampOfLastEvent", 6000);
     volume().writeConfiguration("myconfigurations.plist", myConfigurations);
-    EventCollector::storeTime();
+    Current<LastRead>::get().store();
     EXPECT_EQ(logged("[DEBUG]Timestamps are less than or same"), 2) << "what somebody else stored counts";
     EXPECT_EQ(volume().readConfiguration("myconfigurations.plist"), myConfigurations);
     myConfigurations.set("TimestampOfLastEvent", 100);
     myConfigurations.set("AgentAuthID", "");
     volume().writeConfiguration("myconfigurations.plist", myConfigurations);
-    EXPECT_NO_THROW(EventCollector::storeTime()) << "no identity can be loaded";
+    EXPECT_NO_THROW(Current<LastRead>::get().store()) << "no identity can be loaded";
     EXPECT_EQ(volume().readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"], Value("5000"));
 }
 

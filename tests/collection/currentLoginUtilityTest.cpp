@@ -127,7 +127,7 @@ TEST_F(currentLoginUtilityTest, AdditionsWithinATenthOfASecondShareAWriteAndSurv
     EXPECT_EQ(stored().size(), 3U);
 
     add("zo\xC3\xAB", 4);
-    EventCollector::storeTime();
+    Current<LastRead>::get().store();
     EXPECT_EQ(writes(), 3U) << "before a time is stored";
     EXPECT_EQ(stored().size(), 4U);
     currentLoginUtility::flush();

@@ -2,7 +2,7 @@
 
 #include "foundation/formats/FormatError.h"
 #include "foundation/formats/PropertyList.h"
-#include "foundation/time/Clock.h"
+#include "foundation/value/Date.h"
 #include "foundation/value/Text.h"
 
 #include <algorithm>

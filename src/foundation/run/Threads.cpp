@@ -67,12 +67,12 @@ void pauseForThreads() {
 }
 
 void retryUntilGranted(std::string_view where, const std::function<void()>& function) {
-    for (bool reported = false;; reported = true) {
+    for (bool isReported = false;; isReported = true) {
         try {
             function();
             return;
         } catch (const std::exception& exception) {
-            if (!reported) {
+            if (!isReported) {
                 reportException(where, exception.what());
             }
         }
