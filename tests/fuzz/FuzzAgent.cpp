@@ -1,6 +1,7 @@
 #include "fuzz/FuzzAgent.h"
 
 #include "fuzz/Fuzz.h"
+#include "platform/openssl/OpenSslCryptography.h"
 
 namespace sentrova::testing {
 
@@ -17,6 +18,9 @@ void FuzzAgent::prepare() {
 }
 
 FuzzAgent& FuzzAgent::fresh() {
+    // Makes the state of the library before the agent's threads begin, so that the state outlives them.
+    static const bool hasRandom = platform::makeOpenSslCryptography()->randomBytes(1).has_value();
+    require(hasRandom, "there is randomness");
     static FuzzAgent agent;
     static const auto start = agent.clock().wallTime();
     agent.endAgent();
