@@ -39,9 +39,7 @@ class Road : public AgentFixture {
     // Without a server on loopback the network is left out.
     explicit Road(const AuditServer* server = nullptr) : server_(server) {
         if (server) {
-            real_.emplace(clock());
-            real_->start();
-            host().otherSession = &*real_;
+            connect();
             serverInfo = loopbackConfiguration(server->port());
             serverInfo.set("NumberofEventsPerRequest", 3);
         }
@@ -157,7 +155,16 @@ class Road : public AgentFixture {
         forwarder_->cancel();
         EXPECT_TRUE(eventually([this] { return forwarder_.use_count() == 1; }));
         forwarder_.reset();
+        if (server_) {
+            // No completion comes when the session is gone.
+            connect();
+        }
         restart();
+    }
+    void connect() {
+        real_.emplace(clock());
+        real_->start();
+        host().otherSession = &*real_;
     }
 
     FakeUrlSession::Answer answer(const FakeUrlSession::Sent& sent) {
