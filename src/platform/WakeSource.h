@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "foundation/time/Clock.h"
+
 #include <functional>
 #include <memory>
 
@@ -13,8 +15,9 @@ class WakeSource {
     virtual ~WakeSource() = default;
 
     // The handler runs on a thread of the source's own after each wake, and where the host tells of that in one with
-    // it, after each time that somebody set the clock. Null when the host does not tell.
-    static std::unique_ptr<WakeSource> make(std::function<void()> handler);
+    // it, after each time that somebody set the clock. Null when the host does not tell. The clock must outlive the
+    // source.
+    static std::unique_ptr<WakeSource> make(Clock& clock, std::function<void()> handler);
 };
 
 }  // namespace sentrova::platform

@@ -55,14 +55,14 @@ TaskRegistry::Classes Agent::taskClasses() {
 }
 
 Agent::Agent(const platform::Host& host, TaskRegistry::Classes tasks)
-    : clock_(host.clock),
+    : host_(host),
+      clock_(host.clock),
       files_(host.files),
       cryptography_(host.cryptography),
       encodings_(host.encodings),
       directory_(host.directory),
       auditPipe_(host.auditPipe),
       auditCondition_(host.auditCondition),
-      fileSystem_(host.files),
       dates_(host.clock, host.dates),
       logFiles_(host.files, host.clock, *dates_),
       logger_(logFiles_),
@@ -111,7 +111,7 @@ bool Agent::initialize() {
         return false;
     }
     // Before anything of the installation is touched.
-    lock_.emplace(fileSystem_);
+    lock_.emplace(host_.files);
     // Before the configuration is loaded, which writes a file that is missing.
     report_->check();
     configuration_->load();
@@ -127,7 +127,7 @@ bool Agent::initialize() {
 void Agent::prepareFolders() {
     const auto folders = configuration_->snapshot();
     const auto archive = folders->logsPath + "/archive";
-    Installation installation(fileSystem_);
+    Installation installation(host_.files);
     installation.makeMissingFolder(folders->logsPath);
     installation.makeMissingFolder(archive);
     installation.checkFolder(folders->binPath);
@@ -152,7 +152,8 @@ void Agent::run() {
         kLog.info("The agent was stopped before its start; nothing is started");
         return;
     }
-    wakes_ = platform::WakeSource::make([this] { notifications_->post({Logger::kDidWakeNotification, nullptr, {}}); });
+    wakes_ = platform::WakeSource::make(host_.clock,
+                                        [this] { notifications_->post({Logger::kDidWakeNotification, nullptr, {}}); });
     if (!wakes_) {
         kLog.error("This system does not tell when it wakes; old logs are archived at the next start only");
     }

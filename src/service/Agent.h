@@ -71,6 +71,7 @@ class Agent {
     void prepareFolders();
 
     // The host.
+    const platform::Host host_;
     const Current<Clock>::Publication clock_;
     const Current<FileSystem>::Publication files_;
     const Current<Cryptography>::Publication cryptography_;
@@ -78,7 +79,6 @@ class Agent {
     const Current<platform::Directory>::Publication directory_;
     const Current<platform::AuditPipeDevice>::Publication auditPipe_;
     const Current<platform::AuditCondition>::Publication auditCondition_;
-    FileSystem& fileSystem_;
 
     // The log.
     Published<NotificationCenter> notifications_;

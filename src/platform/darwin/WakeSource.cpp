@@ -15,9 +15,9 @@ namespace {
 // acknowledgement. The handler runs on a queue of its own.
 class PowerSource final : public WakeSource {
   public:
-    explicit PowerSource(std::function<void()> handler)
+    PowerSource(Clock& clock, std::function<void()> handler)
         : handler_(std::move(handler)),
-          handlerQueue_("WakeSource"),
+          handlerQueue_("WakeSource", clock),
           messageQueue_(::dispatch_queue_create("com.kelvark.vantorix.wakesource", DISPATCH_QUEUE_SERIAL)) {}
 
     ~PowerSource() override {
@@ -71,8 +71,8 @@ class PowerSource final : public WakeSource {
 
 }  // namespace
 
-std::unique_ptr<WakeSource> WakeSource::make(std::function<void()> handler) {
-    auto source = std::make_unique<PowerSource>(std::move(handler));
+std::unique_ptr<WakeSource> WakeSource::make(Clock& clock, std::function<void()> handler) {
+    auto source = std::make_unique<PowerSource>(clock, std::move(handler));
     if (!source->listen()) {
         return nullptr;
     }

@@ -61,7 +61,7 @@ class ClockJumpSource final : public WakeSource {
 
 }  // namespace
 
-std::unique_ptr<WakeSource> WakeSource::make(std::function<void()> handler) {
+std::unique_ptr<WakeSource> WakeSource::make(Clock& /*clock*/, std::function<void()> handler) {
     FileDescriptor timer(::timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK));
     FileDescriptor wake(::eventfd(0, EFD_CLOEXEC));
     if (!timer || !wake || !ClockJumpSource::arm(timer.get())) {
