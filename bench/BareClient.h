@@ -1,4 +1,4 @@
-// Posts bodies with libcurl alone: the least that a delivery can cost.
+// Posts bodies with plain libcurl: the minimum cost of a delivery.
 
 #pragma once
 
@@ -7,7 +7,7 @@
 
 namespace sentrova::bench {
 
-// Connections are kept from one call to the next. For one thread.
+// Keeps its connections between calls. Not thread-safe.
 class BareClient {
   public:
     BareClient(std::string url, int connections);
@@ -15,7 +15,7 @@ class BareClient {
     BareClient(const BareClient&) = delete;
     BareClient& operator=(const BareClient&) = delete;
 
-    // Returns when every body has been answered 200; throws std::runtime_error on any other answer.
+    // Returns when every body has been answered with 200. Throws std::runtime_error on any other answer.
     void post(const std::vector<std::string>& bodies);
 
   private:

@@ -35,7 +35,7 @@ testing::Subject person(std::size_t i) {
             .address = "10.20.3.41"};
 }
 
-// A daemon without an audit user, under a deleted account.
+// The subject of a daemon without an audit user, under a deleted account.
 testing::Subject stranger(std::size_t i) {
     auto subject = person(i);
     subject.auditId = 0xFFFFFFFF;

@@ -47,12 +47,12 @@ class BenchVolume {
     static constexpr std::uint32_t kFirstUserId = 100'000;
     void addUsers(std::size_t count);
 
-    // Makes an agent in this process that uses this volume, with the state of a first start, in the place of the agent
-    // of any volume.
+    // Creates an agent in this process that uses this volume, with the state of a first start. Replaces the agent of
+    // any other volume.
     void enter();
-    // Destroys the agent, if it is this volume's.
+    // Destroys the agent if it belongs to this volume.
     void leave();
-    // The agents that are made from now on send to the session, which must outlive them.
+    // Agents created from now on use this session, which must outlive them.
     void useSession(UrlSession& session) { session_ = &session; }
 
   private:

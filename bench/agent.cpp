@@ -94,7 +94,7 @@ Json deliver(const LoopbackServer& server, const BenchVolume& volume, std::uint6
             {"events", server.arrived() - before}};
 }
 
-// The spool writes a full file when the next event arrives. So many more records give that one event.
+// The spool writes a full file when the next event arrives. This many additional records yield that one event.
 constexpr std::size_t kLastInMemory = 20;
 
 // How many events of a trail of that many records, and kLastInMemory more, reach the spool.
@@ -167,7 +167,7 @@ void runOutage(Results& results, const LoopbackServer& refusing, std::size_t lar
         const BenchVolume volume({.port = refusing.port()});
         addSpoolFiles(volume, files);
         RunningAgent agent(testing::build::kAgent, volume.files());
-        // The start is over, and the first deliveries have failed.
+        // The start has ended, and the first deliveries have failed.
         std::this_thread::sleep_for(time < 30s ? 2s : 5s);
         const auto before = processorSeconds(agent);
         std::this_thread::sleep_for(time);
@@ -198,8 +198,8 @@ void runLogLevels(Results& results, const LoopbackServer& server, std::size_t re
     }
 }
 
-// Counts the system calls for the log in the files of strace, one per thread. Each line of the log takes an openat,
-// whose result is the descriptor, a write and a close. A line that the end of the process has cut short is not counted.
+// Counts the system calls for the log in the files of strace, one per thread. Each log line takes an openat, whose
+// result is the descriptor, a write and a close. A line truncated by the end of the process is not counted.
 Json callsOf(const fs::path& folder, std::int64_t lines) {
     std::int64_t opens = 0;
     std::int64_t writes = 0;

@@ -41,7 +41,7 @@ std::string spoolFolder() {
     return folder ? folder : std::filesystem::temp_directory_path().string();
 }
 
-// Each volume is made once per process, because making it takes longer than a measurement.
+// Each volume is created once per process, because that takes longer than a measurement.
 BenchVolume& filterVolume(std::size_t records) {
     static BenchVolume volume({});
     static const auto trail = volume.addTrail("filter", records, Selected::none);
@@ -87,7 +87,7 @@ void collect(const std::string& name) {
     collector.start();
 }
 
-// Repeats that, each time with a fresh agent.
+// Repeats the pass, each time with a new agent.
 void collectEachTime(benchmark::State& state, BenchVolume& volume, const std::string& name) {
     for (auto _ : state) {
         state.PauseTiming();
@@ -161,7 +161,7 @@ void bareClient(benchmark::State& state) {
     }
 }
 
-// The agent's own session, counting the completions that have run.
+// The agent's own session. Counts the completions that have run.
 class CountingSession final : public UrlSession {
   public:
     CountingSession(Clock& clock, std::atomic<std::size_t>& completed) : session_(clock), completed_(completed) {

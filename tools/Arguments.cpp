@@ -18,7 +18,7 @@ bool contains(std::span<char* const> words, std::string_view wanted) {
     return std::ranges::any_of(words, [wanted](std::string_view word) { return word == wanted; });
 }
 
-// The status tells a full disk, or a pipe that nobody reads.
+// The status reports a failed write: a full disk, or a pipe without a reader.
 int answer(std::string_view text) {
     fmt::print("{}", text);
     return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
@@ -57,8 +57,7 @@ std::uint32_t Arguments::numberOf(std::string_view option, std::uint32_t least, 
 }
 
 UsageError unknownArgument(std::string_view argument) {
-    return UsageError(argument.starts_with("-") ? fmt::format("there is no option {}", argument)
-                                                : fmt::format("the argument \"{}\" is not expected", argument));
+    return UsageError(fmt::format("unknown argument \"{}\"", argument));
 }
 
 int runTool(std::string_view name, std::string_view usage, int argc, char** argv,

@@ -1,4 +1,4 @@
-// The command line of the tools, which all answer --help and --version and refuse wrong arguments alike.
+// The command line of the tools. All answer --help and --version, and reject wrong arguments in the same way.
 
 #pragma once
 
@@ -11,35 +11,35 @@
 
 namespace sentrova::testing {
 
-// The text says which argument is wrong, and why.
+// The text names the wrong argument and the reason.
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Hands out arguments one after another, as views of the texts that the process was given.
+// Hands out the arguments in order, as views of the process's argument texts.
 class Arguments {
   public:
     explicit Arguments(std::span<char* const> words) : words_(words) {}
 
-    // Nothing at the end.
+    // Returns nothing at the end.
     std::optional<std::string_view> next();
 
-    // The next argument, as the value of an option. Throws UsageError when it is missing or is an option itself.
+    // The next argument, as the value of `option`. Throws UsageError if it is missing or is itself an option.
     std::string_view valueOf(std::string_view option);
 
-    // Throws UsageError also for a value that is no decimal number of the range.
+    // The same for a decimal number. Also throws UsageError if the value is not one or not in the range.
     std::uint32_t numberOf(std::string_view option, std::uint32_t least, std::uint32_t most);
 
   private:
     std::span<char* const> words_;
 };
 
-// For an argument that the tool does not know.
+// The error for an unknown argument.
 UsageError unknownArgument(std::string_view argument);
 
-// The whole of a tool's main; returns the exit status. Prints the usage or the version when any argument asks for it,
-// with status 0; runs the tool otherwise. An exception becomes a message on standard error: with status 64 (sysexits'
-// "usage error") for a UsageError, with 1 for any other.
+// The body of a tool's main; returns the exit status. Prints the usage or the version, with status 0, if any argument
+// asks for it; otherwise runs the tool. An exception becomes a message on standard error, with status 64 (sysexits'
+// "usage error") for a UsageError and 1 for any other.
 int runTool(std::string_view name, std::string_view usage, int argc, char** argv,
             const std::function<void(Arguments)>& run);
 

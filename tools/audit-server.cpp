@@ -24,13 +24,13 @@ using namespace sentrova::testing;
 constexpr const char* kUsage =
     R"(usage: audit-server [--port N] [--https] [--client-certificate] [--answer FILE] [--table | --json | --quiet]
 
-  --port N              listen on this port of the loopback; 0, the default, takes any that is free
+  --port N              listen on this port of the loopback interface; 0, the default, takes any free port
   --https               speak TLS, with a certificate made at the start
   --client-certificate  ask clients for a certificate
-  --answer FILE         answer a configuration sync with this file, read anew each time; default {}. Given several
-                        times, the files are the answers one after another, and the last one stays
-  --table               show a line of a table for each event (the default)
-  --json                show each event as JSON, one a line
+  --answer FILE         answer each configuration sync with this file (default {}). It is read for each answer.
+                        If given several times, the files are used in turn, and the last one is repeated
+  --table               show each event as a line of a table (the default)
+  --json                show each event as JSON, one per line
   --quiet               show no events
   --help                this text
   --version             the version
@@ -72,12 +72,12 @@ Options optionsFrom(Arguments arguments) {
 
 void print(const std::string& line) {
     fmt::print("{}\n", line);
-    // Also into a pipe, each line as it comes.
+    // Line-buffered, so that a reader of a pipe gets each line at once.
     std::fflush(stdout);
 }
 
 void serve(Options options) {
-    // Blocked before there are threads, so that they reach none of them.
+    // Blocked before threads are created, so that no thread receives them.
     sigset_t endings;
     sigemptyset(&endings);
     sigaddset(&endings, SIGTERM);

@@ -1,5 +1,5 @@
-// Makes a Mac's system volume with a working day in its audit trails, and an installation of the agent beside it; and
-// keeps writing records to the audit pipe of one.
+// Creates a Mac's system volume with one working day in its audit trails, and an installation of the agent next to it.
+// Can also write records to the audit pipe of such a volume.
 
 #include "Arguments.h"
 #include "BuildPaths.h"
@@ -33,23 +33,23 @@ constexpr const char* kUsage =
     R"(usage: make-volume DIR [options]
        make-volume --live DIR [--per-second N] [--count N] [--seed N]
 
-Makes DIR/volume, what the agent reads of a Mac, with the audit trails of yesterday from 08:00 to 18:00,
-and DIR/agent, an installation. DIR must be empty or absent.
+Creates DIR/volume, the parts of a Mac's system volume that the agent reads, with audit trails of yesterday
+from 08:00 to 18:00, and DIR/agent, an installation. DIR must be empty or absent.
 
   --server-port N         port of the audit server (default 8080)
-  --scheme http|https     how the server is spoken to (default http)
-  --events-per-request N  events in one delivery (default 20)
+  --scheme http|https     protocol of the audit server (default http)
+  --events-per-request N  events per delivery (default 20)
   --realtime              collect from the audit pipe as well
   --log-level N           0 errors, 1 information, 2 debugging (default 1)
-  --seed N                another day (default 1)
+  --seed N                seed of the random day (default 1)
   --help                  this text
   --version               the version
 
-With --live it writes what people do just now to the audit pipe of the volume in DIR, which was made before, until it
-is stopped.
+With --live it writes records of current activity to the audit pipe of the existing volume in DIR, until it is
+stopped.
 
-  --per-second N          records a second (default 2)
-  --count N               ends after so many records
+  --per-second N          records per second (default 2)
+  --count N               stop after that many records
 )";
 
 struct Options {
@@ -91,7 +91,7 @@ Options parse(Arguments arguments) {
         } else if (options.folder.empty()) {
             options.folder = *argument;
         } else {
-            throw UsageError(fmt::format("one folder is enough, \"{}\" is another", *argument));
+            throw UsageError(fmt::format("only one folder is allowed, but there is also \"{}\"", *argument));
         }
     }
     if (options.scheme != "http" && options.scheme != "https") {
@@ -141,7 +141,7 @@ Dictionary serverInfo(const Options& options) {
     };
 }
 
-// The task list that an installation comes with.
+// The task list of a new installation.
 Dictionary shippedSchedules() {
     const auto bytes = platform::HostFileSystem().read(build::kShippedSchedules);
     const auto list = bytes ? PropertyList::parse(*bytes) : Result<Value>(bytes.error());
@@ -160,10 +160,11 @@ void configure(SystemVolume& volume, const Options& options) {
     volume.writeConfiguration("schedules.plist", shippedSchedules());
 }
 
-// Writes to the pipe at the given rate, for as long as wanted; a reader that leaves does not end it.
+// Writes records to the pipe at the given rate, until the count is reached or the process is ended. It continues when a
+// reader leaves.
 void live(const Options& options) {
     const auto path = options.folder + "/volume/dev/auditpipe";
-    // Open for reading as well: a FIFO without a reader would refuse its writer.
+    // Also opened for reading, so that opening and writing succeed without another reader.
     const FileDescriptor pipe(::open(path.c_str(), O_RDWR | O_CLOEXEC));
     if (!pipe) {
         throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));

@@ -1,5 +1,5 @@
-// A library to be preloaded into a program on Linux: while the file that REFUSE_THREADS_WHILE names exists, the program
-// gets no thread. Each refusal appends a dot to that file.
+// A library to preload into a program on Linux. While the file named by REFUSE_THREADS_WHILE exists, the program cannot
+// create threads. Each refusal appends a dot to the file.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's own are reserved names
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the library's own parameter names are reserved
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                               void* argument) {
     static const char* const path = std::getenv("REFUSE_THREADS_WHILE");  // NOLINT(concurrency-mt-unsafe)

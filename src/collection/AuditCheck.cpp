@@ -22,11 +22,11 @@ constexpr std::string_view kNoDevice =
 constexpr std::string_view kOff =
     R"(Auditing is off on this system, so no logon is recorded: see "Switch auditing on" in docs/macos.md)";
 
-// What keeps records from coming; nothing while the system audits.
+// Why no records can arrive; nothing while the system audits.
 std::optional<std::string> obstacle() {
     const auto state = Current<platform::AuditCondition>::get().state();
     if (!state) {
-        return fmt::format(R"(Whether auditing is on cannot be told ({}): see "Troubleshoot" in docs/macos.md)",
+        return fmt::format(R"(The state of auditing is unknown ({}): see "Troubleshoot" in docs/macos.md)",
                            state.error().description);
     }
     switch (*state) {

@@ -1,5 +1,5 @@
-// Tells an administrator in the log why no audit records come, and which page of the docs says what to do. macOS does
-// not audit unless it is told to (since version 14), and an agent that reads nothing looks like a quiet machine.
+// Logs why no audit records arrive, and which page of the docs tells the administrator what to do. Since version 14,
+// macOS does not audit unless auditing is switched on, and an agent without records looks like a quiet machine.
 
 #pragma once
 
@@ -7,15 +7,15 @@
 
 namespace sentrova {
 
-// Each call writes one line of level 0, or none when there is nothing to tell. From any thread.
+// Each call writes at most one line, at level 0. Safe from any thread.
 class AuditCheck {
   public:
     AuditCheck() = delete;
 
-    // For the start: nothing to tell while the system audits.
+    // Called at the start. Writes nothing while the system audits.
     static void logState();
 
-    // For a live device that could not be opened, with the system's reason. Always a line.
+    // Called if the live device could not be opened, with the system's reason. Always writes a line.
     static void logFailedOpening(std::string_view reason);
 };
 

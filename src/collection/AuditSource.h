@@ -1,4 +1,4 @@
-// An opened source of audit records: a closed trail file, or the live audit device.
+// An open source of audit records: a closed trail file, or the live audit device.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace sentrova {
 
-// Why a source cannot be read, under the name that the log gives to the reason; with the system's own words for it.
+// Why a source cannot be opened: the name of the failed step as the log shows it, and the system's own description.
 class AuditSourceError : public std::runtime_error {
   public:
     AuditSourceError(std::string name, const std::string& reason, std::string systemReason)
@@ -26,27 +26,27 @@ class AuditSourceError : public std::runtime_error {
     std::string systemReason_;
 };
 
-// Read by one thread; interrupted by any.
+// One thread reads; any thread may interrupt.
 class AuditSource final : public bsm::ByteSource {
   public:
     static constexpr const char* kPipe = "/dev/auditpipe";
 
-    // Opens a trail file, or the device, with its queue at the longest and logon and authentication events preselected.
-    // Throws AuditSourceError named "FileNotOpen", or after the request of the device that failed.
+    // Opens a trail file or the device. The device gets its longest queue, and preselects logon and authentication
+    // events. Throws AuditSourceError, named "FileNotOpen" or after the device request that failed.
     static std::unique_ptr<AuditSource> open(const std::string& path);
 
-    // Fails once the source was interrupted; a call that waits for the device then returns at once.
+    // Blocks for data. Returns -1 after an interrupt; a call that waits for the device then returns at once.
     std::ptrdiff_t read(std::span<std::uint8_t> into) override;
     void interrupt();
 
-    // Why the last read failed, as an error number; for the reading thread.
+    // The error number of the last failed read; 0 if there was none. For the reading thread only.
     int problem() const { return problem_; }
 
   private:
     AuditSource() = default;
 
     FileDescriptor file_;
-    // The device's alone: readable once the source was interrupted.
+    // A pipe that wakes a reader of the device. Its reading end is readable once the source is interrupted.
     FileDescriptor wakeReading_;
     FileDescriptor wakeWriting_;
     std::atomic<bool> interrupted_ = false;

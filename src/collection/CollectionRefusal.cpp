@@ -22,7 +22,8 @@ std::optional<std::string> CollectionRefusal::reason() {
         return "the spool has reached its size limit (MaxEventDataSize)";
     }
     const auto spool = Current<FileSystem>::get().checkOwnFolder(configuration.eventDataPath());
-    // A shortage of descriptors passes, and must not keep realtime collection from its only start.
+    // Other errors, such as a shortage of descriptors, are temporary. They must not keep realtime collection from its
+    // only start.
     if (spool) {
         return std::nullopt;
     }
@@ -30,7 +31,7 @@ std::optional<std::string> CollectionRefusal::reason() {
     if (code == ELOOP || code == ENOENT || code == ENOTDIR) {
         return description;
     }
-    kLog.error("{}; events are collected all the same", description);
+    kLog.error("{}; events are still collected", description);
     return std::nullopt;
 }
 

@@ -1,4 +1,4 @@
-// Says in the log why one of the two collections does not run, once until that changes.
+// Logs why one of the two collections does not run. Each reason is logged once, until it changes.
 
 #pragma once
 
@@ -11,14 +11,14 @@
 
 namespace sentrova {
 
-// One per kind of collection, for the whole process. Safe from any thread.
+// One object per kind of collection and process. Safe from any thread.
 class CollectionRefusal {
   public:
-    // Why nothing may be collected at present; nothing when it may. The agent is disabled, the spool is full, or the
-    // spool's folder cannot be used, so that events which are read would be lost.
+    // Returns why nothing may be collected now; nothing if collection may run. The reasons: the agent is disabled, the
+    // spool is full, or the spool folder cannot be used, so that events would be lost.
     static std::optional<std::string> reason();
 
-    // Notes whether the collection may run, and logs a new reason at level 0: "WHAT does not run: REASON".
+    // Records whether the collection may run, and logs a new reason at level 0: "WHAT does not run: REASON".
     void note(const LogSource& log, std::string_view what, const std::optional<std::string>& reason) EXCLUDES(mutex_);
 
   private:

@@ -1,4 +1,4 @@
-// What the operations of each of the two collections share.
+// The state that the operations of one kind of collection share.
 
 #pragma once
 
@@ -12,7 +12,7 @@ struct Collection {
     CollectionRefusal refusal;
 };
 
-// The agent has one of each, published as the Current ones.
+// The agent has one of each and publishes both as the Current ones.
 struct BatchCollection : Collection {};
 struct RealtimeCollection : Collection {};
 

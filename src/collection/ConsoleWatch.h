@@ -1,4 +1,4 @@
-// Watches the console for a change of its owner.
+// Watches the console and calls a callback when its owner may have changed.
 
 #pragma once
 
@@ -13,11 +13,12 @@ namespace sentrova {
 // Safe from any thread.
 class ConsoleWatch {
   public:
-    // Watches from now on, in the place of an earlier watch. The callback runs on a queue of the watch.
+    // Starts a watch and replaces an earlier one. The callback runs on the watch's own queue. Without a console nothing
+    // is watched.
     void begin(std::function<void()> callback) EXCLUDES(mutex_);
     // Stops watching.
     void suspend() EXCLUDES(mutex_);
-    // Waits for a callback in progress; none comes after that.
+    // Ends the watch. Waits for a callback in progress; none runs afterwards.
     void end() EXCLUDES(mutex_);
 
   private:

@@ -26,7 +26,7 @@ constexpr std::string_view kUserName = "UserName";
 constexpr std::string_view kAuditUser = "subject_audit-uid";
 constexpr std::string_view kRecordTime = "record_time";
 
-// Numbers of the record that are reported as signed.
+// Reports the number as signed.
 std::int64_t asInt(std::uint32_t value) {
     return static_cast<std::int32_t>(value);
 }
@@ -125,7 +125,7 @@ void Event::checkSecurityAgent() {
 void Event::checkAuthentication() {
     if (text == kTouchId) {
         if (GlobalVariables::getInstance().isRealTime()) {
-            // The record that names the user follows this one within moments.
+            // The record that names the user follows within moments.
             kLog.debug("Waiting for 3 sec");
             sleepFor(Current<Clock>::get(), kTouchIdWait);
             kLog.debug("completed Waiting for 3 sec");
@@ -160,7 +160,7 @@ void Event::addToLoginHistory(const Value& user) const {
 }
 
 void Event::checkDirectory() {
-    // Runs for an excluded event too, under the text of an absent name; the directory then knows nobody.
+    // Also runs for an excluded event. Its name is absent, so the look-up finds no user.
     const auto details = DomainUtil::getUserDetails(get(kUserName).description());
     if (!details) {
         return;
@@ -180,7 +180,7 @@ void Event::checkDirectory() {
 }
 
 std::string Event::description() const {
-    // As a dictionary, in which no character of the record's text can pass for a line of the log.
+    // Formatted as a dictionary, which escapes the record's text: it cannot imitate a line of the log.
     return Value(Dictionary{
                      {"eventType", eventType},
                      {"eventModifier", eventModifier},

@@ -1,7 +1,7 @@
-// One audit record: its fields as the trail reader finds them in the tokens, and the event that they make.
+// One audit record: its fields as the tokens give them, and the event dictionary made from them.
 //
-// Turning a record into an event also decides whether it is reported at all: records of logon bookkeeping only feed the
-// login history, and users that the directory knows as local are left out. For one thread, and once a record.
+// Making the event also decides whether it is reported. Some logon records only feed the login history, and events of
+// users that the directory knows as local are excluded. Not thread-safe; parsedEvent may be called once per object.
 
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace sentrova {
 
-// The numbers of the events that are treated in a way of their own.
+// The event numbers that need special treatment.
 struct AuditEventNumber {
     static constexpr std::uint16_t logout = 6153;
     static constexpr std::uint16_t lw_login = 45021;
@@ -24,7 +24,7 @@ struct AuditEventNumber {
 
 class Event {
   public:
-    // Identity fields of the record layout that no part reads.
+    // Fields of the identity token that the agent does not use.
     struct Signature {
         std::uint32_t signer_type = 0;
         std::uint8_t signing_id_truncated = 0;
@@ -33,13 +33,13 @@ class Event {
         std::vector<std::uint8_t> cdhash;
     };
 
-    // From the header token. The time is in whole seconds since 1970, in spite of its name.
+    // From the header token. timeStampInMs is in whole seconds since 1970, despite its name.
     std::uint8_t version = 0;
     std::uint16_t eventType = 0;
     std::uint16_t eventModifier = 0;
     std::uint64_t timeStampInMs = 0;
 
-    // From the subject token. The address is as the record has it, in network byte order.
+    // From the subject token. `addr` is in network byte order, as in the record.
     std::uint32_t auditId = 0;
     std::uint32_t effectiveUserID = 0;
     std::uint32_t effectiveGroupID = 0;
@@ -50,21 +50,22 @@ class Event {
     std::uint64_t port = 0;
     std::uint32_t addr = 0;
 
-    // From the return token: the value, and the error number of the audit format.
+    // From the return token: the value, and the error number in the audit format.
     std::uint32_t ret = 0;
     std::uint8_t status = 0;
 
-    // From the text token; absent when its bytes are not UTF-8, "" when there is none.
+    // From the text token: "" without a token, absent if its bytes are not UTF-8.
     std::optional<std::string> text = "";
 
-    // From the identity token; absent when there is none.
+    // From the identity token; absent without one.
     std::optional<std::string> signing_id;
     Signature signature;
 
-    // The event, or nothing when the record is not to be reported.
+    // Returns the event, or nothing if it must not be reported. Blocks for three seconds for a Touch ID record in
+    // realtime mode.
     std::optional<Dictionary> parsedEvent();
 
-    // The record's fields, for messages.
+    // The record's fields, for the log.
     std::string description() const;
 
   private:
@@ -76,7 +77,7 @@ class Event {
     void checkDirectory();
     void addToLoginHistory(const Value& user) const;
 
-    // Does nothing when the event is excluded; an empty value leaves the key out.
+    // Does nothing if the event is excluded. An empty value removes the key.
     void set(std::string_view key, Value&& value);
     Value get(std::string_view key) const;
     void exclude() { eventDict_.reset(); }

@@ -56,7 +56,7 @@ void EventCollectionSchedule::start() {
         return;
     }
     started();
-    // The task's pass and a queued one do not see each other in canStart.
+    // canStart does not detect a pass of the scheduled task, so two passes may get here. The second one waits.
     const ReaderSlot::Turn turn(collection().slot);
     if (isCancelled()) {
         return;

@@ -1,9 +1,9 @@
-// The operation that reads the trail files on the disk, one after another, the one modified longest ago first.
+// The operation that reads the trail files on disk, in the order of their modification times, oldest first.
 //
-// It runs queued on the main queue under the name "EventCollectionSchedule", and as the work of the scheduled task
-// "EventCollection", whose `start` is called directly. It does not start while the queued one reads, while the agent is
-// disabled, while the spool has reached its size limit, or while the spool's folder cannot be used. Of two passes that
-// were let in, the second one waits for the end of the first.
+// It runs on the main queue under the name "EventCollectionSchedule", and as the scheduled task "EventCollection",
+// which calls `start` directly. It does not start while the operation on the main queue is reading, while the agent is
+// disabled, while the spool has reached its size limit, or while the spool folder cannot be used. If two passes start
+// at once, the second one waits until the first has ended.
 
 #pragma once
 
@@ -21,7 +21,7 @@ class EventCollectionSchedule final : public ConcurrentOperationAbstract {
 
     bool canStart() override;
     void start() override;
-    // Ends the reading of the present file; the files after it are still read.
+    // Stops reading the current file. Later files are still read.
     void cancel() override;
 };
 

@@ -23,7 +23,7 @@ constexpr LogSource kProgress = kLog.in(LogCategory::Event);
 
 constexpr std::string_view kCurrentTrail = "/var/audit/current";
 
-// A text of a record, copied because it is stored; absent when it is not UTF-8.
+// Copies a text of a record, because the event stores it. Absent if it is not UTF-8.
 std::optional<std::string> stored(std::string_view text) {
     return isValidUtf8(text) ? std::optional(std::string(text)) : std::nullopt;
 }
@@ -64,7 +64,7 @@ EventCollector::EventCollector(const std::string& path, const std::optional<std:
         MutexLock lock(mutex_);
         auditFile_ = std::move(source);
     }
-    // Records of the second of the last event have been read, by whatever collector delivered it.
+    // Records of the last-read second have been read already, by whichever collector delivered them.
     Current<LastRead>::get().moveOnBySecond();
 }
 
@@ -113,8 +113,8 @@ std::uint64_t EventCollector::LastTimeStamp() {
 }
 
 bool EventCollector::shouldProcessRecord(std::uint16_t eventType, std::uint64_t withTimeStamp) const {
-    // The time moves on for a type that is not collected, too. What a cancelled reader may not move the time on for is
-    // left to the next reader.
+    // The time also moves forward for a type that is not collected. A cancelled reader does not move it, so a newer
+    // record is left to the next reader.
     return Current<LastRead>::get().admit(withTimeStamp, !isCancelled()) && eventsToRead_.contains(eventType);
 }
 
@@ -136,7 +136,7 @@ void EventCollector::readEvents() {
     kLog.info("Eventcollector readEvents called");
     kProgress.info("Eventcollecor reading events from {}", GlobalVariables::getInstance().timeStampOfLastEvent());
     try {
-        // Held here as well, so that a cancel from another thread does not close what is being read.
+        // A second reference, so that a cancel from another thread does not close the source during a read.
         if (const auto source = auditFile()) {
             readRecords(*source);
         }
@@ -158,7 +158,7 @@ void EventCollector::readRecords(AuditSource& source) {
                 break;
             }
             if (length == 0) {
-                kLog.error("A record of {} bytes at byte {} of {} is skipped: at most {} bytes are read",
+                kLog.error("A record of {} bytes at offset {} of {} is skipped; the limit is {} bytes",
                            reader.skippedLength(), reader.position(), path_, bsm::RecordReader::kMaximumRecordLength);
                 continue;
             }
@@ -173,8 +173,9 @@ void EventCollector::readRecords(AuditSource& source) {
 
 void EventCollector::readRecord(std::span<const std::uint8_t> record) {
     bsm::TokenReader tokens(record);
-    // Of the event that is being read. The event itself is made once it is known to be wanted: few are. Wanted is
-    // judged once: an admitted record is not given up when another reader moves the time on meanwhile.
+    // The header and event of the record being read. The event is only created once the record is known to be wanted,
+    // because few are. Each record is judged once: an admitted record stays admitted even if another reader moves the
+    // time forward meanwhile.
     std::optional<bsm::HeaderToken> header;
     std::optional<Event> event;
     while (tokens.left() > 0 && tokens.au_fetch_tok() == 0) {
@@ -236,8 +237,8 @@ void EventCollector::logEnd(const bsm::RecordReader& reader, const AuditSource& 
         const auto size = Current<FileSystem>::get().status(platform::systemPath(path_));
         const auto unread = size && size->isRegular && size->size >= reader.position() ? size->size - reader.position()
                                                                                        : reader.leftUnread();
-        kLog.error("{} bytes of {} are left unread: what is at byte {} is {}", unread, path_, reader.position(),
-                   end == End::kGarbage ? "no audit record" : "a record cut short");
+        kLog.error("{} bytes of {} are left unread: the data at offset {} is {}", unread, path_, reader.position(),
+                   end == End::kGarbage ? "not an audit record" : "a truncated record");
     }
 }
 

@@ -1,8 +1,9 @@
 // The operation that reads one audit source from start to end: a closed trail file, or the live audit device.
 //
-// It drops records that are older than the last event or whose type is not configured, and hands the event of every
-// other one to the spool. The time of the newest record read is one for the whole process; it makes collection
-// resumable across restarts, and is stored in `myconfigurations.plist` whenever "TimeUpdateNotification" is posted.
+// It drops records that are older than the newest record read, or whose type is not configured, and passes the event of
+// every other record to the spool. LastRead keeps the time of the newest record for the whole process, and stores it in
+// `myconfigurations.plist` whenever "TimeUpdateNotification" is posted, so that collection resumes there after a
+// restart.
 
 #pragma once
 
@@ -24,25 +25,25 @@ namespace sentrova {
 
 class EventCollector final : public ConcurrentOperationAbstract {
   public:
-    // Opens the source. A collector whose source cannot be opened, or need not be read, is cancelled at once. Without
-    // names every event is collected.
+    // Opens the source. If the source cannot be opened or need not be read, the collector is cancelled at once. Without
+    // names, every event type is collected.
     EventCollector(const std::string& path, const std::optional<std::vector<std::string>>& eventsToRead);
 
     // Reads on the calling thread until the source ends or the operation is cancelled.
     void start() override;
-    // From any thread: a reader that waits for the device ends at once, any other at its next record.
+    // May be called from any thread. A reader that waits for the device ends at once, any other at its next record.
     void cancel() override;
 
-    // Whether a record of the type and time (whole seconds since 1970) is to be collected. Moves the time on, unless
-    // the collector was cancelled.
+    // Whether a record of that type and time (whole seconds since 1970) is collected. Moves the last-read time forward,
+    // unless the collector was cancelled.
     bool shouldProcessRecord(std::uint16_t eventType, std::uint64_t withTimeStamp) const;
-    // Whether a trail file may hold records that have not been read: it was not modified before the last one.
+    // Whether a trail file may have unread records, that is, was not last modified before the last-read time.
     static bool shouldReadFile(const std::string& path);
 
-    // Announces that the time may be stored, which stores it when it is newer than the stored one.
+    // Posts the notification to store the last-read time, which is stored if it is newer than the stored one.
     void updateTime();
 
-    // Whole seconds since 1970 of the newest record that was read; never goes back.
+    // The last-read time: whole seconds since 1970 of the newest record read. It never moves back.
     static std::uint64_t LastTimeStamp();
 
   protected:
@@ -67,7 +68,7 @@ class EventCollector final : public ConcurrentOperationAbstract {
 
     const std::string path_;
     const EventSelection eventsToRead_;
-    // Of the reading thread.
+    // Used only by the reading thread.
     Counts counts_;
 
     mutable Mutex mutex_;

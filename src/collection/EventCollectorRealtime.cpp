@@ -17,6 +17,17 @@ RealtimeCollection& collection() {
 }
 }  // namespace
 
+// Start and cancel may run at once on different threads, and two operations may start at once.
+//
+// The slot holds the newest reader of all operations. The turn makes "is there a reader?" (canStart) and "here is mine"
+// (set) one step, so that only one reader reads the device.
+//
+// A cancel sets its flag first, then looks for a reader. If the reader is not in the slot yet, start sees the flag
+// afterwards and cancels the reader. If it is in the slot but not executing yet, cancel reaches it through reader_.
+// Otherwise that reader would begin and never end.
+//
+// At the spool's size limit the observation calls cancel, which also drops the observation. This operation then never
+// restarts. Only a fall below the limit that is observed before any cancel restarts the reading.
 EventCollectorRealtime::EventCollectorRealtime() : ConcurrentOperationAbstract("EventCollectorRealtime") {
     kLog.debug("EventCollectorRealtime init called");
 }
@@ -47,7 +58,7 @@ void EventCollectorRealtime::start() {
         kLog.error("EventCollectorRealtime didn't run because conditions didnot match");
         return;
     }
-    // A cancel that came before the reader was in its place found nothing to end.
+    // A cancel that came before the reader was in the slot found nothing to end.
     if (isCancelled()) {
         reader->cancel();
         MutexLock lock(mutex_);
@@ -59,7 +70,7 @@ void EventCollectorRealtime::start() {
 }
 
 std::shared_ptr<EventCollector> EventCollectorRealtime::makeReader() {
-    // Two operations may be queued at once: the second one decides when the first one's reader is in its place.
+    // See above: the check and the set of the slot are one step.
     const ReaderSlot::Turn turn(collection().slot);
     if (!canStart()) {
         return nullptr;
@@ -86,7 +97,7 @@ void EventCollectorRealtime::cancel() {
         MutexLock lock(mutex_);
         observation_.reset();
     }
-    // The flag first: a reader that is only being made is then ended by start.
+    // The flag first: start then cancels a reader that is not in the slot yet.
     cancelOperation();
     collection().slot.cancelExecuting();
     std::shared_ptr<EventCollector> reader;
@@ -94,7 +105,7 @@ void EventCollectorRealtime::cancel() {
         MutexLock lock(mutex_);
         reader = reader_;
     }
-    // One that is in its place but does not execute yet would otherwise begin, and never end.
+    // A reader that is in the slot but not executing yet.
     if (reader && !reader->isCancelled() && !reader->isFinished()) {
         reader->cancel();
     }

@@ -1,8 +1,9 @@
-// The operation that reads audit records as the system makes them, from the live audit device.
+// The operation that reads audit records from the live audit device while the system writes them.
 //
-// It starts only while realtime collection and the agent are enabled and the spool is below its size limit and in a
-// folder that can be used, and stops for good when that limit is reached: to read on, a new operation is queued. It
-// occupies its thread while it reads, and stays executing until it is cancelled, also when there is nothing to read.
+// It starts only if realtime collection and the agent are enabled, the spool is below its size limit, and the spool
+// folder can be used. It stops permanently when the spool reaches the limit; to continue, a new operation must be
+// queued. It blocks its thread while it reads. It stays executing until it is cancelled, even if the device could not
+// be opened.
 
 #pragma once
 
@@ -26,16 +27,16 @@ class EventCollectorRealtime final : public ConcurrentOperationAbstract,
     void start() override;
     void cancel() override;
 
-    // The size limit of the spool has been checked; only a real change of the flag counts.
+    // Observes the flag of the spool's size limit. Only a change of its value counts.
     void observeValueForKeyPath(const KeyValueChange& change);
 
   private:
-    // The reader of the device, in its place. Null, and the operation is finished, when it may not start.
+    // Creates the reader and puts it into the slot. Returns null if the operation may not start; it is finished then.
     std::shared_ptr<EventCollector> makeReader() EXCLUDES(mutex_);
 
     Mutex mutex_{LockRank::owner};
     Subscription observation_ GUARDED_BY(mutex_);
-    // The reader of the latest start.
+    // The reader of the last start.
     std::shared_ptr<EventCollector> reader_ GUARDED_BY(mutex_);
 };
 

@@ -1,4 +1,4 @@
-// Which audit events are collected, by the names that the configuration uses.
+// The audit event types to collect, by the names that the configuration uses.
 
 #pragma once
 
@@ -14,13 +14,13 @@ namespace sentrova {
 
 class EventSelection {
   public:
-    // Every event when there are no names. A name that is not known selects nothing.
+    // Without names, every type is selected. An unknown name selects nothing.
     explicit EventSelection(const std::optional<std::vector<std::string>>& names);
 
-    // The names that select something.
+    // All known names.
     static std::span<const std::string_view> knownNames();
 
-    // The names in the configured list, which are separated by commas and taken as they stand; an absent list has none.
+    // Splits the configured list at its commas. Names are not trimmed. Returns nothing for an absent list.
     static std::optional<std::vector<std::string>> split(const std::optional<std::string>& eventsToRead);
 
     bool contains(std::uint16_t eventType) const { return all_ || numbers_[eventType]; }

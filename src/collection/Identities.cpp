@@ -76,7 +76,7 @@ void Identities::remember(std::string_view key, const std::optional<std::string>
     }
 }
 
-// What the directory tool says; remembered as far as there is a cache.
+// Runs the directory tool. Its answer is remembered once setDomainName has been called.
 Identities::DomainBinding Identities::askDirectoryTool() {
     DomainBinding binding;
     try {
@@ -127,7 +127,7 @@ void Identities::setUserDetails(const std::string& user) {
     if (records->empty()) {
         return;
     }
-    // Of several records of the name, the last one counts.
+    // If several records have the name, the last one counts.
     Dictionary details;
     for (const auto* attribute : {DomainUtil::kODAttributeTypePrimaryNTDomain, DomainUtil::kODAttributeTypeUniqueID,
                                   DomainUtil::kODAttributeTypeSMBSID, DomainUtil::kODAttributeTypeRecordName}) {

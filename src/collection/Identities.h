@@ -1,5 +1,5 @@
-// Who is behind the numbers in audit records: the names of users and groups, what the directory knows of a user, and
-// the machine's place in its domain. DomainUtil describes what is remembered for how long.
+// Looks up the names behind the numbers in audit records: users, groups, directory details, and the machine's domain.
+// DomainUtil.h describes how long each is remembered.
 
 #pragma once
 
@@ -19,22 +19,22 @@
 
 namespace sentrova {
 
-// Safe from any thread. No lock is held while the directory, or its tool, is asked.
+// Safe from any thread. No lock is held during a call of the directory or its tool.
 class Identities final : public MachineNames {
   public:
-    // What is passed in must outlive the object.
+    // Both arguments must outlive the object.
     Identities(platform::Directory& directory, Clock& clock);
 
     std::optional<std::string> domainName() override EXCLUDES(mutex_);
     std::optional<std::string> hostName() override EXCLUDES(mutex_);
     void setDomainName(const std::optional<std::string>& domain) override EXCLUDES(mutex_);
 
-    // Null when the directory has no such user.
+    // Returns null if the directory has no such user.
     DomainUtil::UserDetails userDetails(const std::string& user) EXCLUDES(mutex_);
-    // Asks the directory and remembers what it knows of the user.
+    // Looks the user up in the directory and remembers the details.
     void setUserDetails(const std::string& user) EXCLUDES(mutex_);
 
-    // The account's name, or the number, signed, where there is no account.
+    // The account's name, or the id as a signed number if there is no account.
     std::string userName(std::uint32_t id);
     std::string groupName(std::uint32_t id);
 
@@ -54,9 +54,9 @@ class Identities final : public MachineNames {
     NameCache groupNames_;
 
     Mutex mutex_;
-    // The machine's domain and account. There is no cache until the configured domain has been stored.
+    // The machine's domain and account. Absent until setDomainName is called: nothing is remembered before that.
     std::optional<Dictionary> domain_ GUARDED_BY(mutex_);
-    // Bounded by the directory: only users that it has are stored.
+    // Bounded by the directory, because only its users are stored.
     std::unordered_map<std::string, DomainUtil::UserDetails> details_ GUARDED_BY(mutex_);
 };
 

@@ -47,7 +47,8 @@ void LastRead::store() noexcept {
 
 void LastRead::storeIfNewer() {
     const auto newest = static_cast<std::int64_t>(time());
-    // A stored time must not be ahead of the history: records before it are not read again.
+    // The history goes first: records before the stored time are not read again, so their additions to the history must
+    // be on disk.
     currentLoginUtility::flush();
     const auto path = fmt::format("{}/{}", configuration_.confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
     const MutexLock lock(mutex_);

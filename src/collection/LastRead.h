@@ -1,4 +1,4 @@
-// The time of the newest record that was read, and its storage in `myconfigurations.plist`.
+// The last-read time: the time of the newest record read, and its storage in `myconfigurations.plist`.
 
 #pragma once
 
@@ -14,27 +14,31 @@
 
 namespace sentrova {
 
-// Whole seconds since 1970. The time only moves forward, and makes collection resumable across restarts. Safe from any
-// thread.
+// Whole seconds since 1970; only moves forward. Safe from any thread.
+//
+// The time decides which records are new, for all readers of the process and across restarts. A record is admitted if
+// its time is not below the last-read time, so several records of one second are all admitted. A reader that is opened
+// moves the time forward by one second first: it cannot know which records of that second were delivered already, and
+// delivers none of them a second time. The price: records of that second that no reader has seen yet are dropped.
 class LastRead {
   public:
-    // What is passed in must outlive the object.
+    // All arguments must outlive the object.
     LastRead(GlobalVariables& configuration, FileSystem& files, NotificationCenter& notifications)
         : configuration_(configuration), files_(files), notifications_(notifications) {}
 
-    // Takes the configured time, and stores the time from now on whenever "TimeUpdateNotification" is posted.
+    // Loads the configured time. From then on, stores the time whenever "TimeUpdateNotification" is posted.
     void open();
 
     std::uint64_t time() const { return time_.load(std::memory_order_relaxed); }
 
-    // Whether a record of that time is not older than the newest one. In the same step the time moves forward to it; if
-    // it may not move, a newer record is refused.
+    // Returns true if the time is not below the last-read time, and moves the last-read time forward to it in the same
+    // atomic step. If mayMove is false, a newer time is refused.
     bool admit(std::uint64_t time, bool mayMove);
-    // The last second of all has no next one.
+    // Moves the time forward by one second. The largest time stays.
     void moveOnBySecond();
 
-    // Stores the time in the configuration when it is newer than what is stored there. Throws nothing: a configuration
-    // that cannot be loaded just now does not keep the time from its file.
+    // Stores the time if it is newer than the stored one. Never throws. A failed reload of the configuration does not
+    // keep the time from being written to the file.
     void store() noexcept EXCLUDES(mutex_);
 
   private:
@@ -46,7 +50,7 @@ class LastRead {
     NotificationCenter& notifications_;
     std::atomic<std::uint64_t> time_ = 0;
     Mutex mutex_{LockRank::transaction};
-    // The file that the stored time was read from. A file that has not changed since is not parsed again.
+    // The status of the file that stored_ was read from. An unchanged file is not parsed again.
     std::optional<FileStatus> readFrom_ GUARDED_BY(mutex_);
     std::int64_t stored_ GUARDED_BY(mutex_) = 0;
     Subscription observer_;

@@ -19,7 +19,8 @@ namespace {
 constexpr LogSource kLog("currentLoginUtility");
 
 constexpr const char* kConsole = "/dev/console";
-// A long history is written less often, so that additions that come fast cost the same each, however many there are.
+// Writing a long history takes longer. The time between two writes is at least ten times the duration of the last one
+// (and from 0.1 to 10 seconds), so that the cost per addition stays constant in a burst.
 constexpr int kTimesOfAWrite = 10;
 constexpr std::chrono::seconds kMostApart{10};
 
@@ -27,7 +28,7 @@ std::string historyFile() {
     return fmt::format("{}/{}", GlobalConstants::CONF_PATH, GlobalConstants::CURRENT_LOGINS_FILE);
 }
 
-// The entry for the console's present owner; nothing when the console cannot be looked at.
+// The entry for the console's current owner; nothing if the console cannot be examined.
 std::optional<Dictionary> consoleEntry() {
     const auto attributes = FileUtils::getFileAttributes(kConsole);
     kLog.debug("attr {}", attributes ? Value(*attributes) : Value());
@@ -55,7 +56,8 @@ void logAddition(std::int64_t key, const Dictionary& entry) {
 void logWritten(bool written) {
     kLog.debug("{:d}", written);
 }
-// The pruned history's own property-list form never comes about: number keys fit into none.
+// Each addition also logs a second write, of the pruned history as a property list. It never succeeds: a property list
+// cannot have number keys.
 void logPrunedWrite() {
     kLog.info("{:d}", false);
 }
@@ -105,7 +107,18 @@ std::optional<Dictionary> LoginHistory::find(std::int64_t time) {
     return found;
 }
 
-// One write for all that was added since the last one. The file keeps what the latest addition pruned.
+// An addition is written at once if the last write was long enough ago (writesApart_). Otherwise it waits for one
+// shared write, by a timer or a call of flush: a burst of logons costs a few writes, not one per logon.
+//
+// Either way an addition logs itself, the pruned keys, the result of the write and the result of the second write. Only
+// the order differs: an immediate write logs its result first. A shared write comes later and logs both results once
+// per addition.
+//
+// An immediate write takes its content before the pruning, so the file keeps pruned entries until the next write. A
+// shared write has the same effect: it adds pruned_, the entries that the latest addition removed.
+//
+// mutex_ guards the history and is held only briefly, so that look-ups do not wait for the disk. writeMutex_ is held
+// from taking the content until it is written, so that an older content never overwrites a newer one.
 void LoginHistory::flush() {
     const MutexLock writing(writeMutex_);
     KeyedArchive::Content content;
@@ -166,7 +179,7 @@ void LoginHistory::addAndWrite(std::int64_t key, const Dictionary& entry, std::i
     logPrunedWrite();
 }
 
-// The lock is held over the lines too, so that those of the write follow them.
+// The lock is also held while the lines are logged, so that the lines of the shared write follow them.
 void LoginHistory::addForLaterWrite(std::int64_t key, const Dictionary& entry, std::int64_t oldest) {
     MutexLock lock(mutex_);
     history_.insert_or_assign(key, entry);

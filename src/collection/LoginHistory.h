@@ -1,4 +1,4 @@
-// Who was logged on when. currentLoginUtility describes what the history is for.
+// The login history: who was logged on when. currentLoginUtility.h describes its purpose.
 
 #pragma once
 
@@ -19,28 +19,28 @@
 
 namespace sentrova {
 
-// Kept in memory and, as a keyed archive, in the file `currentLogins` of the configuration folder. Safe from any
-// thread.
+// In memory, and as a keyed archive in the file `currentLogins` of the configuration folder. Safe from any thread.
 class LoginHistory {
   public:
-    // What is passed in must outlive the object.
+    // All arguments must outlive the object.
     LoginHistory(GlobalVariables& configuration, FileSystem& files, Clock& clock);
     LoginHistory(const LoginHistory&) = delete;
     LoginHistory& operator=(const LoginHistory&) = delete;
 
-    // Loads the file and adds the present owner of the console. Once: a second call does nothing.
+    // Loads the file and adds the current owner of the console. Only the first call does anything.
     void open() EXCLUDES(mutex_);
 
     void addConsoleOwner() EXCLUDES(mutex_);
-    // The time is in seconds since 1970. Of two entries of one second the later one stays.
+    // `time` is in seconds since 1970. Of two entries in one second, the later one replaces the earlier one.
     void add(const Dictionary& entry, double time) EXCLUDES(mutex_);
-    // The latest entry at or before one second after the time.
+    // Returns the latest entry up to one second after `time` (seconds since 1970); nothing if there is none.
     std::optional<Dictionary> find(std::int64_t time) EXCLUDES(mutex_);
 
-    // Ends the thread that writes what was added; flush still does.
+    // Stops the writing thread. flush still works afterwards.
     void close() { writer_.close(); }
 
-    // One write for all that was added since the last one. The file keeps what the latest addition pruned.
+    // Writes all additions since the last write, in one write. The file keeps the entries that the latest addition
+    // pruned from memory.
     void flush() EXCLUDES(mutex_, writeMutex_);
 
   private:
@@ -65,14 +65,16 @@ class LoginHistory {
 
     Mutex mutex_{LockRank::file};
     KeyedArchive::Content history_ GUARDED_BY(mutex_);
-    // What the latest addition removed.
+    // The entries that the latest addition pruned.
     KeyedArchive::Content pruned_ GUARDED_BY(mutex_);
+    // The number of additions that are not in the file yet.
     std::size_t unwritten_ GUARDED_BY(mutex_) = 0;
+    // The timer of a write is set.
     bool writeTimed_ GUARDED_BY(mutex_) = false;
     std::optional<Clock::Monotonic> lastWrite_ GUARDED_BY(mutex_);
     Clock::Duration writesApart_ GUARDED_BY(mutex_) = kWritesApart;
 
-    // Last, so that its thread has ended before the rest goes.
+    // Declared last, so that its thread ends before the other members are destroyed.
     DispatchQueue writer_;
 };
 

@@ -1,4 +1,4 @@
-// The names of user or group ids, remembered for a short while.
+// A short-lived cache of user or group names.
 
 #pragma once
 
@@ -13,12 +13,14 @@
 
 namespace sentrova {
 
-// Remembers the name of an id for a minute, and for a second that an id has no name. Safe from any thread.
+// Remembers a name for a minute, and an id without a name for a second. Safe from any thread; lookUp is called without
+// the lock.
 class NameCache {
   public:
     // The clock must outlive the cache.
     explicit NameCache(Clock& clock) : clock_(clock) {}
 
+    // The name of the id, from the cache or from lookUp(id); nothing if it has no name.
     template <class LookUp>
     std::optional<std::string> find(std::uint32_t id, LookUp lookUp) EXCLUDES(mutex_) {
         if (id == kUnsetId) {
@@ -43,7 +45,7 @@ class NameCache {
         if (name) {
             names_.insert_or_assign(id, *name);
         } else {
-            // The ids come out of records, which may hold any number of them.
+            // Bounded here, because records may contain any number of unknown ids.
             if (nameless_.size() >= kMostNameless) {
                 nameless_.clear();
             }
@@ -53,7 +55,7 @@ class NameCache {
     }
 
   private:
-    // What a record holds in the place of an id that was never set.
+    // The value of an id that was never set.
     static constexpr std::uint32_t kUnsetId = 0xFFFFFFFF;
     static constexpr std::chrono::minutes kNameRemembered{1};
     static constexpr std::chrono::seconds kNamelessRemembered{1};
@@ -64,7 +66,7 @@ class NameCache {
     // Bounded by the directory.
     std::unordered_map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
     Clock::Monotonic emptiedAt_ GUARDED_BY(mutex_);
-    // Each with the time until which it is remembered.
+    // The time until which each is remembered.
     std::unordered_map<std::uint32_t, Clock::Monotonic> nameless_ GUARDED_BY(mutex_);
 };
 

@@ -1,4 +1,4 @@
-// Where the operations of one class keep the reader that any of them made last, so that another can cancel it.
+// Holds the newest reader of all operations of one class, so that any of them can cancel it.
 
 #pragma once
 
@@ -12,8 +12,8 @@ namespace sentrova {
 // Safe from any thread.
 class ReaderSlot {
   public:
-    // Held by one operation at a time; the others wait for it. Two readers at once would deliver records twice, and
-    // each would move the time of the newest record past records that the other has not read.
+    // Held by one operation at a time; the others wait. Two readers at once would deliver records twice, and each would
+    // move the last-read time past records that the other one has not read.
     class Turn {
       public:
         explicit Turn(ReaderSlot& slot) : slot_(slot) { slot_.beginTurn(); }
@@ -28,17 +28,18 @@ class ReaderSlot {
     void set(const std::shared_ptr<EventCollector>& reader) EXCLUDES(mutex_) {
         auto earlier = reader;
         MutexLock lock(mutex_);
-        // The earlier one goes after the lock.
+        // The earlier reader is destroyed after the lock is released.
         std::swap(reader_, earlier);
         lock.unlock();
     }
 
-    // Whether the reader reads, or is about to begin.
+    // Whether the reader is reading or about to begin.
     bool isBusy() EXCLUDES(mutex_) {
         const auto reader = get();
         return reader && !reader->isFinished() && !reader->isCancelled();
     }
 
+    // Cancels the reader if it is executing.
     void cancelExecuting() EXCLUDES(mutex_) {
         const auto reader = get();
         if (reader && reader->isExecuting()) {

@@ -1,8 +1,8 @@
-// Who was logged on when: a small history of console logins and logon records, for naming the user of events that do
-// not carry a name.
+// Who was logged on when: a small history of console logins and logon records. It gives a user to events that do not
+// name one.
 //
-// Kept in memory and, as a keyed archive, in the file `currentLogins` of the configuration folder, and pruned against
-// the time of the last event at each addition. Safe from any thread.
+// The history is in memory and, as a keyed archive, in the file `currentLogins` of the configuration folder. Each
+// addition removes entries that are older than the last event. Safe from any thread.
 
 #pragma once
 
@@ -17,26 +17,27 @@ class currentLoginUtility {
   public:
     currentLoginUtility() = delete;
 
-    // Loads the history and adds the present owner of the console. Comes before the first use by itself.
+    // Loads the history and adds the current owner of the console. Only the first call does anything.
     static void initialize();
-    // Watches the console from now on.
+    // Calls initialize and starts watching the console.
     static void init();
     // Stops watching the console.
     static void suspend();
 
-    // The console's attributes have changed.
+    // Called when the console's attributes have changed.
     static void gotChanges();
-    // Adds the present owner of the console.
+    // Adds the current owner of the console.
     static void getCurrentUser();
 
-    // The entry has the account's name under "uid", and for a console login a "gid". Of two entries of one second the
-    // later stays. Additions in quick succession share the writing of the file; see flush.
+    // The entry has the account's name under "uid", and for a console login its "gid". `withTimestamp` is in seconds
+    // since 1970. Of two entries in one second, the later one replaces the earlier one. Additions in quick succession
+    // share a write of the file; see flush.
     static void addToLoginHistory(const Dictionary& entry, double withTimestamp);
 
-    // The latest entry at or before one second after the time; nothing when there is none.
+    // Returns the latest entry up to one second after `time` (seconds since 1970); nothing if there is none.
     static std::optional<Dictionary> getLogonUserAtTime(std::int64_t time);
 
-    // Writes what was added and is not yet in the file.
+    // Writes the additions that are not in the file yet.
     static void flush();
 };
 

@@ -1,7 +1,12 @@
-// Which of the server's addresses a request goes to.
+// Which of the server's addresses the next request goes to. docs/protocol.md has the table.
 //
-// An address combines a connection (port and scheme) with a form of the host's name; the two are chosen independently.
-// Each connection is tried with all host forms before the next connection. docs/protocol.md has the table.
+// An address combines a connection (port and scheme) with a form of the host's name: 3 connections x 4 host forms = 12
+// addresses. The two parts are independent, so the relay's name may be combined with another connection's port. After a
+// failure the rotation moves to the next host form, and after the last host form to the next connection. It never
+// resets while the process runs, and a success keeps the address in use.
+//
+// Without a relay, connection 0 uses port and scheme of the agent connector, and host form 0 is the fully qualified
+// name. The rotation still visits all 12 positions, so some addresses come up more than once.
 
 #pragma once
 
@@ -14,12 +19,13 @@
 
 namespace sentrova {
 
-// The address of one request, all of it from one configuration. A text that is not configured reads "(null)".
+// The address of one request. All parts come from the same snapshot of the configuration. A text that is not configured
+// reads "(null)".
 struct ServerAddress {
     std::string scheme;
     std::string host;
     std::int64_t port = 0;
-    // The connection that is used in fact: without a relay, connection 0 is the agent connector.
+    // The connection in use. Without a relay, connection 0 gives agentConnector.
     ConnectionType type = ConnectionType::relay;
 
     friend bool operator==(const ServerAddress&, const ServerAddress&) = default;
@@ -32,27 +38,28 @@ struct AddressPosition {
 
     // 0 relay, 1 agent connector, 2 product connector.
     int currentPort = 0;
-    // 0 relay or else fully qualified name, 1 fully qualified name, 2 IP address, 3 short name.
+    // 0 relay name (fully qualified name without a relay), 1 fully qualified name, 2 IP address, 3 short name.
     int currentHostname = 0;
-    // No address has been chosen yet. The scheme is then the configured type's own: connection 0 has the relay's scheme
-    // even if there is no relay.
+    // True until the first address has been chosen. That address takes its scheme from the configured type: at
+    // connection 0 this is the relay's scheme, even without a relay.
     bool isFirst = false;
 
+    // The position where a process begins: host form 0 for the relay, host form 1 for the other connections.
     static AddressPosition first(ConnectionType type);
     AddressPosition next() const;
 };
 
-// The address at the position; depends on nothing else.
+// The address at the position. A pure function of its arguments.
 ServerAddress addressAt(const Configuration& configuration, AddressPosition position);
 
-// The position in use, which only moves forward. Safe from any thread.
+// The position in use, shared by all requests of the process. Safe from any thread.
 class AddressChoice {
   public:
-    // Begins at the first address of the configured type. The configuration must outlive the choice.
+    // Begins at the first position of the configured type. The configuration must outlive the object.
     explicit AddressChoice(GlobalVariables& configuration);
 
-    // The address in use, and the next one, which is in use from then on. Both are computed from the configuration of
-    // this moment, and set its type of connection.
+    // present returns the address in use. next moves to the next position first. Both use the configuration of this
+    // moment, and store the connection in use as the configuration's type.
     ServerAddress present() EXCLUDES(mutex_);
     ServerAddress next() EXCLUDES(mutex_);
 

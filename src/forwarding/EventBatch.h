@@ -1,4 +1,4 @@
-// A batch of events, kept as the JSON text that becomes of them.
+// A batch of events, stored as its JSON text.
 
 #pragma once
 
@@ -12,23 +12,24 @@
 
 namespace sentrova {
 
-// A tenth of the memory that the dictionaries of the events take, and written while the events are still at hand. For
-// one thread at a time.
+// The text takes a tenth of the memory of the event dictionaries. It is written when an event is added, so the
+// dictionary can be freed at once. Not thread-safe.
 class EventBatch {
   public:
-    // The text is the JSON of the event.
+    // `text` is the event as JSON.
     void add(const Dictionary& event, std::string_view text);
 
-    // The batch may be added to no more until it has been cleared.
+    // Completes the array and returns it. Afterwards call clear before the next add.
     const std::string& asArray() &;
     std::string asArray() &&;
 
-    // Keeps its memory for the next events of a burst.
+    // Empties the batch and keeps its memory for the next events of a burst.
     void clear();
 
     std::size_t size() const { return size_; }
 
-    // ", recorded from T to T", by which a person finds the events in the trails again; empty when they have no times.
+    // ", recorded from T to T" (seconds since 1970), so that an administrator can find the events in the trails. Empty
+    // if no event has a time.
     std::string recordedWhen() const;
 
   private:

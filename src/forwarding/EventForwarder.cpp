@@ -21,13 +21,13 @@ namespace {
 constexpr LogSource kLog("EventForwarder");
 constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
 
-// A quick look, for every file: the server gets no text that cannot be a batch of the spool.
+// A cheap check of every file: the server must not receive a text that cannot be a batch of the spool.
 bool looksLikeBatch(std::string_view data) {
     return data.starts_with('[') && data.ends_with(']') && isValidUtf8(data);
 }
 
-// Gives the events of a batch back to the spool, in their order. What turns out to be no batch is kept in a
-// file, since its own file is gone.
+// Returns the events of a batch to the spool, in their order. If the data turns out not to be a batch, it is written to
+// a file, because its original file has been deleted.
 void putBack(const std::string& data) {
     auto parsed = Json::parse(data, {data.size(), 512});
     auto* const events = parsed ? parsed->array() : nullptr;
@@ -39,12 +39,12 @@ void putBack(const std::string& data) {
         if (auto* const dictionary = event.dictionary()) {
             EventQueueGCD::enqueue(std::move(*dictionary));
         } else {
-            kLog.error("An entry of a batch that was not delivered is no event: {}", event);
+            kLog.error("An undelivered batch has an entry that is not an event: {}", event);
         }
     }
 }
 
-// What there is to do when a delivery has been answered, or has failed. On the session's delegate queue.
+// The completion of a delivery. Runs on the session's delegate queue.
 void finishDelivery(TransportEngine& engine, const std::string& sent, const std::optional<Data>& data,
                     const std::optional<UrlResponse>& response, const std::optional<Error>& error) {
     if (LogSource::isWritten(LogLevel::Debug)) {
@@ -62,7 +62,7 @@ void finishDelivery(TransportEngine& engine, const std::string& sent, const std:
     }
     kTraffic.error("{}", error ? error->description : "(null)");
     kTraffic.error("The delivery failed at {}", engine.describeFailure(response, error));
-    // The events must come back whatever happens here.
+    // An exception here must not keep the events from returning to the spool.
     runGuarded("EventForwarder", [&engine] {
         TransportEngine::setIsConnected(false);
         engine.tryOtherURL();
@@ -142,7 +142,7 @@ void EventForwarder::gotFilesToProcess(const Notification& notification) {
 
 void EventForwarder::gotEventsToProcess(const Notification& /*notification*/) {
     kLog.debug("Received Event Timeout notification");
-    // One delivery takes all events there are: while one waits for its turn, others would find nothing.
+    // One delivery takes all events in memory. While one is queued, further ones would find nothing.
     if (!eventsWait_.exchange(true)) {
         try {
             opQueue_.addBlockToQueue([self = shared_from_this()] { self->process(std::nullopt); });
@@ -159,7 +159,7 @@ void EventForwarder::process(const std::optional<FileUrl>& file) {
     try {
         isTaken = deliver(file);
     } catch (...) {
-        // Nothing was sent, and the file is still there.
+        // Nothing was sent, and the file still exists.
         if (file) {
             EventQueueGCD::announceAgain(*file);
         }
@@ -169,8 +169,7 @@ void EventForwarder::process(const std::optional<FileUrl>& file) {
         const bool deleted = FileUtils::deleteFile(file->path());
         kLog.info("Going to Delete the file {} {:d}", file->absoluteString(), deleted);
         if (Current<FileSystem>::get().linkStatus(file->path())) {
-            kLog.error("The file {} has been sent and is still there: it is sent again at the next start",
-                       file->path());
+            kLog.error("The file {} was sent but is still there; it is sent again after the next start", file->path());
         }
     }
 }
@@ -183,7 +182,7 @@ bool EventForwarder::deliver(const std::optional<FileUrl>& file) {
     if (!file) {
         eventsWait_ = false;
     }
-    // Made first: once the events have left the spool, a lack of memory would lose them.
+    // Allocated first: if memory ran out after the events have left the spool, they would be lost.
     const auto batch = std::make_shared<std::string>();
     auto data = EventQueueGCD::dequeue(file);
     if (!data) {
@@ -191,17 +190,17 @@ bool EventForwarder::deliver(const std::optional<FileUrl>& file) {
     }
     *batch = *std::move(data);
     if (file && !looksLikeBatch(*batch)) {
-        kLog.error("The file {} is no batch of events; it is left where it is", file->path());
+        kLog.error("The file {} is not a batch of events; it stays in the spool and is not sent", file->path());
         return false;
     }
     if (SendData(batch, std::move(slot))) {
         return true;
     }
     if (file) {
-        kLog.error("The file {} was not sent; it stays and is announced again", file->path());
+        kLog.error("The file {} was not sent; it stays in the spool and is retried", file->path());
         EventQueueGCD::announceAgain(*file);
     } else {
-        kLog.error("The events in memory were not sent; they go back into the spool");
+        kLog.error("The events in memory were not sent; they return to the spool");
         putBack(*batch);
     }
     return false;

@@ -1,9 +1,10 @@
-// The operation that delivers what the spool announces: one batch a request, one after another in the order of the
+// The operation that delivers the batches that the spool announces: one batch per request, in the order of the
 // announcements. It runs until it is cancelled.
 //
-// A delivery does not wait for the answer to the one before it, but no more are in flight at once than the session has
-// connections, so that a large backlog stays on the disk. What is not answered with 200 goes back into the spool. A
-// request that could not begin leaves its batch where it was: the file is announced again, events go back into memory.
+// A delivery does not wait for the answer to the previous one. At most kDeliveriesInFlight are in flight, one per
+// connection of the session, so that a large backlog stays on disk and not in memory. A batch that is not answered with
+// 200 returns to the spool. If a request cannot begin, its batch stays in the spool: a file is announced again, and
+// events return to memory.
 
 #pragma once
 
@@ -27,31 +28,32 @@ class EventForwarder final : public ConcurrentOperationAbstract, public std::ena
   public:
     static constexpr std::size_t kDeliveriesInFlight = 6;
 
+    // A new forwarder; uses the current NotificationCenter and Clock.
     static std::shared_ptr<EventForwarder> init();
 
     void start() override;
     void cancel() override;
 
-    // The observers of the spool's notifications; they only hand the work on.
+    // Observers of the spool's notifications. They only queue the delivery.
     void gotFilesToProcess(const Notification& notification);
     void gotEventsToProcess(const Notification& notification);
 
-    // One delivery: of the file, or of the events in memory. The file is deleted as soon as the request has begun. On
-    // the forwarder's own queue, where it may wait for an earlier answer.
+    // One delivery: the given file, or the events in memory. A file is deleted as soon as its request has begun. Runs
+    // on the forwarder's own queue and may block until an earlier delivery is answered.
     void process(const std::optional<FileUrl>& file);
 
-    // One of the deliveries in flight; freed with the last copy.
+    // One of the kDeliveriesInFlight places. Released with the last copy.
     using Slot = std::shared_ptr<void>;
 
-    // Posts one batch, or gives its events back to the spool while the server is not reachable. False, with a line in
-    // the log, when the request could not begin: the batch is still the caller's.
+    // Posts one batch, or returns its events to the spool while the server is not reachable. Returns false, with a line
+    // in the log, if the request could not begin; the batch is still the caller's.
     [[nodiscard]] bool SendData(const std::shared_ptr<const std::string>& data, Slot slot);
 
   private:
-    // Counts the deliveries in flight. The requests' completions may outlive the forwarder.
+    // Counts the deliveries in flight. A shared object, because completions of requests may outlive the forwarder.
     class Slots : public std::enable_shared_from_this<Slots> {
       public:
-        // Waits for a free one; null when the forwarder has been cancelled.
+        // Waits for a free place. Returns null if the forwarder has been cancelled.
         Slot take() EXCLUDES(mutex_);
         void close() EXCLUDES(mutex_);
 
@@ -66,14 +68,15 @@ class EventForwarder final : public ConcurrentOperationAbstract, public std::ena
 
     EventForwarder(NotificationCenter& notifications, Clock& clock);
 
-    // Whether the file, if one was given, has been sent or given back to the spool's memory.
+    // Returns true if the batch has been sent, or its events have returned to the spool's memory; a file can be deleted
+    // then.
     bool deliver(const std::optional<FileUrl>& file);
 
     NotificationCenter& notifications_;
     const std::shared_ptr<Slots> slots_ = std::make_shared<Slots>();
     Mutex observersMutex_{LockRank::owner};
     std::vector<Subscription> observers_ GUARDED_BY(observersMutex_);
-    // A delivery of what is in memory waits on the queue: a slow server must not make one for each event pile up.
+    // A delivery of the events in memory is queued. While a server is slow, not every event may queue another one.
     std::atomic<bool> eventsWait_ = false;
     OperationsHandler opQueue_;
 };

@@ -1,4 +1,4 @@
-// Calls a block whenever the attributes of one file change: its owner, group, mode or times. Writing to it does not
+// Calls a block whenever the attributes of one file change: owner, group, mode or times. A write to the file does not
 // count.
 
 #pragma once
@@ -12,19 +12,19 @@
 
 namespace sentrova {
 
-// The callback runs on the watcher's own serial queue, once for each batch of changes. The interface is for one thread
-// at a time.
+// The callback runs on the watcher's own serial queue, once per batch of changes. The functions are not thread-safe.
 class FileWatcher {
   public:
-    // Null when the path cannot be opened. The watcher listens only from startListening on.
+    // Returns null if the path cannot be opened. The watcher is idle until startListening.
     static std::unique_ptr<FileWatcher> initWithPath(const std::string& path, std::function<void()> andCallback);
 
     ~FileWatcher();
     FileWatcher(const FileWatcher&) = delete;
     FileWatcher& operator=(const FileWatcher&) = delete;
 
+    // Returns false if the host refuses the watch.
     bool startListening();
-    // Stops watching for good: to watch again, make a new watcher.
+    // Stops watching permanently. To watch again, create a new watcher.
     void suspend();
 
     const std::string& watchedPath() const { return watchedPath_; }
@@ -34,7 +34,7 @@ class FileWatcher {
 
     const std::string watchedPath_;
     DispatchQueue queue_;
-    // After the queue, so that it has ended before the queue goes.
+    // Declared after the queue, so that it is destroyed first.
     std::unique_ptr<platform::VnodeSource> source_;
 };
 

@@ -1,4 +1,4 @@
-// Which HTTP method and path each kind of message has.
+// The HTTP method and path of each message type.
 
 #pragma once
 
@@ -12,11 +12,11 @@ enum class MessageType : std::int64_t { eventDelivery = 0, configurationSync = 1
 
 class MsgConfiguration {
   public:
-    // The same object, filled for the type; both texts are absent for a type that there is not.
+    // Sets method and path for the type and returns the object. Both are absent for an unknown message type.
     MsgConfiguration& getMessageConfiguration(MessageType type);
 
     const std::optional<std::string>& method() const { return method_; }
-    // The path, to be appended to the server's base URL.
+    // The path, relative to the server's base URL.
     const std::optional<std::string>& URL() const { return URL_; }
 
   private:

@@ -18,7 +18,7 @@ namespace {
 constexpr auto kKeyBytes = Cryptography::kKeyBytes;
 constexpr auto kBlockBytes = Cryptography::kBlockBytes;
 
-// The statuses of the platform's cipher call.
+// The status codes of the platform's cipher call.
 enum class CipherStatus : std::int64_t {
     paramError = -4300,
     alignmentError = -4303,
@@ -29,7 +29,7 @@ enum class CipherStatus : std::int64_t {
 
 Error failed(CipherStatus status) {
     const auto code = static_cast<std::int64_t>(status);
-    // The text that the platform gives to an error that carries nothing but domain and code.
+    // The platform's text for an error that has only a domain and a code.
     return {SecurityUtil::kEncryptionError, code,
             fmt::format("The operation couldn’t be completed. ({} error {}.)", SecurityUtil::kEncryptionError, code)};
 }

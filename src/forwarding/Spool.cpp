@@ -23,7 +23,7 @@ constexpr std::chrono::seconds kEventsAnnouncedAgain{30};
 constexpr std::string_view kFilePrefix = "event_";
 constexpr std::string_view kUndeliveredPrefix = "undelivered_";
 
-// Shortages that pass, unlike a file that is damaged or forbidden.
+// A temporary shortage, unlike a damaged or forbidden file.
 bool isShortage(const Error& error) {
     return error.code == EMFILE || error.code == ENFILE || error.code == ENOMEM;
 }
@@ -45,7 +45,7 @@ void Spool::open() {
     kLog.info("EventQueueGCD queueData initialised");
 }
 
-// Whether every observer took it.
+// Returns false if an observer threw an exception.
 bool Spool::post(std::string_view name, Dictionary userInfo) {
     return with_.notifications.post({name, EventQueueGCD::identity(), std::move(userInfo)});
 }
@@ -127,7 +127,7 @@ std::optional<std::string> Spool::readFile(const FileUrl& file) {
         keepForNextRound(name);
         return std::nullopt;
     }
-    // The caller sends it now: another announcement would find no file.
+    // The caller sends this file now. A second announcement would find no file.
     waiting_.remove(name);
     announceNext();
     kLog.info("Going to read from file {}", file.path());
@@ -157,8 +157,13 @@ std::optional<std::string> Spool::takeEvents() {
     return std::move(batch).asArray();
 }
 
-// Announces waiting files until enough of them are on their way. Not while a round is pending: those that were
-// refused go first.
+// Announces waiting files, the first name first, until kFilesAnnounced are announced and not yet read. Each file that
+// `dequeue` reads makes room for the next one.
+//
+// A refused file (server not reachable, request could not begin, shortage of descriptors or memory, observer failed)
+// returns to the waiting names, and the next round starts within ten seconds. Until then nothing is announced: the
+// refused files are usually the oldest ones, and newer files must not overtake them. During an outage a round therefore
+// costs one portion of announcements, however many files wait.
 void Spool::announceNext() {
     while (!roundPending_ && announced_.size() < EventQueueGCD::kFilesAnnounced) {
         const auto name = waiting_.takeFirst();
@@ -174,8 +179,8 @@ void Spool::announceNext() {
     }
 }
 
-// Waiting files are re-announced together, so that they are sent in name order after an outage. Separate timers per
-// file would lose that order.
+// Refused files share one timer and are announced together, so that they are sent in name order after an outage. A
+// timer per file would lose that order.
 void Spool::keepForNextRound(const std::string& name) {
     waiting_.add(name);
     if (!std::exchange(roundPending_, true)) {
@@ -186,8 +191,8 @@ void Spool::keepForNextRound(const std::string& name) {
     }
 }
 
-// One announcement at a time: every event asks for one ten seconds after it came, and while the server is away for
-// a day, one for each of them would go round and round.
+// Only one repeated announcement is pending at a time. Each event causes one announcement after ten seconds. If each of
+// those were repeated while the server is down for a day, they would pile up without end.
 void Spool::announceEventsAgain() {
     kLog.debug("Created Event notification again");
     if (!std::exchange(eventsAnnouncedAgain_, true)) {
@@ -198,7 +203,12 @@ void Spool::announceEventsAgain() {
     }
 }
 
-// Notes one more pair of delayed notifications. There is one timer, for the pairs that fall due next.
+// Each event is followed, ten seconds later, by a pair of notifications: deliver the events in memory, then store the
+// time of the last event. Pairs are not merged: n events cause n pairs. DelayedPairs counts the pairs, and one timer,
+// set for the next due time, serves them all.
+//
+// The pairs have their own mutex, so that this function, which runs on the caller's thread, does not wait for the queue
+// a second time.
 void Spool::announceLater() {
     const auto due = with_.clock.monotonicTime() + kAnnouncedAfter;
     MutexLock lock(pairsMutex_);
@@ -208,14 +218,18 @@ void Spool::announceLater() {
     }
 }
 
-// Without memory for the timer, the next event asks for it again.
+// If setting the timer throws for lack of memory, the flag stays unset and the next event tries again.
 void Spool::setPairsTimerLocked(Clock::Duration delay) {
     dispatchQueue_.after(delay, [this] { postDuePairs(); });
     pairsTimed_ = true;
 }
 
-// Posts one pair and gives up its turn on the queue, so that the observers' hand-overs get theirs between two
-// pairs.
+// Posts one pair per turn and queues itself for the next pair. A loop over all pairs of a burst would block the queue
+// for its whole duration. `enqueue` and `dequeue` wait for the queue, so collection, and the deliveries that these
+// notifications start, would stop meanwhile.
+//
+// A turn that finds no due pair ends the chain and sets the timer for the next run. pairsTimed_ is true as long as a
+// turn or a timer is pending, so there is never a second chain.
 void Spool::postDuePairs() {
     const auto now = with_.clock.monotonicTime();
     MutexLock lock(pairsMutex_);
@@ -232,10 +246,11 @@ void Spool::postDuePairs() {
     }
 }
 
-// Gives every batch a name of its own: the present millisecond or, when that is taken, the next free one.
+// Returns an unused file name: the current millisecond or, if that is taken, the next free one.
 std::string Spool::nextFileName() {
     auto stamp = std::chrono::floor<std::chrono::milliseconds>(with_.clock.wallTime());
-    // A clock that was set back far does not keep names in the future.
+    // If the clock is set back by less than an hour, names continue after the latest one and so keep their order. If it
+    // is set back further, names follow the clock again.
     if (stamp <= lastStamp_ && lastStamp_ - stamp < std::chrono::hours(1)) {
         stamp = lastStamp_ + std::chrono::milliseconds(1);
     }
@@ -258,7 +273,7 @@ void Spool::keepUndelivered(const std::string& data) {
         path = fmt::format("{}_{}", first, number);
     }
     constexpr LogSource kForwarder("EventForwarder");
-    kForwarder.error("A batch that was not delivered is no JSON array; its {} bytes are kept in {}", data.size(), path);
+    kForwarder.error("An undelivered batch is not a JSON array; its {} bytes are kept in {}", data.size(), path);
     const auto written = with_.files.writeAtomically(path, bytesOf(data), FileSystem::Durability::renamed);
     if (!written) {
         kForwarder.error("The {} bytes are lost: {}", data.size(), written.error().description);

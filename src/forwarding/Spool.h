@@ -1,5 +1,4 @@
-// The spool between collection and delivery: a batch of events in memory, and full batches as files. EventQueueGCD
-// describes what it does.
+// The spool between collection and delivery. EventQueueGCD.h describes its behaviour and its files.
 
 #pragma once
 
@@ -30,7 +29,7 @@ namespace sentrova {
 // Safe from any thread.
 class Spool {
   public:
-    // What the spool works with; all of it must outlive the spool.
+    // Everything that the spool uses. All of it must outlive the spool.
     struct Surroundings {
         GlobalVariables& configuration;
         Transport& transport;
@@ -40,13 +39,13 @@ class Spool {
         NotificationCenter& notifications;
     };
 
-    // Makes nothing on the disk yet: see open.
+    // Touches no file; see open.
     explicit Spool(const Surroundings& with);
     Spool(const Spool&) = delete;
     Spool& operator=(const Spool&) = delete;
 
-    // Makes the folder of the spool, and asks for the time to be stored thirty seconds from now. Once: a second call
-    // does nothing.
+    // Creates the spool folder, and posts kTimeUpdateNotification thirty seconds later. Only the first call does
+    // anything.
     void open();
 
     void enqueue(Dictionary event) EXCLUDES(pairsMutex_);
@@ -54,13 +53,13 @@ class Spool {
     void announceFiles();
     void announceAgain(const FileUrl& file);
 
-    // Ends the thread that posts.
+    // Stops the posting thread before the objects it uses are destroyed.
     void close() { dispatchQueue_.close(); }
 
     std::size_t length();
     std::size_t lengthAtEnd() const { return length_; }
 
-    // Keeps the bytes of a file that turned out to hold no batch, and is gone, in a file of their own.
+    // Writes the bytes of a deleted spool file that turned out not to be a batch to an "undelivered_" file.
     void keepUndelivered(const std::string& data) EXCLUDES(undeliveredMutex_);
 
   private:
@@ -82,28 +81,30 @@ class Spool {
     const Surroundings with_;
     std::atomic<bool> isOpen_ = false;
 
-    // Only on the queue.
+    // Used only on the queue.
     EventBatch queueData_;
-    // The time in the name of the newest file.
+    // The time stamp in the newest file name.
     std::chrono::sys_time<std::chrono::milliseconds> lastStamp_;
-    // As many as the spool has files, which its size limit bounds.
+    // At most one name per spool file; the spool's size limit bounds them.
     WaitingFiles waiting_;
-    // The names of those that observers have taken and not yet asked for; none of them waits.
+    // The names of files that are announced and not yet read. None of them is in waiting_.
     std::set<std::string> announced_;
+    // The timer of the next round of announcements is set.
     bool roundPending_ = false;
     bool eventsAnnouncedAgain_ = false;
 
-    // The size of queueData_, for readers that cannot wait for the queue.
+    // The size of queueData_, for readers that must not wait for the queue.
     std::atomic<std::size_t> length_ = 0;
 
     Mutex pairsMutex_;
     DelayedPairs pairs_ GUARDED_BY(pairsMutex_);
+    // A timer or a turn of postDuePairs is pending.
     bool pairsTimed_ GUARDED_BY(pairsMutex_) = false;
 
-    // Two such files of one second do not share a name: together they might read as one.
+    // Held while a name is chosen and its file written, so that two files of one second get different names.
     Mutex undeliveredMutex_{LockRank::file};
 
-    // Last, so that its thread has ended before what it works on goes.
+    // Declared last, so that its thread ends before the other members are destroyed.
     DispatchQueue dispatchQueue_;
 };
 

@@ -1,4 +1,4 @@
-// What all requests to the audit server share: the session, the address in use, and whether the server is believed
+// Shared by all requests to the audit server: the session, the address in use, and whether the server is believed to be
 // reachable.
 
 #pragma once
@@ -14,7 +14,7 @@ namespace sentrova {
 // Safe from any thread.
 class Transport {
   public:
-    // What is passed in must outlive the object.
+    // Both arguments must outlive the object.
     Transport(GlobalVariables& configuration, UrlSession& session)
         : configuration_(configuration), session_(session), choice_(configuration) {}
 
@@ -22,9 +22,9 @@ class Transport {
     UrlSession& session() { return session_; }
     AddressChoice& addresses() { return choice_; }
 
-    // True at first, so that a delivery is attempted.
+    // Initially true, so that a first delivery is attempted.
     bool isConnected() const { return connected_; }
-    // A change is recorded with the connection in use in `myconfigurations.plist`.
+    // A change of the flag stores the connection in use in `myconfigurations.plist`.
     void setIsConnected(bool flag);
 
   private:

@@ -20,7 +20,8 @@ constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
 
 constexpr std::chrono::seconds kRequestTimeout{30};
 
-// What is between "//" and the port must be the host's name and nothing else: the configuration comes from outside.
+// The text between "//" and the port must be a plain host name: the configuration comes from outside, and a character
+// like "/" or "@" would change the meaning of the URL.
 bool isHostName(const std::string& name) {
     return !name.empty() && std::ranges::all_of(name, [](char c) {
         return static_cast<unsigned char>(c) > ' ' && c != 0x7F &&
@@ -64,7 +65,7 @@ bool TransportEngine::sendMessageToServer(MessageType type, const std::shared_pt
         MsgConfiguration message;
         message.getMessageConfiguration(type);
         if (!message.method() || !message.URL()) {
-            throw std::invalid_argument(fmt::format("there is no message of type {}", static_cast<std::int64_t>(type)));
+            throw std::invalid_argument(fmt::format("unknown message type {}", static_cast<std::int64_t>(type)));
         }
         if (baseURL_.find(*message.URL()) == std::string::npos) {
             baseURL_ += *message.URL();
@@ -77,8 +78,8 @@ bool TransportEngine::sendMessageToServer(MessageType type, const std::shared_pt
         if (isHostName(urlComp_[3])) {
             request.url = baseURL_;
         } else {
-            // Without a URL the session fails the request, and the next address gets its turn.
-            kLog.error("\"{}\" is not the name of a host, so nothing is sent to it", urlComp_[3]);
+            // Without a URL the session fails the request, and the rotation moves to the next address.
+            kLog.error("\"{}\" is not a valid host name; the request is not sent", urlComp_[3]);
         }
         request.method = *message.method();
         request.timeout = kRequestTimeout;

@@ -1,7 +1,7 @@
-// Sends one message to the audit server, and chooses the server's address.
+// Sends one message to the audit server, and selects the server's address.
 //
-// Engines are short-lived, share one Transport, and each sends to the address that it was given. Safe from any thread,
-// but one engine is for one thread at a time.
+// Engines are short-lived and share one Transport. Each sends to the address that it has selected. Different threads
+// may use different engines; one engine is not thread-safe.
 
 #pragma once
 
@@ -18,33 +18,34 @@ namespace sentrova {
 
 class TransportEngine {
   public:
-    // With the current address.
+    // Selects the address in use.
     TransportEngine();
 
-    // Whether the server is believed reachable; true at first, so that a delivery is attempted.
+    // Whether the server is believed to be reachable. Initially true, so that a first delivery is attempted.
     static bool isConnected();
-    // A change is recorded with the connection in use in `myconfigurations.plist`.
+    // A change of the flag stores the connection in use in `myconfigurations.plist`.
     static void setIsConnected(bool flag);
 
-    // Moves on to the next address, for this engine and all later ones.
+    // Moves to the next address, for this engine and all later ones.
     void tryOtherURL();
 
-    // Sends the body, as ASCII, without waiting. True when the request is with the session: the completion will run
-    // once, on the session's delegate queue. False, with a line in the log, when nothing was sent: the completion never
-    // runs.
+    // Sends the body, converted to ASCII, without waiting for the answer. If it returns true, the completion runs once
+    // on the session's delegate queue. If it returns false, nothing was sent, the log has a line, and the completion
+    // never runs.
     [[nodiscard]] bool sendMessageToServer(MessageType type, std::string andParameters,
                                            UrlSession::Completion andCompletionHandler);
-    // The same for a body that the caller keeps as well; it is not copied when it is ASCII already.
+    // The same for a shared body, which is copied only if it is not ASCII.
     [[nodiscard]] bool sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
                                            UrlSession::Completion andCompletionHandler);
 
-    // What a failed request tried and what came of it, for the log: "https://audit:8443: Could not connect to the
-    // server.", "https://audit:8443: answered with HTTP status 503". To be asked before tryOtherURL.
+    // The address and the outcome of a failed request, for the log: "https://audit:8443: Could not connect to the
+    // server.", "https://audit:8443: answered with HTTP status 503". Call it before tryOtherURL, which changes the
+    // address.
     std::string describeFailure(const std::optional<UrlResponse>& response, const std::optional<Error>& error) const;
 
-    // scheme://host:port, and the message's path once one was sent.
+    // scheme://host:port, followed by the message's path after a request.
     const std::string& baseURL() const { return baseURL_; }
-    // The parts that baseURL was joined from.
+    // The parts that baseURL is composed of.
     const std::array<std::string, 6>& urlComp() const { return urlComp_; }
 
   private:

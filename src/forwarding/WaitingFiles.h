@@ -1,6 +1,6 @@
-// The names of spool files that wait for their announcement, in the order of the names, each once.
+// The sorted set of spool file names that wait for their announcement.
 //
-// A long outage fills it, so it holds the names alone: 64 bytes per file. Not safe from several threads.
+// A long outage fills it, so it stores only names: 64 bytes per file. Not thread-safe.
 
 #pragma once
 
@@ -14,15 +14,15 @@ namespace sentrova {
 class WaitingFiles {
   public:
     void add(std::string name);
-    // Replaces what waits.
+    // Replaces all names.
     void assign(std::vector<std::string> names);
     void remove(const std::string& name);
 
-    // The first name, which no longer waits then; nothing when none waits.
+    // Removes and returns the first name; nothing if empty.
     std::optional<std::string> takeFirst();
 
   private:
-    // Sorted. A deque: new files come in at the end, refused ones at the front.
+    // Sorted. A deque, because new names are added at the end and refused ones at the front.
     std::deque<std::string> names_;
 };
 

@@ -1,8 +1,8 @@
-// The base of the agent's long-running operations: three state flags of its own, each change of them announced.
+// The base class of the agent's long-running operations. It keeps the three state flags and announces each change.
 //
-// A subclass's `start` asks canStart; when that refuses it returns, and the operation is finished. Otherwise it calls
-// started, works, and ends with completeOperation. One whose `start` throws is finished by run(). An object is used
-// once: nothing resets the flags. Safe from any thread.
+// A subclass's `start` asks canStart and returns if the answer is false; the operation is finished then. Otherwise
+// `start` calls started, works, and ends with completeOperation. run() finishes an operation whose `start` throws. An
+// object is used once: nothing resets the flags. Safe from any thread.
 
 #pragma once
 
@@ -19,26 +19,26 @@ class ConcurrentOperationAbstract : public Operation {
     bool isExecuting() const override { return executing_; }
     bool isCancelled() const override { return cancelled_; }
 
-    // False, and the operation is finished, when it was cancelled before it began.
+    // Returns false if the operation was cancelled before it began; the operation is finished then.
     virtual bool canStart();
     void started();
     void completeOperation();
-    // Marks the operation cancelled, nothing more: subclasses call it from their `cancel`.
+    // Only sets the flag. Subclasses call it from their `cancel`.
     void cancelOperation();
 
     // Writes the flags to the log.
     void printStatus() const;
 
   protected:
-    // The name under which the queue knows the operation until it is given another.
+    // The class name is the operation's name until setName is called.
     explicit ConcurrentOperationAbstract(std::string className);
 
     void finishFailed() override;
 
-    // How a subclass's own canStart ends when it refuses.
+    // For a subclass's own canStart: finishes the operation without executing it.
     void finishRefused();
 
-    // For the one subclass that starts again after a cancel.
+    // For the one subclass that can start again after a cancel.
     void clearCancelled() { cancelled_ = false; }
 
   private:

@@ -11,7 +11,8 @@ namespace {
 
 constexpr std::chrono::seconds kDay = std::chrono::hours(24);
 
-// The number of the part up to the next ":" or the end, which is taken off the text; nothing when it is none.
+// Removes the part up to the next ":", or the rest, from the text and returns its number. Returns nothing if the part
+// is not a number from 0 to limit - 1.
 std::optional<int> takePart(std::string_view& text, int limit) {
     const auto part = text.substr(0, text.find(':'));
     text.remove_prefix(std::min(part.size() + 1, text.size()));

@@ -1,4 +1,4 @@
-// Timers at a time of day, each on a thread of its own.
+// Timers that fire at a time of day. Each has its own thread.
 
 #pragma once
 
@@ -16,16 +16,16 @@ namespace sentrova {
 class DailyTimers {
   public:
     DailyTimers() = default;
-    // Closes it.
+    // Closes the timers.
     ~DailyTimers() { close(); }
     DailyTimers(const DailyTimers&) = delete;
     DailyTimers& operator=(const DailyTimers&) = delete;
 
-    // Runs the timer on a thread until it ends. Does nothing once closed. Throws std::system_error when the host
-    // refuses the thread.
+    // Runs the timer on a new thread until the timer ends. Once closed, it ends the timer at once. Throws
+    // std::system_error if the host refuses the thread.
     void start(const std::string& name, const std::shared_ptr<Timer>& timer) EXCLUDES(mutex_);
 
-    // Invalidates all timers, waits for their threads, and starts no others.
+    // Invalidates all timers and waits for their threads. Later calls of start run nothing.
     void close() EXCLUDES(mutex_);
 
   private:
@@ -36,7 +36,7 @@ class DailyTimers {
 
     Mutex mutex_;
     bool closed_ GUARDED_BY(mutex_) = false;
-    // Of all timers, including those that have ended. There are few: all tasks are started together once per process.
+    // Includes timers that have ended. There are few: all tasks are started together once per process.
     std::list<Running> running_ GUARDED_BY(mutex_);
 };
 

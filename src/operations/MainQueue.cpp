@@ -7,7 +7,7 @@
 namespace sentrova {
 
 namespace {
-// The stop is known in the log by the name of the service.
+// The log shows the stop under the name of the service.
 constexpr LogSource kLog("AgentServiceHandler");
 }  // namespace
 
@@ -17,7 +17,7 @@ void MainQueue::close() {
         MutexLock lock(mutex_);
         queue = std::move(queue_);
     }
-    // Not left to the destructor of the queue: an operation may hold the queue for a moment longer.
+    // Closed here, because an operation may still hold a reference to the queue and delay its destructor.
     if (queue) {
         queue->close();
     }
@@ -44,7 +44,7 @@ void MainQueue::add(const std::shared_ptr<ConcurrentOperationAbstract>& operatio
         return;
     }
     queue->addToOperationQueue(operation);
-    // A stop that came in between may have cancelled the operations of the queue before this one was among them.
+    // A stop since the check above may have cancelled the queue's operations before this one was added.
     if (stopAsked_) {
         queue->suspend();
     }

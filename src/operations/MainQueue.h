@@ -1,4 +1,4 @@
-// The queue on which every long-running piece of the agent runs as a named operation, and whether the agent is to stop.
+// The queue of the agent's long-running operations, which are known by their names; and the request to stop.
 
 #pragma once
 
@@ -13,8 +13,8 @@
 
 namespace sentrova {
 
-// Before `open` there is no queue: additions are dropped, cancels and queries find nothing. After a stop additions are
-// dropped too. Safe from any thread.
+// Before `open` there is no queue: additions are dropped, and cancels and queries find nothing. After a stop, additions
+// are dropped too. Safe from any thread.
 class MainQueue {
   public:
     // The clock must outlive the queue.
@@ -23,19 +23,21 @@ class MainQueue {
     MainQueue(const MainQueue&) = delete;
     MainQueue& operator=(const MainQueue&) = delete;
 
-    // Cancels the operations and waits for their threads. There is no queue after that.
+    // Cancels the operations, waits for their threads, and removes the queue.
     void close() EXCLUDES(mutex_);
 
-    // Begins a new queue, and returns it.
+    // Replaces the queue by a new, empty one and returns it.
     std::shared_ptr<OperationsHandler> open() EXCLUDES(mutex_);
 
+    // Adds the operation, unless an operation with its name is executing.
     void add(const std::shared_ptr<ConcurrentOperationAbstract>& operation);
+    // Cancels every operation with that name.
     void cancel(std::string_view name);
-    // Whether the first operation of the name is executing.
+    // Whether the first operation with that name is executing; false if there is no such operation.
     bool isExecuting(std::string_view name);
 
-    // Cancels all operations, without waiting for them, and keeps others from being added for the life of the process.
-    // Also before or while the queue is filled.
+    // Cancels all operations without waiting for them. From then on, for the life of the process, add drops everything.
+    // May be called before `open` or while the queue is being filled.
     void stop();
     bool stopAsked() const { return stopAsked_; }
 

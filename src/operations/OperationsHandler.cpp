@@ -41,7 +41,7 @@ void OperationsHandler::addBlockToQueue(std::function<void()> block) {
 
 void OperationsHandler::suspend() {
     for (const auto& operation : queue_.operations()) {
-        // One that cannot be cancelled does not keep the others from it.
+        // An operation whose cancel throws must not keep the others from being cancelled.
         runGuarded(operation->name(), [&operation] { operation->cancel(); });
     }
 }

@@ -1,7 +1,7 @@
 // A queue of operations that are known by their names.
 //
-// Safe from any thread. The walks over the queue see the operations as they are at that moment: one that starts or ends
-// meanwhile may be judged by its state before or after.
+// Safe from any thread. A function that looks through the queue works on a snapshot: it may see an operation that
+// starts or ends meanwhile in its state before or after.
 
 #pragma once
 
@@ -16,27 +16,29 @@ namespace sentrova {
 
 class OperationsHandler {
   public:
-    // How many operations run at once; below 1 there is no limit.
+    // `maximum` operations run at once; below 1 there is no limit. The clock must outlive the handler.
     OperationsHandler(int maximum, Clock& clock);
 
-    // Refuses an operation while another of its name is executing.
+    // Refuses the operation, with a line in the log, while another one with its name is executing.
     void addToOperationQueue(const std::shared_ptr<ConcurrentOperationAbstract>& operation);
-    // The first operation runs only after the second has finished.
+    // `operation` runs only after `toOperation` has finished.
     void addDependency(const std::shared_ptr<ConcurrentOperationAbstract>& operation,
                        const std::shared_ptr<ConcurrentOperationAbstract>& toOperation);
-    // Adds a block as an operation without a name.
+    // Adds the block as an unnamed operation.
     void addBlockToQueue(std::function<void()> block);
 
-    // Cancels all operations, and reports what one throws; the queue goes on with what is added later.
+    // Cancels all operations. An exception from a cancel is reported. The queue still runs what is added later.
     void suspend();
-    // Cancels all operations and waits for their threads; the queue takes no others.
+    // Cancels all operations, waits for their threads, and takes no further ones.
     void close();
+    // Blocks until all operations have finished.
     void waitToFinish();
-    // Logs how many operations there are.
+    // Logs the number of operations.
     void countOfOperationsInQueue() const;
-    // Cancels every operation of the name.
+    // Cancels every operation with that name.
     void cancelOperationWithName(std::string_view name);
-    // Whether the first operation of the name is executing; false, and logged, when there is none.
+    // Whether the first operation with that name is executing. Returns false, with a line in the log, if there is no
+    // such operation.
     bool getTaskStatus(std::string_view name) const;
 
     const OperationQueue& queue() const { return queue_; }

@@ -35,7 +35,7 @@ std::string nameOf(const Dictionary& entry) {
     return entry[ScheduleHandler::kTaskName].description();
 }
 
-// The interval to a microsecond, at most ten years; nothing for what is not above zero.
+// Rounds to microseconds and limits the interval to ten years. Returns nothing for a value that is not above zero.
 std::optional<Interval> parsedInterval(const Value& value) {
     constexpr std::chrono::hours kLongest{24 * 366 * 10};
     using Seconds = std::chrono::duration<double>;
@@ -43,7 +43,7 @@ std::optional<Interval> parsedInterval(const Value& value) {
     if (seconds >= kLongest) {
         return kLongest;
     }
-    // Not a number is neither above nor below.
+    // NaN compares false and is rejected here as well.
     const auto interval = seconds > Seconds::zero() ? std::chrono::round<Interval>(seconds) : Interval::zero();
     return interval > Interval::zero() ? std::optional(interval) : std::nullopt;
 }
@@ -52,7 +52,7 @@ Interval intervalOf(const Dictionary& entry) {
     const auto& value = entry[ScheduleHandler::kIntervalSeconds];
     const auto interval = parsedInterval(value);
     if (!interval) {
-        kLog.error("The interval of task {} is {}; it is taken as {} seconds", nameOf(entry), value,
+        kLog.error("Task {} has the invalid interval {}; it runs every {} seconds instead", nameOf(entry), value,
                    ScheduleHandler::kDefaultInterval.count());
     }
     return interval.value_or(ScheduleHandler::kDefaultInterval);
@@ -73,7 +73,7 @@ std::string ScheduleHandler::taskListFile() const {
     return fmt::format("{}/{}", configuration_.confPath(), GlobalConstants::SCHEDULES_FILE);
 }
 
-// Nothing when the file is there, but the host cannot give its content.
+// Returns nothing if the file exists but cannot be read.
 std::optional<std::vector<Dictionary>> ScheduleHandler::taskEntries() const {
     const auto file = PropertyListHandler::initWithFile(taskListFile());
     if (file.isUnread()) {
@@ -86,22 +86,22 @@ std::optional<std::vector<Dictionary>> ScheduleHandler::taskEntries() const {
             if (const auto* entry = (*array)[i].dictionary()) {
                 entries.push_back(*entry);
             } else {
-                kLog.error("Entry {} of {} is no task: {}", i, taskListFile(), (*array)[i]);
+                kLog.error("Entry {} of {} is not a task: {}", i, taskListFile(), (*array)[i]);
             }
         }
     }
     return entries;
 }
 
-// The entries of the name, or all, in file order. Of several entries with the same name the last one holds. While the
-// file cannot be read, the entries that were read before hold: a task that is started anew must not vanish. The caller
-// holds the task list's mutex for starts.
+// The entries with that name, or all of them, in file order. The last of several entries with the same name wins. While
+// the file cannot be read, the entries read last time are used: restarting a task must not make it vanish. The caller
+// holds tasks_.starting.
 std::vector<Dictionary> ScheduleHandler::entriesToStart(std::string_view name) {
     auto& known = tasks_.entries;
     if (auto present = taskEntries()) {
         known = *std::move(present);
     } else {
-        kLog.error("Tasks are started as {} had them before", taskListFile());
+        kLog.error("Tasks are started from the last readable content of {}", taskListFile());
     }
     std::vector<Dictionary> entries;
     for (const auto& entry : known) {
@@ -109,7 +109,7 @@ std::vector<Dictionary> ScheduleHandler::entriesToStart(std::string_view name) {
             continue;
         }
         if (std::erase_if(entries, [&](const auto& other) { return nameOf(other) == nameOf(entry); }) > 0) {
-            kLog.error("Task {} is in {} more than once; only its last entry is scheduled", nameOf(entry),
+            kLog.error("Task {} occurs more than once in {}; only its last entry is scheduled", nameOf(entry),
                        taskListFile());
         }
         entries.push_back(entry);
@@ -131,7 +131,7 @@ TaskList::Daily ScheduleHandler::dailyTimer(const Dictionary& entry, const Daily
     return {first, std::move(next), [entry] { ScheduleHandler::runTimerTask(entry); }};
 }
 
-// How an entry's timer is set. Nothing when its daily time is none.
+// The function that starts the entry's timer; null if its "RunAt" is invalid.
 std::function<void()> ScheduleHandler::starter(const Dictionary& entry, bool daily) {
     const auto name = nameOf(entry);
     if (!daily) {
@@ -146,13 +146,13 @@ std::function<void()> ScheduleHandler::starter(const Dictionary& entry, bool dai
     }
     const auto time = DailyTime::parse(entry[kRunAt].description());
     if (!time) {
-        kLog.error("Task {} is not scheduled: its RunAt \"{}\" is no time of day (HH:mm:ss)", name, entry[kRunAt]);
+        kLog.error("Task {} is not scheduled: its RunAt \"{}\" is not a time of day (HH:mm:ss)", name, entry[kRunAt]);
         return nullptr;
     }
     return [this, name, timer = dailyTimer(entry, *time)] { tasks_.startDaily(name, timer); };
 }
 
-// While the host refuses a timer or a thread, the start is tried again, for as long as it is wanted.
+// Retries while the host refuses a timer or a thread, for as long as isWanted returns true.
 void ScheduleHandler::startTasks(std::string_view name, const std::function<bool()>& isWanted) {
     kLog.info("Going to StartTask {}", name);
     if (tasks_.activity(name)) {
@@ -194,7 +194,7 @@ void ScheduleHandler::start() {
         return;
     }
     started();
-    // The change handlers of the first configuration sync may have started some.
+    // The change handlers of the first configuration sync may have started some tasks already.
     tasks_.endAll();
     startTasks(kAll, [this] { return !isCancelled(); });
     completeOperation();

@@ -1,11 +1,13 @@
-// Runs the agent's periodic tasks from the task list file `schedules.plist` of the configuration folder.
+// Runs the agent's periodic tasks, which the file `schedules.plist` of the configuration folder lists.
 //
-// The file is a property list with one key, "ScheduleTasks": an array of dictionaries, one a task, with the keys below.
-// An entry names a class and a method; each firing stamps the entry with the time and calls the method on a new object.
-// A task with "RunAt" that is started together with all others runs at that time of day, on a thread of its own; every
-// other task is a background activity. A task has one timer: starting it again ends the timer that it had. Two runs of
-// a task never overlap. An entry is read when its task is started. Safe from any thread; each change of the file reads
-// and rewrites it whole, as one step.
+// The file is a property list with one key, "ScheduleTasks": an array with one dictionary per task. The keys of an
+// entry are below. An entry names a class and a method. Each time the task fires, the entry is stamped with the time,
+// and the method is called on a new object.
+//
+// A task with "RunAt" that is started together with all others runs at that time of day, on its own thread. Every other
+// task is a background activity. A task has one timer: starting the task again ends its previous timer. Two runs of a
+// task never overlap. An entry is read when its task is started. Safe from any thread. Each change of the file reads
+// and rewrites the whole file in one step.
 
 #pragma once
 
@@ -30,12 +32,12 @@
 
 namespace sentrova {
 
-// As an operation it starts all tasks, and is finished when that is done.
+// As an operation, it starts all tasks and finishes.
 class ScheduleHandler final : public ConcurrentOperationAbstract, public std::enable_shared_from_this<ScheduleHandler> {
   public:
-    // The task of batch collection.
+    // The task that runs batch collection.
     static constexpr std::string_view kEventCollection = "EventCollection";
-    // Stands for every task.
+    // The name that means every task.
     static constexpr std::string_view kAll = "ALL";
 
     // The keys of the file and of its entries.
@@ -43,59 +45,61 @@ class ScheduleHandler final : public ConcurrentOperationAbstract, public std::en
     static constexpr std::string_view kTaskName = GlobalConstants::TASK_NAME;
     // A time of day, "HH:mm:ss", in the device's zone.
     static constexpr std::string_view kRunAt = "RunAt";
-    // A real number; only microseconds count.
+    // A real number of seconds, rounded to microseconds.
     static constexpr std::string_view kIntervalSeconds = "IntervalSeconds";
     static constexpr std::string_view kRepeat = "Repeat";
-    // Anything but kEnabled keeps a background activity from running its task.
+    // A background activity runs its task only if the value is kEnabled.
     static constexpr std::string_view kTaskStatus = "TaskStatus";
     static constexpr std::string_view kEnabled = "Enable";
     static constexpr std::string_view kClassName = "className";
     static constexpr std::string_view kSelector = "selector";
     static constexpr std::string_view kLastScheduleTime = "LastScheduleTime";
-    // Whole seconds since 1970 of the last run, in spite of its name.
+    // Despite its name: whole seconds since 1970 of the last run.
     static constexpr std::string_view kLastScheduleTimeInMillis = "LastScheduleTimeInMillis";
 
-    // Replaces an interval that is missing or not above zero, which would never let go of the processor.
+    // Used if the interval is missing or not above zero. Such an interval would run the task without pause.
     static constexpr std::chrono::seconds kDefaultInterval{60};
 
-    // What is passed in must outlive the object.
+    // All arguments must outlive the object.
     ScheduleHandler(TaskList& tasks, const TaskRegistry& registry, GlobalVariables& configuration, Clock& clock,
                     DateFormat& dates);
 
-    // The agent's one. Each call also rewrites whether "EventCollection" repeats.
+    // Returns the agent's ScheduleHandler. Each call also runs initRealTimeStatus.
     static std::shared_ptr<ScheduleHandler> init();
 
     void start() override;
     void cancel() override;
 
-    // Sets the configuration's maxEventDataSizeReached by the size of the spool and its limit.
+    // Sets maxEventDataSizeReached in the configuration: whether the spool has reached its size limit.
     void CheckEventDatasize();
 
-    // Started by its name, a task runs by its interval, even with "RunAt". Of several entries of one name the last is
-    // started. While the host refuses a timer or a thread, the call does not return: it tries again.
+    // Starts one task, or all with kAll. A task that is started by its name runs by its interval, even if it has
+    // "RunAt". Of several entries with one name, the last one is started. While the host refuses a timer or a thread,
+    // the call retries and does not return.
     static void startTask(std::string_view name);
-    // Whether the task's background activity has that interval already, repeats as its entry says, and will run again.
-    // Starting the task anew with the interval would only set its timer back.
+    // Whether the task's background activity already has that interval, repeats as its entry says, and will run again.
+    // Restarting such a task would only set its timer back.
     static bool runsEvery(const Value& intervalSeconds, std::string_view task);
-    // Stops a background activity. A daily task cannot be stopped.
+    // Stops the task's background activity. A daily timer is not stopped.
     static void stopTask(std::string_view name);
-    // Stops all background activities, which stay in the list.
+    // Stops all background activities. They stay in the list.
     static void stopAllTasks();
 
-    // Stamps the entry and calls its method on the calling thread.
+    // Stamps the entry with the current time and calls its method, on the calling thread.
     static void runTask(const Dictionary& entry);
-    // A daily task's firing.
+    // Called each time a daily timer fires.
     static void runTimerTask(const Dictionary& entry);
-    // Runs a daily task on the calling thread; does not return while its timer lives.
+    // Runs the daily timer of the entry on the calling thread. Returns when the timer has ended.
     static void initiateTimer(const Dictionary& entry);
 
-    // Sets the key in every entry of the name.
+    // Sets the key in every entry with that name; kAll means every entry.
     static void UpdateTaskWithName(std::string_view name, std::string_view withKey, const Value& withValue);
-    // The key's value in the first entry of the name; empty when there is none.
+    // The key's value in the first entry with that name; an empty value if there is no such entry.
     static Value getProperty(std::string_view key, std::string_view ofTask);
-    // Batch collection repeats while realtime collection is off.
+    // Writes the "Repeat" of batch collection: true while realtime collection is off.
     static void initRealTimeStatus();
 
+    // The names of the background activities, for the log.
     static std::string description();
 
   private:

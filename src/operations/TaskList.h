@@ -1,4 +1,4 @@
-// The tasks that were started, by name.
+// The started tasks and their timers, by task name.
 
 #pragma once
 
@@ -18,14 +18,14 @@
 
 namespace sentrova {
 
-// A task has one timer: a background activity, or a daily timer on a thread of its own. Starting a task ends the timer
-// that the name had before. A run that has begun is not interrupted, and a task's next run waits until that run is
-// over, even when the task was started anew in between. A run that waits is dropped when its timer is ended. Safe from
-// any thread.
+// A task has one timer: a background activity, or a daily timer on its own thread. Starting a task ends its previous
+// timer, but never interrupts a run. Runs of one task do not overlap, even across a restart of the task: the next run
+// waits until the current one has ended. A waiting run is dropped if its timer is ended meanwhile. Safe from any
+// thread.
 class TaskList {
   public:
     using Run = std::function<void()>;
-    // A daily timer: its first date, the date that follows each firing, and what it runs.
+    // A daily timer: its first date, the function that gives the date after each firing, and the work.
     struct Daily {
         Date first;
         Timer::Next next;
@@ -39,32 +39,33 @@ class TaskList {
     TaskList(const TaskList&) = delete;
     TaskList& operator=(const TaskList&) = delete;
 
-    // When the host refuses the timer or its thread, these throw, and the task's former timer goes on.
+    // Both throw if the host refuses the timer or its thread; the task's previous timer then continues.
     void startActivity(const std::string& name, Clock::Duration interval, bool repeats, Run run) EXCLUDES(mutex_);
     void startDaily(const std::string& name, const Daily& daily) EXCLUDES(mutex_);
-    // A daily timer on the calling thread. Returns when the timer has ended.
+    // Runs a daily timer on the calling thread. Returns when the timer has ended.
     void runDaily(const std::string& name, const Daily& daily) EXCLUDES(mutex_);
 
-    // Ends the task's background activity. False when the task has none; a daily timer goes on.
+    // Ends the task's background activity. Returns false if the task has none; a daily timer is left running.
     bool stopActivity(std::string_view name) EXCLUDES(mutex_);
     // Ends every task.
     void endAll() EXCLUDES(mutex_);
 
-    // Ends every task, waits for the threads of daily timers, and starts no other daily timers.
+    // Ends every task and waits for the threads of daily timers. No daily timer can be started afterwards.
     void close() EXCLUDES(mutex_);
 
     Activities activities() EXCLUDES(mutex_);
     // Null when the task has no background activity.
     std::shared_ptr<BackgroundActivity> activity(std::string_view name) EXCLUDES(mutex_);
 
-    // Held from reading the file of the tasks until they are started, so that of two starts of a task the one with the
-    // newer entry is the one that lasts.
+    // Held from reading the task list file until the tasks are started. Of two concurrent starts of a task, the one
+    // that read the newer entry therefore comes last and wins.
     Mutex starting{LockRank::transaction};
-    // What the file held when it was last read.
+    // The entries of the task list file when it was last read.
     std::vector<Dictionary> entries GUARDED_BY(starting);
 
   private:
-    // Runs check by a weak reference to this whether their timer is still the task's.
+    // A run holds a weak reference to the token of its timer. If the token is gone, the timer has been replaced or
+    // ended.
     struct Token {};
 
     struct Task {
@@ -78,19 +79,19 @@ class TaskList {
 
     Task dailyTask(const std::string& name, const Daily& daily);
     void put(const std::string& name, Task task) EXCLUDES(mutex_);
-    // Waits for the run of the task that is under way. False when the timer of the waiting run was ended.
+    // Waits until no run of the task is under way. Returns false if the waiting run's timer has been ended.
     bool beginRun(const std::string& name, const std::weak_ptr<Token>& token) EXCLUDES(mutex_);
     void endRun(const std::string& name) EXCLUDES(mutex_);
-    // What the run throws is reported, and the timer goes on.
+    // Runs when no other run of the task is under way. An exception is reported, and the timer continues.
     void runInTurn(const std::string& name, const std::weak_ptr<Token>& token, const Run& run) EXCLUDES(mutex_);
 
     BackgroundQueue& queue_;
     Mutex mutex_;
     Condition turnsChanged_;
     Tasks tasks_ GUARDED_BY(mutex_);
-    // The tasks with a run under way.
+    // The names of tasks with a run under way.
     std::set<std::string, std::less<>> running_ GUARDED_BY(mutex_);
-    // Last, so that its threads have ended before what they work on goes.
+    // Destroyed first: its threads use the members above.
     DailyTimers dailyTimers_;
 };
 

@@ -1,4 +1,4 @@
-// What the task list can run: methods by the names of their class and themselves.
+// The methods that the task list can run, by the names of class and method.
 
 #pragma once
 
@@ -10,12 +10,12 @@
 
 namespace sentrova {
 
-// Constant once made, and so safe from any thread.
+// Immutable after construction, so safe from any thread.
 class TaskRegistry {
   public:
-    // Makes a new object of the class and calls the method on it.
+    // Creates an object of the class and calls the method.
     using Run = std::function<void()>;
-    // By method, by class.
+    // Methods by name, and their classes by name.
     using Methods = std::map<std::string, Run, std::less<>>;
     using Classes = std::map<std::string, Methods, std::less<>>;
 
@@ -23,6 +23,7 @@ class TaskRegistry {
 
     enum class Outcome { ran, unknownClass, unknownMethod };
 
+    // Runs the method on the calling thread. An exception from the method reaches the caller.
     Outcome run(std::string_view className, std::string_view selector) const;
 
   private:

@@ -106,17 +106,17 @@ bool Agent::initialize() {
     logger_->load(*notifications_);
     if (!Utilities::isSupportedOSVersion() || ::getuid() != 0) {
         kLog.error("Agent cannot run because its either an unsupported version or the User is not a root");
-        // The keys, not numbers: the line has always read so.
+        // The key names and not their numbers: this is the established text.
         kLog.error("Supported Version = {}.{}", GlobalConstants::MAJOR_VERSION, GlobalConstants::MINOR_VERSION);
         return false;
     }
-    // Before anything of the installation is touched.
+    // First of all, before any file of the installation changes.
     lock_.emplace(host_.files);
-    // Before the configuration is loaded, which writes a file that is missing.
+    // Before the configuration is loaded, because load writes missing files.
     report_->check();
     configuration_->load();
     prepareFolders();
-    // Before the sync, which may take for ever: whoever installs the agent looks at the log before that.
+    // Before the sync, which may take forever. An administrator who installs the agent reads the log earlier.
     AuditCheck::logState();
     ServerCommunicator().syncAndApply();
     openParts();
@@ -155,7 +155,7 @@ void Agent::run() {
     wakes_ = platform::WakeSource::make(host_.clock,
                                         [this] { notifications_->post({Logger::kDidWakeNotification, nullptr, {}}); });
     if (!wakes_) {
-        kLog.error("This system does not tell when it wakes; old logs are archived at the next start only");
+        kLog.error("This system does not report wake-ups; old logs are archived only at the next start");
     }
 
     logger_->validateLogSize();
@@ -166,7 +166,7 @@ void Agent::run() {
     kLog.debug("Calling first schedule");
     const auto batch = named(std::make_shared<EventCollectionSchedule>(), EventCollectionSchedule::kOperationName);
     mainQueue_->add(batch);
-    // What the files hold comes before what the live device brings.
+    // Records in trail files are collected before those of the live device.
     const auto realtime = named(std::make_shared<EventCollectorRealtime>(), EventCollectorRealtime::kOperationName);
     mainQueue->addDependency(realtime, batch);
     mainQueue_->add(realtime);
@@ -179,9 +179,9 @@ void Agent::stop() {
 
 void Agent::end() {
     if (const auto events = spool_->lengthAtEnd(); events > 0) {
-        kLog.error("{} events in memory were not delivered and are given up by this stop", events);
+        kLog.error("{} events in memory were not delivered; this stop discards them", events);
     }
-    // An addition of the last moment may still wait for its write.
+    // A recent addition may still wait for its write.
     loginHistory_->flush();
 }
 

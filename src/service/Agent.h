@@ -1,8 +1,9 @@
-// The agent: everything that there is once, made in the order of the members and destroyed in the reverse order.
+// The agent: every part that a process has once. Parts are constructed in the order of the members and destroyed in the
+// reverse order.
 //
-// A reader who wants to know what an agent consists of reads the members below from top to bottom: each part knows only
-// parts above it. Parts get what they need through their constructors. The operations of a class that take no object
-// (EventQueueGCD, DomainUtil, ...) reach the part that is published as the Current one.
+// To see what an agent consists of, read the members below from top to bottom. Each part knows only parts above it, and
+// receives them through its constructor. Classes whose functions are static (EventQueueGCD, DomainUtil, ...) find their
+// part through Current<T>.
 
 #pragma once
 
@@ -37,31 +38,31 @@
 
 namespace sentrova {
 
-// One per process at a time. The constructor runs no program, writes no file and starts no thread.
+// At most one per process at a time. The constructor runs no program, writes no file and starts no thread.
 class Agent {
   public:
-    // What the host refers to must outlive the agent.
+    // Everything in `host` must outlive the agent.
     explicit Agent(const platform::Host& host, TaskRegistry::Classes tasks = taskClasses());
-    // Ends the threads, then everything else. The agent's own program leaves without it: threads of the system may
-    // still run then.
+    // Ends the threads, then destroys the parts. The agent's program exits without running it, because threads of the
+    // system may still run then.
     ~Agent();
-    // What the tasks of `schedules.plist` may run.
+    // The classes and methods that tasks of `schedules.plist` may run.
     static TaskRegistry::Classes taskClasses();
 
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
-    // See AgentServiceHandler.
+    // AgentServiceHandler.h describes these.
     bool initialize();
     void run();
     void stop();
     void end();
 
-    // Ends the threads of all parts, each of which may use any other part until then.
+    // Ends the threads of all parts before any part is destroyed, because a thread may use any part.
     void endThreads();
 
   private:
-    // The log has a line for each exception that nobody else takes.
+    // Logs each exception that no other code catches.
     class LoggedExceptions final : public UnhandledExceptions {
       public:
         void report(std::string_view where, std::string_view what) override;
@@ -113,7 +114,7 @@ class Agent {
     std::shared_ptr<ScheduleHandler> schedule_;
     const Current<ScheduleHandler>::Publication scheduleHandler_;
     Published<MainQueue> mainQueue_;
-    // Tells the parts that wait for a date, and the log, when the machine has slept.
+    // Notifies the timers and the log when the machine has woken from sleep.
     std::unique_ptr<platform::WakeSource> wakes_;
 
     const Current<Agent>::Publication self_;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr LogSource kLog("AgentLock");
 
-// What the file says about its holder, for a message; empty when that is no process id.
+// The holder's process id from the file, for a message; empty if the file has no process id.
 std::string holderOf(FileSystem& files, const std::string& path) {
     constexpr std::size_t kLongest = 10;
     auto text = files.readText(path).optional().value_or("");
@@ -42,7 +42,7 @@ AgentLock::AgentLock(FileSystem& files) {
         kLog.error("{}", problem);
         throw AlreadyRunningError(problem);
     } else {
-        kLog.error("The agent runs without its lock, so a second one would not be noticed: {}",
+        kLog.error("The agent runs without its lock, so a second agent would not be detected: {}",
                    locked.error().description);
     }
 }

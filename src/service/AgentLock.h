@@ -1,4 +1,4 @@
-// Keeps a second agent out of an installation, where it would deliver every event a second time.
+// Prevents a second agent in the same installation, which would deliver every event twice.
 
 #pragma once
 
@@ -13,17 +13,17 @@ class AlreadyRunningError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 
-    // What the process exits with (sysexits' "temporary failure"; the service manager tries again).
+    // The exit status of the process (sysexits' "temporary failure"; the service manager tries again).
     static constexpr int kExitStatus = 75;
 };
 
-// Holds `agent.lock` of the configuration folder for as long as the object lives. The file has the process id in it and
-// is never removed. The kernel ends the lock with the process, so a killed agent leaves none behind.
+// Locks `agent.lock` in the configuration folder for the lifetime of the object. The file contains the process id and
+// is never removed. The kernel releases the lock when the process ends, even if it is killed.
 class AgentLock {
   public:
-    // Takes the lock. Throws AlreadyRunningError, and changes nothing, when another process has it. Where there can be
-    // no lock (a full disk, a missing folder, a link in the file's place) the agent runs without one, since that is
-    // better than to collect nothing; a line in the log says so.
+    // Takes the lock. Throws AlreadyRunningError if another process holds it; nothing has changed then. If locking is
+    // impossible (full disk, missing folder, link in place of the file), the agent runs without the lock, with a line
+    // in the log: that is better than collecting nothing.
     explicit AgentLock(FileSystem& files);
 
   private:

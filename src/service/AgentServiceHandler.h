@@ -1,4 +1,4 @@
-// The service's life: checks and set-up, the start of its operations, and its stop. Operations of the current Agent.
+// The life of the service: checks and set-up, the run of its operations, and the stop. Acts on the current Agent.
 
 #pragma once
 
@@ -13,29 +13,29 @@ class AgentServiceHandler {
   public:
     AgentServiceHandler() = delete;
 
-    // Checks the system's version and the user, takes the installation's lock, loads the configuration, synchronises
-    // it with the server (which takes until the server has answered and the answer has been applied), and sets up the
-    // spool and the login history. False, with nothing made, on a system that is not supported or as any user but root.
-    // Throws AlreadyRunningError while another agent is at work in the installation.
+    // Checks the system's version and the user, locks the installation, loads the configuration, synchronises it with
+    // the server (waits until an answer has been applied), and sets up the spool and the login history. Returns false,
+    // with nothing created, on an unsupported system or if the user is not root. Throws AlreadyRunningError if another
+    // agent runs in the installation.
     static bool initializeService();
 
-    // Adds the agent's operations to a new main queue and returns when all of them have finished; at once when a stop
-    // has been asked for.
+    // Adds the agent's operations to a new main queue and returns when all of them have finished; at once if a stop has
+    // been requested.
     static void start();
 
-    // Cancels all operations, without waiting for them, and keeps others from being added for the life of the process.
-    // From any thread, also before or during start.
+    // Cancels all operations without waiting for them, and prevents further additions for the life of the process. May
+    // be called from any thread, also before or during start.
     static void stop();
 
-    // What is left to do before the process ends, after stop or start: names the events that are given up, and writes
-    // the login history.
+    // The last step before the process ends, after stop or start: logs the number of discarded events, and writes the
+    // login history.
     static void end();
 
-    // The main queue. Before start there is none: additions are dropped, cancels and queries find nothing. After a stop
-    // additions are dropped too.
+    // The main queue. Before start there is none: additions are dropped, and cancels and queries find nothing. After a
+    // stop, additions are dropped too.
     static void addOperationToMainQueue(const std::shared_ptr<ConcurrentOperationAbstract>& operation);
     static void cancelOperationsOnMainQueue(std::string_view name);
-    // Whether the first operation of the name is executing.
+    // Whether the first operation with that name is executing; false if there is no such operation.
     static bool getOperationStatusOnMainQueue(std::string_view name);
 };
 

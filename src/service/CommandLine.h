@@ -1,4 +1,4 @@
-// What the program answers when a person starts it with arguments. The service manager passes none.
+// The program's answer to command-line arguments. The service manager passes none.
 
 #pragma once
 
@@ -8,12 +8,12 @@
 namespace sentrova {
 
 struct CommandLineReply {
-    // What the process exits with: 0, or 64 (sysexits' "usage error") for a text that belongs on standard error.
+    // The exit status: 0, or 64 (sysexits' "usage error"). With 64 the text belongs on standard error.
     int status = 0;
     std::string text;
 };
 
-// The arguments are those after the program's name.
+// `arguments` are those after the program's name. A wrong one is named before the usage.
 CommandLineReply replyTo(std::span<const char* const> arguments);
 
 }  // namespace sentrova

@@ -21,7 +21,7 @@ void Installation::checkFolder(const std::string& folder) {
         const auto problem = fmt::format("The folder {} is not used, and nothing in it is read or written: {}", folder,
                                          links.error().description);
         kLog.error("{}", problem);
-        // The log may be what is behind the link.
+        // Also on standard error, because the log folder itself may be the link.
         fmt::print(stderr, "{}\n", problem);
         return;
     }
@@ -31,14 +31,14 @@ void Installation::checkFolder(const std::string& folder) {
             kLog.error("{}", status.error().description);
         }
     } else if (status->owner != ::geteuid() || (status->permissions & (S_IWGRP | S_IWOTH)) != 0) {
-        kLog.error("The folder {} can be changed by others than its owner, and so can what the agent does", folder);
+        kLog.error("Users other than its owner can change the folder {}, and thereby what the agent does", folder);
     }
 }
 
 void Installation::makeMissingFolder(const std::string& folder) {
     const auto made = files_.createFolder(folder);
     if (made) {
-        kLog.info("The folder {} was missing and has been made", folder);
+        kLog.info("The folder {} was missing and has been created", folder);
     } else if (made.error().code != EEXIST) {
         kLog.error("{}", made.error().description);
     }
@@ -47,7 +47,7 @@ void Installation::makeMissingFolder(const std::string& folder) {
 void Installation::removeUnfinishedFiles(const std::string& folder) {
     const auto names = files_.ownNames(folder);
     if (!names) {
-        // A link that is not followed has been named before.
+        // checkFolder has already logged a link that is not followed.
         if (names.error().code != ENOENT && names.error().code != ELOOP) {
             kLog.error("{}", names.error().description);
         }

@@ -1,4 +1,4 @@
-// Checks of the folders of the agent's installation.
+// Checks the folders of the agent's installation.
 
 #pragma once
 
@@ -8,16 +8,17 @@
 
 namespace sentrova {
 
-// Each reports what it finds, and what it does, in the log. For one thread.
+// Each function logs its findings and changes. Not thread-safe.
 class Installation {
   public:
     // The file system must outlive the object.
     explicit Installation(FileSystem& files) : files_(files) {}
 
-    // Says what keeps the folder from being used, and who else could change what is in the folder.
+    // Logs why the folder cannot be used, and whether other users can change its content.
     void checkFolder(const std::string& folder);
+    // Creates the folder if it does not exist.
     void makeMissingFolder(const std::string& folder);
-    // A process that was killed while it wrote a file has left the unfinished one behind.
+    // Removes the unfinished files of a process that was killed during a write.
     void removeUnfinishedFiles(const std::string& folder);
 
   private:

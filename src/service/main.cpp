@@ -1,5 +1,5 @@
-// The process's entry: answer a person's arguments, or set up the termination by SIGTERM, initialise the service and
-// run it.
+// The entry point: answers command-line arguments, or sets up the termination by SIGTERM, initialises the service and
+// runs it.
 
 #include "core/ConfigurationError.h"
 #include "core/LogSource.h"
@@ -29,8 +29,8 @@ using namespace sentrova;  // NOLINT(google-build-using-namespace)
 
 constexpr LogSource kLog("main");
 
-// The first thread to come here is the one that ends the process. Any other waits for that, since it would cut short
-// what that thread still writes.
+// The first thread that gets here ends the process. Any other thread blocks here forever, so that it does not cut short
+// what the first one still writes.
 void claimEnd() {
     static std::atomic_flag claimed;
     while (claimed.test_and_set()) {
@@ -38,17 +38,17 @@ void claimEnd() {
     }
 }
 
-// Ends the process without its static destructors, which would run under live threads.
+// Ends the process without static destructors, because threads still run.
 [[noreturn]] void leave(int status) {
     std::fflush(nullptr);
     ::_exit(status);
 }
 
-// The stop must go on after a step that failed, even where memory is too short to log the failure.
+// A failed step must not prevent the rest of the stop, even if memory is too short to log the failure.
 void attempt(void (*step)()) {
     try {
         runGuarded("main", step);
-    } catch (...) {  // NOLINT(bugprone-empty-catch): there is nobody left to tell
+    } catch (...) {  // NOLINT(bugprone-empty-catch): the failure cannot be reported any more
     }
 }
 
@@ -76,7 +76,7 @@ void setSignal(int signal, void (*handler)(int)) {
     ::sigaction(signal, &action, nullptr);
 }
 
-// The exit status.
+// Returns the exit status.
 int runService() {
     try {
         if (AgentServiceHandler::initializeService()) {
@@ -84,14 +84,14 @@ int runService() {
         }
         return EXIT_SUCCESS;
     } catch (const ConfigurationError&) {
-        // Its text is in the log already.
+        // The text has already been logged.
         return ConfigurationError::kExitStatus;
     } catch (const AlreadyRunningError& error) {
-        // In the log, too, which is the other agent's.
+        // Also on standard error: the log belongs to the other agent.
         fmt::print(stderr, "sentrova-agent: {}\n", error.what());
         return AlreadyRunningError::kExitStatus;
     } catch (const std::exception& exception) {
-        kLog.error("The agent cannot go on: {}", exception.what());
+        kLog.error("The agent cannot continue: {}", exception.what());
         return EXIT_FAILURE;
     }
 }
@@ -102,17 +102,17 @@ int main(int argc, char** argv) {
     if (argc > 1) {
         return answer({argv + 1, argv + argc});
     }
-    // For the files that other programs make for the agent; its own say who may use them.
+    // For files that other programs create for the agent. The agent's own files set their permissions.
     ::umask(S_IRWXG | S_IRWXO);
     const auto termination = platform::SignalSource::make(SIGTERM, terminate);
     platform::RealHost host;
-    // Not destroyed: the process leaves by _exit.
+    // Never destroyed, because the process ends by _exit.
     Agent agent(host.host());
     termination->resume();
     setSignal(SIGTERM, SIG_IGN);
-    // Where the kernel sends it to the process, the network thread's own mask does not keep it away.
+    // The network thread's signal mask does not help if the kernel sends the signal to the process.
     setSignal(SIGPIPE, SIG_IGN);
-    // Inherited as ignored, it would hide how child processes end.
+    // If the process inherited it as ignored, the exit statuses of child processes would be lost.
     setSignal(SIGCHLD, SIG_DFL);
     host.start();
     const int status = runService();

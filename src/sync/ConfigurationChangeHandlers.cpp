@@ -1,4 +1,4 @@
-// How the agent follows the changes in its server's configuration: the change handlers of ServerCommunicator.
+// The change handlers of ServerCommunicator: they apply what a synchronisation changed.
 
 #include "collection/EventCollectionSchedule.h"
 #include "collection/EventCollectorRealtime.h"
@@ -43,9 +43,9 @@ std::string inConfFolder(std::string_view file) {
     return fmt::format("{}/{}", GlobalVariables::getInstance().confPath(), file);
 }
 
-// Gives a task a new interval, in two steps, since a line of the log comes between them. A task that runs by the
-// interval already keeps its timer: a server that sends the same change with each answer would otherwise set the timer
-// back at each sync, and the task would never come due.
+// Gives a task a new interval, in two steps, because a log line comes between them. A task that already runs by the
+// interval keeps its timer. Otherwise a server that repeats the same change in each answer would reset the timer at
+// each sync, and the task would never fire.
 class Retiming {
   public:
     // Stops the task.
@@ -70,7 +70,7 @@ class Retiming {
     const bool keepsTimer_;
 };
 
-// As many printable ASCII characters as the stored identity begins with. They play no part in its decryption.
+// The printable ASCII prefix of the stored identity, made from random bytes. Decryption ignores it.
 std::string identityPrefix(const Data& random) {
     constexpr char kFirst = '!';
     constexpr std::uint8_t kCount = '~' - '!' + 1;
@@ -126,7 +126,7 @@ void ServerCommunicator::IntervalChangesCheckWithOldData(const PropertyListHandl
     if (wasRealTime != isRealTime) {
         kLog.info("Realtimestate has been changed");
         if (isRealTime) {
-            // The two characters at the end have always been there.
+            // The two characters at the end are part of the established text.
             kLog.info("Running schedule once to read old events\u00A0\u0330");
             addToMainQueue<EventCollectionSchedule>();
             kLog.info("Realtime enabled starting listening");
@@ -135,7 +135,7 @@ void ServerCommunicator::IntervalChangesCheckWithOldData(const PropertyListHandl
         } else {
             kLog.info("Realtime disabled stopping listening");
             cancelOnMainQueue(EventCollectorRealtime::kOperationName);
-            // The batch task ran once while realtime collection was on.
+            // While realtime collection was on, the batch task did not repeat.
             ScheduleHandler::UpdateTaskWithName(ScheduleHandler::kEventCollection, ScheduleHandler::kRepeat, "true");
             realTimeWasDisabled = true;
         }

@@ -28,7 +28,7 @@ namespace {
 constexpr LogSource kLog("ServerCommunicator");
 constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
 
-// One pass over all addresses: three connections with four forms of the host's name each.
+// One rotation through all addresses: three connections with four host forms each.
 constexpr int kFailuresBeforePause = 12;
 constexpr std::chrono::seconds kPause{900};
 
@@ -40,7 +40,7 @@ Value valueOf(const std::optional<std::string>& text) {
     return text ? Value(*text) : Value();
 }
 
-// `Serverinfo.plist` with what the request adds to it, in memory.
+// `Serverinfo.plist` with the keys that the request adds, in memory only.
 PropertyListHandler requestData() {
     const auto& configuration = GlobalVariables::getInstance();
     auto request = PropertyListHandler::initWithFile(serverInfoFile());
@@ -70,32 +70,33 @@ void setCommunicationType(PropertyListHandler& request) {
     }
 }
 
-// The server's answer as a dictionary, which may be empty; nothing when it is none.
+// Parses the server's answer, which may be an empty dictionary. Returns nothing if it is not a dictionary.
 std::optional<Dictionary> parsedAnswer(const std::optional<Data>& data) {
     if (!data || data->empty()) {
         return std::nullopt;
     }
     const auto parsed = Json::parse(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
     if (!parsed || !parsed->dictionary()) {
-        kLog.error("The server's answer is no configuration: {}",
+        kLog.error("The server's answer is not a configuration: {}",
                    parsed ? "it is not a dictionary" : parsed.error().description);
         return std::nullopt;
     }
     StorableAnswer answer(*parsed->dictionary());
     for (const auto& where : answer.dropped) {
-        kLog.error("The server's answer holds a text at {} that no property list can carry; it is left out", where);
+        kLog.error("The server's answer has a text at {} that a property list cannot store; the text is left out",
+                   where);
     }
     if (const auto others = answer.droppedCount - answer.dropped.size(); others > 0) {
-        kLog.error("The server's answer holds {} more such texts", others);
+        kLog.error("The server's answer has {} more such texts", others);
     }
     return std::move(answer.content);
 }
 
-// Stores the answer and applies what it changes. An answer that is not stored is not applied: the next answer would be
-// compared with the old file, and everything applied again.
+// Stores the answer and applies its changes. An answer that cannot be stored is not applied: the next answer would be
+// compared with the old file, and all changes applied again.
 void apply(const PropertyListHandler& sent, Dictionary answer) {
     if (!PropertyListHandler::replace(serverInfoFile(), answer)) {
-        kLog.error("The server's answer could not be stored, so it is not applied; the next one may be");
+        kLog.error("The server's answer could not be stored and is not applied; the next sync tries again");
         return;
     }
     auto& configuration = GlobalVariables::getInstance();
@@ -113,19 +114,19 @@ void apply(const PropertyListHandler& sent, Dictionary answer) {
         ServerCommunicator::AuthIDChangesWithOldData,
     };
     for (const auto handler : kHandlers) {
-        // A change that cannot be applied does not keep the others from being applied.
+        // A failed handler must not keep the others from running.
         runGuarded("ServerCommunicator", [&] { handler(sent, answer); });
     }
     configuration.initialiseMyConfigurations();
     Current<ConfigurationReport>::get().check();
 }
 
-// What the waiting call and the completions of its requests share.
+// Shared by the waiting call and the completions of its requests.
 struct Exchange {
     TransportEngine engine;
     PropertyListHandler request = requestData();
     Semaphore answered;
-    // Signalled at the end of each completion, whatever that met.
+    // Signalled at the end of each completion, even after a failure.
     Semaphore completed;
 
     Mutex mutex{LockRank::owner};
@@ -133,7 +134,7 @@ struct Exchange {
     int failures GUARDED_BY(mutex) = 0;
 
     void succeed() EXCLUDES(mutex) {
-        // Under the lock, so that the woken call sees the flag only when it is cleared.
+        // Signalled under the lock, so that the woken call sees the cleared flag.
         MutexLock lock(mutex);
         answered.signal();
         retry = false;
@@ -151,7 +152,7 @@ struct Exchange {
         return retry;
     }
 
-    // Whether it is time for the pause; the count begins anew then.
+    // Returns true if the pause is due, and resets the count of failures then.
     bool passIsOver() EXCLUDES(mutex) {
         MutexLock lock(mutex);
         if (failures != kFailuresBeforePause) {
@@ -162,7 +163,7 @@ struct Exchange {
     }
 };
 
-// Whether the server has answered the request with 200. If not, the next request goes to the next address.
+// Returns true if the server answered with 200. Otherwise the next request goes to the next address.
 bool isAnswered(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
                 const std::optional<Error>& error) {
     if (LogSource::isWritten(LogLevel::Debug)) {
@@ -189,8 +190,8 @@ void applyAnswer(const PropertyListHandler& sent, const std::optional<Data>& dat
     }
 }
 
-// On the transport's delegate queue. Every path signals both semaphores, also one that throws: the call would
-// otherwise wait for ever.
+// Runs on the session's delegate queue. Every path signals both semaphores, even after an exception. Otherwise the call
+// would wait forever.
 void completeExchange(Exchange& exchange, const std::optional<Data>& data, const std::optional<UrlResponse>& response,
                       const std::optional<Error>& error) {
     bool answered = false;
@@ -230,7 +231,7 @@ void ServerCommunicator::sync(Until until) {
                 completeExchange(*exchange, data, response, error);
             });
         if (!begun) {
-            // Nothing would end the wait.
+            // The session will not call the completion, so the wait would never end.
             completeExchange(*exchange, {}, {}, Error{kUrlErrorDomain, 0, "The request could not begin"});
         }
         exchange->answered.wait();

@@ -1,4 +1,4 @@
-// Synchronises the agent's configuration with the audit server, and applies what the server changed.
+// Synchronises the agent's configuration with the audit server, and applies the changes.
 
 #pragma once
 
@@ -9,35 +9,37 @@ namespace sentrova {
 
 class ServerCommunicator {
   public:
-    // The scheduled task that runs the synchronisation.
+    // The name of the scheduled task that runs syncFromServer.
     static constexpr const char* kTaskName = "SyncConfiguration";
 
-    // Sends the agent's state to the server and returns when the server has answered with 200, however long that takes:
-    // each failure moves on to the next address, and after twelve in a row the thread sleeps for 900 seconds. What the
-    // answer changes may still be applied, on the transport's delegate queue, when this returns.
+    // Sends the agent's state to the server and returns when the server has answered with 200, however long that takes.
+    // Each failure moves to the next address. After twelve failures in a row, the thread sleeps for 900 seconds. The
+    // changes may still be applied, on the session's delegate queue, after this returns.
     void syncFromServer();
-    // The same for the start of the agent, returning only when the answer has been applied: collection is to begin with
-    // the configuration that it brought. Not while there is a main queue, since a handler may wait for an operation
-    // there.
+    // The same for the start of the agent, but returns only when the changes have been applied: collection must begin
+    // with the new configuration. Must not be called while there is a main queue, because a handler may wait for an
+    // operation on it.
     void syncAndApply();
 
-    // The change handlers, called in this order after a synchronisation. Each compares what `Serverinfo.plist` held, as
-    // it was sent, with the server's answer. An absent new value is no change, unless a handler says otherwise.
+    // The change handlers, called in this order after a synchronisation. Each compares `Serverinfo.plist` as it was
+    // sent (oldData) with the server's answer (newData). An absent new value means no change, unless a handler says
+    // otherwise.
 
-    // "AgentGuid" and "DomainID": the agent's first configuration is logged; an agent whose domain is gone was removed
-    // at the server, which clears its keys and stops the service.
+    // "AgentGuid" and "DomainID": logs the agent's first configuration. If the server has removed the agent (same
+    // "AgentGuid", no "DomainID"), clears the agent's keys and stops the service.
     static void ConfigurationChangesCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
     // "isEnabled": starts or stops both collections.
     static void StateChangesCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
-    // "IsRealTime" (absent is false) and "FetchInterval": switches the way of collecting, re-times batch collection.
+    // "IsRealTime" (absent means false) and "FetchInterval": switches realtime collection, and sets the interval of
+    // batch collection.
     static void IntervalChangesCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
-    // "NATServerName": sets the type of connection.
+    // "NATServerName": sets the connection type.
     static void NATChangesWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
-    // "SyncTime": re-times the synchronisation.
+    // "SyncTime": sets the interval of the synchronisation.
     static void SyncTimeCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
-    // "EventsToRead": restarts realtime collection, if that was on and stays on. Blocks while the old one ends.
+    // "EventsToRead": restarts realtime collection if it was on and stays on. Blocks until the old operation has ended.
     static void realTimeReinitialiseCheckWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
-    // "AgentAuthID", when the agent had none: stores the identity, encrypted, and removes it from the new data.
+    // "AgentAuthID", if the agent had none: stores the identity encrypted, and removes it from newData.
     static void AuthIDChangesWithOldData(const PropertyListHandler& oldData, Dictionary& newData);
 
   private:

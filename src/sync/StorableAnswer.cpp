@@ -29,7 +29,7 @@ class Filter {
     }
 
   private:
-    // Null for what is dropped.
+    // Returns null for a dropped value.
     Value storable(const Value& value) {
         if (const auto* dictionary = value.dictionary()) {
             return kept(*dictionary);

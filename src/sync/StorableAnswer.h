@@ -1,4 +1,4 @@
-// What of a server's answer `Serverinfo.plist` can hold.
+// The part of a server's answer that `Serverinfo.plist` can store.
 
 #pragma once
 
@@ -10,13 +10,14 @@
 namespace sentrova {
 
 struct StorableAnswer {
-    // At most so many texts are named.
+    // The highest number of dropped texts that are named.
     static constexpr std::size_t kMostNamed = 10;
 
-    // The answer without its nulls, and without the entries whose key or text XML cannot carry.
+    // The answer without nulls, and without entries whose key or text XML cannot represent.
     Dictionary content;
-    // Where such texts stood, as ".key[2].key".
+    // The paths of dropped texts, as ".key[2].key".
     std::vector<std::string> dropped;
+    // The number of all dropped texts.
     std::size_t droppedCount = 0;
 
     explicit StorableAnswer(const Dictionary& answer);

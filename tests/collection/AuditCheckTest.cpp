@@ -16,7 +16,7 @@ namespace {
 
 using platform::AuditState;
 
-// What the host says of itself, unless the test says something else.
+// The host's state of auditing, if the case gives one.
 struct FakeCondition final : platform::AuditCondition {
     explicit FakeCondition(std::optional<Result<AuditState>> given) : answer(std::move(given)) {
         if (answer) {
@@ -33,7 +33,7 @@ struct FakeCondition final : platform::AuditCondition {
 
 class AuditCheckTest : public ::testing::Test, protected AgentFixture {};
 
-TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
+TEST_F(AuditCheckTest, StartAndEachFailedOpeningLogTheProblemAndThePageThatHelps) {
     const std::string switchOn = "see \"Switch auditing on\" in docs/macos.md\r\n";
     const std::string troubleshoot = "see \"Troubleshoot\" in docs/macos.md\r\n";
     const auto page = textOf(std::string(build::kSourceDir) + "/docs/macos.md");
@@ -43,11 +43,11 @@ TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
     }
     const std::string noDevice = "There is no /dev/auditpipe, so no logon is reported as it happens: " + switchOn;
     const std::string off = "Auditing is off on this system, so no logon is recorded: " + switchOn;
-    const std::string unknown = "Whether auditing is on cannot be told (Operation not permitted): " + troubleshoot;
+    const std::string unknown = "The state of auditing is unknown (Operation not permitted): " + troubleshoot;
     const std::string unreadable =
         "Auditing is on, but /dev/auditpipe is not readable (Is a directory): " + troubleshoot;
     enum class Pipe { there, missing, aFolder };
-    // The pipe, what the host says of auditing, and the errors at the start and at the opening.
+    // The pipe, the host's state of auditing, and the errors at the start and at the opening.
     const std::tuple<const char*, Pipe, std::optional<Result<AuditState>>, std::string, std::string> cases[] = {
         {"all well", Pipe::there, std::nullopt, "", ""},
         {"device missing", Pipe::missing, std::nullopt, noDevice, noDevice},
@@ -57,7 +57,7 @@ TEST_F(AuditCheckTest, StartAndEachFailedOpeningSayWhatIsWrongAndWhereHelpIs) {
         {"system that does not tell", Pipe::there, posixError(EPERM), unknown, ""},
     };
     std::size_t read = 0;
-    // The lines of level 0 that the case has added so far, without what stands before the level.
+    // The new lines of level 0, from the message on.
     const auto newErrors = [&] {
         const auto text = log();
         std::string errors;

@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Knows what a test tells it, and counts what it is asked.
+// A directory with the users and ids of the test. Records its queries.
 class FakeDirectory final : public platform::Directory {
   public:
     std::optional<std::string> userName(std::uint32_t id) override { return nameIn(userNames, id); }
@@ -25,11 +25,11 @@ class FakeDirectory final : public platform::Directory {
 
     std::map<std::uint32_t, std::string> userNames;
     std::map<std::uint32_t, std::string> groupNames;
-    // What a query by name finds, or fails with.
+    // The result of a query by name.
     std::vector<platform::DirectoryRecord> records;
     std::optional<Error> problem;
 
-    // The names that were asked for, and how often an id was.
+    // The queried names, and the number of queries per id.
     std::vector<std::string> queries;
     int idQueries = 0;
 
@@ -44,7 +44,7 @@ class FakeDirectory final : public platform::Directory {
 
 class DomainUtilTest : public ::testing::Test, protected AgentFixture {
   protected:
-    // Runs of the directory tool since the last call; each of them must have had the right arguments.
+    // The number of runs of the directory tool since the last call. Fails if a run had wrong arguments.
     int runs() {
         const auto path = volume().volume() / "usr/sbin/dsconfigad.runs";
         std::ifstream in(path);
@@ -57,7 +57,7 @@ class DomainUtilTest : public ::testing::Test, protected AgentFixture {
     }
 };
 
-TEST_F(DomainUtilTest, NothingIsRememberedUntilADomainIsSet) {
+TEST_F(DomainUtilTest, NothingIsRememberedUntilSetDomainNameIsCalled) {
     EXPECT_EQ(DomainUtil::getDomainName(), "corp.example.com");
     EXPECT_EQ(DomainUtil::getDomainName(), "corp.example.com");
     EXPECT_EQ(DomainUtil::getHostName(), "mac-042");
@@ -65,7 +65,7 @@ TEST_F(DomainUtilTest, NothingIsRememberedUntilADomainIsSet) {
     DomainUtil::setDomainName("configured.example.com");
     EXPECT_EQ(DomainUtil::getDomainName(), "configured.example.com");
     EXPECT_EQ(runs(), 0);
-    // What the tool says of the domain replaces the configured name.
+    // The domain that the tool reports replaces the configured one.
     EXPECT_EQ(DomainUtil::getHostName(), "mac-042");
     EXPECT_EQ(DomainUtil::getDomainName(), "corp.example.com");
     EXPECT_EQ(DomainUtil::getHostName(), "mac-042");

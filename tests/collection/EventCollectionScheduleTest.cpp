@@ -41,7 +41,7 @@ TEST_F(EventCollectionScheduleTest, RunIsRefusedWhileItsConditionsDoNotHold) {
         EXPECT_TRUE(operation.isFinished()) << flags;
         EXPECT_EQ(logged("[INFO]" + flags + "\r\n"), 1);
     }
-    // A link in the spool's place, first one that others can have made.
+    // A link in place of the spool folder; first one that another user may have created.
     configuration.setMaxEventDataSizeReached(false);
     fs::rename(volume().eventData(), volume().root() / "elsewhere");
     fs::create_symlink(volume().root() / "elsewhere", volume().eventData());
@@ -101,14 +101,14 @@ TEST_F(EventCollectionScheduleTest, SecondPassWaitsForTheFirst) {
     EXPECT_EQ(EventQueueGCD::length(), 1U) << "each event came once";
 }
 
-TEST_F(EventCollectionScheduleTest, CancelEndsThePresentFileOnly) {
+TEST_F(EventCollectionScheduleTest, CancelEndsOnlyTheCurrentFile) {
     serverInfo.set("NumberofEventsPerRequest", 1);
     restartConfigured();
     addTrail("first", 3000s, {1000s, 1001s, 1002s, 1003s});
     addTrail("second", 4000s, {3500s, 3501s});
     EventCollectionSchedule operation;
     int files = 0;
-    // Posted from within the reading, when the second event comes.
+    // Posted during the reading, when the second event comes.
     const auto cancel = [&](const Notification&) { ++files == 1 ? operation.cancel() : void(); };
     const auto observer =
         NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kEventFileNotification, cancel);

@@ -25,7 +25,7 @@ class EventCollectorRealtimeTest : public ::testing::Test, protected AgentFixtur
         restartConfigured();
     }
 
-    // An operation that reads the pipe on a thread of its own, until it is cancelled.
+    // An operation that reads the pipe on its own thread until it is cancelled.
     struct Reading {
         std::shared_ptr<EventCollectorRealtime> operation = std::make_shared<EventCollectorRealtime>();
         std::thread thread{[operation = operation] { operation->start(); }};
@@ -38,7 +38,8 @@ class EventCollectorRealtimeTest : public ::testing::Test, protected AgentFixtur
         }
     };
 
-    // Has a record read that comes in two parts from two writers, so that the reader is known to be at work.
+    // Writes one record in two parts through two writers, and waits until it has been read. The reader is then known to
+    // be reading.
     void passRecord(std::size_t count) {
         const auto record = TrailRecord(6152).at(1000s).returns(0).bytes();
         for (const auto part : {std::span(record).first(20), std::span(record).subspan(20)}) {
@@ -71,7 +72,7 @@ TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) 
 }
 
 TEST_F(EventCollectorRealtimeTest, CancelBetweenCreationAndStartOfTheReaderEndsTheReading) {
-    // Cancels as soon as the reader says that it starts.
+    // Cancels as soon as the log says that the reader starts.
     struct CancelAtStart final : platform::HostFileSystem {
         Result<Done> append(const std::string& path, std::string_view text) override {
             if (text.find("Eventcollector start called") != std::string_view::npos) {
@@ -100,7 +101,7 @@ TEST_F(EventCollectorRealtimeTest, OneReaderReadsUntilTheSizeLimitIsReached) {
 
     configuration.setMaxEventDataSizeReached(true);
     EXPECT_TRUE(reading.operation->isFinished());
-    // It waited for the device, on which nothing more is written.
+    // The cancel ended a read of the device, without new data.
     EXPECT_TRUE(eventually([this] { return logged("[INFO]/dev/auditpipe ended: 2 records read", "Event") == 1; }));
     EXPECT_EQ(logged("[ERROR]Reading /dev/auditpipe failed"), 0) << "a cancel is no failure";
     EXPECT_TRUE(eventually([this] {
@@ -112,7 +113,7 @@ TEST_F(EventCollectorRealtimeTest, OneReaderReadsUntilTheSizeLimitIsReached) {
     EXPECT_EQ(logged("Eventcollector start called"), 1);
 }
 
-TEST_F(EventCollectorRealtimeTest, OneOfTwoOperationsStartedAtOnceReadsAndOneWithoutAPipeWaitsForItsCancel) {
+TEST_F(EventCollectorRealtimeTest, OnlyOneOfTwoConcurrentOperationsReadsAndOneWithoutAPipeExecutesUntilItsCancel) {
     {
         const Reading readings[2];
         passRecord(1);

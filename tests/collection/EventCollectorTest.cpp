@@ -24,7 +24,7 @@ using Names = std::vector<std::string>;
 constexpr std::uint16_t kLogin = 6152;
 constexpr std::uint16_t kLogout = 6153;
 
-// Stands for the device's requests; the source itself is the volume's.
+// Records the requests to the device. The data comes from the volume's pipe.
 class RequestedDevice final : public platform::AuditPipeDevice {
   public:
     explicit RequestedDevice(std::size_t failing) : failing_(failing) {}
@@ -49,7 +49,7 @@ class RequestedDevice final : public platform::AuditPipeDevice {
 
 }  // namespace
 
-// All that is collected stays in the spool's memory.
+// The batch size keeps all events in the spool's memory.
 class EventCollectorTest : public ::testing::Test, protected AgentFixture {
   protected:
     EventCollectorTest() {
@@ -58,7 +58,7 @@ class EventCollectorTest : public ::testing::Test, protected AgentFixture {
         restartConfigured();
     }
 
-    // Reads a trail with these bytes, all of it newly modified.
+    // Reads a trail with these bytes, which counts as just modified.
     void readTrail(const TrailWriter& trail, std::optional<Names> names = std::nullopt) {
         volume().addTrail("trail", trail.bytes(), 5000s);
         EventCollector("/var/audit/trail", std::move(names)).start();
@@ -105,7 +105,7 @@ TEST_F(EventCollectorTest, ConfiguredNamesSelectTheTypes) {
     EXPECT_FALSE(EventSelection(EventSelection::split("")).contains(kLogin)) << "one empty name: none";
 }
 
-TEST_F(EventCollectorTest, OpeningASourceMovesTheTimeOnBySecondAndUnsuitableFilesAreRefused) {
+TEST_F(EventCollectorTest, OpeningASourceMovesTheTimeForwardByOneSecondAndUnsuitableFilesAreRefused) {
     const auto record = TrailRecord(kLogin).at(500s).returns(0).bytes();
     volume().addTrail("older", record, 99s);
     volume().addTrail("equal", record, 100s);
@@ -145,7 +145,7 @@ TEST_F(EventCollectorTest, TimeNeverGoesBackAndIsNotMovedByACancelledReader) {
                       5000s);
     EventCollector late("/var/audit/late", Names{"AUE_login"});
     EXPECT_EQ(EventCollector::LastTimeStamp(), 1U) << "as if nothing had been stored";
-    // Posted while the second event is handed over: another reader is done before this one is.
+    // Posted during the delivery of the second event: another reader finishes before this one.
     const auto overtake = [&](const Notification&) {
         late.cancel();
         const EventCollector other("/var/audit/late", std::nullopt);
@@ -155,7 +155,7 @@ TEST_F(EventCollectorTest, TimeNeverGoesBackAndIsNotMovedByACancelledReader) {
         NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kEventFileNotification, overtake);
     late.start();
     EXPECT_EQ(EventCollector::LastTimeStamp(), 1000U);
-    EXPECT_EQ(spooled().size(), 1U) << "the late event is delivered all the same";
+    EXPECT_EQ(spooled().size(), 1U) << "the late event is still delivered";
     EXPECT_FALSE(late.shouldProcessRecord(kLogin, 1001)) << "left to the next reader";
     EXPECT_TRUE(late.shouldProcessRecord(kLogin, 1000));
     EXPECT_EQ(EventCollector::LastTimeStamp(), 1000U);
@@ -222,7 +222,7 @@ TEST_F(EventCollectorTest, MissingOrMalformedTokensLeaveTheirFieldsUnset) {
     EXPECT_EQ((*events[1].dictionary())["text_text"], Value("kept")) << "nothing is taken after the trailer";
     EXPECT_EQ(logged("[INFO]Error/Exclusion in "), 1);
     EXPECT_EQ(currentLoginUtility::getLogonUserAtTime(300), (Dictionary{{"uid", "4000"}}));
-    EXPECT_EQ(logged("[ERROR]A record of 16777217 bytes at byte 14 of /var/audit/trail is skipped"), 1);
+    EXPECT_EQ(logged("[ERROR]A record of 16777217 bytes at offset 14 of /var/audit/trail is skipped"), 1);
 }
 
 TEST_F(EventCollectorTest, TimeIsStoredAsTextAndOnlyWhenItIsNewer) {

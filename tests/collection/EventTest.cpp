@@ -17,7 +17,7 @@ constexpr const char* kTouchId = "Touch ID authentication";
 
 using Text = std::optional<std::string>;
 
-// As a record of the session makes it, unless the case says something else.
+// The event of a record of a user's session, unless the case overrides it.
 Event eventOf(std::uint16_t type, std::uint32_t ret, const Text& text = "", const Text& signingId = std::nullopt,
               std::uint32_t session = 100007, std::uint32_t auditId = 501) {
     Event event;
@@ -47,10 +47,10 @@ class EventTest : public ::testing::Test, protected AgentFixture {
     }
 };
 
-TEST_F(EventTest, TypeResultSignerAndUserDecideWhatIsReportedAndWhatTheHistoryLearns) {
+TEST_F(EventTest, TypeResultSignerAndUserDecideWhatIsReportedAndWhatEntersTheHistory) {
     const Text none;
     const Text sid = "S-1-5-21-7";
-    // The event, whether it is reported, its user, the user that the history has then, and the SID.
+    // The event, whether it is reported, its user, the user in the history afterwards, and the SID.
     const std::tuple<const char*, Event, bool, Text, Text, Text> cases[] = {
         {"failed agent", eventOf(45026, 1, "Failed <anna> (x)"), true, "anna", none, sid},
         {"failed, no name", eventOf(45026, 1, "who"), true, "who", none, none},
@@ -88,7 +88,7 @@ TEST_F(EventTest, TypeResultSignerAndUserDecideWhatIsReportedAndWhatTheHistoryLe
     EXPECT_EQ(logged("Excluding event because of {", "Event"), 2);
 }
 
-TEST_F(EventTest, NameIsTheSecondPieceOfTheText) {
+TEST_F(EventTest, UserNameIsTheTextBetweenTheFirstTwoSeparators) {
     const std::tuple<std::uint16_t, const char*, const char*> cases[] = {
         {45023, "'", ""},      {45023, "a'b", "b"},   {45023, "a'b'c'd", "b"},
         {45023, "''x'", ""},   {45023, "'b", "b"},    {45023, "<b>", "<b>"},
@@ -100,7 +100,7 @@ TEST_F(EventTest, NameIsTheSecondPieceOfTheText) {
     }
 }
 
-TEST_F(EventTest, TouchIdTakesItsUserFromTheHistoryForWhichOnlyRealtimeWaitsThreeSeconds) {
+TEST_F(EventTest, TouchIdTakesItsUserFromTheHistoryAndOnlyRealtimeWaitsThreeSeconds) {
     const std::tuple<Dictionary, std::uint64_t, Text, Text> cases[] = {
         {{{"uid", "late"}}, kTime + 2, {}, {}},
         {{{"gid", "staff"}}, kTime, {}, {}},

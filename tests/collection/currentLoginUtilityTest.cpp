@@ -32,13 +32,13 @@ void add(const char* user, double time) {
 
 class currentLoginUtilityTest : public ::testing::Test, protected AgentFixture {
   protected:
-    // Without a console nobody is logged on at it, and the history begins empty.
+    // Without a console, no owner is added, and the history begins empty.
     currentLoginUtilityTest() { fs::remove(volume().console()); }
 
     fs::path file() { return volume().conf() / "currentLogins"; }
 
-    // The lines of the additions in their order, a letter each: Added, Removed a key, Written, and the Last one, of the
-    // write that always fails. x for a write that failed.
+    // The log lines of the additions, in order, one letter each: A added, R removed a key, W written, x write failed, L
+    // the second write, which always fails.
     std::string lines() const {
         std::istringstream in(log());
         std::string letters;

@@ -22,13 +22,19 @@ TEST_F(UtilitiesTest, CatalinaAndLaterSystemsAreSupported) {
     EXPECT_FALSE(Utilities::isSupportedOSVersion());
 }
 
-TEST_F(UtilitiesTest, OnlyTheQuestionsForVersionAndHelpAreAnsweredOnStandardOutput) {
+TEST_F(UtilitiesTest, VersionAndHelpAreAnsweredAndWrongArgumentsAreNamedWithTheUsage) {
     using Arguments = std::vector<const char*>;
     EXPECT_TRUE(replyTo(Arguments{"--version"}).text.starts_with("sentrova-agent "));
     EXPECT_TRUE(replyTo(Arguments{"--help"}).text.starts_with("usage: "));
     EXPECT_EQ(replyTo(Arguments{"--version"}).status + replyTo(Arguments{"--help"}).status, 0);
-    for (const auto& unknown : {Arguments{""}, {"version"}, {"--version", "--help"}}) {
-        EXPECT_EQ(replyTo(unknown).status, 64) << unknown.front();
+    const std::pair<Arguments, const char*> wrong[] = {
+        {{""}, "sentrova-agent: unknown argument \"\"\nusage: "},
+        {{"--version", "--bogus"}, "sentrova-agent: unknown argument \"--bogus\"\nusage: "},
+        {{"--version", "--help"}, "sentrova-agent: only one argument is allowed\nusage: "}};
+    for (const auto& [arguments, text] : wrong) {
+        const auto reply = replyTo(arguments);
+        EXPECT_EQ(reply.status, 64) << text;
+        EXPECT_TRUE(reply.text.starts_with(text)) << reply.text;
     }
 }
 

@@ -1,5 +1,4 @@
-// What the end-to-end tests share: the agent's surroundings, and records of sudo that are told apart by their process
-// numbers.
+// Shared by the end-to-end tests: the agent's environment, and records of sudo that differ in their process ids.
 
 #pragma once
 
@@ -30,12 +29,12 @@ inline TrailWriter sudoTrail(std::chrono::seconds begin, std::uint32_t firstProc
     return trail;
 }
 
-// A closed trail, as old as its last record.
+// Adds a closed trail, last modified at the time of its last record.
 inline void addTrail(SystemVolume& volume, const TrailWriter& trail) {
     volume.addTrail(std::to_string(trail.lastTime().count()), trail.bytes(), trail.lastTime());
 }
 
-// Of all events in the text.
+// The process ids of all events in the text.
 inline Processes processesIn(const std::string& text) {
     constexpr std::string_view kKey = "\"subject_pid\":";
     Processes found;

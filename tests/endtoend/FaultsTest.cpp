@@ -1,4 +1,4 @@
-// Every single call of an event's road fails once, and no event goes missing without a word.
+// Every file system call of the pipeline fails once, and no event is lost without a line in the log.
 
 #include "collection/EventCollectionSchedule.h"
 #include "collection/currentLoginUtility.h"
@@ -32,12 +32,12 @@ constexpr std::uint32_t kEvents = 10;
 constexpr std::uint32_t kFirstAfterwards = 200;
 constexpr std::uint32_t kEventsAfterwards = 4;
 
-// The parts that an event passes through, joined as the service joins them, with batches of three events. The server
-// refuses the first delivery, so that its events take the way back, too.
-class Road : public AgentFixture {
+// The parts of the pipeline, connected as in the service, with batches of three events. The server refuses the first
+// delivery, so that its events return to the spool.
+class Pipeline : public AgentFixture {
   public:
-    // Without a server on loopback the network is left out.
-    explicit Road(const AuditServer* server = nullptr) : server_(server) {
+    // Without a server, a fake session answers.
+    explicit Pipeline(const AuditServer* server = nullptr) : server_(server) {
         if (server) {
             connect();
             serverInfo = loopbackConfiguration(server->port());
@@ -47,9 +47,9 @@ class Road : public AgentFixture {
         restartConfigured();
         session().respondWith([this](const FakeUrlSession::Sent& sent) { return answer(sent); });
     }
-    ~Road() { end(); }
-    Road(const Road&) = delete;
-    Road& operator=(const Road&) = delete;
+    ~Pipeline() { end(); }
+    Pipeline(const Pipeline&) = delete;
+    Pipeline& operator=(const Pipeline&) = delete;
 
     void begin() {
         GlobalVariables::getInstance().load();
@@ -64,9 +64,9 @@ class Road : public AgentFixture {
         begin();
     }
 
-    // A closed trail with records of the last seconds, and a pass over the trails.
+    // Adds a closed trail with records of the last seconds, and runs batch collection.
     void collect(std::uint32_t firstProcess, std::uint32_t records) {
-        // Records of the seconds right after the newest one are not read again.
+        // Leaves a gap, because records of the seconds next to the newest one are not read again.
         clock().advance(1min);
         refusesNext_ = true;
         const auto begin = clock().epochSeconds() - records;
@@ -78,7 +78,7 @@ class Road : public AgentFixture {
     }
     void collect() { std::make_shared<EventCollectionSchedule>()->start(); }
 
-    // Lets time pass until the condition holds, with a synchronisation where the server has become unreachable.
+    // Moves the clock until the condition holds. Synchronises when the server has become unreachable.
     bool passTimeUntil(const std::function<bool()>& condition) {
         return eventually([&] {
             if (condition()) {
@@ -107,12 +107,12 @@ class Road : public AgentFixture {
         return std::ranges::count_if(all, [&](auto process) { return !accountedFor.contains(process); });
     }
     bool haveArrived(std::uint32_t first, std::uint32_t count) { return missing(first, count) == 0; }
-    // Whether each of the first events has arrived, is named as lost, or lies in a file that could not be read.
+    // Whether each of the first events has arrived, is reported as lost, or is in a file that could not be read.
     bool areAccountedFor() {
         const bool isUnreadable = errors().find("The spooled file cannot be read") != std::string::npos;
         return missing(kFirst, kEvents, isUnreadable ? spooled() : Processes()) == namedAsLost();
     }
-    // How many events of that one's time, or of any, the log names as lost.
+    // How many events the log reports as lost; if a process is given, only batches whose time range covers its event.
     std::int64_t namedAsLost(std::optional<std::int64_t> process = {}) {
         static const std::regex line(R"(A batch of (\d+) events is lost, recorded from (\d+) to (\d+): )");
         const auto text = errors();
@@ -129,7 +129,7 @@ class Road : public AgentFixture {
         for (const auto* category : {"Config", "Communication", "Event"}) {
             std::istringstream lines(logOf(volume(), category));
             for (std::string line; std::getline(lines, line);) {
-                // One line of a healthy start names a path as well.
+                // A normal start logs one error line that contains a path.
                 const bool tells =
                     line.find("[ERROR]") != std::string::npos && line.find("already exists") == std::string::npos;
                 errors += tells ? line + "\n" : "";
@@ -144,7 +144,7 @@ class Road : public AgentFixture {
         }
         return processes;
     }
-    // For the message of a failure.
+    // The state, for the message of a failed check.
     std::string account() {
         return fmt::format("arrived: {}\nspooled: {}\nin memory: {}\n{}", arrivals(), spooled(),
                            EventQueueGCD::length(), errors());
@@ -182,7 +182,7 @@ class Road : public AgentFixture {
     std::optional<platform::CurlUrlSession> real_;
     std::shared_ptr<EventForwarder> forwarder_;
     std::mutex mutex_;
-    // When each event was recorded.
+    // The time of each event, by process id.
     std::map<std::int64_t, std::int64_t> times_;
     std::atomic<bool> refusesNext_ = false;
     Processes arrivals_;
@@ -210,8 +210,8 @@ const std::pair<const char*, Fault> kKinds[] = {
     {"permission denied at list", {.call = FaultyFileSystem::kList, .error = EACCES}},
 };
 
-// What became of an agent that met a fault: the calls of its kind there were, and where it was met.
-struct Journey {
+// The outcome of a run with a fault: the number of calls of its kind, and the path that failed.
+struct Outcome {
     std::size_t calls = 0;
     std::string met;
 };
@@ -223,71 +223,71 @@ void expectNamed(const Fault& fault, const std::string& met, const std::string& 
         << errors;
 }
 
-// The whole road under a fault; then a further trail, and a second start without one.
-Journey travel(const Fault& fault) {
+// Runs the whole pipeline with a fault; then a further trail and a second start without it.
+Outcome travel(const Fault& fault) {
     FaultyFileSystem files(isOfTheAgent);
-    Road road;
-    road.begin();
+    Pipeline pipeline;
+    pipeline.begin();
     files.arm(fault);
-    road.collect(kFirst, kEvents);
-    EXPECT_TRUE(road.passTimeUntil([&] {
-        return road.areAccountedFor() || road.errors().find("/var/audit") != std::string::npos;
+    pipeline.collect(kFirst, kEvents);
+    EXPECT_TRUE(pipeline.passTimeUntil([&] {
+        return pipeline.areAccountedFor() || pipeline.errors().find("/var/audit") != std::string::npos;
     })) << "at "
         << files.met() << "\n"
-        << road.account();
-    const Journey journey{files.calls()[fault.call], files.met()};
-    EXPECT_GT(journey.calls, 0U);
+        << pipeline.account();
+    const Outcome outcome{files.calls()[fault.call], files.met()};
+    EXPECT_GT(outcome.calls, 0U);
     files.arm({});
-    SCOPED_TRACE("at " + journey.met);
-    // What a pass could not read, the next one reads; all is on its way before the agent ends.
-    road.collect(kFirstAfterwards, kEventsAfterwards);
-    EXPECT_TRUE(road.passTimeUntil([&] {
-        return road.haveArrived(kFirstAfterwards, kEventsAfterwards) && road.areAccountedFor();
-    })) << road.account();
-    road.restartAgent();
-    road.collect();
-    EXPECT_TRUE(road.passTimeUntil([&] { return road.spooled().empty() && EventQueueGCD::length() == 0; }))
-        << road.account();
+    SCOPED_TRACE("at " + outcome.met);
+    // The next pass reads what this pass could not. Everything is in the pipeline before the agent ends.
+    pipeline.collect(kFirstAfterwards, kEventsAfterwards);
+    EXPECT_TRUE(pipeline.passTimeUntil([&] {
+        return pipeline.haveArrived(kFirstAfterwards, kEventsAfterwards) && pipeline.areAccountedFor();
+    })) << pipeline.account();
+    pipeline.restartAgent();
+    pipeline.collect();
+    EXPECT_TRUE(pipeline.passTimeUntil([&] { return pipeline.spooled().empty() && EventQueueGCD::length() == 0; }))
+        << pipeline.account();
 
-    const auto errors = road.errors();
-    // Where a look at a file failed, the agent may do without.
-    if (fault.call != FaultyFileSystem::kStatus || !road.haveArrived(kFirst, kEvents)) {
-        expectNamed(fault, journey.met, errors);
+    const auto errors = pipeline.errors();
+    // If the status of a file cannot be read, the agent may continue without it.
+    if (fault.call != FaultyFileSystem::kStatus || !pipeline.haveArrived(kFirst, kEvents)) {
+        expectNamed(fault, outcome.met, errors);
     }
     const bool sentAgain = errors.find("is still there") != std::string::npos;
-    const auto arrived = road.arrivals();
-    EXPECT_FALSE(arrived.empty()) << road.account();
+    const auto arrived = pipeline.arrivals();
+    EXPECT_FALSE(arrived.empty()) << pipeline.account();
     EXPECT_TRUE(std::ranges::all_of(
         arrived, [](auto process) { return process >= kFirst && process < kFirstAfterwards + kEventsAfterwards; }));
     for (auto process = kFirst; process < kFirst + kEvents; ++process) {
         const auto times = arrived.count(process);
-        EXPECT_TRUE(times == 1 || (times == 2 && sentAgain) || (times == 0 && road.namedAsLost(process) > 0))
+        EXPECT_TRUE(times == 1 || (times == 2 && sentAgain) || (times == 0 && pipeline.namedAsLost(process) > 0))
             << process << " arrived " << times << " times\n"
             << errors;
     }
-    EXPECT_EQ(road.missing(kFirst, kEvents), road.namedAsLost()) << errors;
-    return journey;
+    EXPECT_EQ(pipeline.missing(kFirst, kEvents), pipeline.namedAsLost()) << errors;
+    return outcome;
 }
 
-// A start under a fault, and a second one without it, which finds everything as it was.
-Journey begin(const Fault& fault) {
+// Starts with a fault, then again without it. The second start finds everything intact.
+Outcome begin(const Fault& fault) {
     FaultyFileSystem files(isOfTheAgent);
-    Road road;
+    Pipeline pipeline;
     files.arm(fault);
-    road.begin();
-    const Journey journey{files.calls()[fault.call], files.met()};
+    pipeline.begin();
+    const Outcome outcome{files.calls()[fault.call], files.met()};
     files.arm({});
-    SCOPED_TRACE("at " + journey.met);
-    // What the log could not take, it takes with its next line.
-    road.collect(kFirst - 1, 1);
-    expectNamed(fault, journey.met, road.errors());
-    road.restartAgent();
-    road.collect(kFirst, kEvents);
-    EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.errors();
-    return journey;
+    SCOPED_TRACE("at " + outcome.met);
+    // Lines that could not be written come with the next line.
+    pipeline.collect(kFirst - 1, 1);
+    expectNamed(fault, outcome.met, pipeline.errors());
+    pipeline.restartAgent();
+    pipeline.collect(kFirst, kEvents);
+    EXPECT_TRUE(pipeline.passTimeUntil([&] { return pipeline.haveArrived(kFirst, kEvents); })) << pipeline.errors();
+    return outcome;
 }
 
-void tryEveryFault(Journey (*go)(const Fault&)) {
+void tryEveryFault(Outcome (*go)(const Fault&)) {
     for (const auto& [name, kind] : kKinds) {
         auto fault = kind;
         const auto calls = go(fault).calls;
@@ -298,7 +298,7 @@ void tryEveryFault(Journey (*go)(const Fault&)) {
     }
 }
 
-TEST(FaultsTest, FaultAtAnyCallLosesNoEventWithoutNamingIt) {
+TEST(FaultsTest, FaultAtAnyCallLosesNoEventWithoutALogLine) {
     tryEveryFault(travel);
 }
 
@@ -307,9 +307,9 @@ TEST(FaultsTest, FaultAtAnyCallDuringTheStartDoesNoLastingDamage) {
 }
 
 TEST(FaultsTest, NetworkTroubleAtAnyDeliveryLosesNoEvent) {
-    // With what the log says; nothing where the events have been accepted all the same. Where the first sending on a
-    // connection that was kept alive fails, the library sends once more by itself. With more failures than there are
-    // deliveries, one of them fails twice.
+    // With the expected text in the log; none if the server accepts the events nevertheless. If the first request on a
+    // kept-alive connection fails, the library sends it again itself. Five failures for four deliveries make one
+    // delivery fail twice.
     const std::pair<AuditServer::Failure, const char*> troubles[] = {
         {{.status = 503}, "(null)"},
         {{.kind = NetworkFault::drop, .count = 5}, "connection was lost"},
@@ -334,16 +334,17 @@ TEST(FaultsTest, NetworkTroubleAtAnyDeliveryLosesNoEvent) {
             trouble.path = AuditServer::kEventsPath;
             AuditServer server;
             server.fail(trouble);
-            Road road(&server);
-            road.begin();
-            road.collect(kFirst, kEvents);
-            EXPECT_TRUE(road.passTimeUntil([&] { return road.haveArrived(kFirst, kEvents); })) << road.account();
-            const auto errors = road.errors();
-            // Time goes by so fast here that any delivery may time out before anything else becomes of it.
+            Pipeline pipeline(&server);
+            pipeline.begin();
+            pipeline.collect(kFirst, kEvents);
+            EXPECT_TRUE(pipeline.passTimeUntil([&] { return pipeline.haveArrived(kFirst, kEvents); }))
+                << pipeline.account();
+            const auto errors = pipeline.errors();
+            // The clock is so fast that any delivery may time out first.
             const bool late = errors.find("timed out") != std::string::npos;
             punctual += late ? 0 : 1;
             EXPECT_TRUE(late || errors.find(named) != std::string::npos) << errors;
-            const auto arrived = road.arrivals();
+            const auto arrived = pipeline.arrivals();
             EXPECT_TRUE(late || arrived == eachOnce(kFirst, kEvents)) << fmt::format("{}\n{}", arrived, errors);
             EXPECT_EQ(Processes(arrived.lower_bound(kFirst), arrived.upper_bound(kFirst + kEvents - 1)), arrived);
         }

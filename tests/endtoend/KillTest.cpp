@@ -1,4 +1,4 @@
-// The agent killed at random moments of a run with a backlog, and started again each time: what becomes of every event.
+// Kills the agent at random moments of a run with a backlog, restarts it each time, and accounts for every event.
 
 #include "endtoend/EndToEnd.h"
 
@@ -17,15 +17,15 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::uint32_t kBatch = 20;
-// Of a trail: some batches that become files, and a rest that stays in memory for ten seconds.
+// Records per trail: some full batches, which become files, and a rest that stays in memory for ten seconds.
 constexpr std::uint32_t kRecords = 6 * kBatch + kBatch / 2;
 
-// Process numbers count through all trails; the events of one are a second apart, and the trails a thousand.
+// Process ids count through all trails. Events of a trail are one second apart, trails a thousand seconds.
 std::int64_t timeOf(std::int64_t process) {
     return 1'700'000'000 + process / kRecords * 1000 + process % kRecords;
 }
 
-// What a killed agent has left behind, and what it had begun to send.
+// What a killed agent left behind, and what it had begun to send.
 struct Remains {
     std::int64_t storedTime = 0;
     Processes spooled;
@@ -61,7 +61,7 @@ class KillTest : public EndToEnd {
         removeLogs();
     }
 
-    // At which step an event that never arrived was lost: the kill after which it was neither read nor sent again.
+    // The step that lost an event: the kill after which the event was neither read nor sent again.
     std::string stepOfLoss(std::int64_t process) const {
         std::int64_t formerTime = 0;
         for (const auto& after : remains_) {
@@ -79,7 +79,7 @@ class KillTest : public EndToEnd {
         return "";
     }
 
-    // Why an event arrived more than once: the kill after which it was read or sent again.
+    // The step that repeated an event: the kill after which the event was read or sent again.
     std::string stepOfRepetition(std::int64_t process) const {
         bool wasRequested = false;
         for (const auto& after : remains_) {
@@ -100,8 +100,8 @@ class KillTest : public EndToEnd {
     std::vector<Remains> remains_;
 };
 
-// SENTROVA_KILLS and SENTROVA_KILL_SEED take the place of the numbers here.
-TEST_F(KillTest, EveryLossAndEveryRepetitionHasAStepThatExplainsIt) {
+// SENTROVA_KILLS and SENTROVA_KILL_SEED override the numbers here.
+TEST_F(KillTest, EveryLossAndEveryRepetitionIsExplainedByAKnownStep) {
     const auto setting = [](const char* name, unsigned long fallback) {
         const char* const text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe)
         return text ? std::strtoul(text, nullptr, 10) : fallback;
@@ -111,7 +111,7 @@ TEST_F(KillTest, EveryLossAndEveryRepetitionHasAStepThatExplainsIt) {
     std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
     std::uniform_real_distribution<> moment(0, 1.5);
 
-    // The first run is let be, for the length of a run.
+    // The first run is not killed early; it measures the length of a run.
     std::chrono::steady_clock::duration length{};
     for (unsigned long kill = 0; kill < kills; ++kill) {
         addNextTrail();
@@ -122,7 +122,7 @@ TEST_F(KillTest, EveryLossAndEveryRepetitionHasAStepThatExplainsIt) {
             length = std::chrono::steady_clock::now() - began;
             std::cout << "seed " << seed << ", a run takes " << length / 1ms << " ms\n";
         } else {
-            // The moment of the kill; nothing is waited for.
+            // A random moment for the kill, not a wait for a condition.
             std::this_thread::sleep_for(length * moment(random));
         }
         agent.signal(SIGKILL);
@@ -152,7 +152,7 @@ TEST_F(KillTest, EveryLossAndEveryRepetitionHasAStepThatExplainsIt) {
     for (const auto& [step, count] : table) {
         std::cout << fmt::format("{:8} {}\n", count, step);
     }
-    // No kill loses more from memory than a batch.
+    // A kill loses at most one batch from memory.
     EXPECT_LE(table["lost: in memory, its time was stored"], static_cast<int>(kills * kBatch));
 }
 

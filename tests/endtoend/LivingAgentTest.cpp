@@ -1,4 +1,4 @@
-// The agent as it lives: a server that changes its mind, records that keep coming, and stops at any moment.
+// A running agent: a server that changes its configuration, a steady stream of records, and stops at any moment.
 
 #include "endtoend/EndToEnd.h"
 #include "foundation/files/FileDescriptor.h"
@@ -46,14 +46,14 @@ class LivingAgentTest : public EndToEnd {
 
     void answer() { server.setAnswer(*Json::write(serverInfo)); }
 
-    // A record with a process number of its own, every twentieth of a second while this is called.
+    // Writes one record, with its own process id, each twentieth of a second while it is called.
     void keepWriting() {
         const auto second = epochSeconds(std::chrono::system_clock::now());
         if (std::chrono::steady_clock::now() < nextWrite) {
             return;
         }
         nextWrite = std::chrono::steady_clock::now() + 50ms;
-        // An agent that reads no more must not hold the test up.
+        // An agent that no longer reads must not block the test.
         pollfd writable{pipe.get(), POLLOUT, 0};
         if (::poll(&writable, 1, 0) != 1) {
             return;
@@ -65,7 +65,7 @@ class LivingAgentTest : public EndToEnd {
         }
     }
 
-    // Sets the key at the server and writes until the agent's log has all the texts, after what it has now.
+    // Changes the key at the server. Writes records until all the texts have been added to the agent's log.
     void change(const char* key, const Value& value, const std::vector<std::string>& messages) {
         const auto from = log().size();
         serverInfo.set(key, value);
@@ -79,7 +79,7 @@ class LivingAgentTest : public EndToEnd {
         }
     }
 
-    // The seconds in which a reader was opened, by the log.
+    // The seconds in which a reader was opened, from the log.
     std::set<std::int64_t> openingSeconds() const {
         std::set<std::int64_t> seconds;
         std::istringstream lines(log());
@@ -93,7 +93,7 @@ class LivingAgentTest : public EndToEnd {
     }
 
     const FileDescriptor pipe{::open(volume.auditPipe().c_str(), O_RDWR | O_CLOEXEC)};
-    // The records that must arrive, by process number, with their seconds.
+    // The second of each record that must arrive, by process id.
     std::map<std::int64_t, std::int64_t> written;
     bool isCollected = true;
     std::uint32_t process = 20000;
@@ -130,7 +130,7 @@ TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce
 
     const auto arrived = processesIn(server.events());
     EXPECT_EQ(std::ranges::adjacent_find(arrived), arrived.end()) << "a record arrived twice";
-    // A reader that is opened takes no record of the second that was read last: those, and only those, may be missing.
+    // A newly opened reader skips records of the second that was read last. Only those may be missing.
     const auto openings = openingSeconds();
     int dropped = 0;
     for (const auto& [number, second] : written) {
@@ -143,7 +143,7 @@ TEST_F(LivingAgentTest, EveryChangeOfTheServerIsAppliedAndEveryRecordArrivesOnce
     fmt::print("{} records written while collected, {} dropped by the time rule at {} openings\n", written.size(),
                dropped, openings.size());
     EXPECT_GT(written.size(), 200U);
-    // Two readers took over from one that was reading, each within a second.
+    // Two readers replaced a reader during reading, each within a second.
     EXPECT_LT(dropped, 60);
 }
 
@@ -156,7 +156,7 @@ TEST_F(LivingAgentTest, BurstLargerThanThePipesQueueArrivesWhole) {
     const auto bytes =
         sudoTrail(std::chrono::seconds(epochSeconds(std::chrono::system_clock::now())), 0, kRecords, 0s).bytes();
     ASSERT_EQ(::write(pipe.get(), bytes.data(), bytes.size()), std::ssize(bytes));
-    // The last batch, in memory, follows ten seconds later.
+    // The last batch is in memory and follows ten seconds later.
     ASSERT_TRUE(server.waitForEvents(kRecords));
     EXPECT_EQ(processesIn(server.events()), eachOnce(0, kRecords));
     EXPECT_EQ(agent.stop(1s), 0);

@@ -1,4 +1,4 @@
-// Hours and days of the agent's life, by a clock that is moved by hand.
+// Hours and days of the agent's work, with a clock that the test moves.
 
 #include "collection/EventCollector.h"
 #include "core/GlobalVariables.h"
@@ -26,10 +26,10 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t kMebibyte = 1024 * 1024;
-// The limit of the spool is a gigabyte: so many files reach it.
+// The number of files that reach the spool's limit of one gigabyte.
 constexpr std::size_t kFilesToTheLimit = 80;
 
-// Files of the spool that count for more than they are, and the order in which they are let go.
+// Reports spool files as larger than they are, and records the order of their deletion.
 class HeavyFiles final : public platform::HostFileSystem {
   public:
     Result<FileStatus> linkStatus(const std::string& path) override {
@@ -57,7 +57,7 @@ class HeavyFiles final : public platform::HostFileSystem {
     const SwitchedFileSystem::Replacement replacement_{*this};
 };
 
-// The service in this process, below a server that keeps nothing but account of the events.
+// The service in this process, with a server that only records the events.
 class LongRun : public AgentFixture {
   public:
     LongRun(bool isRealTime, std::uint32_t batch) {
@@ -80,7 +80,7 @@ class LongRun : public AgentFixture {
     ~LongRun() {
         AgentServiceHandler::stop();
         service_.join();
-        // A synchronisation under way ends only when it is answered.
+        // A synchronisation in progress ends only when it is answered.
         session().respondWith([](const auto&) { return FakeUrlSession::Answer(); });
     }
     LongRun(const LongRun&) = delete;
@@ -89,7 +89,7 @@ class LongRun : public AgentFixture {
     void start() {
         service_ = std::thread([] { AgentServiceHandler::start(); });
     }
-    // What is in memory goes out with its announcement.
+    // Events in memory are sent when they are announced, after ten seconds.
     void expectEachOnce(std::int64_t first, std::size_t events) {
         EXPECT_TRUE(eventually([&] {
             clock().advance(10s);
@@ -119,7 +119,7 @@ class LongRunTest : public ::testing::Test {
     }
 };
 
-TEST_F(LongRunTest, InEightHoursNothingIsLostAndNothingPilesUp) {
+TEST_F(LongRunTest, EightHoursLoseNoEventAndAccumulateNothing) {
     constexpr int kMinutes = 8 * 60;
     constexpr std::uint32_t kRecordsAMinute = 20;
     LongRun agent(true, 50);
@@ -147,7 +147,7 @@ TEST_F(LongRunTest, InEightHoursNothingIsLostAndNothingPilesUp) {
     agent.expectEachOnce(1, kMinutes * kRecordsAMinute);
     EXPECT_EQ(agent.logged("WriteToProplist:failed"), 0);
     EXPECT_TRUE(std::filesystem::is_empty(agent.volume().eventData()));
-    // Threads and descriptors come and go with the tasks of the moment.
+    // The number of threads and descriptors depends on the tasks of the moment.
     EXPECT_TRUE(testing::eventually([&] {
         const Footprint atTheEnd;
         return atTheEnd.descriptors <= afterAnHour->descriptors && atTheEnd.threads <= afterAnHour->threads;
@@ -184,7 +184,7 @@ TEST_F(LongRunTest, BacklogOfADayWithoutAServerIsDeliveredInFileOrder) {
         for (int tick = 0; tick < 360; ++tick) {
             agent.clock().advance(10s);
         }
-        // The pass of this hour has read the trail, or was refused by the size guard.
+        // The pass of this hour has read the trail, or the size limit has refused it.
         ASSERT_TRUE(testing::eventually([&] {
             agent.clock().advance(10s);
             return lastPass() > formerly || configuration.maxEventDataSizeReached();
@@ -199,16 +199,16 @@ TEST_F(LongRunTest, BacklogOfADayWithoutAServerIsDeliveredInFileOrder) {
                              afterADay.memory / 1024);
     EXPECT_TRUE(configuration.maxEventDataSizeReached());
     EXPECT_GE(most, kFilesToTheLimit);
-    // One pass may begin just below the limit, and on a busy machine a second one before the guard has looked.
+    // One pass may begin just below the limit. On a busy machine a second pass may begin before the limit is checked.
     EXPECT_LE(most, kFilesToTheLimit + 2 * kEventsAnHour / kBatch);
     EXPECT_LT(afterADay.memory, afterAnHour->memory + kMebibyte);
 
     EXPECT_TRUE(agent.arrivals().empty());
-    // The first deliveries were attempted while the server counted as reachable.
+    // The first deliveries were attempted while the server was believed to be reachable.
     const auto before = files.removed().size();
     agent.isAway = false;
     agent.expectEachOnce(0, process);
-    // In order within a round; a clock as fast as this one begins new rounds before the last one is over.
+    // Files are in order within a round. A clock this fast begins new rounds before the last one has ended.
     const auto sent = files.removed();
     EXPECT_GE(sent.size(), kFilesToTheLimit);
     int rounds = 1;

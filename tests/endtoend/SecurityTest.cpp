@@ -1,4 +1,4 @@
-// What others must not get out of the agent, or into it: the agent's own program in surroundings that mean it ill.
+// What other users must not get out of the agent or into it: the agent's own program in a hostile environment.
 
 #include "endtoend/EndToEnd.h"
 #include "foundation/formats/Json.h"
@@ -22,7 +22,7 @@ class SecurityTest : public EndToEnd {
   protected:
     SecurityTest() { addNineEvents(1'700'000'000s); }
 
-    // Two full batches, and one event that waits in memory.
+    // Two full batches in files, and one event in memory.
     void addNineEvents(std::chrono::seconds begin) { addTrail(volume, sudoTrail(begin, 0, 9)); }
     static void write(const fs::path& path, const std::string& text, std::chrono::hours age = 0h) {
         std::ofstream(path) << text;
@@ -82,7 +82,7 @@ TEST_F(SecurityTest, LinksPlantedInTheFoldersAreNamedAndNotFollowed) {
                               volume.conf() / "schedules.plist", logFile("Config"), volume.logs() / "Old.log",
                               volume.logs() / "Aged.zip", volume.logs() / "archive",
                               volume.eventData() / "event_20200101000000000",
-                              // Not refused, but there all the same: tomorrow's log, and what is removed at the start.
+                              // Not refused, but present: tomorrow's log, and files that are removed at the start.
                               logFile("Config", 24h), volume.eventData() / ".event_1.1.1.sentrova-tmp"};
     for (const auto& link : links) {
         const auto target = outside / link.filename();
@@ -91,7 +91,7 @@ TEST_F(SecurityTest, LinksPlantedInTheFoldersAreNamedAndNotFollowed) {
         }
         fs::create_symlink(target, link);
     }
-    // So that others than the agent's user can have made them.
+    // Other users can then have created the links.
     for (const auto& folder : {volume.agent(), volume.conf(), volume.logs(), volume.eventData()}) {
         fs::permissions(folder, fs::perms::others_write, fs::perm_options::add);
     }
@@ -125,7 +125,7 @@ TEST_F(SecurityTest, LinksPlantedInTheFoldersAreNamedAndNotFollowed) {
 }
 
 TEST_F(SecurityTest, IdentityAndAccessKeyAreInNoLogInAnyForm) {
-    // Whatever is done to the rest of a value when it is written as text, its letters stay.
+    // However a value is escaped in the text, its letters stay the same.
     const std::string letters[] = {"KernelOfMyWord", "SubstanceOfMyLatch"};
     serverInfo.set("OrgAccessKey", "\"/+&=%20\\<" + letters[1]);
     configure();
@@ -135,7 +135,7 @@ TEST_F(SecurityTest, IdentityAndAccessKeyAreInNoLogInAnyForm) {
     serverInfo.set("AgentAuthID", "\"/+&=%20\\<" + letters[0] + "\xC3\xA9");
     const auto good = *Json::write(serverInfo);
     server.setAnswer(good);
-    // The names of the keys in escapes, which mean the same.
+    // The names of the keys as escape sequences, which are equivalent.
     auto escaped = good;
     for (const std::string name : {"OrgAccessKey", "AgentAuthID"}) {
         escaped.replace(escaped.find(name), 1, fmt::format("\\u{:04x}", name.front()));

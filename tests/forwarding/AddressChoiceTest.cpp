@@ -7,13 +7,13 @@
 namespace sentrova {
 namespace {
 
-// Sixteen configurations (four relays by four types) by sixteen positions: the first of the type, a whole turn, and
-// three more.
+// Sixteen configurations (four relays by four types) by sixteen positions: the first position of the type, one whole
+// rotation, and three more.
 TEST(AddressChoiceTest, AddressDependsOnTheConfigurationAndThePositionOnly) {
     struct Server {
         std::optional<std::string> relay;
         std::string firstHost;
-        // Connection, in fact used, of connection 0.
+        // The connection in use at connection 0.
         int connection0;
     };
     const Server servers[] = {{"relay", "relay", 0}, {"-", "full", 1}, {"", "full", 1}, {std::nullopt, "full", 0}};
@@ -33,7 +33,7 @@ TEST(AddressChoiceTest, AddressDependsOnTheConfigurationAndThePositionOnly) {
                 const auto connection = index == 0 ? server.connection0 : index;
                 const auto& [scheme, port] = connections[connection];
                 const std::string hosts[] = {server.firstHost, "full", "192.0.2.1", "(null)"};
-                // A relay that is none still gives its scheme to the very first request.
+                // Without a relay, the very first request still uses the relay's scheme.
                 const ServerAddress expected = {step == 0 ? "nat" : scheme, hosts[step % 4], port,
                                                 static_cast<ConnectionType>(connection)};
                 EXPECT_EQ(addressAt(configuration, position), expected)

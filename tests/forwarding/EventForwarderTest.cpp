@@ -24,7 +24,7 @@ class EventForwarderTest : public ::testing::Test, protected AgentFixture {
     EventForwarderTest() { EventQueueGCD::init(); }
     ~EventForwarderTest() override {
         forwarder_->cancel();
-        // Its queue may still be inside a delivery. The last reference goes here, which waits for the queue's thread.
+        // A delivery may still be running. Destroying the last reference waits for the queue's thread.
         EXPECT_TRUE(eventually([this] { return forwarder_.use_count() == 1; }));
         forwarder_.reset();
     }
@@ -71,12 +71,12 @@ TEST_F(EventForwarderTest, OnlyAnAnswerOf200IsADelivery) {
     }
 }
 
-TEST_F(EventForwarderTest, BatchOfARequestThatCouldNotBeginStaysWhereItWas) {
+TEST_F(EventForwarderTest, BatchOfARequestThatCannotBeginStaysInTheSpool) {
     session().respondWith(
         [](const auto&) -> std::optional<FakeUrlSession::Answer> { throw std::runtime_error("No thread"); });
     const auto file = addFile("event_1");
     EventQueueGCD::enqueue({{"n", 0}});
-    // Each gives back its place among those under way.
+    // Each failed request releases its slot.
     for (std::size_t i = 0; i <= EventForwarder::kDeliveriesInFlight; ++i) {
         forwarder_->process(file);
         forwarder_->process(std::nullopt);
@@ -92,7 +92,7 @@ TEST_F(EventForwarderTest, BatchOfARequestThatCouldNotBeginStaysWhereItWas) {
     EXPECT_TRUE(eventually([this] { return filesLeft() == 0 && EventQueueGCD::length() == 0; }));
 }
 
-TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredAtMostSixAtATime) {
+TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredWithAtMostSixInFlight) {
     for (const std::string number : {"1", "2", "3", "4", "5", "6", "7", "8"}) {
         addFile("event_" + number, R"([{"n":)" + number + "}]");
     }
@@ -113,7 +113,7 @@ TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredAtMostSixAtATime) {
     EXPECT_EQ(bodies.size(), 7U);
 }
 
-TEST_F(EventForwarderTest, AnswersToDeliveriesUnderWayAreJudgedOneByOne) {
+TEST_F(EventForwarderTest, AnswersToDeliveriesInFlightAreHandledIndividually) {
     for (const auto* name : {"event_1", "event_2", "event_3"}) {
         forwarder_->process(addFile(name));
     }
@@ -136,14 +136,14 @@ TEST_F(EventForwarderTest, NothingIsSentOrDeletedWhileTheServerIsNotReachable) {
     forwarder_->process(std::nullopt);
     EXPECT_EQ(filesLeft(), 1U);
     EXPECT_EQ(EventQueueGCD::length(), 1U);
-    // What was taken from the spool before goes back to it.
+    // Events that were taken from the spool before return to it.
     EXPECT_TRUE(forwarder_->SendData(std::make_shared<const std::string>(kBatch), nullptr));
     EXPECT_TRUE(session().sent().empty());
     TransportEngine::setIsConnected(true);
     EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), R"([{"n":0},{"n":1},{"n":2}])");
 }
 
-TEST_F(EventForwarderTest, FileThatIsNoBatchStaysWhereItIs) {
+TEST_F(EventForwarderTest, FileThatIsNotABatchStaysInTheSpool) {
     for (const auto* content : {"", "{\"n\":1}", "[{\"n\":1}", "[\"\xFF\"]"}) {
         forwarder_->process(addFile("event_1", content));
         EXPECT_EQ(filesLeft(), 1U) << content;
@@ -151,7 +151,7 @@ TEST_F(EventForwarderTest, FileThatIsNoBatchStaysWhereItIs) {
     EXPECT_TRUE(session().sent().empty());
     fs::remove(volume().eventData() / "event_1");
 
-    // What only looked like one is not lost when it is not delivered.
+    // A file that only looks like a batch is kept if its delivery fails.
     forwarder_->process(addFile("event_2", "[{\"n\":1},2]"));
     forwarder_->process(addFile("event_3", "[no json]"));
     forwarder_->process(addFile("event_4", "[nor this]"));
@@ -164,7 +164,7 @@ TEST_F(EventForwarderTest, FileThatIsNoBatchStaysWhereItIs) {
     EXPECT_EQ(textOf(volume().eventData() / (aside + "_2")), "[nor this]") << "one of the same second";
 }
 
-TEST_F(EventForwarderTest, EventsInMemoryAreDeliveredTenSecondsAfterTheyCameUntilTheForwarderIsCancelled) {
+TEST_F(EventForwarderTest, EventsInMemoryAreDeliveredAfterTenSecondsUntilTheForwarderIsCancelled) {
     std::atomic<int> announced = 0;
     const auto observer = NotificationCenter::defaultCenter().addObserver(
         EventQueueGCD::kTimeUpdateNotification, [&announced](const Notification&) { ++announced; });

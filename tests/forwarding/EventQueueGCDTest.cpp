@@ -17,7 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-// The notifications of the spool, in their order; those of files by the file's name.
+// The spool's notifications in their order; a file notification as the file's name.
 class Announcements {
   public:
     std::vector<std::string> all() EXCLUDES(mutex_) {
@@ -54,10 +54,10 @@ void enqueue(int from, int to) {
 
 }  // namespace
 
-// Batches of three events.
+// The batch size is three events.
 class EventQueueGCDTest : public ::testing::Test, protected AgentFixture {
   protected:
-    // The content of the spooled files by their names.
+    // The content of each spool file, by name.
     std::map<std::string, std::string> files() {
         std::map<std::string, std::string> found;
         for (const auto& entry : fs::directory_iterator(volume().eventData())) {
@@ -69,13 +69,13 @@ class EventQueueGCDTest : public ::testing::Test, protected AgentFixture {
     FileUrl url(const std::string& name) { return FileUrl((volume().eventData() / name).string()); }
 };
 
-TEST_F(EventQueueGCDTest, FullBatchBecomesAFileOfItsOwnWhenTheNextEventComes) {
+TEST_F(EventQueueGCDTest, FullBatchIsWrittenToAFileWhenTheNextEventComes) {
     fs::remove(volume().eventData());
     EventQueueGCD::init();
     std::ofstream(volume().eventData() / "event_20261115120000001") << "of an earlier run";
     Announcements announced;
     enqueue(1, 2);
-    // What JSON cannot carry is dropped and does not count toward the batch.
+    // An event that JSON cannot represent is dropped and does not count toward the batch.
     for (const Dictionary& event : {Dictionary{{"date", Date()}}, {{"deep", Array{Data{1}}}}, {{"text", "\xFF"}}}) {
         EventQueueGCD::enqueue(event);
     }
@@ -91,7 +91,7 @@ TEST_F(EventQueueGCDTest, FullBatchBecomesAFileOfItsOwnWhenTheNextEventComes) {
     EXPECT_EQ(announced.all(), (std::vector<std::string>{"event_20261115120000000", "event_20261115120000002",
                                                          "event_20261115120000003"}));
     EXPECT_EQ(EventQueueGCD::length(), 1U);
-    // A file that has been delivered does not give its name to another, nor does a clock that is set back a little.
+    // The name of a delivered file is not used again, even if the clock is set back a little.
     fs::remove(volume().eventData() / "event_20261115120000003");
     clock().setWallTime(clock().wallTime() - 1s);
     enqueue(11, 13);
@@ -109,8 +109,8 @@ TEST_F(EventQueueGCDTest, EveryEventIsFollowedByItsPairOfNotificationsWhateverAn
     enqueue(1, 2);
     clock().advance(5s);
     enqueue(3, 3);
-    // How many there are after each further time, a pair for each event and, 30 seconds after the start, one more; and
-    // the timers that are set then.
+    // After each step of time: the number of notifications (a pair per event and, 30 seconds after the start, one more)
+    // and the number of pending timers.
     const std::tuple<std::chrono::milliseconds, std::size_t, std::size_t> moments[] = {
         {4999ms, 0, 2}, {1ms, 4, 2}, {4999ms, 4, 2}, {1ms, 6, 1}, {14999ms, 6, 1}, {1ms, 7, 0}};
     for (const auto& [further, count, timers] : moments) {
@@ -123,7 +123,7 @@ TEST_F(EventQueueGCDTest, EveryEventIsFollowedByItsPairOfNotificationsWhateverAn
     EXPECT_EQ(announced.all().back(), "TimeUpdateNotification");
 }
 
-TEST_F(EventQueueGCDTest, EventsAreAnnouncedAgainLaterWhileTheServerIsNotReachable) {
+TEST_F(EventQueueGCDTest, EventsInMemoryAreReannouncedWhileTheServerIsNotReachable) {
     EventQueueGCD::init();
     TransportEngine::setIsConnected(false);
     Announcements announced;
@@ -143,7 +143,7 @@ TEST_F(EventQueueGCDTest, EventsAreAnnouncedAgainLaterWhileTheServerIsNotReachab
     EXPECT_EQ(EventQueueGCD::dequeue(url("event_2")), std::nullopt) << "there is none";
 }
 
-TEST_F(EventQueueGCDTest, BacklogIsAnnouncedInPortionsInNameOrder) {
+TEST_F(EventQueueGCDTest, BacklogIsAnnouncedInPortionsAndInNameOrder) {
     constexpr auto kPortion = EventQueueGCD::kFilesAnnounced;
     std::vector<std::string> names;
     for (auto i = 3 * kPortion; i > 0; --i) {
@@ -165,7 +165,7 @@ TEST_F(EventQueueGCDTest, BacklogIsAnnouncedInPortionsInNameOrder) {
     dequeueFrom(0, kPortion, "[]");
     EXPECT_EQ(announced.all(), std::vector(names.begin(), names.begin() + 2 * kPortion)) << "one for each taken";
 
-    // An outage costs one portion a round, however many files wait, and changes nothing about their order.
+    // An outage costs one portion per round, however many files wait, and does not change their order.
     TransportEngine::setIsConnected(false);
     dequeueFrom(kPortion, kPortion, std::nullopt);
     enqueue(1, 4);

@@ -22,7 +22,7 @@ TEST_F(FileWatcherTest, AttributeChangesAreReportedUntilSuspensionAndWritesAreNo
     suspended->suspend();
     EXPECT_EQ(Footprint().descriptors, before);
     EXPECT_FALSE(suspended->startListening());
-    // Hears of a change after the first would have.
+    // A second watcher, which is notified after the first one would have been.
     const auto watcher = FileWatcher::initWithPath("/dev/console", [&calls] { ++calls[1]; });
     ASSERT_TRUE(watcher && watcher->startListening());
     for (int change = 1; change <= 2; ++change) {
@@ -31,7 +31,7 @@ TEST_F(FileWatcherTest, AttributeChangesAreReportedUntilSuspensionAndWritesAreNo
         ASSERT_TRUE(eventually([&] { return calls[1] >= change; }));
         EXPECT_EQ(calls[1], change);
     }
-    // By the time a younger one has heard of a change, the others have heard of all before it.
+    // When the newer watcher has reported a change, the others have reported all earlier ones.
     std::atomic<int> fence = 0;
     const auto youngest = FileWatcher::initWithPath("/dev/console", [&fence] { ++fence; });
     ASSERT_TRUE(youngest && youngest->startListening());

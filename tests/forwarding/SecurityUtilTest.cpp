@@ -9,7 +9,7 @@ namespace sentrova {
 namespace {
 
 using Text = std::optional<std::string>;
-// Made with an independent tool, from the key and the zero vector.
+// Made with an independent tool from the key and a zero vector.
 constexpr const char* kSixteenEncrypted = "mBTznmHhDMK5sREZRyIn8lfLbcmtxarmVybNUx4D58k=";
 
 }  // namespace
@@ -29,7 +29,7 @@ TEST_F(SecurityUtilTest, EncryptionGivesTheEstablishedCipherTextWhateverTheVecto
         }
     }
     EXPECT_EQ(*SecurityUtil::decrypt(*SecurityUtil::encrypt("", "k", ""), "k", ""), Text(""));
-    // Of the pass phrase the bytes up to the first zero count.
+    // Only the bytes of the pass phrase up to the first zero byte count.
     EXPECT_EQ(*SecurityUtil::decrypt(kSixteenEncrypted, std::string("secret\0more", 11), ""), Text("0123456789abcdef"));
 }
 
@@ -41,7 +41,7 @@ TEST_F(SecurityUtilTest, UndecryptableTextGivesNothingOrTheCipherError) {
     for (const auto* text : {"mBTz nmHh", "mBTz\nnmHh", "mBTznmH", "mB=znmHh", "mBTznmHh====", "-BTznmHh"}) {
         EXPECT_EQ(*SecurityUtil::decrypt(text, "secret", ""), std::nullopt) << text;
     }
-    // A wrong pass phrase, a text cut at a block and within one.
+    // A wrong pass phrase; a text cut at a block boundary and within a block.
     const std::pair<std::string, const char*> cases[] = {
         {kSixteenEncrypted, "wrong"}, {std::string(kSixteenEncrypted, 20) + "8g==", "secret"}, {"mBTznmHh", "secret"}};
     for (const auto& [text, passPhrase] : cases) {
@@ -50,7 +50,7 @@ TEST_F(SecurityUtilTest, UndecryptableTextGivesNothingOrTheCipherError) {
         EXPECT_EQ(plain.error().domain, "kEncryptionError");
         EXPECT_NE(plain.error().code, 0);
     }
-    // Bytes that are no text survive the cipher itself.
+    // The cipher itself preserves bytes that are not text.
     const Data key(32, 'k');
     const Data noText = {0xFF, 0xFE};
     const auto cipher = SecurityUtil::doAES(noText, key, {}, SecurityUtil::CipherOperation::encrypt);

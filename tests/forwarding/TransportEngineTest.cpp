@@ -24,7 +24,7 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
         restartConfigured();
     }
 
-    // Begins anew with the real session. The status of the answer to an event, or the error's code.
+    // Restarts the agent with the real session. Returns the status of the answer to an event, or the error code.
     std::int64_t deliverTo(const char* host, int port, const char* scheme) {
         serverInfo.set("ServerFQDN", host);
         serverInfo.set("AgentPort", port);
@@ -47,7 +47,7 @@ class TransportEngineTest : public ::testing::Test, protected AgentFixture {
 };
 
 TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAsciiBody) {
-    // Only the very first address has the scheme of its type.
+    // Only the very first address uses the scheme of the configured type.
     myConfigurations.set("CommunicationType", 0);
     restartConfigured();
     EXPECT_EQ(TransportEngine().baseURL(), "nat://audit.example.com:8443");
@@ -57,7 +57,7 @@ TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAscii
     EXPECT_TRUE(engine.sendMessageToServer(MessageType::eventDelivery, "", ignore));
     EXPECT_TRUE(TransportEngine().sendMessageToServer(MessageType::configurationSync, "{}", ignore));
     EXPECT_FALSE(TransportEngine().sendMessageToServer(static_cast<MessageType>(2), "{}", ignore));
-    EXPECT_EQ(logged("[ERROR]there is no message of type 2"), 1);
+    EXPECT_EQ(logged("[ERROR]unknown message type 2"), 1);
     const auto sent = session().sent();
     ASSERT_EQ(sent.size(), 3U);
     const auto& first = sent[0].request;
@@ -85,7 +85,7 @@ TEST_F(TransportEngineTest, InvalidHostNameFailsTheRequestThroughItsCompletion) 
     for (const auto* name : {"audit.example.com/x", "audit example", "user@audit", "a?b", "a#b", "", "a\tb"}) {
         EXPECT_EQ(deliverTo(name, 8443, "http"), static_cast<std::int64_t>(UrlErrorCode::badUrl)) << name;
     }
-    EXPECT_EQ(logged("is not the name of a host"), 7);
+    EXPECT_EQ(logged("is not a valid host name"), 7);
 }
 
 TEST_F(TransportEngineTest, AnyCertificateIsAcceptedAndNoTlsOlderThanVersion1Point2) {
@@ -100,7 +100,7 @@ TEST_F(TransportEngineTest, AnyCertificateIsAcceptedAndNoTlsOlderThanVersion1Poi
         {"TLS 1.1", {.onlyVersion = TLS1_1_VERSION}, kRefused},
         {"TLS 1.0", {.onlyVersion = TLS1_VERSION}, kRefused},
     };
-    // A host may allow what it likes: the agent holds to its own minimum. Read once in a process.
+    // The agent keeps its own minimum even if the host allows less. The host's setting is read once per process.
     const auto lax = (volume().root() / "openssl.cnf").string();
     std::ofstream(lax) << "openssl_conf = a\n[a]\nssl_conf = b\n[b]\nsystem_default = c\n[c]\n"
                           "MinProtocol = TLSv1\nCipherString = DEFAULT:@SECLEVEL=0\n";

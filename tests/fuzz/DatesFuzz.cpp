@@ -1,4 +1,4 @@
-// Date patterns, and times of day. The input: a pattern, a text and eight bytes of a date, with line feeds between.
+// Date patterns and times of day. Input: a pattern, a text and the eight bytes of a date, separated by line feeds.
 
 #include "foundation/time/DateFormat.h"
 #include "foundation/value/Text.h"
@@ -26,7 +26,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     if (lines.size() > 2) {
         std::memcpy(&bits, lines[2].data(), std::min(lines[2].size(), sizeof(bits)));
     }
-    // Half of the range of dates: that the rest is far from everything is not of interest.
+    // Half of the range of dates. Dates near its ends are not of interest.
     const Date any{milliseconds(static_cast<std::int64_t>(bits) % (std::int64_t{1} << 43))};
 
     require(isValidUtf8(dates.format(pattern, any)), "a formatted date is text");

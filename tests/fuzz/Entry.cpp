@@ -1,4 +1,4 @@
-// Where the fuzzer and the replay enter a target.
+// The entry point of the fuzzer.
 
 #include "fuzz/Fuzz.h"
 

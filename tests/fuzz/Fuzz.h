@@ -1,4 +1,4 @@
-// What the fuzz targets share: the function that each defines, and how it says that an invariant is broken.
+// Shared by the fuzz targets: the function that each defines, and the check of invariants.
 
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace sentrova::testing {
 
-// One input, from the fuzzer or, by way of Replay.cpp, from the corpus.
+// Runs one input, from the fuzzer or, through Replay.cpp, from the corpus.
 void fuzz(std::span<const std::uint8_t> input);
 
 inline std::string_view asText(std::span<const std::uint8_t> bytes) {
@@ -25,7 +25,7 @@ inline std::span<const std::uint8_t> asBytes(std::string_view text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
-// Ends the process, as a finding, when the invariant does not hold.
+// Ends the process, as a finding, if the invariant does not hold.
 inline void require(bool holds, std::string_view invariant, std::string_view detail = {}) {
     if (!holds) {
         fmt::print(stderr, "INVARIANT BROKEN: {}\n{}\n", invariant, detail);

@@ -7,13 +7,13 @@ namespace sentrova::testing {
 
 FuzzAgent::FuzzAgent() : files_((prepare(), volume().agent())) {}
 
-// What the inputs find.
+// The configuration and users that every input starts with.
 void FuzzAgent::prepare() {
     myConfigurations.set("LogLevel", 1);
     writeConfiguration();
     volume().addLocalUser("ann", 501);
     volume().addDomainUser("dora", 1001, "S-1-5-21-1-2-3-1001", "CORP");
-    // A child process for each input would cost more than everything else.
+    // Without the tool, because a child process per input would cost more than everything else.
     std::filesystem::remove(volume().volume() / "usr/sbin/dsconfigad");
 }
 
@@ -25,7 +25,7 @@ FuzzAgent& FuzzAgent::fresh() {
     static const auto start = agent.clock().wallTime();
     agent.endAgent();
     agent.session().startAnew();
-    // Runs the timers of queues that are gone, which do nothing any more.
+    // Fires the timers of destroyed queues, which do nothing.
     agent.clock().advance(std::chrono::hours(1));
     agent.clock().setWallTime(start);
     agent.files().reset();

@@ -1,4 +1,4 @@
-// An installed agent, as fresh for each input as after a start.
+// An installed agent, restarted for each input.
 
 #pragma once
 
@@ -7,24 +7,24 @@
 
 namespace sentrova::testing {
 
-// There is one in a process, made by the first input.
+// One object per process, created by the first input.
 class FuzzAgent : public AgentFixture {
   public:
-    // Lets go of everything that the input before it left, threads and timers among it.
+    // Releases everything that the previous input left, including threads and timers.
     static FuzzAgent& fresh();
-    // While the files are still there.
+    // Ends the agent before its files are deleted.
     ~FuzzAgent() { restart(); }
     FuzzAgent(const FuzzAgent&) = delete;
     FuzzAgent& operator=(const FuzzAgent&) = delete;
 
     GuardedFileSystem& files() { return files_; }
-    // A path in the agent's folder: "conf/schedules.plist".
+    // A path in the agent's folder, for example of "conf/schedules.plist".
     std::string path(std::string_view name) { return (volume().agent() / name).string(); }
 
-    // What a configuration file holds. That it is a dictionary is an invariant: an exception is a finding as well.
+    // The content of a configuration file. It must be a dictionary: an exception is a finding.
     Dictionary configuration(std::string_view name) { return volume().readConfiguration(name); }
 
-    // How often the text occurs in the log.
+    // The number of occurrences of the text in the log.
     std::size_t logged(std::string_view text) { return static_cast<std::size_t>(AgentFixture::logged(text)); }
 
   private:

@@ -1,4 +1,4 @@
-// The host's files with a guard on where the agent writes, and dates that follow the clock of the test.
+// The host's files, with a guard on writes, and file times that follow the test's clock.
 
 #pragma once
 
@@ -19,8 +19,8 @@
 
 namespace sentrova::testing {
 
-// Takes the place of the fixture's file system for its lifetime. A change to anything outside the folder, an absolute
-// path, is a finding. A file was last changed just now, whenever it is asked for.
+// Replaces the fixture's file system for its lifetime. A change outside the folder (an absolute path) is a finding.
+// Every file counts as modified just now.
 class GuardedFileSystem final : public platform::HostFileSystem {
   public:
     explicit GuardedFileSystem(std::filesystem::path folder)
@@ -28,7 +28,7 @@ class GuardedFileSystem final : public platform::HostFileSystem {
         std::filesystem::copy(folder_, original_, std::filesystem::copy_options::recursive);
     }
 
-    // Everything in the folder as it was in the beginning, but for bin/, where the agent is at work.
+    // Restores the folder, except bin/, the agent's working directory.
     void reset() {
         for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
             if (entry.path().filename() != "bin") {
@@ -39,12 +39,12 @@ class GuardedFileSystem final : public platform::HostFileSystem {
             std::filesystem::copy_options::recursive | std::filesystem::copy_options::skip_existing;
         std::filesystem::copy(original_, folder_, kOptions);
     }
-    // Puts a file anywhere; false when the host takes no such name.
+    // Writes a file anywhere. Returns false if the host refuses the name.
     static bool put(const std::string& path, std::span<const std::uint8_t> content) {
         return static_cast<bool>(
             std::ofstream(path, std::ios::binary).write(asText(content).data(), std::ssize(content)));
     }
-    // A folder's files by their names.
+    // The files of a folder, by name.
     std::map<std::string, Data> files(const std::string& folder) {
         std::map<std::string, Data> found;
         for (const auto& name : names(folder).optional().value_or(std::vector<std::string>())) {
@@ -60,7 +60,7 @@ class GuardedFileSystem final : public platform::HostFileSystem {
         const bool onlyReads = (flags & (O_ACCMODE | O_CREAT)) == O_RDONLY;
         return HostFileSystem::hostOpen(onlyReads ? at : inside(at), flags, mode);
     }
-    // No input outlives a loss of power.
+    // Flushing is not tested here, and would be slow.
     int hostFlush(int /*descriptor*/) override { return 0; }
     int hostRename(const Location& from, const Location& to) override {
         return HostFileSystem::hostRename(inside(from), inside(to));
@@ -77,7 +77,7 @@ class GuardedFileSystem final : public platform::HostFileSystem {
     }
 
   private:
-    // The location, which must be in the agent's folder.
+    // Returns the location, which must be in the agent's folder.
     const Location& inside(const Location& at) const {
         const auto path = std::filesystem::absolute(at.path).lexically_normal().string();
         require(path.starts_with(folder_.string() + "/"), "nothing is written outside the agent's folder", path);

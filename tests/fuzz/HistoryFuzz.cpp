@@ -1,4 +1,4 @@
-// The login history's file: the archive by itself, and as the agent finds it at its start.
+// The login history's file: the archive alone, and as the agent reads it at its start.
 
 #include "collection/currentLoginUtility.h"
 #include "foundation/formats/KeyedArchive.h"
@@ -11,7 +11,7 @@ namespace sentrova::testing {
 
 void fuzz(std::span<const std::uint8_t> input) {
     auto content = KeyedArchive::unarchive(input);
-    // The agent does the same with everything that is none; a few such inputs are enough.
+    // The agent treats all invalid archives alike; a few of them are enough.
     if (!content && input.size() % 16 != 0) {
         return;
     }
@@ -27,7 +27,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     for (const auto time : {std::numeric_limits<std::int64_t>::min(), std::int64_t{0}, std::int64_t{1'700'000'000},
                             std::numeric_limits<std::int64_t>::max()}) {
         const auto found = currentLoginUtility::getLogonUserAtTime(time);
-        // What is older than the last event, which was at 0, is no longer looked at.
+        // The time of the last event is 0. Older entries are removed from memory.
         const auto first = expected.lower_bound(0);
         require(found || first == expected.end() || first->first - 1 > time, "look-up finds");
     }

@@ -1,4 +1,4 @@
-// JSON texts: what is read can be written, and reads again as the same.
+// JSON texts: a text that can be read can be written and reads as the same.
 
 #include "foundation/formats/Json.h"
 #include "foundation/value/Text.h"
@@ -18,7 +18,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     require(static_cast<bool>(text), "what is read can be written");
     const auto again = Json::parse(*text);
     require(again && *again == *value, "what is written reads as the same", *text);
-    // Bodies go out as ASCII.
+    // Requests are sent as ASCII.
     static const auto encodings = platform::makeIcuEncodings();
     const auto sent = Json::parse(asciiLossy(*text, *encodings));
     require(sent && (sent->array() == nullptr) == (value->array() == nullptr), "what is sent is JSON", *text);

@@ -1,4 +1,4 @@
-// Property lists in both forms: what is read can be written as XML, and reads again as the same.
+// Property lists in both forms: a list that can be read can be written as XML and reads as the same.
 
 #include "foundation/formats/PropertyList.h"
 #include "foundation/value/Text.h"
@@ -18,7 +18,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     const bool isBinary = asText(input).starts_with("bplist");
     const auto written = PropertyList::writeXml(*value);
     if (!written) {
-        // Binary lists carry control characters and far dates, which XML cannot.
+        // Binary lists may contain control characters and distant dates, which XML cannot represent.
         require(isBinary, "what is read as XML is written as XML", written.error().description);
         return;
     }
@@ -26,7 +26,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     require(static_cast<bool>(again), "what is written reads", asText(*written));
     const auto text = PropertyList::writeXml(*again);
     require(text && *text == *written, "what is written reads as the same", asText(*written));
-    // Parts of a second, and numbers that are none, are equal in their texts only.
+    // Fractions of a second and NaN are equal only as texts.
     if (!isBinary && asText(*written).find("nan") == std::string_view::npos) {
         require(*again == *value, "the values are the same", asText(*written));
     }

@@ -1,4 +1,4 @@
-// Runs a fuzz target over the files of a folder, where it is built without the fuzzer.
+// Runs a fuzz target over the files of a folder, in builds without the fuzzer.
 
 #include "fuzz/Fuzz.h"
 #include "platform/posix/HostFileSystem.h"

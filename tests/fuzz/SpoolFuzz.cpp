@@ -1,6 +1,6 @@
-// What lies in the spool's folder at a start. The input: a byte whose bits say which deliveries fail, then the files,
-// each a record separator (0x1E), a name, a unit separator (0x1F) and a content; a name that ends with "/" is a
-// folder's.
+// The content of the spool folder at a start. Input: a byte whose bits select the failing deliveries, then the files.
+// Each file is a record separator (0x1E), a name, a unit separator (0x1F) and the content. A name that ends with "/"
+// makes a folder.
 
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
@@ -47,7 +47,7 @@ Files putFiles(FuzzAgent& agent, std::string_view input) {
     return files;
 }
 
-// Starts the forwarder on what there is, and goes on until its queue has nothing to do, twice.
+// Starts the forwarder on these files, and twice runs it until its queue is idle.
 std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
     std::vector<std::string> delivered;
     std::size_t requests = 0;
@@ -58,7 +58,7 @@ std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
     });
     EventQueueGCD::init();
     auto forwarder = EventForwarder::init();
-    // Each block of the forwarder's queue holds it.
+    // Each block on the forwarder's queue holds a reference to it.
     const auto idle = [&forwarder] { return forwarder.use_count() == 1; };
     const auto awaitEnd = [&] {
         require(eventually(idle), "the forwarder ends its work");
@@ -72,7 +72,7 @@ std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
         EventQueueGCD::length();
     }
     awaitEnd();
-    // What was put back may have made it begin again.
+    // Events that returned to the spool may have started it again.
     forwarder->cancel();
     awaitEnd();
     return delivered;
@@ -81,7 +81,7 @@ std::vector<std::string> deliver(FuzzAgent& agent, unsigned failing) {
 }  // namespace
 
 void fuzz(std::span<const std::uint8_t> input) {
-    // Lines of the log are counted, and must not be forged by what is logged.
+    // The check counts log lines, so the input must not contain one.
     if (input.empty() || asText(input).find("[ERROR]") != std::string_view::npos) {
         return;
     }
@@ -115,7 +115,7 @@ void fuzz(std::span<const std::uint8_t> input) {
             }
         }
     }
-    // What was not delivered is in memory, in new files, or was sent by another batch; or a line names it.
+    // Undelivered events are in memory, in new files, or were sent in another batch; or the log reports them.
     std::size_t found = agent.logged("[ERROR]Invalid json") + eventsIn(inMemory.value_or("[]"));
     std::string aside;
     for (const auto& [name, content] : after) {
@@ -127,7 +127,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     }
     require(found == expected, "no event is lost, none is made", fmt::format("{} of {}", found, expected));
     for (const auto content : noJson) {
-        // Two batches may look the same in ASCII, of which one was delivered.
+        // Two batches may be equal in ASCII, and only one of them was delivered.
         require(asciiLossy(aside, Current<Encodings>::get()).find(asciiLossy(content, Current<Encodings>::get())) !=
                     std::string::npos,
                 "what could not be sent is kept as it is", content);

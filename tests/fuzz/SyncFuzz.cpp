@@ -1,5 +1,5 @@
-// The server's answers to synchronisations, one after another, through all handlers. The input: the answers with line
-// feeds between; after a first line "service" the agent is at work meanwhile.
+// The server's answers to synchronisations, one after another, through all handlers. Input: the answers, separated by
+// line feeds. If the first line is "service", the agent runs meanwhile.
 
 #include "core/GlobalVariables.h"
 #include "forwarding/EventQueueGCD.h"
@@ -30,7 +30,7 @@ void synchronise(FuzzAgent& agent, std::string_view answer, bool atWork) {
         agent.session().settle();
         return;
     }
-    // A handler may wait for the end of realtime collection.
+    // A handler may be waiting for realtime collection to end.
     const auto applied = std::async(std::launch::async, [&agent] { agent.session().settle(); });
     while (applied.wait_for(1ms) != std::future_status::ready) {
         agent.clock().advance(10s);
@@ -64,7 +64,7 @@ void requireSoundState(FuzzAgent& agent) {
 
 void fuzz(std::span<const std::uint8_t> input) {
     auto& agent = FuzzAgent::fresh();
-    // The thread sanitizer has a thread of its own, which begins with the first one: not to be counted as the agent's.
+    // The thread sanitizer creates its own thread together with the first one. It must not count as the agent's.
     static const auto begun = std::async(std::launch::async, [] { return true; }).get();
     require(begun, "there are threads");
     auto answers = parts(asText(input), '\n', 5);
@@ -88,7 +88,7 @@ void fuzz(std::span<const std::uint8_t> input) {
         service.join();
     }
     requireSoundState(agent);
-    // The next start finds a configuration that it can work with. One more thread may be the session's.
+    // The next start finds a usable configuration. One more thread may belong to the session.
     agent.restart();
     require(eventually([before] { return Footprint().threads <= before + 1; }), "no thread outlives the agent");
     synchronise(agent, "{}", false);

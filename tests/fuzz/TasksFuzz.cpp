@@ -1,4 +1,4 @@
-// The task list: any `schedules.plist`, started as the agent does, run for some hours.
+// The task list: an arbitrary `schedules.plist`, started as in the agent and run for some hours.
 
 #include "foundation/formats/PropertyList.h"
 #include "fuzz/Fuzz.h"
@@ -9,7 +9,7 @@ namespace sentrova::testing {
 
 namespace {
 
-// The list without what the scheduler itself writes into it, as text.
+// The list as text, without the keys that the scheduler writes.
 std::string withoutStamps(std::span<const std::uint8_t> bytes) {
     auto list = PropertyList::parse(bytes);
     auto* const dictionary = list ? list->dictionary() : nullptr;
@@ -31,7 +31,7 @@ std::string withoutStamps(std::span<const std::uint8_t> bytes) {
 }  // namespace
 
 void fuzz(std::span<const std::uint8_t> input) {
-    // Lines of the log are counted, and must not be forged by what is logged.
+    // The check counts log lines, so the input must not contain one.
     constexpr std::string_view kScheduled = " has been scheduled", kAtOnce = " is 2026-11-15 12:00:00 ";
     const auto text = asText(input);
     if (text.find(kScheduled) != std::string_view::npos || text.find(kAtOnce) != std::string_view::npos) {
@@ -51,7 +51,7 @@ void fuzz(std::span<const std::uint8_t> input) {
     }
     require(!ScheduleHandler::description().empty(), "the list can be described");
     ScheduleHandler::stopAllTasks();
-    // Ends the runs under way.
+    // Ends the runs in progress.
     agent.restart();
 
     auto conf = agent.files().files(agent.path("conf"));

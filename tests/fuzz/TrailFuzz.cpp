@@ -1,5 +1,5 @@
-// Audit records: the decoder over a source that gives the bytes in portions, and a whole trail file through the
-// collector to events. The input: two bytes for the portions, then the trail.
+// Audit records: the decoder on a source that gives the bytes in portions, and a whole trail file through the
+// collector. Input: two bytes for the portions, then the trail.
 
 #include "collection/EventCollector.h"
 #include "collection/bsm/TokenReader.h"
@@ -66,7 +66,7 @@ Decoded decode(const Data& trail, const std::vector<std::size_t>& portions) {
     return decoded;
 }
 
-// The events of a start of the agent that reads the trail, in their order.
+// The events, in order, of an agent start that reads the trail.
 std::size_t collect(FuzzAgent& agent, std::size_t most) {
     EventCollector("/var/audit/trail", std::nullopt).start();
     std::vector<Data> batches;

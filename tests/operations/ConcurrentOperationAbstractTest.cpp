@@ -34,7 +34,7 @@ class ConcurrentOperationAbstractTest : public ::testing::Test, protected testin
                std::to_string(operation.isCancelled());
     }
 
-    // Everything the operation says while the function runs, each notification with the state at that moment.
+    // All notifications during the call, each with the state at that moment.
     std::string heard(Sample& operation, const std::function<void()>& function) {
         std::string text;
         std::vector<Subscription> subscriptions;
@@ -65,7 +65,7 @@ TEST_F(ConcurrentOperationAbstractTest, EachChangeIsAnnouncedBeforeAndAfterInAFi
     EXPECT_EQ(logged("][DEBUG]ConcurrentOperationAbstract canStart called 0 0\r\n"), 1);
 }
 
-TEST_F(ConcurrentOperationAbstractTest, OperationThatThrowsOrWasCancelledFirstFinishesWithoutExecuting) {
+TEST_F(ConcurrentOperationAbstractTest, OperationThatThrowsOrIsCancelledBeforeItsStartFinishesWithoutExecuting) {
     Sample failing(true);
     EXPECT_FALSE(failing.run());
     EXPECT_EQ(state(failing), "010");

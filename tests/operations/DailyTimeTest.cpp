@@ -32,10 +32,10 @@ TEST_F(DailyTimeTest, FirstFiringIsTodayUnlessTheTimeHasPassed) {
         {"UTC", "02:30:10", "2026-11-15 02:29:59 +0000", "2026-11-15 02:30:10 +0000"},
         {"UTC", "0:0:0", "2026-12-31 23:59:59 +0000", "2027-01-01 00:00:00 +0000"},
         {"Asia/Tokyo", "08:00:00", "2026-11-14 22:00:00 +0000", "2026-11-14 23:00:00 +0000"},
-        // The night in which 02:30 does not happen: an hour's jump later.
+        // The night in which the clocks skip 02:30: one hour later.
         {"Europe/Berlin", "02:30:00", "2026-03-28 12:00:00 +0100", "2026-03-29 03:30:00 +0200"},
         {"Europe/Berlin", "04:00:00", "2026-03-28 12:00:00 +0100", "2026-03-29 04:00:00 +0200"},
-        // The night that has an hour twice.
+        // The night in which one hour occurs twice.
         {"Europe/Berlin", "04:00:00", "2026-10-24 12:00:00 +0200", "2026-10-25 04:00:00 +0100"},
     };
     for (const auto& [zone, time, now, first] : cases) {
@@ -52,16 +52,16 @@ TEST_F(DailyTimeTest, OnlyTimesOfDayParse) {
     EXPECT_TRUE(DailyTime::parse("23:59:59"));
 }
 
-TEST_F(DailyTimeTest, NextFiringIsTheFirstOfTheGridAfterNow) {
+TEST_F(DailyTimeTest, NextFiringIsTheFirstMultipleOfTheIntervalAfterNow) {
     const std::tuple<const char*, const char*, milliseconds, const char*, const char*> cases[] = {
         {"UTC", "2026-11-15 02:00:00 +0000", hours(1), "2026-11-15 05:00:00 +0000", "2026-11-15 06:00:00 +0000"},
         {"UTC", "2026-11-15 02:00:00 +0000", minutes(90), "2026-11-15 05:10:00 +0000", "2026-11-15 06:30:00 +0000"},
         {"UTC", "2026-11-15 02:00:00 +0000", hours(24), "2026-11-18 09:00:00 +0000", "2026-11-19 02:00:00 +0000"},
         {"UTC", "2026-11-15 02:00:00 +0000", milliseconds(2500), "2026-11-15 02:00:04 +0000",
          "2026-11-15 02:00:05 +0000"},
-        // The clock was set back after the firing.
+        // The clock was set back after the timer fired.
         {"UTC", "2026-11-15 02:00:00 +0000", hours(1), "2026-11-14 02:00:00 +0000", "2026-11-15 03:00:00 +0000"},
-        // Days keep the time of day when the clock changes; hours do not.
+        // Intervals of days keep the time of day when the clocks change; intervals of hours do not.
         {"Europe/Berlin", "2026-03-28 04:00:00 +0100", hours(24), "2026-03-28 04:00:00 +0100",
          "2026-03-29 04:00:00 +0200"},
         {"Europe/Berlin", "2026-10-24 04:00:00 +0200", hours(48), "2026-10-24 04:00:00 +0200",

@@ -9,7 +9,7 @@
 namespace sentrova {
 namespace {
 
-// Runs from its start until it is cancelled or told to complete.
+// Executes until it is cancelled or told to complete.
 class Lasting final : public ConcurrentOperationAbstract {
   public:
     explicit Lasting(const char* name) : ConcurrentOperationAbstract(name) {}
@@ -63,14 +63,14 @@ TEST_F(OperationsHandlerTest, SecondOperationWithANameIsRefusedOnlyWhileTheFirst
     handler.waitToFinish();
     EXPECT_TRUE(first->isCancelled() && last->isCancelled());
     EXPECT_FALSE(refused->isExecuting() || refused->isFinished());
-    // What is added after a suspend runs.
+    // An operation that is added after suspend runs.
     const auto later = add(handler, "EventForwarder");
     EXPECT_TRUE(runs(later));
     later->completeOperation();
     handler.waitToFinish();
 }
 
-TEST_F(OperationsHandlerTest, FirstOfTwoDependsOnTheSecondWithoutALimit) {
+TEST_F(OperationsHandlerTest, DependentOperationWaitsForTheOtherOneInAnUnlimitedQueue) {
     OperationsHandler handler(0, clock());
     const auto dependent = std::make_shared<Lasting>("realtime");
     handler.addDependency(dependent, std::make_shared<Lasting>("never added"));

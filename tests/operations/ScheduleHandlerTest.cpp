@@ -30,10 +30,10 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
         restart();
     }
 
-    // The tasks reach this object's members.
+    // Ends the tasks first, because they use this object's members.
     void TearDown() override { restart(); }
 
-    // An enabled task that runs the method of its own name.
+    // An enabled task that runs the test method with the task's name.
     static Dictionary task(const char* name, const Value& interval, Entries more = {}) {
         Dictionary entry = {{"TaskName", name}, {"IntervalSeconds", interval},
                             {"Repeat", true},   {"TaskStatus", "Enable"},
@@ -47,7 +47,7 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
         schedules = {{"ScheduleTasks", std::move(tasks)}};
         writeConfiguration();
     }
-    // The key of each entry in the file; of what is no task, the entry.
+    // The key's value in each entry of the file; the entry itself if it is not a dictionary.
     Array stored(std::string_view key) {
         auto list = *volume().readConfiguration("schedules.plist")["ScheduleTasks"].array();
         for (auto& entry : list) {
@@ -60,12 +60,12 @@ class ScheduleHandlerTest : public ::testing::Test, protected testing::AgentFixt
         MutexLock lock(mutex_);
         runs_[name].push_back(std::chrono::duration_cast<seconds>(clock().wallTime() - start_));
     }
-    // When the task ran, in time since the beginning of the test.
+    // The times at which the task ran, since the beginning of the test.
     Times runs(const std::string& name) {
         MutexLock lock(mutex_);
         return runs_[name];
     }
-    // Waits until so many timers are set: every task that goes on has ended its run and waits for the next one.
+    // Waits until that many timers are set: every continuing task has ended its run and waits for the next one.
     [[nodiscard]] bool settled(std::size_t timers) {
         return testing::eventually([&] { return clock().pendingTimers() == timers; });
     }
@@ -96,7 +96,7 @@ TEST_F(ScheduleHandlerTest, EachTaskRunsExactlyWhenDueThroughoutAWeek) {
             }
         }
         clock().advance(hours(1));
-        // Each day has a log of its own.
+        // Each day has its own log file.
         EXPECT_EQ(logged("][ERROR]"), 0) << hour;
         ASSERT_TRUE(settled(hour < 10 ? 6 : hour < 17 ? 5 : 4)) << hour;
         ASSERT_TRUE(testing::eventually([&] { return runs("c") == expected["c"] && runs("f") == expected["f"]; }))
@@ -128,7 +128,7 @@ TEST_F(ScheduleHandlerTest, TaskHasOneTimerHoweverOftenItIsStarted) {
     EXPECT_EQ(logged("][INFO]a is not available in the list\r\n"), 1);
     EXPECT_EQ(clock().pendingTimers(), 0U);
 
-    // As where the first configuration sync re-times tasks before all are started, and at the same time.
+    // As at a start: the first configuration sync re-times tasks before, or while, all tasks are started.
     ScheduleHandler::startTask("a");
     ScheduleHandler::startTask("b");
     const auto handler = std::async(std::launch::async, [] { ScheduleHandler::startTask("b"); });
@@ -137,7 +137,7 @@ TEST_F(ScheduleHandlerTest, TaskHasOneTimerHoweverOftenItIsStarted) {
     handler.wait();
     ScheduleHandler::startTask("ALL");
     ASSERT_TRUE(settled(2));
-    EXPECT_GT(logged("][ERROR]Task b is in "), 0) << "only the last of two entries counts";
+    EXPECT_GT(logged("][ERROR]Task b occurs more than once in "), 0) << "only the last of two entries counts";
     clock().advance(seconds(600));
     ASSERT_TRUE(settled(2));
     EXPECT_EQ(runs("a"), Times{seconds(600)}) << "with all others it follows its time of day";
@@ -187,7 +187,7 @@ TEST_F(ScheduleHandlerTest, EntriesThatCannotRunAreNamedInTheLogAndTheOthersRun)
     ASSERT_TRUE(settled(3));
     EXPECT_EQ(runs("a"), (Times{seconds(60), seconds(120), seconds(180)}));
     for (const auto& [line, count] :
-         {std::pair("/schedules.plist is no task: no dictionary\r\n", 1),
+         {std::pair("/schedules.plist is not a task: no dictionary\r\n", 1),
           {"][ERROR]Task at soon is not scheduled: its RunAt \"soon\"", 1},
           {"][ERROR]Task unknown class cannot run: there is no class Nobody's\r\n", 3},
           {"][ERROR]Task unknown method cannot run: ScheduleHandlerTest has no method unknown method\r\n", 3}}) {
@@ -216,19 +216,19 @@ TEST_F(ScheduleHandlerTest, IntervalIsARealNumberAboveZero) {
             clock().advance(daily ? kDefault : expected);
             ASSERT_TRUE(clock().awaitTimerIn(expected));
             complaints += expected == kDefault ? 1 : 0;
-            EXPECT_EQ(logged("][ERROR]The interval of task a is "), complaints);
+            EXPECT_EQ(logged("][ERROR]Task a has the invalid interval "), complaints);
         }
     }
 }
 
-TEST_F(ScheduleHandlerTest, BatchCollectionRepeatsUnlessCollectionIsRealtimeAndUpdatesMayConcernAll) {
+TEST_F(ScheduleHandlerTest, BatchCollectionRepeatsUnlessCollectionIsRealtimeAndAnUpdateCanApplyToAllTasks) {
     const auto handler = ScheduleHandler::init();
     for (const bool realtime : {true, false}) {
         GlobalVariables::getInstance().setIsRealTime(realtime);
         EXPECT_EQ(ScheduleHandler::init(), handler);
         EXPECT_EQ(stored("Repeat"), (Array{realtime ? "false" : "true", true, true}));
     }
-    // Cancelled before its start it starts nothing.
+    // Cancelled before its start, it starts no task.
     handler->cancel();
     handler->start();
     EXPECT_TRUE(handler->isFinished());
@@ -245,7 +245,7 @@ TEST_F(ScheduleHandlerTest, BatchCollectionRepeatsUnlessCollectionIsRealtimeAndU
 }
 
 TEST_F(ScheduleHandlerTest, SizeGuardSetsItsFlagAtEveryCheck) {
-    // A spool of one file that takes up what it is told to.
+    // A spool of one file with an adjustable allocated size.
     struct SpoolOfSize final : platform::HostFileSystem {
         Result<FileStatus> linkStatus(const std::string& path) override {
             auto status = HostFileSystem::linkStatus(path);

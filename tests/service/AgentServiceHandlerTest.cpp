@@ -23,20 +23,21 @@ namespace fs = std::filesystem;
 
 class AgentServiceHandlerTest : public ::testing::Test, protected AgentFixture {};
 
-TEST_F(AgentServiceHandlerTest, StopAtAnyMomentOfTheStartIsHonoured) {
+TEST_F(AgentServiceHandlerTest, StopAtAnyMomentOfTheStartTakesEffect) {
     bool isStarted = false;
     for (int moment = 0; !isStarted; ++moment) {
         SCOPED_TRACE(moment);
         fs::remove(volume().logs() / "Config2026-11-15.log");
         EventQueueGCD::init();
-        // Each of the start's own calls on a file is a moment; the lines of its log are among them.
+        // A moment is a file system call of the starting thread, including those for the log.
         std::atomic<std::thread::id> starter;
         std::future<void> stop;
         int calls = 0;
         const FaultyFileSystem files([&](const std::string& path) {
             if (std::this_thread::get_id() == starter.load() && ++calls == moment) {
                 stop = std::async(std::launch::async, AgentServiceHandler::stop);
-                // While a line is appended, other lines wait for its end, those of the stop among them.
+                // While this thread appends a line, other lines wait, also those of the stop. Waiting for the stop here
+                // would block.
                 if (!path.starts_with("../logs")) {
                     stop.get();
                 }
@@ -64,9 +65,9 @@ TEST_F(AgentServiceHandlerTest, StopAtAnyMomentOfTheStartIsHonoured) {
     }
 }
 
-TEST_F(AgentServiceHandlerTest, EventsGivenUpAreCountedAlsoWhileTheSpoolIsHeldUp) {
+TEST_F(AgentServiceHandlerTest, DiscardedEventsAreCountedEvenWhileTheSpoolIsBlocked) {
     EventQueueGCD::init();
-    // The fourth event makes a file of the first three, and its announcement holds the spool up.
+    // The fourth event writes the first three to a file. The announcement of the file blocks the spool's queue.
     const auto observer = NotificationCenter::defaultCenter().addObserver(
         EventQueueGCD::kEventFileNotification,
         [](const auto&) { std::async(std::launch::async, AgentServiceHandler::end).get(); });
@@ -88,7 +89,7 @@ TEST_F(AgentServiceHandlerTest, SecondAgentIsKeptOutWhileTheFirstOneLives) {
         EXPECT_EQ(content, std::to_string(::getpid()));
     }
     EXPECT_EQ(logged(fmt::format("[ERROR]Another agent, process {}, holds ../conf/agent.lock", ::getpid())), 2);
-    // Where there can be no lock the agent runs without.
+    // If locking is impossible, the agent runs without the lock.
     fs::rename(path, volume().conf() / "other");
     const std::function<void()> obstacles[] = {
         [&] { fs::create_symlink("other", path); },

@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 using Sync = ServerCommunicator;
 using Handler = void (*)(const PropertyListHandler&, Dictionary&);
 
-// Executes until it is told to complete; notes its cancel.
+// Executes until it is told to complete. Records its cancel.
 class StandIn final : public ConcurrentOperationAbstract {
   public:
     explicit StandIn(const char* name) : ConcurrentOperationAbstract(name) {}
@@ -57,7 +57,7 @@ class ConfigurationChangeHandlersTest : public ::testing::Test, protected AgentF
         awaitEndOfBatch();
     }
 
-    // While one collects, another of its name is not taken. That none is there any more only the log tells.
+    // While a batch operation executes, another one is refused. Only the log tells that none is left.
     void awaitEndOfBatch() {
         ASSERT_TRUE(eventually([this] {
             const auto before = logged("EventCollectionSchedule operation doesnot exists");
@@ -66,7 +66,7 @@ class ConfigurationChangeHandlersTest : public ::testing::Test, protected AgentF
         }));
     }
 
-    // An operation of the name at work on the main queue.
+    // Adds an operation with that name to the main queue and waits until it executes.
     std::shared_ptr<StandIn> addStandIn(const char* name) {
         auto operation = std::make_shared<StandIn>(name);
         AgentServiceHandler::addOperationToMainQueue(operation);
@@ -74,13 +74,13 @@ class ConfigurationChangeHandlersTest : public ::testing::Test, protected AgentF
         return operation;
     }
 
-    // Begins anew, with an empty log.
+    // Restarts the agent with an empty log.
     void fresh() {
         restartConfigured();
         std::filesystem::remove(volume().logs() / "Config2026-11-15.log");
     }
 
-    // What the handler has said last.
+    // The handler's last line.
     std::string said() {
         const auto whole = log();
         const auto at = whole.find("[INFO]", std::min(whole.rfind("][ServerCommunicator]"), whole.size()));
@@ -102,7 +102,7 @@ TEST_F(ConfigurationChangeHandlersTest, OnlyRealChangesAreApplied) {
     constexpr auto* kEvents = Sync::realTimeReinitialiseCheckWithOldData;
     constexpr const char* kFetch = "Fetch interval has been changed updating schedule to ";
     constexpr const char* kNewEvents = "Events to be audited are changed to b";
-    // What is said; with an interval at its end the task is started with it.
+    // The expected line. If it ends with an interval, the task is restarted with that interval.
     const std::tuple<Handler, const char*, const char*, const char*, int> cases[] = {
         {kDomain, "{}", "{}", "", 0},
         {kDomain, "{}", R"({"AgentGuid":"g"})", "First Time Configuration", 0},
@@ -160,7 +160,7 @@ TEST_F(ConfigurationChangeHandlersTest, RetimingKeepsTheTimerOfARepeatingTaskWit
         EXPECT_EQ(clock().pendingTimers(), 1U);
         EXPECT_TRUE(clock().awaitTimerIn(9800s));
     }
-    // While realtime collection is on, the task runs once for each start; afterwards it repeats.
+    // While realtime collection is on, the task runs once per start. Afterwards it repeats.
     fresh();
     ScheduleHandler::UpdateTaskWithName("EventCollection", "Repeat", "false");
     int runs = 0;

@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 
 class ServerCommunicatorTest : public ::testing::Test, protected AgentFixture {
   protected:
-    // One synchronisation that the server answers so; returns when everything it brings has been applied.
+    // One synchronisation with that answer. Returns when all its changes have been applied.
     void syncAnsweredWith(const std::string& body) {
         session().respondWith([body](const auto&) { return FakeUrlSession::Answer{200, body}; });
         ServerCommunicator().syncAndApply();
@@ -26,7 +26,7 @@ class ServerCommunicatorTest : public ::testing::Test, protected AgentFixture {
     Dictionary request(std::size_t number) { return *Json::parse(session().sent().at(number).body)->dictionary(); }
 };
 
-TEST_F(ServerCommunicatorTest, TwelveFailuresTryTheAddressesInTurnAndThenPause) {
+TEST_F(ServerCommunicatorTest, TwelveFailuresTryEveryAddressAndThenPause) {
     std::size_t requests = 0;
     session().respondWith([&requests](const auto&) -> std::optional<FakeUrlSession::Answer> {
         ++requests;
@@ -51,7 +51,7 @@ TEST_F(ServerCommunicatorTest, TwelveFailuresTryTheAddressesInTurnAndThenPause) 
     const auto sent = session().sent();
     ASSERT_EQ(sent.size(), 13U);
     for (std::size_t i = 0; i < sent.size(); ++i) {
-        // The path is sent by each attempt once, and the type tells the connection of the attempt.
+        // Each attempt appends the path once, and the connection type is that of the attempt.
         const bool direct = i >= 3 && i <= 6;
         const std::string path = "/api/agent/configuration/syncmacagentconfiguration";
         EXPECT_EQ(sent[i].request.url.find(path), sent[i].request.url.size() - path.size()) << i;
@@ -108,17 +108,17 @@ TEST_F(ServerCommunicatorTest, AnswerWithoutAConfigurationIsASuccessThatChangesN
         EXPECT_EQ(volume().readConfiguration("myconfigurations.plist"), myConfigurations);
     }
     EXPECT_EQ(logged("No State change"), 0) << "no handler runs";
-    EXPECT_EQ(logged("[ERROR]The server's answer is no configuration"), 4);
+    EXPECT_EQ(logged("[ERROR]The server's answer is not a configuration"), 4);
 }
 
-TEST_F(ServerCommunicatorTest, AnswerIsStoredWithoutWhatXmlCannotCarryAndItsChangesApplyInOrder) {
+TEST_F(ServerCommunicatorTest, AnswerIsStoredWithoutTextsThatXmlCannotRepresentAndItsChangesApplyInOrder) {
     syncAnsweredWith(
         R"({"AgentGuid":"guid-1","DomainID":"1","DomainName":"new.example.com","isEnabled":false,"FetchInterval":60,)"
         R"("NATServerName":"relay.example.com","SyncTime":"120","EventsToRead":"AUE_su","AgentAuthID":"identity-7",)"
         R"("AgentUID":"uid-1","Port":null,"Nested":{"a":null,"b":[1,null,"\u0001",{"c":null,"d\u0000":2}]},)"
         R"("ServerName":"a\u001b[1m","ServerIP":"\uFFFE","NATProtocol":"\uFFFF","OrgAccessKey":"key-2"})");
     for (const auto* where : {".Nested.b[2]", ".Nested.b[3].d", ".ServerName", ".ServerIP", ".NATProtocol"}) {
-        EXPECT_EQ(logged(std::string("[ERROR]The server's answer holds a text at ") + where), 1) << where;
+        EXPECT_EQ(logged(std::string("[ERROR]The server's answer has a text at ") + where), 1) << where;
     }
     const auto stored = volume().readConfiguration("Serverinfo.plist");
     EXPECT_EQ(stored["Nested"], Value(Dictionary{{"b", Array{1, Dictionary()}}}));

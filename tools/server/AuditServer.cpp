@@ -25,7 +25,7 @@ std::size_t contentLength(const AuditServer::Headers& headers) {
     return found == headers.end() ? 0 : std::stoul(found->second);
 }
 
-// The head of a request without the empty line at its end; the headers' names and values as they came.
+// Parses the head of a request, without its final empty line. Names and values of headers stay as received.
 AuditServer::Request parsed(const std::string& head) {
     AuditServer::Request request;
     std::istringstream lines(head);
@@ -41,7 +41,7 @@ AuditServer::Request parsed(const std::string& head) {
     return request;
 }
 
-// Takes the next request from the front of what has been received. Nothing once the connection has ended.
+// Removes the next request from the front of the received bytes. Returns nothing once the connection has ended.
 std::optional<AuditServer::Request> readRequest(ServerConnection& connection, std::string& received) {
     constexpr std::string_view kEndOfHead = "\r\n\r\n";
     const auto receive = [&] {
@@ -52,7 +52,7 @@ std::optional<AuditServer::Request> readRequest(ServerConnection& connection, st
     };
     auto end = received.find(kEndOfHead);
     for (; end == std::string::npos; end = received.find(kEndOfHead)) {
-        // What is no HTTP at all, a greeting of TLS, would never have the end of a head.
+        // Bytes that are not HTTP, such as a TLS greeting, never contain the end of a head.
         if (!receive() || received[0] < 'A' || received[0] > 'Z') {
             return std::nullopt;
         }
@@ -169,7 +169,7 @@ bool AuditServer::waitForEvents(std::size_t count) const {
 }
 
 void AuditServer::acceptAll() {
-    // Also for the threads of the connections.
+    // Also blocks the signal in the connections' threads, which inherit the mask.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGPIPE);

@@ -1,5 +1,5 @@
-// A stand-in audit server on loopback, which can be told to fail. Tests run it within their own process; the program
-// audit-server is little more than one of these.
+// A stand-in audit server on loopback that can be told to fail. Tests run it in their own process; the program
+// audit-server wraps it.
 
 #pragma once
 
@@ -14,20 +14,20 @@
 
 namespace sentrova::testing {
 
-// Answers a configuration sync with a JSON text, accepts batches of events, and remembers what it was asked. Every
-// connection has a thread of its own. Safe from any thread.
+// Answers a configuration sync with a JSON text, accepts batches of events, and records its requests. Each connection
+// has its own thread. Safe from any thread.
 class AuditServer {
   public:
     struct Configuration {
-        // 0: any port that is free.
+        // 0 means any free port.
         int port = 0;
         bool https = false;
-        // Of a server that speaks https.
+        // Used with https.
         ServerTls tls = {};
-        // Gives the answer to a configuration sync for which none has been set; nothing for a status of 500. Called
-        // from the connections' threads, one at a time. Without the function the answer is "{}".
+        // Returns the answer to a configuration sync if setAnswer has not been called; nothing means status 500. Called
+        // from the connections' threads, one call at a time. Without the function the answer is "{}".
         std::function<std::optional<std::string>()> onSync = {};
-        // Gets each accepted event as compact JSON text, one at a time; not to call the server.
+        // Receives each accepted event as compact JSON text, one call at a time. Must not call the server.
         std::function<void(const std::string& event)> onEvent = {};
     };
 
@@ -38,32 +38,32 @@ class AuditServer {
         std::string path;
         Headers headers;
         std::string body;
-        // Counts the server's connections from 1.
+        // The number of the connection, counted from 1.
         int connection = 0;
     };
 
-    // What becomes of the next requests. A request takes the first failure whose path it has.
+    // How the next requests fail. A request meets the first failure with a matching path.
     struct Failure {
         enum class Kind {
-            status,     // is answered with the status, headers and body
-            noAnswer,   // is held until the client closes the connection
-            hold,       // is held until release(), then answered as ever
-            drop,       // has its connection closed without a byte of answer
-            reset,      // the same, by a reset
-            halfClose,  // the same in the direction of the answer only
-            raw,        // gets the body alone, which is to be a whole answer or a damaged one; then the connection ends
-            endless,    // gets a body without end
+            status,     // answers with status, headers and body
+            noAnswer,   // never answers; waits until the client closes the connection
+            hold,       // waits for release(), then answers normally
+            drop,       // closes the connection without an answer
+            reset,      // the same, with a reset
+            halfClose,  // the same, but only in the direction of the answer
+            raw,        // sends `body` as the raw answer, headers included; then closes the connection
+            endless,    // sends a body without end
         };
         Kind kind = Kind::status;
-        // What the paths begin with; empty: any path.
+        // A prefix of the matching paths; empty matches all.
         std::string path = {};
         int status = 500;
-        // Whether a batch that gets a raw answer is accepted, and how far apart the answer's bytes are; 0: all at once.
+        // For raw: whether the batch counts as accepted, and the pause between the answer's bytes; 0 sends all at once.
         bool accepts = false;
         std::chrono::milliseconds pace = {};
-        // How many requests meet it; -1: all until reset().
+        // How many requests fail; -1 means all until reset().
         int count = 1;
-        // How many come through before that.
+        // How many requests succeed first.
         int after = 0;
         Headers headers = {};
         std::string body = {};
@@ -72,46 +72,46 @@ class AuditServer {
     static constexpr const char* kSyncPath = "/api/agent/configuration/syncmacagentconfiguration";
     static constexpr const char* kEventsPath = "/api/agent/tabs/agentData";
 
-    // Listens when it returns. Throws std::runtime_error when the port cannot be had.
+    // Listens when the constructor returns. Throws std::runtime_error if the port is not available.
     explicit AuditServer(const Configuration& configuration);
     AuditServer() : AuditServer(Configuration()) {}
     AuditServer(const AuditServer&) = delete;
     AuditServer& operator=(const AuditServer&) = delete;
-    // Closes all connections, also those with a request under way.
+    // Closes all connections, even during a request.
     ~AuditServer();
 
     int port() const { return listener_.port(); }
-    // Scheme, host and port, without a slash at the end.
+    // Scheme, host and port, without a final slash.
     std::string url() const;
 
     void setAnswer(std::string json) EXCLUDES(mutex_);
     void fail(Failure failure) EXCLUDES(mutex_);
-    // Answers the requests held that have arrived.
+    // Answers the held requests that have arrived so far.
     void release() EXCLUDES(mutex_);
-    // Forgets failures, requests, events and the answer that was set; releases what is held.
+    // Clears failures, requests, events and the answer; releases held requests.
     void reset() EXCLUDES(mutex_);
 
-    // In the order in which they arrived.
+    // In order of arrival.
     std::vector<Request> requests() const EXCLUDES(mutex_);
-    // The events of all batches answered 200, each as compact JSON text.
+    // The events of all batches that were answered with 200, each as compact JSON text.
     std::vector<std::string> events() const EXCLUDES(mutex_);
-    // The most requests that have been under way at one time.
+    // The highest number of requests in progress at one time.
     int mostAtOnce() const EXCLUDES(mutex_);
 
-    // Wait until that many have arrived since the last reset; false when they have not within a minute.
+    // Wait until that many have arrived since the last reset. Return false after a minute.
     [[nodiscard]] bool waitForRequests(std::size_t count) const EXCLUDES(mutex_);
     [[nodiscard]] bool waitForEvents(std::size_t count) const EXCLUDES(mutex_);
 
   private:
     struct Arrival {
         std::shared_ptr<Request> request;
-        // How many releases there had been by then: the next one lets it go.
+        // The number of releases before its arrival. The next release answers it.
         int releases;
     };
 
     void acceptAll();
     void serve(std::shared_ptr<ServerConnection> connection, int number) EXCLUDES(mutex_);
-    // These return whether the connection goes on.
+    // Both return whether the connection continues.
     bool handle(const Arrival& arrival, ServerConnection& connection) EXCLUDES(mutex_);
     bool answer(const Request& request, ServerConnection& connection) EXCLUDES(mutex_);
     bool send(ServerConnection& connection, int status, const Headers& headers, const std::string& body)
@@ -121,7 +121,7 @@ class AuditServer {
     std::optional<std::string> syncAnswer() EXCLUDES(mutex_);
     bool accept(const std::string& batch) EXCLUDES(mutex_);
     bool awaitRelease(const Arrival& arrival) EXCLUDES(mutex_);
-    // The request is no longer under way; before the client learns of it.
+    // Marks the request as finished, before the client can learn of it.
     void finish() EXCLUDES(mutex_);
 
     const Configuration configuration_;

@@ -84,7 +84,7 @@ constexpr std::array kKinds = std::to_array<Kind>({{6152, "login"},
                                                    {45026, "authorization"},
                                                    {45028, "sudo"}});
 
-// As the table shows them: a word that is cut to its column could read like another.
+// Checks the table: each word fits its column and is unique. A word cut to its column could read like another one.
 constexpr bool kindsAreToldApart() {
     for (std::size_t i = 0; i < kKinds.size(); ++i) {
         if (kKinds[i].word.size() > kWidths[1]) {

@@ -1,4 +1,4 @@
-// Events as lines for people to read.
+// Formats events as lines of a table.
 
 #pragma once
 
@@ -7,15 +7,15 @@
 
 namespace sentrova::testing {
 
-// The columns' names, without a line end.
+// The column names, without a line end.
 std::string eventTableHeader();
 
-// The line of an event, given as JSON text: its time in the local zone, what happened, the user, the domain, the
-// workstation and the result. What the event does not have reads "-"; a text too long for its column ends in "…".
+// The line of one event, which is given as JSON text: local time, action, user, domain, workstation, result. A missing
+// field reads "-". A text too long for its column ends in "…".
 std::string eventTableLine(const std::string& event);
 
-// The text (UTF-8) with every character that could act on a terminal written as a JSON escape: control characters and
-// those that change the direction of writing.
+// Escapes, as JSON does, each character of the UTF-8 text that could affect a terminal: control characters and those
+// that change the writing direction.
 std::string withoutControls(std::string_view text);
 
 }  // namespace sentrova::testing

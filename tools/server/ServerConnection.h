@@ -11,53 +11,53 @@
 
 namespace sentrova::testing {
 
-// What a server shows of itself when it speaks TLS. Numbers without a meaning of their own are OpenSSL's.
+// The TLS properties of a server. Numbers have OpenSSL's meaning, except where a comment gives another one.
 struct ServerTls {
     bool asksForClientCertificate = false;
-    // Whom the certificate is for.
+    // The host name in the certificate.
     const char* host = "audit-server";
-    // Days from now.
+    // In days from now.
     int validFrom = -1;
     int validUntil = 365;
-    // 0: a key on a curve.
+    // Bits of an RSA key; 0 means an elliptic curve key.
     unsigned rsaBits = 0;
     const char* digest = "SHA256";
-    // The one version of the protocol that the server speaks; 0: the library's choice.
+    // The only protocol version that the server speaks; 0 means the library's choice.
     int onlyVersion = 0;
 };
 
 using TlsContext = std::shared_ptr<SSL_CTX>;
 
-// A server's TLS with a key and a self-signed certificate of its own, made anew, with nothing too weak for it. One that
-// asks for client certificates takes any, and none as well. Throws std::runtime_error when the library refuses.
+// Creates the TLS context of a server, with a new key and self-signed certificate, and with all weak settings allowed.
+// A server that asks for client certificates accepts any, or none. Throws std::runtime_error if the library refuses.
 TlsContext makeTlsContext(const ServerTls& tls);
 
-// Belongs to the thread that serves it; only shutDown may come from another. That thread must have SIGPIPE blocked.
+// Used by the thread that serves it, which must have SIGPIPE blocked. Only shutDown may be called from another thread.
 class ServerConnection {
   public:
-    // Takes the socket, which it closes in the end. Without a context the connection is plain.
+    // Takes ownership of the socket. Without a context the connection is plain.
     ServerConnection(int socket, TlsContext tls) : socket_(socket), tls_(std::move(tls)) {}
     ServerConnection(const ServerConnection&) = delete;
     ServerConnection& operator=(const ServerConnection&) = delete;
     ~ServerConnection();
 
-    // What comes before the first byte, also on a plain connection; false when that fails.
+    // Does the TLS handshake, if any. Returns false if that fails.
     bool handshake();
-    // Blocks until there is something. Returns how many bytes were read; 0 at the end of the connection.
+    // Blocks until data arrives. Returns the number of bytes read; 0 at the end of the connection.
     std::size_t read(char* bytes, std::size_t room);
-    // Sends all of it; false when the connection has ended.
+    // Sends all bytes. Returns false if the connection has ended.
     bool write(std::string_view bytes);
 
-    // Blocks until the other side closes, or the connection is shut down; what is received meanwhile is lost.
+    // Blocks until the other side closes or the connection is shut down. Bytes received meanwhile are dropped.
     void awaitEnd();
-    // The same for at most a time; returns whether the end has come.
+    // The same with a timeout. Returns whether the end has come.
     bool awaitEnd(std::chrono::milliseconds time);
 
-    // Ends the connection in both directions, without a TLS farewell, and wakes whoever waits for it.
+    // Ends the connection in both directions, without a TLS close message, and wakes a thread that waits for it.
     void shutDown();
-    // Ends it by a reset, once it is destroyed.
+    // Makes the destructor end the connection by a reset.
     void reset();
-    // Ends the direction of the answers.
+    // Closes the direction of the answers only.
     void endAnswer();
 
   private:
@@ -69,14 +69,14 @@ class ServerConnection {
 
 class Listener {
   public:
-    // 0: any port that is free. Throws std::runtime_error when the port cannot be had.
+    // 0 means any free port. Throws std::runtime_error if the port is not available.
     explicit Listener(int port = 0);
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
     ~Listener();
 
     int port() const { return port_; }
-    // Blocks for the next connection; nothing once the listener is shut down, which any thread may do.
+    // Blocks until the next connection. Returns nothing after shutDown, which any thread may call.
     std::unique_ptr<ServerConnection> accept(const TlsContext& tls = nullptr) const;
     void shutDown() const;
 

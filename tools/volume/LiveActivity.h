@@ -1,4 +1,4 @@
-// What a Mac's people do just now, one audit record after another.
+// Audit records of the current activity on a Mac, one after another.
 
 #pragma once
 
@@ -10,12 +10,12 @@
 
 namespace sentrova::testing {
 
-// The people are those of a WorkingDay. Most records are of the kinds that are collected, the rest is noise.
+// The users are those of WorkingDay. Most records have types that are collected; the rest is noise.
 class LiveActivity {
   public:
     explicit LiveActivity(std::uint32_t seed) : random_(seed) {}
 
-    // A record of the given time. Each has a process number of its own, counted up from 10000.
+    // A record with the given time. Each record has its own process id, counted from 10000.
     TrailRecord next(std::chrono::seconds sinceEpoch);
 
   private:

@@ -17,19 +17,19 @@
 
 namespace sentrova::testing {
 
-// The content of a file; empty when there is none.
+// The content of a file; empty if it cannot be read.
 std::string textOf(const std::filesystem::path& file);
 
 class SystemVolume {
   public:
-    // In a new temporary folder, which goes away with the object.
+    // Creates the volume in a new temporary folder, which the destructor deletes.
     SystemVolume();
-    // The same below that folder.
+    // The same, with the temporary folder below the given one.
     struct TemporaryIn {
         std::filesystem::path folder;
     };
     explicit SystemVolume(const TemporaryIn& place);
-    // In the given folder, which must be empty or absent; it stays.
+    // Creates the volume in the given folder, which must be empty or absent and is kept.
     explicit SystemVolume(const std::filesystem::path& folder);
     ~SystemVolume();
     SystemVolume(const SystemVolume&) = delete;
@@ -48,21 +48,22 @@ class SystemVolume {
 
     void setVersion(std::string_view productVersion);
 
-    // What the Active Directory tool prints and how it exits. It adds its arguments to a file beside it, ".runs".
+    // The output and exit status of the Active Directory tool. Each run appends its arguments to the file ".runs" next
+    // to it.
     void setDirectoryTool(std::string_view output, int exitStatus);
-    // Makes the tool answer with the binding; the computer account as the directory has it, "mac-042$".
+    // Makes the tool report the binding. The computer account is as in the directory, "mac-042$".
     void bindTo(std::string_view domain, std::string_view computerAccount);
 
-    // The attributes are the file's keys; every value is stored as an array of strings.
+    // Each attribute becomes a key of the user's file; each value is stored as an array of strings.
     void addUser(std::string_view name, const Dictionary& attributes) { addRecord("users", name, attributes); }
     void addGroup(std::string_view name, const Dictionary& attributes) { addRecord("groups", name, attributes); }
-    // A user that only this Mac knows, and one whose account is a domain's.
+    // A local user, and a user with a domain account.
     void addLocalUser(std::string_view name, std::uint32_t uid);
     void addDomainUser(std::string_view name, std::uint32_t uid, std::string_view sid, std::string_view domain);
 
     void addTrail(std::string_view name, std::span<const std::uint8_t> bytes, std::chrono::seconds modifiedSinceEpoch);
 
-    // A property list of the configuration folder, by its whole name.
+    // A property list in the configuration folder, by its full name.
     void writeConfiguration(std::string_view name, const Dictionary& content);
     Dictionary readConfiguration(std::string_view name) const;
 

@@ -22,10 +22,10 @@
 
 namespace sentrova::testing {
 
-// The width of a token's numbers, and whether an address with its length follows them.
+// The width of a token's numbers, and whether an address with its length follows.
 enum class Layout { k32, k64, k32Ex, k64Ex };
 
-// Addresses are written as people write them, "10.0.0.7" or "2001:db8::7"; the plain layouts hold only the former.
+// Addresses are texts: "10.0.0.7" or "2001:db8::7". The plain layouts hold only IPv4.
 struct Subject {
     std::uint32_t auditId = 0xFFFFFFFF;
     std::uint32_t effectiveUserId = 0;
@@ -38,9 +38,9 @@ struct Subject {
     std::string address = "0.0.0.0";
 };
 
-// Appends what audit records consist of.
+// Appends the elements of audit records.
 struct TrailBytes {
-    // The highest byte first.
+    // Big-endian.
     template <std::unsigned_integral Number>
     void put(Number number) {
         for (std::size_t left = sizeof number; left-- > 0;) {
@@ -48,12 +48,12 @@ struct TrailBytes {
         }
     }
     void put(std::span<const std::uint8_t> raw) { bytes.insert(bytes.end(), raw.begin(), raw.end()); }
-    // With a zero byte at its end.
+    // Zero-terminated.
     void put(std::string_view text) {
         bytes.insert(bytes.end(), text.begin(), text.end());
         bytes.push_back(0);
     }
-    // The same after its length, the zero byte included.
+    // The same, preceded by its length, which includes the zero byte.
     void putCounted(std::string_view text) {
         const auto fitting = text.substr(0, 0xFFFE);
         put(static_cast<std::uint16_t>(fitting.size() + 1));
@@ -66,7 +66,7 @@ struct TrailBytes {
             put(static_cast<std::uint32_t>(number));
         }
     }
-    // Throws std::invalid_argument for what is no address, or too long for the layout.
+    // Throws std::invalid_argument if the text is not an address, or is too long for the layout.
     void putAddress(const std::string& text, Layout layout) {
         Data address(16);
         if (::inet_pton(AF_INET, text.c_str(), address.data()) == 1) {
@@ -111,14 +111,14 @@ class TrailRecord {
     TrailRecord& subject(const Subject& subject, Layout layout = Layout::k32) {
         return subjectToken({0x24, 0x75, 0x7A, 0x7C}, subject, layout);
     }
-    // A process token: who the record's action was done to.
+    // A process token: the process that the action was applied to.
     TrailRecord& process(const Subject& subject, Layout layout = Layout::k32) {
         return subjectToken({0x26, 0x77, 0x7B, 0x7D}, subject, layout);
     }
     TrailRecord& text(std::string_view text) { return token(0x28).counted(text); }
     TrailRecord& returns(std::uint32_t value, std::uint8_t status = 0) { return token(0x27, status, value); }
     TrailRecord& returns64(std::uint64_t value, std::uint8_t status = 0) { return token(0x72, status, value); }
-    // The code signature of the process. The numbers between the texts say that neither text was cut.
+    // The code signature of the process. The numbers between the texts say that neither text is truncated.
     TrailRecord& identity(std::string_view signingId, std::string_view teamId = "",
                           const Data& cdhash = Data(20, 0xCD)) {
         constexpr std::uint32_t kSignerType = 1;
@@ -166,7 +166,7 @@ class TrailRecord {
         return *this;
     }
     TrailRecord& sockUnix(std::string_view path) { return token(0x82, std::uint16_t{1}, path); }
-    // Bytes as they are: other tokens, damaged ones.
+    // Raw bytes: other tokens, or damaged ones.
     TrailRecord& raw(std::span<const std::uint8_t> bytes) {
         tokens_.put(bytes);
         return *this;
@@ -210,7 +210,7 @@ class TrailRecord {
         tokens_.putCounted(text);
         return *this;
     }
-    // The ids of a kind of token, in the order of the layouts.
+    // The ids of one kind of token, in the order of the layouts.
     using Ids = std::array<std::uint8_t, 4>;
     TrailRecord& subjectToken(const Ids& ids, const Subject& subject, Layout layout) {
         token(ids.at(static_cast<std::size_t>(layout)), subject.auditId, subject.effectiveUserId,

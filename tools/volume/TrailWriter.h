@@ -1,4 +1,4 @@
-// Puts records together to the bytes of an audit trail.
+// Joins records to the bytes of an audit trail.
 
 #pragma once
 
@@ -16,7 +16,7 @@ class TrailWriter {
         ++records_;
         return addRaw(record.bytes());
     }
-    // The token that names the trail's file, at a trail's beginning and end.
+    // The file token, which names the trail's file at its beginning and end.
     TrailWriter& addFile(std::chrono::seconds sinceEpoch, std::string_view path) {
         lastTime_ = std::max(lastTime_, sinceEpoch);
         ++records_;
@@ -32,7 +32,7 @@ class TrailWriter {
     }
 
     const Data& bytes() const { return trail_.bytes; }
-    // File tokens count as records, as they do for a reader.
+    // Counts file tokens as records, as a reader does.
     std::size_t records() const { return records_; }
     // The time of the latest record.
     std::chrono::seconds lastTime() const { return lastTime_; }

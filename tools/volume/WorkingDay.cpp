@@ -13,7 +13,7 @@ using namespace std::chrono_literals;
 struct WorkingDay::Person {
     const char* name;
     std::uint32_t uid;
-    // The last part of the SID in the domain; 0 for a user that only the Mac knows.
+    // The last part of the domain SID; 0 for a local user.
     std::uint32_t relativeId;
 };
 
@@ -36,11 +36,11 @@ constexpr std::uint16_t kConsoleLogin = 45021;
 constexpr std::uint16_t kConsoleLogout = 45022;
 constexpr std::uint16_t kAuthorization = 45026;
 
-// What a refusal looks like: a status that stands for no error number, and the directory's own code.
+// The values of a rejected password: a status without an error number, and the directory's own code.
 constexpr std::uint8_t kRefused = 255;
 constexpr std::uint32_t kWrongPassword = 5000;
 
-// The session in which the system's own processes run.
+// The session of the system's own processes.
 constexpr std::uint32_t kSystemSession = 100000;
 
 Subject daemon(std::uint32_t process, std::uint32_t session = kSystemSession) {
@@ -286,7 +286,7 @@ void WorkingDay::noise(std::chrono::seconds at) {
     }
 }
 
-// Cuts the day into trail files, as the audit daemon does when one has grown, each between two tokens with its name.
+// Splits the day into trail files, as the audit daemon does when a file has grown. A file token begins and ends each.
 void WorkingDay::split() {
     const auto stamp = [](std::chrono::seconds time) {
         return fmt::format("{:%Y%m%d%H%M%S}", fmt::gmtime(static_cast<std::time_t>(time.count())));
@@ -325,7 +325,7 @@ void WorkingDay::putOn(SystemVolume& volume) const {
     for (const auto& person : {kBruno, kCarla}) {
         volume.addDomainUser(person.name, person.uid, sid(person), "CORP");
     }
-    // One record by the directory's standard names, as an export of it has them.
+    // One record with the directory's standard attribute names, as in an export.
     volume.addUser(kDora.name, {{"dsAttrTypeStandard:RecordName", kDora.name},
                                 {"dsAttrTypeStandard:UniqueID", kDora.uid},
                                 {"dsAttrTypeStandard:PrimaryGroupID", 20},

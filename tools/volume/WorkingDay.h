@@ -1,5 +1,5 @@
-// The audit trails of one Mac's working day: boot, console logons, screen unlocks, Touch ID, sudo, ssh, failures and
-// logouts of five people, amid the many records that nobody collects.
+// The audit trails of one working day on a Mac: boot, console logons, screen unlocks, Touch ID, sudo, ssh, failures and
+// logouts of five users, among many records that are not collected.
 //
 // The same start and seed give the same bytes.
 
@@ -21,7 +21,7 @@ namespace sentrova::testing {
 
 class WorkingDay {
   public:
-    // How a trail file is called in the audit folder, and what is in it.
+    // A trail file: its name in the audit folder, and its content.
     struct Trail {
         std::string name;
         TrailWriter content;
@@ -29,16 +29,16 @@ class WorkingDay {
 
     static constexpr std::chrono::hours kLength{10};
 
-    // The day begins at the given time and lasts ten hours.
+    // The day begins at `start` and lasts ten hours.
     WorkingDay(std::chrono::seconds startSinceEpoch, std::uint32_t seed);
 
-    // The closed trails in the order of their times; the last one is the trail still being written, "current".
+    // The closed trails in time order, followed by "current", which is still being written.
     const std::vector<Trail>& trails() const { return trails_; }
-    // Records of logons and the like, and all others.
+    // The number of records of collected types, and of all others.
     std::size_t logonRecords() const { return logonRecords_; }
     std::size_t otherRecords() const { return otherRecords_; }
 
-    // Makes the people of the day, their groups and the trails known to the volume.
+    // Adds the users, their groups and the trails to the volume.
     void putOn(SystemVolume& volume) const;
 
   private:
@@ -51,7 +51,7 @@ class WorkingDay {
 
     std::uint32_t random(std::uint32_t below) { return static_cast<std::uint32_t>(random_()) % below; }
     TrailRecord& add(std::uint16_t event, std::chrono::seconds time);
-    // A record of either kind at a time of the day, to be completed by the caller.
+    // Adds a record of either kind at a time of the day; the caller completes it.
     TrailRecord& logon(std::uint16_t event, std::chrono::seconds sinceStart);
     TrailRecord& other(std::uint16_t event, std::chrono::seconds sinceStart);
 
@@ -69,7 +69,7 @@ class WorkingDay {
 
     std::chrono::seconds start_;
     std::mt19937 random_;
-    // In the order of their times; records of one second in the order in which they were made.
+    // In time order; records of one second in order of creation.
     std::multimap<std::chrono::seconds, TrailRecord> records_;
     std::vector<Trail> trails_;
     std::size_t logonRecords_ = 0;

@@ -1,7 +1,7 @@
-// Takes big-endian fields one after another from bytes that nobody vouches for.
+// Reads big-endian fields one after another from untrusted bytes.
 //
-// A field that is not all there reads as zero or empty and marks the bytes as damaged for good; so a layout is read
-// from its first field to its last and judged once, at the end. Views point into the bytes.
+// A field that does not fit reads as zero or empty and marks the bytes as damaged permanently. A caller can therefore
+// read a whole layout and check damaged() once at the end. Views point into the bytes, which must outlive them.
 
 #pragma once
 
@@ -45,7 +45,7 @@ class ByteCursor {
         return {reinterpret_cast<const char*>(field.data()), length};
     }
 
-    // For what the bytes say rather than how many they are.
+    // Marks the bytes as damaged because of their content, not their length.
     void reject() {
         damaged_ = true;
         position_ = bytes_.size();
@@ -63,7 +63,7 @@ class ByteCursor {
         return field.empty() ? T{0} : bigEndian<T>(field.data(), std::make_index_sequence<sizeof(T)>());
     }
 
-    // Spelt out byte by byte, which compilers turn into one load.
+    // Composed byte by byte; compilers turn this into one load.
     template <class T, std::size_t... I>
     static T bigEndian(const std::uint8_t* bytes, std::index_sequence<I...> /*places*/) {
         return static_cast<T>(((static_cast<std::uint64_t>(bytes[I]) << (8 * (sizeof(T) - 1 - I))) | ...));

@@ -1,4 +1,4 @@
-// Where audit bytes come from: a trail file, the audit pipe, or a test's memory.
+// A source of audit bytes: a trail file, the audit pipe, or memory in a test.
 
 #pragma once
 
@@ -12,9 +12,9 @@ class ByteSource {
   public:
     virtual ~ByteSource() = default;
 
-    // Fills the front of the given bytes (never empty) with what comes next and returns how many there are; blocks
-    // while there are none yet. A part of a record or several records may arrive at once. Returns 0 at the end of the
-    // data and -1 when reading failed or was cancelled.
+    // Reads the next bytes into the front of `into` (never empty) and returns their number; blocks while there are
+    // none. The bytes may be a part of a record or several records. Returns 0 at the end of the data, and -1 if reading
+    // failed or was cancelled.
     virtual std::ptrdiff_t read(std::span<std::uint8_t> into) = 0;
 };
 

@@ -10,8 +10,8 @@ namespace {
 
 constexpr int kAbsent = -1;
 
-// The number that a macro of <cerrno> stands for, out of the text that it expands to. A name that this host does not
-// define stays the name, and is absent.
+// Parses the number to which a macro of <cerrno> expands. A name that this host does not define stays a name, and
+// counts as absent.
 constexpr int hostError(std::string_view text) {
     int number = 0;
     for (const char digit : text) {

@@ -1,4 +1,4 @@
-// The error numbers of audit records, which are the same on every host, as the running host numbers them.
+// Converts the error numbers of audit records, which are the same on every host, to the numbers of the running host.
 
 #pragma once
 
@@ -7,8 +7,8 @@
 
 namespace sentrova::bsm {
 
-// The host's error number (errno) for a return token's status; 0 for success. Nothing for a number that is not
-// assigned or an error that this host does not have.
+// The host's error number (errno) for the status of a return token; 0 means success. Returns nothing for an unassigned
+// status or an error that this host does not have.
 std::optional<int> au_bsm_to_errno(std::uint8_t status);
 
 }  // namespace sentrova::bsm

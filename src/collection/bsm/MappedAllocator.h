@@ -1,6 +1,6 @@
-// Memory straight from the host, for blocks that grow large now and then.
+// Memory mapped directly from the host, for blocks that are occasionally large.
 //
-// The C library may keep what was freed: after a few long records an idle agent would hold tens of MiB for good.
+// The C library may keep freed memory: after a few long records an idle agent would hold tens of MiB permanently.
 
 #pragma once
 
@@ -11,7 +11,8 @@
 
 namespace sentrova::bsm {
 
-// For containers. Each allocation is a mapping of its own, which goes back to the host when it is freed.
+// For containers. Each allocation is a separate mapping, which is returned to the host when freed. Throws
+// std::bad_alloc.
 template <class T>
 struct MappedAllocator {
     using value_type = T;

@@ -13,14 +13,14 @@ namespace {
 
 constexpr std::size_t kBlockLength = 256 * 1024;
 
-// The id and the length behind it; no record is shorter.
+// The id and the length that follows it. No record is shorter.
 constexpr std::size_t kRecordStart = 5;
 
-// The id, seconds, milliseconds and the length of the name.
+// The id, seconds, milliseconds, and the length of the name.
 constexpr std::size_t kFileTokenStart = 11;
 
-// The length of the record that begins with the bytes. Where they are too few to tell: a length that is still beyond
-// them and that a record has at the least. Nothing when no record begins like that.
+// The length of the record that begins with the bytes. If they are too few to tell, the number of bytes needed to tell.
+// Nothing if no record begins like that.
 std::optional<std::size_t> recordLength(std::span<const std::uint8_t> bytes) {
     if (bytes.empty()) {
         return kRecordStart;
@@ -77,7 +77,7 @@ std::ptrdiff_t RecordReader::au_read_rec() {
     }
 }
 
-// Takes the rest of the record from the source without keeping it. Returns false at the end.
+// Reads the rest of the record without storing it. Returns false at the end.
 bool RecordReader::skipRecord() {
     for (;;) {
         const auto count = std::min<std::uint64_t>(skippedLength_ - skipped_, filled_ - next_);
@@ -94,8 +94,7 @@ bool RecordReader::skipRecord() {
     }
 }
 
-// Takes more bytes from the source, behind those at hand, which are fewer than the given length of their record.
-// Returns false at the end.
+// Reads more bytes behind those in the block, which are fewer than `recordLength`. Returns false at the end.
 bool RecordReader::fill(std::size_t recordLength) {
     if (next_ > 0) {
         const auto begin = block_.begin();
@@ -108,7 +107,7 @@ bool RecordReader::fill(std::size_t recordLength) {
     } else if (filled_ == block_.size()) {
         block_.resize(std::min(recordLength, 2 * block_.size()));
     } else if (block_.size() > kBlockLength && recordLength <= kBlockLength && filled_ < kBlockLength) {
-        // The source may have nothing for days after a long record.
+        // Shrinks the block after a long record, because the source may have no data for days.
         block_.resize(kBlockLength);
         block_.shrink_to_fit();
     }

@@ -1,4 +1,4 @@
-// The tokens that audit records are made of, as far as the agent looks into them.
+// The tokens of audit records, as far as the agent uses them.
 //
 // Views point into the record that the token was read from. Texts are the record's bytes, whatever their encoding.
 
@@ -12,7 +12,7 @@
 
 namespace sentrova::bsm {
 
-// The first byte of a token. Any other value is a kind that this decoder does not know.
+// The first byte of a token. Any other value is unknown to this decoder.
 enum class TokenId : std::uint8_t {
     kOtherFile32 = 0x11,
     kTrailer = 0x13,
@@ -65,7 +65,7 @@ struct HeaderToken {
     std::uint8_t version = 0;
     std::uint16_t eventType = 0;
     std::uint16_t eventModifier = 0;
-    // Since 1970, in the wide layouts as in the narrow ones.
+    // Since 1970, in the 64-bit layouts and the 32-bit ones.
     std::uint64_t seconds = 0;
     std::uint64_t milliseconds = 0;
 };
@@ -80,13 +80,13 @@ struct SubjectToken {
     std::uint32_t processId = 0;
     std::uint32_t sessionId = 0;
     std::uint64_t port = 0;
-    // The terminal's address, or the first four bytes of a longer one, in network byte order: in memory as in the
-    // record, so that it is an in_addr's s_addr as it stands.
+    // The terminal's address, or the first four bytes of a longer one, in network byte order. It can be used as the
+    // s_addr of an in_addr without conversion.
     std::uint32_t address = 0;
 };
 
 struct Return32Token {
-    // An error number of the audit format, not of a host.
+    // An error number in the audit format, not of a host.
     std::uint8_t status = 0;
     std::uint32_t value = 0;
 };
@@ -100,7 +100,7 @@ struct TextToken {
     std::string_view text;
 };
 
-// Who signed the program that the record is about.
+// The code signature of the program that the record is about.
 struct IdentityToken {
     std::uint32_t signerType = 0;
     std::string_view signingId;
@@ -117,9 +117,9 @@ struct TrailerToken {
 
 struct Token {
     TokenId id{};
-    // All of its bytes, the id among them.
+    // In bytes, including the id.
     std::size_t length = 0;
-    // Nothing for the kinds that are only skipped.
+    // Empty for the kinds that are only skipped.
     std::variant<std::monostate, HeaderToken, SubjectToken, Return32Token, Return64Token, TextToken, IdentityToken,
                  TrailerToken>
         content;

@@ -11,14 +11,14 @@ namespace {
 
 constexpr std::size_t kTrailerLength = 7;
 
-// The longest path that a local socket's address holds.
+// The longest path in the address of a local socket.
 constexpr std::size_t kSocketPathLength = 104;
 
 constexpr bool isAddressLength(std::uint32_t length) {
     return length == 4 || length == 16;
 }
 
-// An address of a length that the record gives: 4 or 16, nothing else.
+// Reads an address of the given length, which must be 4 or 16.
 std::span<const std::uint8_t> takeAddress(ByteCursor& in, std::uint32_t length) {
     if (!isAddressLength(length)) {
         in.reject();
@@ -33,7 +33,7 @@ HeaderToken takeHeader(ByteCursor& in, bool wide, bool extended) {
     header.eventType = in.u16();
     header.eventModifier = in.u16();
     if (extended) {
-        // Unlike in other tokens, an address of any other kind takes no bytes here.
+        // Unlike in other tokens, an address of another length takes no bytes here.
         const auto length = in.u32();
         in.take(isAddressLength(length) ? length : 0);
     }
@@ -70,7 +70,7 @@ IdentityToken takeIdentity(ByteCursor& in) {
     return identity;
 }
 
-// The length of the content of the kinds that are always equally long; 0 for all others.
+// The content length of the kinds with a fixed length; 0 for all others.
 constexpr std::size_t fixedLength(TokenId id) {
     switch (id) {
         case TokenId::kIport:
@@ -114,7 +114,7 @@ void skipData(ByteCursor& in) {
     in.take(std::size_t{count} << unit);
 }
 
-// As many strings, each with a zero byte at its end, as the count before them says.
+// A count, and as many zero-terminated strings.
 void skipStrings(ByteCursor& in) {
     for (auto count = in.u32(); count > 0 && !in.damaged(); --count) {
         const auto rest = in.rest();
@@ -132,7 +132,7 @@ void skipSocketEx(ByteCursor& in) {
     }
 }
 
-// A path that ends at its zero byte, which follows a path of the full length as well.
+// A zero-terminated path; a path of the full length has the zero byte too.
 void skipSockUnix(ByteCursor& in) {
     in.u16();
     const auto rest = in.rest();
@@ -140,7 +140,7 @@ void skipSockUnix(ByteCursor& in) {
     in.take(static_cast<std::size_t>(std::ranges::find(path, 0) - path.begin()) + 1);
 }
 
-// Skips the content of a token that the agent does not look into. Returns false for an unknown kind.
+// Skips the content of a token that the agent does not use. Returns false for an unknown kind.
 bool skipContent(TokenId id, ByteCursor& in) {
     if (const auto length = fixedLength(id)) {
         in.take(length);
@@ -196,8 +196,8 @@ bool skipContent(TokenId id, ByteCursor& in) {
     }
 }
 
-// Leaves the cursor at the last bytes of the record, where its trailer should be. Whether they are one is not judged:
-// the next token tells.
+// Moves the cursor to the last bytes of the record, where its trailer should be. The next token shows whether it is
+// there.
 void skipToTrailer(ByteCursor& in) {
     if (in.left() < kTrailerLength) {
         in.reject();

@@ -1,5 +1,5 @@
-// Reads the tokens of one audit record, first to last. The record is hostile: no length in it is trusted, and no read
-// leaves it.
+// Reads the tokens of one audit record, first to last. The record is untrusted: no length in it is believed, and no
+// read leaves it.
 
 #pragma once
 
@@ -13,17 +13,17 @@ namespace sentrova::bsm {
 
 class TokenReader {
   public:
-    // The record's bytes must outlive the reader and the views of its tokens.
+    // The bytes must outlive the reader and the views in its tokens.
     explicit TokenReader(std::span<const std::uint8_t> record) : record_(record) {}
 
-    // Reads the next token and returns 0; returns -1 at the end of the record and at a damaged token, beyond which
-    // nothing can be read. What follows a token of an unknown kind is skipped up to the record's trailer.
+    // Reads the next token and returns 0. Returns -1 at the end of the record and at a damaged token; nothing can be
+    // read after it. After a token of an unknown kind, the reader skips to the record's trailer.
     int au_fetch_tok();
 
-    // The token that was read last; valid after au_fetch_tok returned 0.
+    // The last token; valid after au_fetch_tok returned 0.
     const Token& token() const { return token_; }
 
-    // How many bytes follow the token that was read last.
+    // The number of bytes after the last token.
     std::size_t left() const { return record_.size() - position_; }
 
   private:

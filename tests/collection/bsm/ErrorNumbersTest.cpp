@@ -6,8 +6,8 @@
 
 namespace sentrova::testing {
 
-TEST(ErrorNumbersTest, StatusesBecomeTheHostsOwnNumbers) {
-    // Those without a number are not assigned, none of this host's, or not converted by the platform's library.
+TEST(ErrorNumbersTest, StatusesAreConvertedToTheHostsErrorNumbers) {
+    // A status without a number is unassigned, unknown to this host, or not converted by the platform's library.
     const std::pair<std::uint8_t, std::optional<int>> cases[] = {
         {0, 0},       {1, EPERM},    {22, EINVAL},     {37, ECHRNG}, {45, EDEADLK}, {48, ENOTSUP},
         {89, ENOSYS}, {151, ESTALE}, {145, ETIMEDOUT}, {75, {}},     {204, {}},     {250, {}},

@@ -21,7 +21,7 @@ struct Reading {
     End end = End::kNotYet;
     std::uint64_t position = 0;
     std::uint64_t leftUnread = 0;
-    // Where the records that were too long begin, and how long they are.
+    // Offset and length of each record that was too long.
     std::vector<std::pair<std::uint64_t, std::uint64_t>> skipped;
 };
 
@@ -87,8 +87,8 @@ TEST(RecordReaderTest, TrailCutAnywhereGivesTheRecordsBeforeTheCut) {
 
 TEST(RecordReaderTest, BytesThatCannotBeARecordEndTheReadingAndAreCounted) {
     const auto good = TrailRecord(6152).at(1s).text("good").bytes();
-    // Lengths of 0, less than the length itself takes, and one byte less than that; the zeros of a file that was not
-    // written out; a token, but none that begins a record; and no token.
+    // A length of 0; a length shorter than the length field; one byte short of the minimum; zeros, as in a file that
+    // was not written out; a token that cannot begin a record; a byte that is not a token.
     for (const Data& bytes :
          {Data{0x14, 0, 0, 0, 0}, {0x14, 0, 0, 0, 3}, {0x74, 0, 0, 0, 4}, {0x00}, {0x13, 0xB1, 0x05}, {0xFF}}) {
         const auto reading = readAll(joined({good, bytes, good}));
@@ -105,7 +105,7 @@ TEST(RecordReaderTest, RecordsUpToTheLargestAreReadAndLongerOnesSkippedAcrossBlo
     largest.resize(RecordReader::kMaximumRecordLength, 0x55);
     Data longer = {0x79, 1, 0, 0, 1};
     longer.resize(RecordReader::kMaximumRecordLength + 1, 0x14);
-    const std::vector<Data> many(9000, small);  // well over one block
+    const std::vector<Data> many(9000, small);  // more than one block
     const auto head = joined(many);
     const auto trail = joined({head, longer, longer, small, largest, small, {0x15, 0xFF, 0xFF, 0xFF, 0xFF, 1, 2}});
     auto records = many;
@@ -142,11 +142,11 @@ TEST(RecordReaderTest, MemoryGrowsWithReceivedBytesAndIsReleasedAfterLongRecords
     }
     EXPECT_EQ(reader.au_read_rec(), -1);
     EXPECT_LE(source.room(), 256U * 1024);
-    // A sanitizer, under which the footprint is 0, keeps notes on memory that was given back.
+    // Under a sanitizer the footprint is 0, because it keeps information about freed memory.
     EXPECT_TRUE(Footprint().memory == 0 || residentPages() - before < 1024);
 }
 
-TEST(RecordReaderTest, SourceIsReadOnlyWhenTheBufferIsUsedUpAndNeverAfterAnError) {
+TEST(RecordReaderTest, SourceIsReadOnlyWhenTheBlockHasNoWholeRecordAndNeverAfterAnError) {
     const auto record = TrailRecord(6152).at(1s).bytes();
     MemorySource source(joined({record, record}));
     source.failAtEnd();

@@ -13,7 +13,7 @@ namespace {
 using namespace std::chrono_literals;
 using bsm::TokenReader;
 
-// The tokens up to the end or to damage; their contents point into the record.
+// Reads the tokens up to the end or to damage. Their contents point into the record.
 std::vector<bsm::Token> tokensOf(std::span<const std::uint8_t> record) {
     TokenReader reader(record);
     std::vector<bsm::Token> tokens;
@@ -25,7 +25,7 @@ std::vector<bsm::Token> tokensOf(std::span<const std::uint8_t> record) {
     return tokens;
 }
 
-// Throws when there is no such token.
+// Throws if there is no such token.
 template <class T>
 T contentAt(const Data& record, std::size_t index) {
     return std::get<T>(tokensOf(record).at(index).content);
@@ -117,13 +117,13 @@ TEST(TokenReaderTest, TokensThatTheAgentDoesNotUseAreSkippedExactly) {
         Data{0x7D} + zeros(36) + Data{0, 0, 0, 16} + zeros(16),  // process64_ex
         Data{0x7E, 0, 0, 0, 16} + zeros(16),                     // in_addr_ex
         Data{0x7F, 0, 2, 0, 1, 0, 4} + zeros(12),                // socket_ex
-        Data{0x7F, 0, 26, 0, 1, 0, 16} + zeros(36),              // socket_ex, of long addresses
+        Data{0x7F, 0, 26, 0, 1, 0, 16} + zeros(36),              // socket_ex, IPv6
         Data{0x82, 0, 1, '/', 's', 0},                           // sockunix
         Data{0x82, 0, 1} + Data(104, 'p') + Data{0},             // sockunix, the longest
         Data{0xEE, 0, 0, 0, 1, 'p', 0},                          // krb5_principal
         Data{0xEF, 0, 0, 0, 0},                                  // cert_hash
     };
-    // Those of a fixed length: ipc, process32, in_addr, ip, iport, socket, seq, ipc_perm, attr32, exit, attr64,
+    // The kinds of a fixed length: ipc, process32, in_addr, ip, iport, socket, seq, ipc_perm, attr32, exit, attr64,
     // process64, sockinet32, sockinet128.
     const std::pair<std::uint8_t, std::size_t> fixed[] = {{0x22, 5},  {0x26, 36}, {0x2A, 4},  {0x2B, 20}, {0x2C, 2},
                                                           {0x2E, 14}, {0x2F, 4},  {0x32, 28}, {0x3E, 28}, {0x52, 8},
@@ -134,7 +134,7 @@ TEST(TokenReaderTest, TokensThatTheAgentDoesNotUseAreSkippedExactly) {
     for (const auto& token : tokens) {
         SCOPED_TRACE(fmt::format("token {:#x}", token.front()));
         EXPECT_EQ(contentAt<bsm::TextToken>(TrailRecord(1).raw(token).text("after").bytes(), 2).text.size(), 5U);
-        // A buffer of its own, so that a read beyond the token is noticed.
+        // A separate buffer, so that a sanitizer detects a read beyond the token.
         EXPECT_TRUE(tokensOf(Data(token.begin(), token.end() - 1)).empty());
     }
 }
@@ -150,17 +150,17 @@ TEST(TokenReaderTest, UnknownKindIsSkippedToTheTrailer) {
     EXPECT_TRUE(tokensOf(Data{0xB0}).empty());
 }
 
-TEST(TokenReaderTest, ContentThatDoesNotFitIsDamage) {
+TEST(TokenReaderTest, ContentThatDoesNotFitTheRecordIsDamage) {
     const Data damaged[] = {
-        Data{0x24} + zeros(35),                                    // a subject that is cut off
+        Data{0x24} + zeros(35),                                    // a truncated subject
         Data{0x7A} + zeros(32) + Data{0, 0, 0, 5} + zeros(16),     // an address of 5 bytes
-        Data{0x7E, 0, 0, 0, 5} + zeros(16),                        // the same of an address by itself
-        Data{0x21, 0, 4, 1} + zeros(16),                           // data, of a unit that there is not
+        Data{0x7E, 0, 0, 0, 5} + zeros(16),                        // the same in in_addr_ex
+        Data{0x21, 0, 4, 1} + zeros(16),                           // data, of an unknown unit
         Data{0x28, 0xFF, 0xFF, 'a', 0},                            // a text longer than the record
         Data{0x3C, 0xFF, 0xFF, 0xFF, 0xFF, 'a', 0},                // more arguments than bytes
         Data{0x3C, 0, 0, 0, 1, 'a'},                               // an argument without an end
         Data{0x82, 0, 1} + Data(104, 'p'),                         // a socket path without an end
-        Data{0xED, 0, 0, 0, 1, 0, 2, 's', 0, 0, 0, 1, 0, 0, 0, 9}  // a hash that is not there
+        Data{0xED, 0, 0, 0, 1, 0, 2, 's', 0, 0, 0, 1, 0, 0, 0, 9}  // a missing hash
     };
     for (const auto& record : damaged) {
         EXPECT_TRUE(tokensOf(record).empty()) << "token " << int{record.front()};

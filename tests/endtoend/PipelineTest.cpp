@@ -1,4 +1,4 @@
-// The whole road of an event: the agent's own program between a system volume and a server on loopback.
+// The whole pipeline of an event: the agent's own program between a system volume and a server on loopback.
 
 #include "endtoend/EndToEnd.h"
 #include "foundation/formats/Json.h"
@@ -13,16 +13,16 @@ using namespace std::chrono_literals;
 
 constexpr auto kMorning = 1'700'000'000s;
 
-using RoadTest = EndToEnd;
+using PipelineTest = EndToEnd;
 
-TEST_F(RoadTest, RealTrailGivesExactlyItsFourEventsOnce) {
+TEST_F(PipelineTest, RealTrailGivesExactlyItsFourEventsOnce) {
     if (!std::filesystem::exists(build::kRealTrail)) {
         GTEST_SKIP() << build::kRealTrail << ", which a real Mac wrote, is not part of the tree, and not there";
     }
     const auto bytes = textOf(build::kRealTrail);
-    // It was modified after its last record.
+    // The file was modified after its last record.
     volume.addTrail("20131104171720.20131104174500", Data(bytes.begin(), bytes.end()), 1'383'590'700s);
-    // Without a console, nobody is noted at the start.
+    // Without a console, no owner is added at the start.
     std::filesystem::remove(volume.console());
     serverInfo.set("EventsToRead", "AUE_auth_user,AUE_ssauthint,AUE_lw_login,AUE_logout");
     configure();
@@ -52,7 +52,7 @@ TEST_F(RoadTest, RealTrailGivesExactlyItsFourEventsOnce) {
     EXPECT_EQ(server.events().size(), 4U);
 }
 
-TEST_F(RoadTest, DamagedInputLosesOnlyItselfAndTheLogShowsEachStepInOrder) {
+TEST_F(PipelineTest, DamagedInputLosesOnlyItsOwnEventsAndTheLogShowsEachStepInOrder) {
     const auto cut = sudoRecord(kMorning, 999).bytes();
     addTrail(volume, sudoTrail(kMorning, 100, 3).addRaw(Data(cut.begin(), cut.begin() + 20)));
     addTrail(volume, sudoTrail(kMorning + 1h, 103, 2)
@@ -68,7 +68,7 @@ TEST_F(RoadTest, DamagedInputLosesOnlyItselfAndTheLogShowsEachStepInOrder) {
 
     RunningAgent agent(build::kAgent, volume);
     ASSERT_TRUE(server.waitForEvents(9)) << log();
-    ASSERT_TRUE(waitForLog(volume, "Config", "event_20240101000000000 is no batch of events"));
+    ASSERT_TRUE(waitForLog(volume, "Config", "event_20240101000000000 is not a batch of events"));
     EXPECT_EQ(agent.stop(), 0);
     EXPECT_EQ(processesIn(server.events()), eachOnce(100, 9));
     EXPECT_TRUE(std::filesystem::exists(volume.eventData() / "event_20240101000000000"));
@@ -89,7 +89,7 @@ TEST_F(RoadTest, DamagedInputLosesOnlyItselfAndTheLogShowsEachStepInOrder) {
     EXPECT_NE(text.find("logfile.plist is not read"), std::string::npos);
 }
 
-TEST_F(RoadTest, AgentThatCannotRunSaysWhyAndEnds) {
+TEST_F(PipelineTest, AgentThatCannotRunSaysWhyAndEnds) {
     const std::tuple<const char*, const char*, int, const char*> cases[] = {
         {"10.14.6", nullptr, 0, "[ERROR]Agent cannot run because its either an unsupported version or the User is not"},
         {"9.9", nullptr, 0, "[ERROR]Supported Version = majorVersion.minorVersion"},
