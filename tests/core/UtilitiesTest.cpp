@@ -22,7 +22,7 @@ TEST_F(UtilitiesTest, CatalinaAndLaterSystemsAreSupported) {
     EXPECT_FALSE(Utilities::isSupportedOSVersion());
 }
 
-TEST_F(UtilitiesTest, OnlyTheQuestionsForVersionAndHelpAreAnsweredOnStandardOutput) {
+TEST_F(UtilitiesTest, OnlyTheVersionAndHelpOptionsPrintToStandardOutput) {
     using Arguments = std::vector<const char*>;
     EXPECT_TRUE(replyTo(Arguments{"--version"}).text.starts_with("sentrova-agent "));
     EXPECT_TRUE(replyTo(Arguments{"--help"}).text.starts_with("usage: "));
