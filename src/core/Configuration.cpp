@@ -14,7 +14,7 @@ namespace {
 
 using Text = std::optional<std::string>;
 
-// The identity is stored behind this many characters.
+// The stored identity begins after this many UTF-16 units.
 constexpr std::size_t kIdentityPrefix = 32;
 
 Text textIn(const Dictionary& dictionary, std::string_view key) {
@@ -22,7 +22,7 @@ Text textIn(const Dictionary& dictionary, std::string_view key) {
     return value.string() || value.isNumber() ? Text(value.description()) : std::nullopt;
 }
 
-// The text from the given UTF-16 index on; nothing when the text is shorter.
+// The text from the given UTF-16 index on. Absent if the text is shorter.
 Text fromIndex(const std::string& text, std::size_t index) {
     std::size_t units = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -33,7 +33,7 @@ Text fromIndex(const std::string& text, std::size_t index) {
         if (units >= index) {
             return text.substr(at);
         }
-        // Characters of four bytes take two units.
+        // A character of four UTF-8 bytes takes two UTF-16 units.
         units += byte >= 0xF0 ? 2 : 1;
     }
     return units >= index ? Text(std::string()) : std::nullopt;
@@ -88,7 +88,7 @@ Text AgentSettings::identityIn(const Dictionary& mine, const Text& agentUID, con
     const auto cipher = fromIndex(text, kIdentityPrefix);
     if (!cipher) {
         throw ConfigurationError(
-            fmt::format("The key \"{}\" of {} holds fewer than {} characters, so no identity can be in it",
+            fmt::format("The key \"{}\" of {} holds fewer than {} characters, so it cannot hold an identity",
                         GlobalConstants::AGENT_AUTHENTICATION_ID, file, kIdentityPrefix));
     }
     return decrypt(*cipher, agentUID.value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)));

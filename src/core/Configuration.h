@@ -1,8 +1,8 @@
-// The agent's configuration as a value: what `Serverinfo.plist` and `myconfigurations.plist` say, the agent's folders,
-// and the few facts that the agent adds while it runs.
+// The agent's configuration as a value: the content of `Serverinfo.plist` and `myconfigurations.plist`, the agent's
+// folders, and a few facts that the agent adds at run time.
 //
-// Values copy; GlobalVariables holds the present one and replaces it whole. A key that is missing leaves a text absent
-// and a number or flag 0. docs/configuration.md describes the keys.
+// GlobalVariables holds the current configuration and replaces it as a whole. A missing key leaves a text absent and a
+// number or flag 0. docs/configuration.md describes the keys.
 
 #pragma once
 
@@ -15,24 +15,24 @@
 
 namespace sentrova {
 
-// How the agent reaches its server. A stored value may be any other number, which counts as the product connector.
+// The connection to the server. The stored value may be any other number, which counts as the product connector.
 enum class ConnectionType : std::uint64_t { relay = 0, agentConnector = 1, productConnector = 2 };
 
-// What a configured relay name means.
+// The meaning of a configured relay name.
 enum class Relay : std::uint8_t {
     named,
-    // "" or "-": there is no relay.
+    // "" or "-": the agent uses no relay.
     none,
-    // The name is missing. Connection 0 is then taken for a relay, but has no host name of its own.
+    // The name is missing. Connection 0 then counts as a relay, but has no host name.
     unspecified,
 };
 Relay relayOf(const std::optional<std::string>& serverName);
 
-// Gives the plain text of a cipher text that was encrypted with a pass phrase; nothing for what was not.
+// Decrypts a text. Absent if the text was not encrypted with the pass phrase.
 using Decryption =
     std::function<std::optional<std::string>(const std::string& cipherText, const std::string& passPhrase)>;
 
-// What `Serverinfo.plist` says.
+// The settings in `Serverinfo.plist`.
 struct ServerSettings {
     using Text = std::optional<std::string>;
 
@@ -50,35 +50,36 @@ struct ServerSettings {
     Text NATProtocol;
     bool isRealTime = false;
     bool isEnabled = false;
-    // The names of the events to collect, separated by commas.
+    // The names of the events to collect, separated by commas. Absent: all events. Empty: none.
     Text eventsToRead;
     std::int64_t noOfEventsPerRequest = 0;
     // The spool's size limit in gigabytes.
     std::int64_t eventDataSize = 0;
 
-    // A number in a text's place reads as its decimal text.
+    // A number in the place of a text is read as its decimal text.
     static ServerSettings from(const Dictionary& serverInfo);
 };
 
-// What `myconfigurations.plist` says, but for the stored time and the type of connection, which the server's file may
-// override.
+// The settings in `myconfigurations.plist`, except the stored time and the connection type, which `Serverinfo.plist`
+// may override.
 struct AgentSettings {
     using Text = std::optional<std::string>;
 
     std::int64_t logLevel = 0;
     Text agentVersion;
-    // The identity that the server gave, in plain text.
+    // The identity that the server assigned to the agent, in plain text.
     Text agentUUID;
 
-    // Everything but the identity.
+    // Reads everything except the identity.
     static AgentSettings from(const Dictionary& mine);
-    // The stored identity, which is encrypted with the agent's id, in plain text; nothing when none is stored or it is
-    // not encrypted so. Throws ConfigurationError, which names the file, when the text is shorter than its prefix.
+    // Decrypts the stored identity with the agent's id as the pass phrase. Absent if no identity is stored or the
+    // decryption fails. Throws ConfigurationError with the name of the file if the stored text is shorter than the
+    // prefix before the identity.
     static Text identityIn(const Dictionary& mine, const Text& agentUID, const std::string& file,
                            const Decryption& decrypt);
 };
 
-// Absolute, not normalised: they keep their "..".
+// Absolute paths, not normalised: they contain "..".
 struct Folders {
     std::string agentInstallationPath;
     std::string eventDataPath;
@@ -86,7 +87,7 @@ struct Folders {
     std::string confPath;
     std::string binPath;
 
-    // The folders beside the program folder.
+    // `installation` is the program folder; the other folders are beside it.
     static Folders around(const std::string& installation);
 };
 

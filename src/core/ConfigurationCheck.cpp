@@ -25,7 +25,7 @@ constexpr LogSource kLog("ConfigurationCheck");
 constexpr const char* kConnectionFails = "requests over this connection fail, and the next connection is tried";
 constexpr const char* kSelectsNothing = "it selects nothing";
 
-// A value as a message shows it, on one line and not too long.
+// A value as a message shows it: on one line and shortened.
 std::string shown(const Value& value) {
     constexpr std::size_t kLongest = 60;
     if (!value.string() && !value.isNumber()) {
@@ -34,7 +34,7 @@ std::string shown(const Value& value) {
     auto text = value.description();
     if (text.size() > kLongest) {
         auto end = kLongest;
-        // Not within a character of several bytes.
+        // Does not cut a character of several bytes.
         while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80) {
             --end;
         }
@@ -49,7 +49,7 @@ std::string wrong(const Value& value, const char* problem) {
     return value.isNull() ? "missing" : fmt::format("{} {}", shown(value), problem);
 }
 
-// A number, or a text that is one from end to end.
+// The value of a number, or of a text that is one number and nothing else.
 std::optional<double> numberIn(const Value& value) {
     if (const auto* text = value.string()) {
         return wholeReal(*text);
@@ -57,7 +57,7 @@ std::optional<double> numberIn(const Value& value) {
     return value.isNumber() ? std::optional(value.doubleValue()) : std::nullopt;
 }
 
-// Present, and more than blanks and the sign for none.
+// Whether the value names a host: it is not missing, blank or "-".
 bool isName(const Value& value) {
     const auto* text = value.string();
     return text ? text->find_first_not_of(" \t") != std::string::npos && *text != GlobalConstants::NO_NAT_SERVER
@@ -79,7 +79,8 @@ bool isSameText(std::string_view left, std::string_view right) {
     return std::ranges::equal(left, right, isSameLetter);
 }
 
-// How many letters have to be added, removed or exchanged to turn one text into the other, whatever their case.
+// The edit distance: how many letters must be added, removed or exchanged to turn one text into the other. Ignores
+// case.
 std::size_t distance(std::string_view left, std::string_view right) {
     std::vector<std::size_t> row(right.size() + 1);
     std::iota(row.begin(), row.end(), 0U);
@@ -94,7 +95,7 @@ std::size_t distance(std::string_view left, std::string_view right) {
     return row.back();
 }
 
-// The known name that was probably meant; empty when none is near.
+// The known name that was probably meant. Empty if no name is similar.
 std::string_view nearest(std::string_view name, std::span<const std::string_view> known) {
     constexpr std::size_t kLongestName = 40;
     constexpr std::size_t kNear = 3;
@@ -125,14 +126,15 @@ class Check {
         add(GlobalConstants::SERVER_INFO_FILE, std::string(key), std::move(problem), std::move(instead));
     }
 
-    // Whether the file gives what can be looked into; if not, that is a finding, unless the file may be missing.
+    // Returns whether the content can be checked; otherwise adds a finding. A missing file is a finding only if the
+    // caller passes `isEmpty`.
     bool isUsable(std::string_view name, const ConfigurationFile& file, bool isEmpty, const char* instead) {
         using State = ConfigurationFile::State;
         if (file.state == State::damaged) {
             add(name, std::nullopt, fmt::format("damaged: {}", file.reason), instead);
         } else if (file.state == State::unreadable) {
             add(name, std::nullopt, fmt::format("not readable: {}", file.reason),
-                fmt::format("what was read before stays; at the start {}", instead));
+                fmt::format("what was read before is kept; at the start, {}", instead));
         } else if (isEmpty) {
             add(name, std::nullopt, "missing or empty", instead);
         } else {
@@ -142,22 +144,22 @@ class Check {
     }
 
     void checkServerInfo() {
-        // The agent itself writes these two into a new file.
+        // The agent itself writes these two keys into a new file.
         const bool isEmpty = std::ranges::all_of(server_, [](const auto& entry) {
             return entry.key == GlobalConstants::DOMAIN_NAME || entry.key == GlobalConstants::AGENT_NAME;
         });
         if (!isUsable(GlobalConstants::SERVER_INFO_FILE, files_.serverInfo, isEmpty,
-                      "every setting is taken as absent: there is no server to ask, and nothing is collected")) {
+                      "every setting counts as missing: no server is known, and nothing is collected")) {
             return;
         }
         checkAddresses();
         if (server_[GlobalConstants::IS_ENABLED].isNull()) {
-            add(GlobalConstants::IS_ENABLED, "missing", "the agent is taken as disabled and collects nothing");
+            add(GlobalConstants::IS_ENABLED, "missing", "the agent counts as disabled and collects nothing");
         }
         checkEvents();
         if (const auto& value = server_[GlobalConstants::NUMBER_OF_EVENTS]; value.integerValue() < 1) {
             add(GlobalConstants::NUMBER_OF_EVENTS, wrong(value, "is below 1"),
-                "each event becomes a file and a request of its own");
+                "each event is sent in a separate file and request");
         }
         if (const auto& value = server_[GlobalConstants::MAX_DATA_SIZE]; value.integerValue() < 1) {
             add(GlobalConstants::MAX_DATA_SIZE, wrong(value, "is below 1"),
@@ -184,7 +186,7 @@ class Check {
         }
     }
 
-    // Whether the connection is in use, which it is with either of the two keys.
+    // Whether the connection is configured: at least one of the two keys is present.
     bool checkConnection(std::string_view portKey, std::string_view protocolKey) {
         const auto& port = server_[portKey];
         const auto& protocol = server_[protocolKey];
@@ -192,7 +194,7 @@ class Check {
             return false;
         }
         if (const auto number = port.integerValue(); number < 1 || number > 65535) {
-            add(portKey, wrong(port, "is no port from 1 to 65535"), kConnectionFails);
+            add(portKey, wrong(port, "is not a port from 1 to 65535"), kConnectionFails);
         }
         const auto* text = protocol.string();
         if (!text || (!isSameText(*text, "http") && !isSameText(*text, "https"))) {
@@ -208,7 +210,7 @@ class Check {
             return;
         }
         if (!value.string() && !value.isNumber()) {
-            add(GlobalConstants::EVENTS_TO_READ, wrong(value, "is no list of names"), "every event is collected");
+            add(GlobalConstants::EVENTS_TO_READ, wrong(value, "is not a list of names"), "every event is collected");
             return;
         }
         const auto text = value.description();
@@ -243,11 +245,11 @@ class Check {
             return fmt::format("{} has blanks around it", shown(name));
         }
         const auto meant = nearest(bare, knownEvents_);
-        return meant.empty() ? fmt::format("{} is no known event", shown(name))
-                             : fmt::format("{} is no known event (the nearest is {})", shown(name), meant);
+        return meant.empty() ? fmt::format("{} is not a known event", shown(name))
+                             : fmt::format("{} is not a known event (the nearest is {})", shown(name), meant);
     }
 
-    // Absent is as the server wants it. What is no number reads as the number that it begins with.
+    // A missing interval is no mistake. A text that is not a number is read as the number at its start.
     void checkInterval(std::string_view key) {
         constexpr std::int64_t kTakenInstead = 60;
         const auto& value = server_[key];
@@ -255,12 +257,12 @@ class Check {
         const bool isPositive = number && *number >= 1;
         if (!value.isNull() && !isPositive) {
             const auto taken = value.integerValue();
-            add(key, wrong(value, "is no positive number"),
-                fmt::format("{} seconds are taken", taken < 1 ? kTakenInstead : taken));
+            add(key, wrong(value, "is not a positive number"),
+                fmt::format("{} seconds are used", taken < 1 ? kTakenInstead : taken));
         }
     }
 
-    // The stored time holds where there is one.
+    // The server's time is used only if no time is stored.
     void checkRecentTime() {
         using State = ConfigurationFile::State;
         const auto& value = server_[GlobalConstants::RECENT_EVENT_TIME_MILLIS];
@@ -275,14 +277,14 @@ class Check {
 
     void checkMyConfigurations() {
         if (!isUsable(GlobalConstants::MY_CONFIGURATIONS_FILE, files_.myConfigurations, false,
-                      "every setting is taken as absent: LogLevel is 0, and the agent has no identity")) {
+                      "every setting counts as missing: LogLevel is 0, and the agent has no identity")) {
             return;
         }
         const auto& mine = files_.myConfigurations.content;
         const auto checkNumber = [&](std::string_view key, const char* consequence) {
             if (const auto& value = mine[key]; !value.isNull() && !numberIn(value)) {
-                add(GlobalConstants::MY_CONFIGURATIONS_FILE, std::string(key), wrong(value, "is no number"),
-                    fmt::format("{} is taken{}", value.integerValue(), value.integerValue() == 0 ? consequence : ""));
+                add(GlobalConstants::MY_CONFIGURATIONS_FILE, std::string(key), wrong(value, "is not a number"),
+                    fmt::format("{} is used{}", value.integerValue(), value.integerValue() == 0 ? consequence : ""));
             }
         };
         checkNumber(GlobalConstants::TIMESTAMP_LE, ", and every trail is read from its beginning");
@@ -301,12 +303,12 @@ class Check {
             const auto key = fmt::format("{}[{}].{}", GlobalConstants::SCHEDULE_TASKS, i, GlobalConstants::TASK_NAME);
             const auto* entry = (*tasks)[i].dictionary();
             if (!entry) {
-                add(GlobalConstants::SCHEDULES_FILE, key, "the entry is no dictionary", "it is left out");
+                add(GlobalConstants::SCHEDULES_FILE, key, "the entry is not a dictionary", "it is left out");
                 continue;
             }
             const auto& name = (*entry)[GlobalConstants::TASK_NAME];
             if (!name.string() || name.string()->empty()) {
-                add(GlobalConstants::SCHEDULES_FILE, key, wrong(name, "is no name"),
+                add(GlobalConstants::SCHEDULES_FILE, key, wrong(name, "is not a name"),
                     "the task runs, but cannot be stopped or re-timed, and its runs are not noted");
             }
         }
@@ -328,13 +330,13 @@ ConfigurationFile ConfigurationFile::at(FileSystem& files, const std::string& pa
     const auto bytes = files.read(path);
     if (!bytes) {
         const bool isMissing = bytes.error().code == ENOENT;
-        // A link that is not followed counts as damaged: the agent replaces it.
+        // A link that is not followed counts as damaged, because the agent replaces it.
         const auto state = bytes.error().code == ELOOP ? State::damaged : State::unreadable;
         return {isMissing ? State::missing : state, {}, isMissing ? "" : bytes.error().description};
     }
     auto parsed = PropertyList::parse(*bytes, Current<Encodings>::orNull());
     if (!parsed || !parsed->dictionary()) {
-        return {State::damaged, {}, parsed ? "its root is no dictionary" : parsed.error().description};
+        return {State::damaged, {}, parsed ? "its root element is not a dictionary" : parsed.error().description};
     }
     return {State::read, *parsed->dictionary(), ""};
 }

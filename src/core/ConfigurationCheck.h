@@ -1,4 +1,4 @@
-// Finds what an administrator or a server got wrong in the configuration files, and what the agent takes instead.
+// Finds mistakes in the configuration files, and says what the agent does instead.
 
 #pragma once
 
@@ -18,10 +18,10 @@ namespace sentrova {
 struct ConfigurationFinding {
     // The file's name, without its folder.
     std::string file;
-    // Absent where the whole file is meant.
+    // Absent if the finding is about the whole file.
     std::optional<std::string> key;
     std::string problem;
-    // What the agent takes or does because of it.
+    // What the agent uses or does because of the problem.
     std::string instead;
 
     // "FILE: KEY: problem; instead".
@@ -30,16 +30,16 @@ struct ConfigurationFinding {
     friend bool operator==(const ConfigurationFinding&, const ConfigurationFinding&) = default;
 };
 
-// What one file holds. A file that gives no dictionary has the reason in its place.
+// The content of one file, or the reason why it has none.
 struct ConfigurationFile {
     enum class State { read, missing, damaged, unreadable };
 
     State state = State::read;
     Dictionary content;
-    // Why it is damaged or unreadable.
+    // Why the file is damaged or unreadable.
     std::string reason;
 
-    // Reads the file as it is, and changes nothing.
+    // Reads the file. Logs nothing and changes nothing.
     static ConfigurationFile at(FileSystem& files, const std::string& path);
 };
 
@@ -52,15 +52,14 @@ struct ConfigurationFiles {
 };
 
 // The findings in the three files, in the order of the files and of docs/configuration.md. `knownEvents` are the names
-// that "EventsToRead" may hold. Asks nothing but its arguments.
+// that "EventsToRead" may hold. The result depends on the arguments alone.
 std::vector<ConfigurationFinding> checkConfiguration(const ConfigurationFiles& files,
                                                      std::span<const std::string_view> knownEvents);
 
-// Checks the files and logs each finding at level 0 when it is new since the last check. A finding that was gone and
-// comes back is new. Safe from any thread.
+// Checks the files and logs each finding at level 0, unless the previous check found it too. Safe from any thread.
 class ConfigurationReport {
   public:
-    // Checks the files in the folder. The file system and the known names must outlive the object.
+    // `folder` holds the files. The file system and the known names must outlive the object.
     ConfigurationReport(FileSystem& files, std::string folder, std::span<const std::string_view> knownEvents)
         : files_(files), folder_(std::move(folder)), knownEvents_(knownEvents) {}
 

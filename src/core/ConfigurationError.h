@@ -1,4 +1,4 @@
-// A configuration with which the agent cannot run.
+// Thrown for a configuration with which the agent cannot run.
 
 #pragma once
 
@@ -10,7 +10,7 @@ class ConfigurationError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 
-    // What the process exits with when this comes up while it starts (sysexits' "configuration error").
+    // The exit status of a process that fails with this error while it starts (EX_CONFIG in sysexits.h).
     static constexpr int kExitStatus = 78;
 };
 

@@ -24,7 +24,7 @@ FileSystem& fileSystem() {
     return Current<FileSystem>::get();
 }
 
-// The text as one word of a shell command, in double quotes, with nothing in it special to the shell.
+// Quotes the text as one word of a shell command. Escapes all characters that are special within double quotes.
 std::string quoted(const std::string& text) {
     std::string word = "\"";
     for (const char c : text) {
@@ -43,7 +43,7 @@ std::string withoutExtension(const std::string& path) {
     return hasExtension ? path.substr(0, dot) : path;
 }
 
-// A file can be deleted by whoever may write to its folder.
+// Deleting a file needs write permission on its folder.
 bool isDeletable(const std::string& path) {
     const auto slash = path.rfind('/');
     const auto folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
@@ -51,7 +51,7 @@ bool isDeletable(const std::string& path) {
 }
 
 std::int64_t sizeBelow(const std::string& folder, int depth) {
-    // Deeper than any path can be; a guard, since symbolic links are not followed.
+    // Deeper than any real path. Only a safeguard: symbolic links are not followed, so there are no circles.
     constexpr int kDeepest = 512;
     const auto names = fileSystem().names(folder);
     if (!names || depth > kDeepest) {
@@ -120,7 +120,7 @@ std::optional<std::string> FileUtils::readFile(const std::string& path) {
 }
 
 bool FileUtils::writeToFile(const std::string& path, std::string_view content) {
-    // A failure is not reported: the log itself is written this way.
+    // Failures are not logged, because log lines may be written by this function.
     static_cast<void>(fileSystem().append(path, content));
     return true;
 }
@@ -142,7 +142,7 @@ bool FileUtils::deleteFile(const std::string& path) {
 
 bool FileUtils::zipFile(const std::string& path) {
     const auto zip = withoutExtension(path) + ".zip";
-    // The command itself follows every link, to read and to write.
+    // The zip command follows every link, both to read and to write.
     for (const auto& each : {path, zip}) {
         if (const auto own = fileSystem().checkLinks(each); !own) {
             kLog.error("{} is not zipped: {}", path, own.error().description);
@@ -174,7 +174,7 @@ std::optional<std::vector<std::string>> FileUtils::listOfFilesInPath(const std::
         auto date = modificationDate(folder + "/" + name);
         dated.emplace_back(date, std::move(name));
     }
-    // Names without a date come first. Equal dates fall back on the names, so that the order is the same at each start.
+    // Names without a date come first. Equal dates are ordered by name, so that the order is the same at each start.
     std::ranges::sort(dated);
     std::vector<std::string> sorted;
     sorted.reserve(dated.size());
@@ -207,7 +207,7 @@ std::optional<std::vector<FileUrl>> FileUtils::listOfFileURLSInPath(const std::s
 }
 
 std::int64_t FileUtils::getFoldersize(const std::string& folder) {
-    // The folder's own place may be a link that is followed; links below it are not.
+    // The folder itself may be a link that is followed. Links below it are not followed.
     return fileSystem().checkOwnFolder(folder) ? sizeBelow(folder, 0) : 0;
 }
 

@@ -1,5 +1,5 @@
-// The agent's helpers for files and folders. Each checks what it is given and reports problems through the log instead
-// of raising. Safe from any thread; appends from several threads to one file keep their lines whole.
+// The agent's helpers for files and folders. They log failures and do not throw. Safe from any thread: when several
+// threads append to one file, their texts do not mix.
 
 #pragma once
 
@@ -27,38 +27,38 @@ class FileUtils {
     static constexpr const char* kGroupOwnerAccountId = "NSFileGroupOwnerAccountID";
     static constexpr const char* kPosixPermissions = "NSFilePosixPermissions";
 
-    // Files and folders alike.
+    // True for files and folders.
     static bool doesFileExist(const std::string& path);
-    // Leaves a file that exists as it is. Always true.
+    // Does not change an existing file. Always returns true.
     static bool createFile(const std::string& path);
-    // Without its parent folders. True also when the folder exists.
+    // Does not create parent folders. Returns true also if the folder already exists.
     static bool createFolder(const std::string& path);
-    // The whole content; nothing when it cannot be read or is not UTF-8.
+    // The whole content. Absent if it cannot be read or is not UTF-8.
     static std::optional<std::string> readFile(const std::string& path);
-    // Appends, making the file when there is none. Always true.
+    // Appends, and creates a missing file. Always returns true; failures are not logged.
     static bool writeToFile(const std::string& path, std::string_view content);
-    // True once a removal was attempted, whatever came of it.
+    // Returns true if a removal was attempted, even if it failed.
     static bool deleteFile(const std::string& path);
-    // Makes a zip file beside the file, named as it with the extension "zip", with the external command. The file
-    // stays.
+    // Zips the file with the external command, into the same folder and under the same name with the extension "zip".
+    // Keeps the file. Returns whether the command succeeded.
     static bool zipFile(const std::string& path);
 
-    // The names in a folder, hidden ones included, oldest modification first; nothing when it cannot be listed.
+    // The names in a folder, hidden ones included, oldest modification first. Absent if it cannot be listed.
     static std::optional<std::vector<std::string>> listOfFilesInPath(const std::string& folder);
-    // What is in a folder, without hidden entries, in no particular order; nothing when it cannot be listed.
+    // The entries of a folder without hidden ones, in no particular order. Absent if it cannot be listed.
     static std::optional<std::vector<FileUrl>> listOfFileURLSInPath(const std::string& folder);
-    // The same as names alone, a third of the memory.
+    // The same as plain names, which take a third of the memory.
     static std::optional<std::vector<std::string>> listOfFileNamesInPath(const std::string& folder);
-    // The space in bytes that the files in and below a folder take up on the disk; 0 for anything but a folder.
+    // The disk space in bytes of all files in and below a folder. 0 for anything but a folder.
     static std::int64_t getFoldersize(const std::string& folder);
 
-    // Nothing when the file is missing or its attributes cannot be read. Account names are there only when known.
+    // Absent if the file is missing or its attributes cannot be read. Contains account names only if they are known.
     static std::optional<Dictionary> getFileAttributes(const std::string& path);
-    // Single attributes, without a message when there are none. A missing file has size 0.
+    // Single attributes. Failures are not logged: the date is then absent and the size 0.
     static std::optional<Date> modificationDate(const std::string& path);
     static std::int64_t sizeOfFile(const std::string& path);
 
-    // The destination is a full path, and must not exist.
+    // The destination is the full path of the file and must not exist. Returns whether the file was moved.
     static bool moveFileFrom(const std::string& source, const std::string& toFolder);
 };
 

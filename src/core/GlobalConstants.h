@@ -1,4 +1,4 @@
-// The names of keys and folders that the agent shares with its server and with the files on disk.
+// The names of keys, folders and files that the agent shares with its server and with the files on disk.
 
 #pragma once
 
@@ -62,9 +62,9 @@ class GlobalConstants {
     static constexpr std::string_view CURRENT_LOGINS_FILE = "currentLogins";
     static constexpr std::string_view AGENT_LOCK_FILE = "agent.lock";
 
-    // A server name that stands for "none", beside the empty one.
+    // This server name means "none", as the empty name does.
     static constexpr std::string_view NO_NAT_SERVER = "-";
-    // Encrypts the agent's identity where the server gave the agent no id of its own.
+    // The pass phrase for the agent's identity if the server has assigned no id to the agent.
     static constexpr std::string_view FALLBACK_PASS_PHRASE = "XEVORTANIMB";
 };
 

@@ -38,7 +38,7 @@ void take(const AgentSettings& settings, const Dictionary& mine, Configuration& 
     next.type = next.relay() == Relay::none ? static_cast<ConnectionType>(type) : ConnectionType::relay;
 }
 
-// What the files say, without anything that has to be asked for or decrypted.
+// The content of the files, without the names of the machine and the identity: those need a program or a decryption.
 Configuration firstConfiguration(FileSystem& files) {
     Configuration first;
     static_cast<Folders&>(first) = presentFolders();
@@ -90,7 +90,7 @@ void GlobalVariables::initialiseServerInfo() {
     kLog.debug("Globalvariables initialiseServerInfo called");
     auto serverInfo = PropertyListHandler::initWithFile(inFolder(confPath(), GlobalConstants::SERVER_INFO_FILE));
 
-    // The directory may take seconds to answer, so it is asked before the files are held.
+    // Asked before the lock on the property lists is taken, because the directory may take seconds to answer.
     auto domain = serverInfo.GetValueForKey(GlobalConstants::DOMAIN_NAME);
     if (!domain.isNull() && domain != Value("")) {
         names_.setDomainName(domain.description());
@@ -105,14 +105,15 @@ void GlobalVariables::initialiseServerInfo() {
 void GlobalVariables::loadServerInfo(PropertyListHandler serverInfo, const Value& domain) {
     const auto path = inFolder(confPath(), GlobalConstants::SERVER_INFO_FILE);
     if (isLoaded_ && serverInfo.isLoaded()) {
-        // An answer of the server may have been stored since the file was read.
+        // An answer from the server may have changed the file since it was read.
         serverInfo = PropertyListHandler::initWithFile(path);
     }
     if (serverInfo.isUnread()) {
         kLog.error("The settings of {} stay as they are in memory", path);
         return;
     }
-    // Takes effect only on a file that was not there: loaded content cannot be changed, and is written back as it was.
+    // SetValueForKey has an effect only if the file was missing. Loaded content cannot be changed and is written back
+    // as it was.
     serverInfo.SetValueForKey(GlobalConstants::DOMAIN_NAME, domain);
     serverInfo.SetValueForKey(GlobalConstants::AGENT_NAME, hostName().value_or(platform::localizedHostName()));
     serverInfo.WriteToProplist();
@@ -132,8 +133,8 @@ void GlobalVariables::loadServerInfo(PropertyListHandler serverInfo, const Value
 }
 
 void GlobalVariables::storeRecentEventTime(const Value& recent) {
-    // Takes effect only on a file that was not there. The same file by two paths: the working directory is the program
-    // folder.
+    // SetValueForKey has an effect only if the file was missing. The two paths name the same file, because the working
+    // directory is the program folder.
     auto mine = PropertyListHandler::initWithFile(inFolder(confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE));
     mine.SetValueForKey(GlobalConstants::TIMESTAMP_LE, recent);
     mine.WriteToProplist(inFolder(std::string(GlobalConstants::CONF_PATH), GlobalConstants::MY_CONFIGURATIONS_FILE));
@@ -164,14 +165,14 @@ void GlobalVariables::loadMyConfigurations() {
             throw;
         }
         if (!identityRefused_.exchange(true)) {
-            kLog.error("{}; the identity in memory stays", error.what());
+            kLog.error("{}; the identity in memory is kept", error.what());
         }
     }
     replace([&](Configuration& next) { take(settings, mine, next); });
 }
 
 void GlobalVariables::setType(std::uint64_t value) {
-    // Every choice of an address sets it, nearly always to what it is.
+    // Called for each choice of an address, nearly always with the current type. Avoids copying the configuration then.
     if (type() != value) {
         set(&Configuration::type, static_cast<ConnectionType>(value));
     }

@@ -1,8 +1,8 @@
-// Holds the present Configuration for all parts of the agent.
+// Holds the current Configuration for all parts of the agent.
 //
-// The agent has one. A reload or a setter replaces the configuration by a new value; nobody sees half of a reload. A
-// reader of several values takes one snapshot. Setters only store: the caller also writes the value into its file. Safe
-// from any thread.
+// The agent has one object. A reload or a setter replaces the whole configuration, so nobody sees half of a reload. To
+// read several values that belong together, take one snapshot. Setters store in memory only: the caller also writes the
+// value into its file. Safe from any thread.
 
 #pragma once
 
@@ -29,32 +29,33 @@ class GlobalVariables final : public KeyValueObserving {
 
     static constexpr const char* kMaxEventDataSizeReached = "maxEventDataSizeReached";
 
-    // Reads the two files as they are, without the identity: runs no program and writes no file. What is passed in must
-    // outlive the object.
+    // Reads the two files without the identity. Runs no program and writes no file. The arguments must outlive the
+    // object.
     GlobalVariables(FileSystem& files, MachineNames& names, Decryption decrypt);
 
-    // The agent's one.
+    // The running agent's object. Throws std::logic_error without an agent.
     static GlobalVariables& getInstance();
 
-    // Loads everything, as the agent does once at its start: asks for the names of the machine, and writes what a
-    // missing file lacks. Throws ConfigurationError when the stored identity cannot be one.
+    // Loads everything, once at the agent's start. Asks for the names of the machine and fills in a missing file.
+    // Throws ConfigurationError if the stored identity is too short to be one.
     void load();
 
-    // The present configuration; later changes do not reach it.
+    // The current configuration. Later changes do not affect it.
     std::shared_ptr<const Configuration> snapshot() const EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return configuration_;
     }
 
-    // Work out the folders from the working directory, and load the two files, in the course of load or again later. A
-    // missing or damaged file empties its settings; one that the host cannot read at the moment leaves them as they
-    // are. A reload leaves the identity as it is when the stored one cannot be one. No other change of a property list
-    // of this process comes between a loader's reading of a file and the end of its reload.
+    // The three steps of load, which may be repeated later: set the folders from the working directory, and load each
+    // of the two files. A missing or damaged file clears its settings. A file that the host cannot read at the moment
+    // keeps them. A reload keeps the identity in memory if the stored one is too short. While a file is loaded, no
+    // other change of a property list in this process can happen.
     void initialiseAgentPaths();
     void initialiseServerInfo();
     void initialiseMyConfigurations();
 
-    // Realtime collection is on; the agent collects at all; the spool has reached its size limit; a relay is in use.
+    // Whether realtime collection is on, the agent collects at all, the spool has reached its size limit, and a relay
+    // is in use.
     bool isRealTime() const { return get(&Configuration::isRealTime); }
     void setIsRealTime(bool value) { set(&Configuration::isRealTime, value); }
     bool isEnabled() const { return get(&Configuration::isEnabled); }
@@ -93,7 +94,7 @@ class GlobalVariables final : public KeyValueObserving {
     // Whole seconds since 1970 of the last collected event, as stored (a number or its decimal text).
     Value timeStampOfLastEvent() const { return get(&Configuration::timeStampOfLastEvent); }
     void setTimeStampOfLastEvent(Value value) { set(&Configuration::timeStampOfLastEvent, std::move(value)); }
-    // The names of the events to collect, separated by commas.
+    // The names of the events to collect, separated by commas. Absent: all events. Empty: none.
     Text eventsToRead() const { return get(&Configuration::eventsToRead); }
     void setEventsToRead(Text value) { set(&Configuration::eventsToRead, std::move(value)); }
     std::int64_t noOfEventsPerRequest() const { return get(&Configuration::noOfEventsPerRequest); }
@@ -109,7 +110,7 @@ class GlobalVariables final : public KeyValueObserving {
     void setLogLevel(std::int64_t value) { set(&Configuration::logLevel, value); }
     Text agentVersion() const { return get(&Configuration::agentVersion); }
     void setAgentVersion(Text value) { set(&Configuration::agentVersion, std::move(value)); }
-    // The identity that the server gave, in plain text.
+    // The identity that the server assigned to the agent, in plain text.
     Text agentUUID() const { return get(&Configuration::agentUUID); }
     void setAgentUUID(Text value) { set(&Configuration::agentUUID, std::move(value)); }
     Text agentUID() const { return get(&Configuration::agentUID); }
@@ -117,7 +118,7 @@ class GlobalVariables final : public KeyValueObserving {
     Text orgAccessKey() const { return get(&Configuration::orgAccessKey); }
     void setOrgAccessKey(Text value) { set(&Configuration::orgAccessKey, std::move(value)); }
 
-    // Folders; not normalised, they keep their "..".
+    // Folders: absolute paths, not normalised (they contain "..").
     std::string agentInstallationPath() const { return get(&Configuration::agentInstallationPath); }
     void setAgentInstallationPath(std::string value) { set(&Configuration::agentInstallationPath, std::move(value)); }
     std::string eventDataPath() const { return get(&Configuration::eventDataPath); }
@@ -134,7 +135,7 @@ class GlobalVariables final : public KeyValueObserving {
 
   private:
     void initPrivate();
-    // Called with the other changes of property lists held off.
+    // Call these only inside PropertyListHandler::exclusively.
     void loadServerInfo(PropertyListHandler serverInfo, const Value& domain);
     void loadMyConfigurations();
     void storeRecentEventTime(const Value& recent);
@@ -148,13 +149,13 @@ class GlobalVariables final : public KeyValueObserving {
     void set(T Settings::* member, T value) EXCLUDES(mutex_) {
         replace([&](Configuration& next) { next.*member = std::move(value); });
     }
-    // Puts an edited copy in the place of the configuration. The edit runs under the lock and only stores.
+    // Replaces the configuration by an edited copy. The edit runs under the lock and must only store values.
     template <class Edit>
     void replace(Edit edit) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         auto next = std::make_shared<Configuration>(*configuration_);
         edit(*next);
-        // The former configuration is destroyed after the lock is released.
+        // Destroys the old configuration after the lock is released.
         std::shared_ptr<const Configuration> former = std::move(next);
         former.swap(configuration_);
         lock.unlock();
@@ -165,7 +166,7 @@ class GlobalVariables final : public KeyValueObserving {
 
     mutable Mutex mutex_;
     std::shared_ptr<const Configuration> configuration_ GUARDED_BY(mutex_);
-    // The first load is over; what it would have thrown is now only logged.
+    // True after the first load. From then on, an unusable identity is only logged and no longer thrown.
     std::atomic<bool> isLoaded_ = false;
     std::atomic<bool> identityRefused_ = false;
 };

@@ -29,7 +29,7 @@ LogFileTable::Table tableOfDay(const std::string& date) {
     return table;
 }
 
-// The table comes from a file: a name in it must not lead out of the logs folder.
+// Checks a path from the stored table: it must not leave the logs folder.
 bool isLogFile(std::string_view path) {
     const auto folder = fmt::format("{}/", GlobalConstants::LOG_PATH);
     return path.starts_with(folder) && path.find('/', folder.size()) == std::string_view::npos &&
@@ -54,6 +54,7 @@ LogFileTable::LogFileTable(FileSystem& files, Clock& clock, DateFormat& dates) :
     }
 }
 
+// Reads the file directly and not through PropertyListHandler, which would log its failures: see LogFiles::LogFiles.
 LogFileTable::Table LogFileTable::load(FileSystem& files) {
     const auto path = tableFile();
     const auto bytes = files.read(path);
@@ -82,7 +83,7 @@ std::string LogFileTable::fileFor(std::string_view category, const std::string& 
     const auto found = table_.find(category);
     auto path = found == table_.end() ? std::string() : found->second;
     const auto present = table_;
-    // Without the lock: a failure to save is itself logged, into the table as it is now.
+    // Saves without the lock, because a failure is logged, and logging needs the table.
     lock.unlock();
     save(present);
     return path;

@@ -1,4 +1,4 @@
-// Which file each category of the log is written to.
+// The table of the current log file of each category.
 
 #pragma once
 
@@ -13,26 +13,27 @@
 
 namespace sentrova {
 
-// Survives restarts in the file `logfile.plist` of the configuration folder. Safe from any thread.
+// Stored in `logfile.plist` in the configuration folder, so that it survives restarts. Safe from any thread.
 class LogFileTable {
   public:
-    // By category, the path of the current file.
+    // The path of the current file, by category.
     using Table = std::map<std::string, std::string, std::less<>>;
 
     static constexpr std::string_view kExtension = ".log";
 
-    // Reads the stored table, and logs nothing: each line of the log needs the table. What is passed in must outlive
-    // the object.
+    // Reads the stored table. Logs nothing, because each log line needs the table. The arguments must outlive the
+    // object.
     LogFileTable(FileSystem& files, Clock& clock, DateFormat& dates);
 
-    // Why the stored table was not read; empty when it was, or there is none.
+    // Why the stored table was not read. Empty if it was read or is missing.
     const std::string& problem() const { return problem_; }
 
-    // The category's file for the day ("yyyy-MM-dd"); empty for a category that has none. A new day, or a category that
-    // is not in the table, starts the files of the day for all categories.
+    // The category's file for the day ("yyyy-MM-dd"). Empty for an unknown category. On a new day, or for a category
+    // without an entry, all categories switch to the files of the day.
     std::string fileFor(std::string_view category, const std::string& date) EXCLUDES(mutex_);
 
     Table copy() EXCLUDES(mutex_);
+    // Stores the category's new path in memory and in the file. A failure to save is logged.
     void replace(const std::string& category, const std::string& path) EXCLUDES(mutex_);
 
   private:

@@ -29,8 +29,9 @@ bool isControl(char c) {
     return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
 }
 
-// The message with nothing in it that could pass for a line of its own, since names and texts from outside are part of
-// messages. Line breaks stay, as descriptions have them, but what follows one does not begin as a line does.
+// Messages contain names and texts from outside. Prevents such a text from imitating a log line: escapes control
+// characters, keeps line breaks (descriptions have them), and indents a "[" after a line break, since lines start with
+// it.
 std::string harmless(std::string_view message) {
     std::string text;
     char before = 0;
@@ -54,6 +55,9 @@ std::string withoutExtension(const std::string& name) {
 
 }  // namespace
 
+// The constructor must not log: each log line needs these files, and their table is just being read. If the table
+// cannot be read, the log starts with the files of the day and keeps the reason in problem(). Logger::load logs the
+// reason as soon as the log works.
 LogFiles::LogFiles(FileSystem& files, Clock& clock, DateFormat& dates)
     : files_(files),
       clock_(clock),
@@ -79,7 +83,7 @@ void LogFiles::write(std::string_view category, std::string_view className, std:
     }
     if (unwritten.count > 0) {
         text += lineOf(now, "Logger", LogLevel::Error,
-                       fmt::format("{} lines could not be written when they came, and {} of them follow: {}",
+                       fmt::format("{} lines could not be written earlier; {} of them follow. Reason: {}",
                                    unwritten.count, unwritten.errors.size(), unwritten.reason));
         text = std::accumulate(unwritten.errors.begin(), unwritten.errors.end(), std::move(text));
     }
@@ -99,7 +103,7 @@ void LogFiles::write(std::string_view category, std::string_view className, std:
         unwritten.errors.push_back(std::move(line));
     }
     if (unwritten_.add(category, std::move(unwritten))) {
-        fmt::print(stderr, "The log cannot be written: {}. Lines of level ERROR follow in it once it can be.\n",
+        fmt::print(stderr, "The log cannot be written: {}. Lines of level ERROR are kept and written later.\n",
                    written.error().description);
     }
 }
@@ -109,7 +113,8 @@ std::string LogFiles::lineOf(Date now, std::string_view className, std::int32_t 
                        platform::currentThreadId(), Logger::formatTypeToString(level), message);
 }
 
-// Makes what is missing, or goes round a link, as far as that is why the file could not be written.
+// Tries again after a failed append: creates missing folders, or continues the log beside a symbolic link. Returns the
+// original error if the failure has another cause.
 Result<Done> LogFiles::appendElsewhere(const Error& why, std::string_view category, const std::string& path,
                                        std::string_view text) {
     if (why.code == ENOENT && makeFolders()) {
@@ -118,7 +123,8 @@ Result<Done> LogFiles::appendElsewhere(const Error& why, std::string_view catego
     return why.code == ELOOP ? appendBesideLink(category, path, text) : why;
 }
 
-// Makes the logs folder and its archive where the working directory is that of an installation.
+// Creates the logs folder and its archive, but only if the working directory belongs to an installation: it has a
+// configuration folder beside it.
 bool LogFiles::makeFolders() {
     if (!files_.checkOwnFolder(std::string(GlobalConstants::CONF_PATH)) ||
         !files_.createFolder(std::string(GlobalConstants::LOG_PATH))) {
@@ -128,8 +134,7 @@ bool LogFiles::makeFolders() {
     return true;
 }
 
-// Leaves a symbolic link in the place of a current file behind, neither followed nor removed: the log goes on beside
-// it.
+// A symbolic link in the place of a current file is neither followed nor removed. The log continues in another file.
 Result<Done> LogFiles::appendBesideLink(std::string_view category, const std::string& path, std::string_view text) {
     const auto status = files_.linkStatus(path);
     if (!status || !status->isSymbolicLink) {
@@ -138,11 +143,11 @@ Result<Done> LogFiles::appendBesideLink(std::string_view category, const std::st
     const auto next = continuationOf(path);
     table_.replace(std::string(category), next);
     auto written = files_.append(next, text);
-    kLog.error("The log file {} is a symbolic link and is not followed; the log goes on in {}", path, next);
+    kLog.error("The log file {} is a symbolic link and is not followed; the log continues in {}", path, next);
     return written;
 }
 
-// The name under which a file that has grown too large goes on.
+// The next free name for the log after `path`: the number after "_" counts up.
 std::string LogFiles::continuationOf(const std::string& path) {
     const auto underscore = path.find('_');
     std::int64_t number = 1;
@@ -176,8 +181,8 @@ void LogFiles::continueIfLarge(const std::string& category, const std::string& p
     if (candidate == path) {
         return;
     }
-    // The log switches before the zip, because the agent is at work: a line that came between the zip and the deletion
-    // would be lost.
+    // Switches to the new file before zipping. A line written to the old file between the zip and the deletion would be
+    // lost.
     table_.replace(category, candidate);
     if (!FileUtils::zipFile(path)) {
         goBackTo(category, path, candidate);
@@ -188,7 +193,7 @@ void LogFiles::continueIfLarge(const std::string& category, const std::string& p
     FileUtils::deleteFile(path);
 }
 
-// Undoes the switch to the continuation. The lines that it has got meanwhile move to the file that goes on.
+// Switches back to the old file after a failed zip, and moves the lines written meanwhile to it.
 void LogFiles::goBackTo(const std::string& category, const std::string& path, const std::string& continuation) {
     table_.replace(category, path);
     if (const auto lines = files_.readText(continuation)) {

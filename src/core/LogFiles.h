@@ -1,4 +1,4 @@
-// The files of the log: one per category and day in the logs folder, and the archive of old ones.
+// The log files: one per category and day in the logs folder, and an archive of old ones.
 
 #pragma once
 
@@ -16,33 +16,33 @@
 
 namespace sentrova {
 
-// All loggers write to the same files. Safe from any thread; each line opens its file, is appended whole and closes the
-// file. A message with control characters or line breaks in it cannot pass for another line, and a line never continues
-// one that a crash or a full disk cut short.
+// All loggers write to the same files. Each line opens its file, is appended whole and closes the file. A message with
+// control characters or line breaks cannot imitate another line. A line never continues one that a crash or a full disk
+// cut short. Safe from any thread.
 //
-// A missing logs folder is made, with its archive. Lines that still cannot be written are announced ahead of the next
-// line of their category that can be, and those of level 0 among them repeated, up to a hundred. The first line that
-// cannot be written is told on standard error, once until that category is written again.
+// A missing logs folder is created with its archive. If a line still cannot be written, the outage is printed on
+// standard error, once until that category is written again. As soon as a line of the category can be written, the log
+// first says how many lines are missing and repeats those of level 0, up to a hundred.
 class LogFiles {
   public:
-    // What is passed in must outlive the object.
+    // The arguments must outlive the object.
     LogFiles(FileSystem& files, Clock& clock, DateFormat& dates);
 
-    // Why the stored table of the files was not read; empty when it was, or there is none.
+    // Why the stored table of log files was not read. Empty if it was read or is missing.
     const std::string& problem() const { return table_.problem(); }
 
-    // Appends a line to the file of the category; a category without a file loses it.
+    // Appends a line to the category's file. A line of an unknown category is dropped.
     void write(std::string_view category, std::string_view className, std::int32_t level, std::string_view message);
 
-    // Both return at once. The work can take minutes, so it waits its turn on one thread: no caller is held up, and no
-    // file is zipped twice at a time.
+    // The next two functions queue their work and return at once. The work may take minutes and runs on one thread, so
+    // that no caller is delayed and no file is zipped twice at a time.
 
-    // Continues each current file that is over 10 MiB under a new name and zips the old one.
+    // For each current file above 10 MiB: the log continues in a new file, and the old one is zipped.
     void continueLargeFiles();
-    // Zips log files that have not been written for a week into the archive folder, which must exist.
+    // Zips log files that were last written more than a week ago into the archive folder, which must exist.
     void archiveOldFiles();
 
-    // Waits for the file that is being zipped; none is zipped after that.
+    // Waits for the task in progress and drops the queued ones.
     void close() { housekeeping_.close(); }
 
   private:
@@ -61,7 +61,7 @@ class LogFiles {
     DateFormat& dates_;
     LogFileTable table_;
     UnwrittenLines unwritten_;
-    // Last, so that its thread has ended before what it works on goes.
+    // The last member, so that its thread ends before the members it uses are destroyed.
     DispatchQueue housekeeping_;
 };
 

@@ -1,5 +1,5 @@
-// How a class writes to the log: its name once, and messages that are formatted only when their level is written.
-// Without an agent nothing is written.
+// Writes a class's log messages. Names the class once, and formats a message only if its level is enabled. Without an
+// agent, messages are dropped. Safe from any thread.
 
 #pragma once
 
@@ -20,7 +20,7 @@ class LogSource {
     constexpr explicit LogSource(std::string_view className, std::string_view category = LogCategory::Config)
         : className_(className), category_(category) {}
 
-    // The same class's messages in another category's file.
+    // The same class, but another category.
     constexpr LogSource in(std::string_view category) const { return LogSource(className_, category); }
 
     template <class... Arguments>
@@ -36,7 +36,7 @@ class LogSource {
         write(LogLevel::Debug, format, fmt::make_format_args(arguments...));
     }
 
-    // For messages whose parts are costly to make.
+    // Whether a level is enabled. For messages that are costly to prepare.
     static bool isWritten(std::int32_t level) {
         const auto* const logger = Current<Logger>::orNull();
         return logger && logger->currentLogLevel() >= level;
@@ -53,14 +53,14 @@ class LogSource {
     std::string_view category_;
 };
 
-// How an absent text reads in a message.
+// The text as a message shows it: "(null)" if it is absent.
 inline std::string orNull(const std::optional<std::string>& text) {
     return text.value_or("(null)");
 }
 
 }  // namespace sentrova
 
-// A value inside a message reads as its description.
+// Messages show a value by its description.
 template <>
 struct fmt::formatter<sentrova::Value> : fmt::formatter<fmt::string_view> {
     template <class Context>

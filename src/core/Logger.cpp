@@ -19,6 +19,11 @@ Logger& Logger::getInstance() {
     return Current<Logger>::get();
 }
 
+// The logger starts in two steps, because reading the configuration may itself log:
+// 1. After construction the level is Error. The configured level is not known yet, so only errors are written. The
+//    reading below may log some, for example that the configuration file is damaged.
+// 2. load sets the level from the file. It then logs why the table of log files was not read, if so: the table was read
+//    during construction, before any line could be logged (see LogFiles::LogFiles).
 void Logger::load(NotificationCenter& notifications) {
     const auto configuration = PropertyListHandler::initWithFile(
         fmt::format("{}/{}", GlobalConstants::CONF_PATH, GlobalConstants::MY_CONFIGURATIONS_FILE));

@@ -1,4 +1,4 @@
-// The agent's log, as its classes see it.
+// The agent's log, as other classes use it.
 
 #pragma once
 
@@ -25,34 +25,34 @@ struct LogLevel {
     static constexpr std::int32_t Debug = 2;
 };
 
-// A line is "[time][class][process:thread][level]message" and CR LF, in UTF-8. A logger writes errors only until it is
-// loaded: what is read for that may itself have something to log. Safe from any thread.
+// A line is "[time][class][process:thread][level]message" and CR LF, in UTF-8. Until load, only errors are written.
+// Safe from any thread.
 class Logger {
   public:
     static constexpr const char* kDidWakeNotification = "NSWorkspaceDidWakeNotification";
 
-    // The agent's one.
+    // The running agent's logger. Throws std::logic_error without an agent.
     static Logger& getInstance();
 
     // The files must outlive the logger.
     explicit Logger(LogFiles& files) : files_(files) {}
 
-    // Reads "LogLevel" of `myconfigurations.plist`, 0 when there is none, and archives old logs after each wake of the
-    // machine for as long as the logger lives.
+    // Reads the level from "LogLevel" in `myconfigurations.plist` (0 if it is missing). From then on, and for as long
+    // as the logger lives, archives old logs after each wake of the machine. Call it once.
     void load(NotificationCenter& notifications);
 
-    // Writes the message when the logger's level is at least the message's. A category other than the three has no
-    // file: its messages are lost.
+    // Writes the message if its level is at most the logger's level. A message in an unknown category is dropped.
     void file(std::string_view category, std::string_view print, std::int32_t level, std::string_view func,
               std::string_view str);
 
-    // "ERROR", "INFO" or "DEBUG"; throws std::invalid_argument on any other number.
+    // "ERROR", "INFO" or "DEBUG". Throws std::invalid_argument for any other number.
     static std::string formatTypeToString(std::int32_t level);
 
-    // Continues current files that have grown too large under a new name. For the start of the agent. Returns at once,
-    // as rotateLog does: see LogFiles.
+    // Both queue their work and return at once: see LogFiles.
+    //
+    // Starts new files for current ones that have grown too large. Called at the agent's start.
     void validateLogSize();
-    // Archives log files that have not been written for a week.
+    // Archives log files that were last written more than a week ago.
     void rotateLog();
 
     std::int32_t currentLogLevel() const { return currentLogLevel_; }

@@ -1,4 +1,4 @@
-// The names under which the machine is known: its domain, and its account in the domain.
+// The names of the machine: its domain, and its account name in the domain.
 
 #pragma once
 
@@ -7,15 +7,16 @@
 
 namespace sentrova {
 
-// Safe from any thread. May run the system's directory tool, which takes seconds.
+// Safe from any thread. The calls may run the system's directory tool and block for seconds.
 class MachineNames {
   public:
     virtual ~MachineNames() = default;
 
-    // Nothing when the machine is in no domain.
+    // Absent if the machine is in no domain.
     virtual std::optional<std::string> domainName() = 0;
     virtual std::optional<std::string> hostName() = 0;
-    // Without a name what is known stays, and is remembered from now on.
+    // Stores the name, if one is given. From the first call on, the names are remembered, so that the tool is not run
+    // again for a known name.
     virtual void setDomainName(const std::optional<std::string>& domain) = 0;
 
   protected:

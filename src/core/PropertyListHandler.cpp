@@ -19,16 +19,16 @@ namespace {
 
 constexpr LogSource kLog("PropertyListHandler");
 
-// The folder of configurations is reached by more than one path.
+// Compares files and not paths, because several paths lead to the configuration folder.
 bool nameTheSameFile(const std::string& left, const std::string& right) {
     const auto leftStatus = Current<FileSystem>::get().linkStatus(left);
     const auto rightStatus = Current<FileSystem>::get().linkStatus(right);
     return leftStatus && rightStatus && leftStatus->identity == rightStatus->identity;
 }
 
-// Moves damaged content out of the way of its successor, since a person may still need it. Returns its new name. Only
-// the last of the names is ever used twice: a tool that installs damaged content for ever must not fill the volume, and
-// what was damaged first is most likely the good configuration with one wrong edit.
+// Renames a damaged file before it is replaced, because a person may still need it. Returns the new name. After 20
+// copies only the last one is overwritten: a tool that keeps installing damaged files must not fill the volume, and the
+// first damaged copies are the most useful (most likely a good configuration with one wrong edit).
 std::string keepDamaged(const std::string& path) {
     constexpr int kMostCopies = 20;
     auto& fileSystem = Current<FileSystem>::get();
@@ -55,7 +55,7 @@ PropertyListHandler PropertyListHandler::initWithFile(const std::string& path) {
     if (bytes) {
         handler.parse(*bytes);
     } else if (bytes.error().code != ENOENT) {
-        // A symbolic link in the file's place is not followed, and has no content to lose.
+        // A symbolic link that is not followed counts as damaged: replacing it loses no content.
         (bytes.error().code == ELOOP ? handler.damaged_ : handler.unread_) = true;
         kLog.error("Property list {} is not read: {}", path, bytes.error().description);
     }
@@ -118,7 +118,7 @@ bool PropertyListHandler::change(const std::string& path, const std::function<vo
 bool PropertyListHandler::replace(const std::string& path, Dictionary content) {
     bool written = false;
     exclusively([&] {
-        // Read, so that damaged content is kept.
+        // Reads the file first, so that damaged content is kept.
         auto handler = initWithFile(path);
         handler.unread_ = false;
         handler.updateDictionary(std::move(content));
@@ -155,6 +155,22 @@ void PropertyListHandler::updateDictionary(Dictionary dictionary) {
     changeable_ = true;
 }
 
+// The state after reading, by what was read:
+//
+//                                       root_       changeable_  damaged_  unread_
+//   a dictionary                        content     no           no        no
+//   another root element                content     no           yes       no
+//   not a property list, or a link      empty       yes          yes       no
+//   missing file                        empty       yes          no        no
+//   file that the host cannot read      empty       yes          no        yes
+//   initWithData without bytes          null        no           no        no
+//
+// updateDictionary sets root_ and changeable_. A write to the same file then depends on the state:
+// - unread_: nothing is written, because the rest of the file would be lost. Returns true, but written_ is false.
+//   `replace` clears unread_ first, since it replaces all content.
+// - damaged_ and changeable_: the old file is first renamed to NAME.damaged, and renamed back if the write fails.
+// - damaged_ only: the content is written back as it was read, so no copy is kept.
+// - none of these: the file is replaced.
 bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path) {
     written_ = false;
     if (root_.isNull()) {
@@ -176,7 +192,7 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
         return true;
     }
     std::optional<std::string> kept;
-    // Content that was loaded and is written back as it was is no successor.
+    // Unchanged content that is written back replaces nothing.
     if (damaged_ && changeable_ && path_ && nameTheSameFile(*target, *path_)) {
         kept = keepDamaged(*target);
     }
@@ -205,7 +221,7 @@ void PropertyListHandler::PrintPlistData() const {
 std::optional<std::string> PropertyListHandler::getPlistAsJsonString() const {
     const auto text = Json::write(root_);
     if (!text) {
-        kLog.error("The property list {} has no form in JSON: {}", orNull(path_), text.error().description);
+        kLog.error("The property list {} cannot be written as JSON: {}", orNull(path_), text.error().description);
         return std::nullopt;
     }
     if (LogSource::isWritten(LogLevel::Debug)) {

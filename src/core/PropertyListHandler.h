@@ -1,8 +1,8 @@
-// One property-list dictionary and the file it came from. All `.plist` files of the agent are read and written through
-// it.
+// One property-list dictionary and the file that it was read from. The agent reads and writes its `.plist` files
+// through this class.
 //
-// It never raises: a failure becomes an empty dictionary, an empty value or false. Used by one thread at a time; every
-// user makes its own. Files are replaced whole, so of two writers the later one wins.
+// A failure is logged and gives an empty dictionary, an empty value or false; nothing throws. For one thread at a time;
+// each user creates a new handler. Files are replaced as a whole, so of two writers the later one wins.
 
 #pragma once
 
@@ -18,7 +18,7 @@
 
 namespace sentrova {
 
-// Held over each change of a property list. The agent has one, published as the Current one.
+// The lock for changes of property lists. The agent has one, published as the Current one.
 class PropertyListLock {
   public:
     void exclusively(const std::function<void()>& step) EXCLUDES(mutex_) {
@@ -32,64 +32,66 @@ class PropertyListLock {
 
 class PropertyListHandler {
   public:
-    // An empty dictionary of no file, which takes changes.
+    // An empty dictionary without a file. It can be changed.
     PropertyListHandler();
 
-    // What a file or bytes gave cannot be changed until updateDictionary has replaced it; a missing or unreadable
-    // source gives an empty dictionary that can. Absent bytes give none at all.
+    // Loaded content cannot be changed until updateDictionary replaces it. A missing or unreadable source gives an
+    // empty dictionary, which can be changed. Absent bytes give no dictionary at all.
     static PropertyListHandler initWithFile(const std::string& path);
     static PropertyListHandler initWithData(std::optional<std::span<const std::uint8_t>> bytes);
 
-    // Runs the step while no change and no other step of this process does. A step makes no change and runs no step.
+    // Runs the step while no other step and no `change` or `replace` of this process runs. A step must not call
+    // `change`, `replace` or `exclusively`.
     static void exclusively(const std::function<void()>& step);
 
-    // Reads the file, sets the key (an empty value removes it) and writes the file back, as one step that no other
-    // change of the process comes between. Returns what WriteToProplist does.
+    // Reads the file, sets the key (an empty value removes it) and writes the file back, all in one exclusive step.
+    // Returns the result of WriteToProplist.
     static bool change(const std::string& path, std::string_view key, const Value& value);
     // The same for any number of keys.
     static bool change(const std::string& path, const std::function<void(Dictionary&)>& edit);
-    // Makes the dictionary the file's whole content, even of a file that cannot be read, as one such step. Returns
-    // whether the file holds it now.
+    // Replaces the whole content of the file in one exclusive step, even if the file cannot be read. Returns whether
+    // the file holds the dictionary now.
     static bool replace(const std::string& path, Dictionary content);
 
-    // The stored value; empty when there is none.
+    // The value under the key; empty if there is none.
     Value GetValueForKey(std::string_view key) const;
-    // An empty value removes the key. False when the dictionary cannot be changed.
+    // An empty value removes the key. Returns false if the dictionary cannot be changed.
     bool SetValueForKey(std::string_view key, const Value& value);
-    // Holds a copy that can be changed.
+    // Replaces the content. The new content can be changed.
     void updateDictionary(Dictionary dictionary);
 
-    // The content came from a file or bytes and cannot be changed.
+    // Whether the content was loaded from a file or bytes and so cannot be changed.
     bool isLoaded() const { return !changeable_; }
-    // The file is there, but the host could not give its content.
+    // Whether the file exists, but the host could not read it.
     bool isUnread() const { return unread_; }
 
-    // The dictionary held, null when there is none.
+    // The dictionary; null if there is none.
     const Dictionary* dictionary() const { return root_.dictionary(); }
 
-    // Writes XML to the path, or to the file it came from. True once a write was attempted: a failed one is only
-    // logged, and leaves the file as it was; isWritten tells. A damaged file is kept beside its successor, as
-    // NAME.damaged, or NAME.damaged-2 and so on where that is taken.
+    // Writes XML to the path; without a path, to the file that was read. Returns true if a write was attempted. A
+    // failed write is logged and leaves the file unchanged: see isWritten. A damaged file is kept beside the new one as
+    // NAME.damaged, or as NAME.damaged-2 and so on if that name is taken.
     bool WriteToProplist(const std::optional<std::string>& path = std::nullopt);
     // Whether the last WriteToProplist stored the content.
     bool isWritten() const { return written_; }
 
     void PrintPlistData() const;
 
-    // The dictionary as compact JSON in ASCII; nothing when it holds what JSON cannot carry.
+    // The dictionary as compact JSON in ASCII. Absent if it holds a value that JSON cannot represent.
     std::optional<std::string> getPlistAsJsonString() const;
 
-    // The text that the handler has inside a message.
+    // The content as log messages show it, with secrets masked.
     std::string description() const;
 
   private:
     void parse(std::span<const std::uint8_t> bytes);
 
+    // The source file has a table of the combinations, at WriteToProplist.
     Value root_ = Dictionary();
     bool changeable_ = true;
-    // The file is there, but what it holds is no dictionary.
+    // The file exists, but does not hold a dictionary.
     bool damaged_ = false;
-    // The file is there, but the host would not give its content.
+    // The file exists, but the host could not read it.
     bool unread_ = false;
     bool written_ = false;
     std::optional<std::string> path_;

@@ -37,7 +37,7 @@ Value Secrets::maskedBody(const std::optional<Data>& body) {
     const auto names = [text](std::string_view key) { return text.find(key) != std::string_view::npos; };
     bool holdsSecret = names(GlobalConstants::AGENT_AUTHENTICATION_ID) || names(GlobalConstants::ORG_ACCESS_KEY);
     if (!holdsSecret && names("\\u")) {
-        // A key may be written in escapes.
+        // JSON may spell a key with escapes.
         const auto parsed = Json::parse(text);
         holdsSecret = !parsed || masked(*parsed) != *parsed;
     }

@@ -1,4 +1,4 @@
-// Keeps the values by which the agent proves who it is out of the log.
+// Keeps the agent's credentials out of the log.
 
 #pragma once
 
@@ -14,11 +14,11 @@ class Secrets {
 
     static constexpr const char* kMask = "********";
 
-    // The value with the agent's identity and the organisation's access key masked wherever a dictionary in it has
-    // them. For messages only.
+    // A copy with the agent's identity and the organisation's access key masked in all nested dictionaries. For
+    // messages only.
     static Value masked(const Value& value);
 
-    // A body as it came over the wire; one that names a secret has all of its bytes masked. For messages only.
+    // A request or answer body. If it contains the key of a secret, all its bytes are masked. For messages only.
     static Value maskedBody(const std::optional<Data>& body);
 };
 

@@ -16,7 +16,7 @@ TaskManager::~TaskManager() {
 
 void TaskManager::launchTaskSync() {
     prauditTask_.launch();
-    // Reading to the end first keeps a program with much to say from blocking on a full pipe.
+    // Reads all output before waiting for the exit: a program with much output would block on a full pipe.
     output_ = prauditTask_.readDataToEndOfFile();
     prauditTask_.waitUntilExit();
     taskStatus_ = static_cast<std::int8_t>(prauditTask_.terminationStatus());

@@ -15,29 +15,30 @@ namespace sentrova {
 
 class TaskManager {
   public:
-    // Posted for each piece of the output of a program that runs in the background, on a thread of the runner's, with
-    // the bytes under kOutputItem; an empty piece is the end. The object is the runner.
+    // Posted for each piece of output of a program started by launchTaskAsync. The bytes are under kOutputItem; an
+    // empty piece marks the end. The sender is this object. Posted on this object's own thread.
     static constexpr const char* kReadCompletionNotification = "NSFileHandleReadCompletionNotification";
     static constexpr const char* kOutputItem = "NSFileHandleNotificationDataItem";
 
     TaskManager(const std::string& launchPath, std::vector<std::string> withArgs);
-    // Waits for the program.
+    // Waits for the program to exit.
     ~TaskManager();
     TaskManager(const TaskManager&) = delete;
     TaskManager& operator=(const TaskManager&) = delete;
 
-    // Returns when the program has exited, with its whole output read. Throws ProcessLaunchError when it cannot be
-    // started.
+    // Runs the program and returns when it has exited and its whole output is read. Throws ProcessLaunchError if the
+    // program cannot be started.
     void launchTaskSync();
-    // Returns at once; the output comes by notification. Throws ProcessLaunchError like launchTaskSync.
+    // Starts the program and returns at once. Its output arrives in notifications. Throws ProcessLaunchError if the
+    // program cannot be started.
     void launchTaskAsync();
 
-    // Asks the program to end.
+    // Asks the program to end (SIGTERM).
     void stop();
-    // Returns when the program has exited.
+    // Blocks until the program has exited.
     void wait();
 
-    // After launchTaskSync: what the program wrote, and its exit status cut to 8 bits.
+    // Valid after launchTaskSync: the program's output, and its exit status cut to 8 bits.
     const Data& output() const { return output_; }
     std::int8_t taskStatus() const { return taskStatus_; }
 

@@ -1,4 +1,4 @@
-// Lines of the log that could not be written, until one of their category can be.
+// Keeps log lines that could not be written until a line of their category can be written again.
 
 #pragma once
 
@@ -12,31 +12,33 @@
 
 namespace sentrova {
 
-// Keeps the text of the first hundred lines of level 0 per category, and the number of all. Also knows which file each
-// category has been written to last. Safe from any thread.
+// Per category: keeps the text of the first hundred lines of level 0 and counts all lines, and remembers the file that
+// was written last. Safe from any thread.
 class UnwrittenLines {
   public:
     struct Lines {
         std::size_t count = 0;
         std::vector<std::string> errors;
-        // Why the last of them was not written.
+        // Why the latest line was not written.
         std::string reason;
-        // This process's last line of the category went into the file, and so the file ends with a whole line.
+        // This process's latest line of the category was written to the file, so the file ends with a whole line.
         bool isAfterWholeLine = false;
     };
 
+    // Removes and returns the category's lines. `path` is the file that the next line goes to.
     Lines take(std::string_view category, const std::string& path) EXCLUDES(mutex_);
 
+    // Call it after a line of the category was written to the file. Ends the category's outage.
     void noteWritten(std::string_view category, const std::string& path) EXCLUDES(mutex_);
 
-    // True when the outage has not been told outside the log, which the caller does now.
+    // Keeps the lines. Returns true if the outage has not been printed on standard error: the caller does that now.
     bool add(std::string_view category, Lines lines) EXCLUDES(mutex_);
 
   private:
     Mutex mutex_;
     std::map<std::string, Lines, std::less<>> lines_ GUARDED_BY(mutex_);
     std::map<std::string, std::string, std::less<>> lastFile_ GUARDED_BY(mutex_);
-    // The category whose outage was told on standard error, until it is written again; empty while there is none.
+    // The category whose outage was printed on standard error, until it is written again. Empty otherwise.
     std::string told_ GUARDED_BY(mutex_);
 };
 

@@ -1,4 +1,4 @@
-// Facts about the system and the time, as numbers and as text. Safe from any thread.
+// The system's version, and the time as text. Safe from any thread.
 
 #pragma once
 
@@ -13,16 +13,17 @@ class Utilities {
   public:
     Utilities() = delete;
 
-    // The system's version under "majorVersion", "minorVersion" and "patchVersion"; three zeros where there is none.
+    // The system's version under "majorVersion", "minorVersion" and "patchVersion"; all 0 if it is unknown.
     static Dictionary getOSVersion();
-    // macOS 10.15 and everything after it.
+    // Whether the system is macOS 10.15 or later.
     static bool isSupportedOSVersion();
 
-    // The current time in a Unicode date pattern, in the device's zone.
+    // The current time in a Unicode date pattern, in the device's time zone.
     static std::string getCurrentTimeInFormat(std::string_view format);
-    // The seconds since 1970, in decimal, of a time in the device's zone; "0" for a text that is not in the format.
+    // Parses a time in the device's time zone and returns the seconds since 1970 in decimal. "0" if the text does not
+    // match the format.
     static std::string converStringToEpoch(std::string_view text, std::string_view withFormat);
-    // Date and time in their long styles.
+    // The date of that many seconds since 1970, with date and time in the locale's long style.
     static std::string getTimeFromEpoch(double seconds);
 };
 

@@ -10,7 +10,7 @@ namespace sentrova::platform {
 
 namespace {
 
-// Calls one of the reentrant look-ups of the C library with a buffer that is large enough.
+// Calls a reentrant look-up function of the C library, and doubles the buffer until it is large enough.
 template <class Entry, class LookUp>
 std::optional<std::string> nameFrom(LookUp lookUp, char* Entry::* name) {
     std::vector<char> buffer(1024);

@@ -1,4 +1,4 @@
-// The names that the C library's databases of users and groups have for ids.
+// Looks up names of users and groups in the C library's databases.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace sentrova::platform {
 
-// Nothing for an id without an entry. Safe from any thread.
+// The name of an id. Absent for an id without an entry. Safe from any thread.
 std::optional<std::string> databaseUserName(std::uint32_t id);
 std::optional<std::string> databaseGroupName(std::uint32_t id);
 

@@ -1,4 +1,4 @@
-// Whether the system makes audit records at all, and has a device to read them from.
+// Tells whether the system makes audit records, and has a device to read them from.
 
 #pragma once
 
@@ -15,10 +15,10 @@ class AuditCondition {
   public:
     virtual ~AuditCondition() = default;
 
-    // The host's.
+    // The host's implementation.
     static std::unique_ptr<AuditCondition> make();
 
-    // As it is now; an error when the system does not tell.
+    // The current state. Fails if the system refuses the question.
     virtual Result<AuditState> state() = 0;
 
   protected:

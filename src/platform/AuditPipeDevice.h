@@ -1,4 +1,4 @@
-// The live audit device and the requests by which a reader configures it.
+// The live audit device, and the requests that configure it for a reader.
 
 #pragma once
 
@@ -11,10 +11,10 @@
 
 namespace sentrova::platform {
 
-// The requests of the device, with their numbers and arguments as the kernel defines them.
+// The device's requests, with the kernel's numbers and arguments.
 enum class AuditPipeRequest : std::uint32_t {
     setPreselectMode = 0x8004410F,     // int: which preselection applies to this reader
-    getQlimitMax = 0x40044105,         // unsigned int, read: the longest queue the device grants
+    getQlimitMax = 0x40044105,         // unsigned int, read: the longest queue that the device grants
     setQlimit = 0x80044103,            // unsigned int: the length of this reader's queue
     setPreselectFlags = 0x80084107,    // mask of event classes, success and failure
     setPreselectNaflags = 0x80084109,  // the same, for events that belong to no user
@@ -24,14 +24,14 @@ class AuditPipeDevice {
   public:
     virtual ~AuditPipeDevice() = default;
 
-    // The host's device.
+    // The host's implementation.
     static std::unique_ptr<AuditPipeDevice> make();
 
-    // A descriptor to read records from, which does not end while the device is there.
+    // Returns a descriptor for reading records. It does not reach an end of file while the device exists.
     virtual Result<FileDescriptor> open(const std::string& path) = 0;
 
-    // Passes a request on. A request with a mask sends the argument as both its halves. Returns what a reading request
-    // read, and the argument for the others.
+    // Sends a request. If the request takes two masks (success and failure), both get the argument. Returns the value
+    // that a reading request read; for other requests, the argument.
     virtual Result<std::uint32_t> request(const FileDescriptor& device, AuditPipeRequest request,
                                           std::uint32_t argument) = 0;
 

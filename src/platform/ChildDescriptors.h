@@ -1,4 +1,4 @@
-// Descriptors and child processes: a child gets the standard streams and nothing else.
+// Makes sure that a child process inherits the standard streams and no other descriptor.
 
 #pragma once
 
@@ -15,11 +15,11 @@ struct Pipe {
     FileDescriptor writing;
 };
 
-// A pipe whose ends no child inherits; nothing, with errno set, when the system has no descriptors for it.
+// A pipe whose ends no child inherits. Absent, with errno set, if the system has no descriptors left.
 std::optional<Pipe> makePipe();
 
-// Lets the child that is to be spawned inherit its standard streams alone. Called after the other file actions have
-// been added; may add flags to the attributes. Returns 0 or an error number.
+// Prepares a spawn so that the child inherits only its standard streams. Call it after all other file actions are
+// added. May add flags to the attributes. Returns 0 or an error number.
 int inheritStandardStreamsAlone(posix_spawn_file_actions_t& actions, posix_spawnattr_t& attributes);
 
 }  // namespace sentrova::platform

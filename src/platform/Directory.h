@@ -1,4 +1,4 @@
-// Users and groups, as the system's directory knows them.
+// The users and groups in the system's directory.
 
 #pragma once
 
@@ -15,13 +15,13 @@
 
 namespace sentrova::platform {
 
-// The directory's standard names of the attributes that the agent reads.
+// The directory's standard names for the attributes that the agent reads.
 inline constexpr const char* kAttributeRecordName = "dsAttrTypeStandard:RecordName";
 inline constexpr const char* kAttributeUniqueId = "dsAttrTypeStandard:UniqueID";
 inline constexpr const char* kAttributeSmbSid = "dsAttrTypeStandard:SMBSID";
 inline constexpr const char* kAttributePrimaryNtDomain = "dsAttrTypeStandard:PrimaryNTDomain";
 
-// A record's attributes by their standard names, each with its values in the directory's order.
+// A record's attributes by standard name. The values of each keep the directory's order.
 using DirectoryRecord = std::map<std::string, std::vector<std::string>>;
 
 // Safe from any thread.
@@ -29,15 +29,15 @@ class Directory {
   public:
     virtual ~Directory() = default;
 
-    // The host's directory, which may use the file system and the clock for as long as it lives.
+    // The host's implementation. The file system and the clock must outlive the directory.
     static std::unique_ptr<Directory> make(FileSystem& files, Clock& clock);
 
-    // The account name of an id; nothing for an id without an account.
+    // The account name of an id. Absent for an unknown id.
     virtual std::optional<std::string> userName(std::uint32_t id) = 0;
     virtual std::optional<std::string> groupName(std::uint32_t id) = 0;
 
-    // The records of the users whose record name equals the name, all nodes of the authentication search path
-    // together; an empty list when there is none. Slow: a network directory may be asked.
+    // The records of all users with the record name, from all nodes of the authentication search path. Empty if there
+    // are none. May block for seconds, because a node may be a network directory.
     virtual Result<std::vector<DirectoryRecord>> usersNamed(const std::string& name) = 0;
 
   protected:

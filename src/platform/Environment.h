@@ -2,7 +2,7 @@
 
 namespace sentrova::platform {
 
-// The process's environment variables, as child processes inherit them.
+// The process's environment variables, for its child processes. The C library owns the array.
 char** environment();
 
 }  // namespace sentrova::platform

@@ -1,4 +1,4 @@
-// The few things about files that the C libraries of the hosts spell differently.
+// File operations that the hosts' C libraries spell differently.
 
 #pragma once
 
@@ -10,7 +10,7 @@ namespace sentrova::platform {
 
 Date modificationDate(const struct stat& status);
 
-// Makes the content of an open file survive a loss of power. Returns 0 or the error number.
+// Flushes an open file to the disk, so that its content survives a power loss. Returns 0 or the error number.
 int flushToDisk(int descriptor);
 
 }  // namespace sentrova::platform

@@ -1,4 +1,5 @@
-// What the agent takes from outside: the host, or what a test puts in its place.
+// The interfaces through which the agent uses its host. Tests replace them. The owner of the objects must keep them
+// alive as long as the agent.
 
 #pragma once
 

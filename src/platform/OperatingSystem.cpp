@@ -6,7 +6,7 @@ namespace sentrova::platform {
 
 namespace {
 
-// The number that the text begins with, which is taken off it together with the dot behind it.
+// Removes the number at the start of the text, with the dot after it, and returns the number.
 std::int64_t takeNumber(std::string_view& text) {
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);

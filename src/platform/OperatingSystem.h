@@ -1,4 +1,4 @@
-// Facts about the running system.
+// Facts about the running system. Safe from any thread.
 
 #pragma once
 
@@ -18,19 +18,19 @@ struct OperatingSystemVersion {
     std::int64_t patch = 0;
 };
 
-// The version that a text such as "10.15.7" names; what it leaves out is 0.
+// Parses a version such as "10.15.7". Missing parts are 0.
 OperatingSystemVersion versionFromText(std::string_view text);
 
-// The version of macOS; nothing on a host without one. A host may keep it in a file.
+// The version of macOS. Absent on a host without one. Linux reads it from a file of the system volume.
 std::optional<OperatingSystemVersion> operatingSystemVersion(FileSystem& files);
 
-// The name that a person gave to the computer.
+// The computer's name as its user set it, or the host name; empty if it is unknown.
 std::string localizedHostName();
 
-// The number by which the system's tools know the calling thread.
+// The system's id of the calling thread, as debuggers and other tools show it.
 std::uint64_t currentThreadId();
 
-// A time that never goes back and stands still while the machine sleeps.
+// A monotonic time that stands still while the machine sleeps.
 std::chrono::steady_clock::time_point timeAwake();
 
 }  // namespace sentrova::platform

@@ -1,4 +1,4 @@
-// The host as it is, with the libraries that it provides.
+// Owns the real implementations of everything in Host.
 
 #pragma once
 
@@ -15,10 +15,11 @@ class RealHost {
   public:
     RealHost();
 
-    // Starts the threads of the clock and of the network, and waits while the system grants none.
+    // Starts the threads of the clock and of the network. Blocks while the system refuses a thread.
     void start();
 
-    // Valid for as long as this object lives. With another session, where one is given.
+    // The references are valid as long as this object lives. `other` replaces the network session; it must outlive the
+    // use of the result.
     Host host(UrlSession* other = nullptr);
 
   private:

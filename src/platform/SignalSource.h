@@ -1,4 +1,4 @@
-// Hears of a signal on a thread of its own, instead of in a signal handler.
+// Calls a handler on a separate thread for each signal, instead of in a signal handler of the process.
 
 #pragma once
 
@@ -11,10 +11,12 @@ class SignalSource {
   public:
     virtual ~SignalSource() = default;
 
-    // To be made on the main thread before any other thread begins. From then on the signal has no other effect on the
-    // process. The handler runs for each signal once the source is resumed; it may end the process.
+    // Call it on the main thread before any other thread starts. From then on the signal has no other effect on the
+    // process. After resume, the handler runs for each signal; it may end the process.
     static std::unique_ptr<SignalSource> make(int signal, std::function<void()> handler);
 
+    // Starts the delivery, including signals that arrived since make. Call it once. The thread runs until the process
+    // ends.
     virtual void resume() = 0;
 };
 

@@ -1,4 +1,4 @@
-// Where things of the operating system lie.
+// Maps paths of the Mac's operating system to this host.
 
 #pragma once
 
@@ -7,8 +7,8 @@
 
 namespace sentrova::platform {
 
-// The path on this host of something that belongs to the Mac's system ("/var/audit", "/dev/console", ...). Paths of the
-// agent's own folders come back unchanged.
+// The path on this host of a file or folder of the Mac's system ("/var/audit", "/dev/console", ...). Paths of the
+// agent's own folders are returned unchanged.
 std::string systemPath(std::string_view path);
 
 }  // namespace sentrova::platform

@@ -1,4 +1,4 @@
-// Brackets work that the service manager must not interrupt by killing the process.
+// While an object exists, the service manager does not kill the process without warning.
 
 #pragma once
 

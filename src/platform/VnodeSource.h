@@ -1,4 +1,4 @@
-// Hears of changes of one file's attributes (owner, mode, times set by hand), not of its content.
+// Watches the attributes of one file (owner, mode, times that somebody sets), not its content.
 
 #pragma once
 
@@ -12,15 +12,16 @@ class VnodeSource {
   public:
     virtual ~VnodeSource() = default;
 
-    // Watches what the path names now. Inactive until resumed. Null when the path cannot be opened or watched. The
-    // handler runs on a thread of the source's own, once for each batch of changes.
+    // Watches the file that the path names now, even if the path later names another. Inactive until resume. Null if
+    // the path cannot be opened or watched. The handler runs on the source's own thread, once per batch of changes.
     static std::unique_ptr<VnodeSource> attributesOf(const std::string& path, std::function<void()> handler);
 
-    // Begins to deliver; changes between creation and this call count as one. Returns false when that is not possible.
+    // Starts the delivery. Changes between creation and this call are delivered as one. Returns false if the source is
+    // already resumed or is cancelled.
     virtual bool resume() = 0;
 
-    // Ends the watch for good and gives the descriptors back. When it returns the handler is not running and is not
-    // called again; called from the handler itself it only ends the watch.
+    // Ends the watch for good, waits for a running handler and closes the descriptors. The handler is not called again.
+    // Called from the handler itself, it only ends the watch.
     virtual void cancel() = 0;
 };
 

@@ -1,4 +1,4 @@
-// Waits for input on a device without missing a request to stop.
+// Waits for input on a device and for a request to stop at the same time.
 
 #pragma once
 
@@ -6,8 +6,8 @@ namespace sentrova::platform {
 
 enum class InputWait { ready, woken, failed };
 
-// Blocks until `device` can be read (or has ended), or `wake` can. `woken` wins when both can; errno says why it
-// failed.
+// Blocks until `device` or `wake` is readable or at its end. If both are, returns `woken`. After `failed`, errno holds
+// the reason.
 InputWait waitForInput(int device, int wake);
 
 }  // namespace sentrova::platform

@@ -1,4 +1,4 @@
-// Hears of the machine's wake from sleep.
+// Calls a handler when the machine wakes from sleep.
 
 #pragma once
 
@@ -11,12 +11,12 @@ namespace sentrova::platform {
 
 class WakeSource {
   public:
-    // Stops listening; a call of the handler that has begun is waited for.
+    // Stops listening and waits for a running handler.
     virtual ~WakeSource() = default;
 
-    // The handler runs on a thread of the source's own after each wake, and where the host tells of that in one with
-    // it, after each time that somebody set the clock. Null when the host does not tell. The clock must outlive the
-    // source.
+    // The handler runs on the source's own thread after each wake. On a host that cannot tell a wake from a change of
+    // the clock, it also runs after somebody sets the clock. Null if the host does not report wakes. The clock must
+    // outlive the source.
     static std::unique_ptr<WakeSource> make(Clock& clock, std::function<void()> handler);
 };
 

@@ -116,8 +116,8 @@ TEST_F(EventCollectorTest, OpeningASourceMovesTheTimeForwardByOneSecondAndUnsuit
         {"/var/audit/older", "[INFO]Skipping file /var/audit/older\r\n", 100},
         {"/var/audit/current", "[INFO]Skipping file /var/audit/current\r\n", 100},
         {"/var/audit/missing", "[ERROR]failed to open audit pipe /var/audit/missing\r\n", 100},
-        {"/var/audit/fifo", "/fifo\" is passed over: it is no regular file\r\n", 100},
-        {"/var/audit/folder", "/folder\" is passed over: it is no regular file\r\n", 100},
+        {"/var/audit/fifo", "/fifo\" is skipped: it is not a regular file\r\n", 100},
+        {"/var/audit/folder", "/folder\" is skipped: it is not a regular file\r\n", 100},
         {"/var/audit/equal", nullptr, 101},
         {"/dev/auditpipe", nullptr, 102},
     };

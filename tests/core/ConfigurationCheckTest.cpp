@@ -10,7 +10,7 @@ namespace sentrova::testing {
 
 using Texts = std::vector<std::string>;
 
-// What a finding says before it tells what is taken instead.
+// The text of a finding up to the consequence.
 Texts problemsIn(const ConfigurationFiles& files) {
     Texts problems;
     for (const auto& finding : checkConfiguration(files, EventSelection::knownNames())) {
@@ -53,8 +53,8 @@ TEST(ConfigurationCheckTest, EachMistakeIsAFindingAndTheExampleHasNone) {
         {[](Files& files) { files.schedules.content = {}; }, {"schedules.plist: missing or empty"}},
         {tasks(Array{Dictionary{{"TaskName", "a"}}, Dictionary{}, "b", Dictionary{{"TaskName", ""}}}),
          {"schedules.plist: ScheduleTasks[1].TaskName: missing",
-          "schedules.plist: ScheduleTasks[2].TaskName: the entry is no dictionary",
-          "schedules.plist: ScheduleTasks[3].TaskName: \"\" is no name"}},
+          "schedules.plist: ScheduleTasks[2].TaskName: the entry is not a dictionary",
+          "schedules.plist: ScheduleTasks[3].TaskName: \"\" is not a name"}},
         {without({"ServerFQDN", "ServerName"}), {}},
         {without({"ServerFQDN", "ServerName", "ServerIP"}),
          {s + "ServerFQDN: no server is named, neither here nor in ServerIP, ServerName or NATServerName"}},
@@ -62,7 +62,7 @@ TEST(ConfigurationCheckTest, EachMistakeIsAFindingAndTheExampleHasNone) {
         {without({"AgentPort", "AgentProtocol", "Port", "Protocol"}),
          {s + "ServerFQDN: no connection to the server has a port and a protocol"}},
         {without({"Port"}), {s + "Port: missing"}},
-        {server("AgentPort", "65536"), {s + "AgentPort: \"65536\" is no port from 1 to 65535"}},
+        {server("AgentPort", "65536"), {s + "AgentPort: \"65536\" is not a port from 1 to 65535"}},
         {server("Protocol", "ftp"), {s + "Protocol: \"ftp\" is neither http nor https"}},
         {server("Protocol", "HTTPS"), {}},
         {server("NATPort", 0), {}},
@@ -70,19 +70,19 @@ TEST(ConfigurationCheckTest, EachMistakeIsAFindingAndTheExampleHasNone) {
              files.serverInfo.content.set("NATServerName", "relay");
              files.serverInfo.content.set("NATPort", 0);
          },
-         {s + "NATPort: 0 is no port from 1 to 65535", s + "NATProtocol: missing"}},
+         {s + "NATPort: 0 is not a port from 1 to 65535", s + "NATProtocol: missing"}},
         {server("EventsToRead", "AUE_su, AUE_sudo,AUE_lgin,elsewhere,,elsewhere"),
          {s + "EventsToRead: \" AUE_sudo\" has blanks around it",
-          s + "EventsToRead: \"AUE_lgin\" is no known event (the nearest is AUE_login)",
-          s + "EventsToRead: \"elsewhere\" is no known event", s + "EventsToRead: a name is empty"}},
+          s + "EventsToRead: \"AUE_lgin\" is not a known event (the nearest is AUE_login)",
+          s + "EventsToRead: \"elsewhere\" is not a known event", s + "EventsToRead: a name is empty"}},
         {server("EventsToRead", ""), {s + "EventsToRead: the list is empty"}},
         {server("EventsToRead", std::string(100, 'x') + "\n"),
-         {s + "EventsToRead: \"" + std::string(60, 'x') + "...\" is no known event"}},
+         {s + "EventsToRead: \"" + std::string(60, 'x') + "...\" is not a known event"}},
         {server("NumberofEventsPerRequest", 0), {s + "NumberofEventsPerRequest: 0 is below 1"}},
         {without({"MaxEventDataSize"}), {s + "MaxEventDataSize: missing"}},
         {without({"isEnabled"}), {s + "isEnabled: missing"}},
-        {server("SyncTime", "soon"), {s + "SyncTime: \"soon\" is no positive number"}},
-        {server("FetchInterval", -5), {s + "FetchInterval: -5 is no positive number"}},
+        {server("SyncTime", "soon"), {s + "SyncTime: \"soon\" is not a positive number"}},
+        {server("FetchInterval", -5), {s + "FetchInterval: -5 is not a positive number"}},
         {without({"FetchInterval", "SyncTime"}), {}},
         {server("RecentEventTimeMillis", 5), {}},
         {[](Files& files) {
@@ -90,8 +90,8 @@ TEST(ConfigurationCheckTest, EachMistakeIsAFindingAndTheExampleHasNone) {
              files.myConfigurations = {State::missing, {}, ""};
          },
          {s + "RecentEventTimeMillis: 5 overrides the stored time, since myconfigurations.plist is missing"}},
-        {mine("TimestampOfLastEvent", "12x"), {m + "TimestampOfLastEvent: \"12x\" is no number"}},
-        {mine("LogLevel", "DEBUG"), {m + "LogLevel: \"DEBUG\" is no number"}},
+        {mine("TimestampOfLastEvent", "12x"), {m + "TimestampOfLastEvent: \"12x\" is not a number"}},
+        {mine("LogLevel", "DEBUG"), {m + "LogLevel: \"DEBUG\" is not a number"}},
     };
     for (const auto& [edit, expected] : cases) {
         auto files = example;
@@ -102,7 +102,7 @@ TEST(ConfigurationCheckTest, EachMistakeIsAFindingAndTheExampleHasNone) {
 
 class ConfigurationReportTest : public ::testing::Test, protected AgentFixture {};
 
-TEST_F(ConfigurationReportTest, FindingIsLoggedOnceForEachTimeItComes) {
+TEST_F(ConfigurationReportTest, FindingIsLoggedOnceEachTimeItAppears) {
     const ConfigurationFinding port = {"Serverinfo.plist", "Port", "missing", "none"};
     const ConfigurationFinding file = {"schedules.plist", std::nullopt, "missing", "none"};
     ConfigurationReport report(host().files, "", {});

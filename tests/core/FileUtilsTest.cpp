@@ -24,7 +24,7 @@ class FileUtilsTest : public ::testing::Test, protected testing::AgentFixture {
     const fs::path folder_ = volume().agent() / "files";
 };
 
-TEST_F(FileUtilsTest, WhatIsThereIsNeitherCreatedAgainNorMovedOver) {
+TEST_F(FileUtilsTest, ExistingFilesAreNeitherRecreatedNorOverwritten) {
     EXPECT_TRUE(FileUtils::writeToFile(at("a"), "caf\xC3\xA9"));
     EXPECT_TRUE(FileUtils::createFile(at("a")));
     EXPECT_TRUE(FileUtils::createFile(at("b")));
@@ -42,7 +42,7 @@ TEST_F(FileUtilsTest, WhatIsThereIsNeitherCreatedAgainNorMovedOver) {
     }
 }
 
-TEST_F(FileUtilsTest, ZipTakesAnyPathAsAPathAndNothingElse) {
+TEST_F(FileUtilsTest, ZipTakesSpecialCharactersInPathsLiterally) {
     const std::string names[] = {
         "two words.log",         "quote\".log",         "$HOME$(touch pwned).log",
         "`touch pwned`.log",     "back\\slash\\\".log", "line\nfeed.log",
@@ -64,7 +64,7 @@ TEST_F(FileUtilsTest, ZipTakesAnyPathAsAPathAndNothingElse) {
     EXPECT_FALSE(FileUtils::zipFile(at("missing.log")) || fs::exists(at("missing.zip")));
 }
 
-TEST_F(FileUtilsTest, SizeOfAFolderIsTheSpaceOnDiskOfAllFilesBelow) {
+TEST_F(FileUtilsTest, FolderSizeIsTheDiskSpaceOfAllFilesBelow) {
     fs::create_directories(at("d/deeper"));
     write("d/a", std::string(10'000, 'x'));
     write("d/deeper/b", std::string(100, 'x'));

@@ -22,7 +22,7 @@ using Text = GlobalVariables::Text;
 
 class GlobalVariablesTest : public ::testing::Test, protected testing::AgentFixture {
   protected:
-    // The configuration of a fresh start on the present dictionaries.
+    // The configuration after a restart with the fixture's dictionaries.
     GlobalVariables& load() {
         writeConfiguration();
         return reload();
@@ -56,7 +56,7 @@ TEST_F(GlobalVariablesTest, DirectoryDomainTakesPrecedenceAndMissingFilesLeaveEv
                         : (Dictionary{{"AgentName", platform::localizedHostName()}}));
         EXPECT_FALSE(fs::exists(volume().conf() / "myconfigurations.plist"));
     }
-    // The server's time of the newest event fills only a file that is missing.
+    // The server's time of the newest event is stored only if the file is missing.
     serverInfo.set("RecentEventTimeMillis", 1'700'000'123);
     myConfigurations.set("TimestampOfLastEvent", "5");
     EXPECT_EQ(load().timeStampOfLastEvent(), Value("5"));
@@ -126,8 +126,8 @@ TEST_F(GlobalVariablesTest, ReloadKeepsUnreadableSettingsAndClearsMissingOnes) {
     EXPECT_FALSE(loaded.serverFQDN() || loaded.isEnabled() || loaded.agentVersion() || loaded.agentUUID());
 }
 
-// Changes of either file come while the server's file is reloaded in a loop.
-TEST_F(GlobalVariablesTest, ReloadsUndoNoChangeAndMixNoAddresses) {
+// Changes both files while `Serverinfo.plist` is reloaded in a loop.
+TEST_F(GlobalVariablesTest, ReloadsNeitherUndoChangesNorMixAddresses) {
     serverInfo.set("RecentEventTimeMillis", 5);
     myConfigurations.set("LogLevel", 0);
     auto& loaded = load();

@@ -38,7 +38,8 @@ class LoggerTest : public ::testing::Test, protected testing::AgentFixture {
         volume().writeConfiguration("logfile.plist", {{"Config", "../logs/Config2026-11-15.log"}, {"Event", event}});
     }
     Dictionary table() { return volume().readConfiguration("logfile.plist"); }
-    // The two wait their turn: the first one is over, and all that was asked for before, when the second one has begun.
+    // The housekeeping queue is serial. An archived "last.log" shows that rotateLog has begun, so validateLogSize and
+    // all earlier work are done.
     void keepHouse() {
         write("last.log", 1, hours(30 * 24));
         Logger::getInstance().validateLogSize();
@@ -52,7 +53,7 @@ class LoggerTest : public ::testing::Test, protected testing::AgentFixture {
     }
 };
 
-TEST_F(LoggerTest, NothingInAMessageCanPassForALineOfItsOwn) {
+TEST_F(LoggerTest, MessageCannotImitateAnotherLine) {
     const std::string forged = "[2026-11-15 12:00:00 +0000][AgentServiceHandler][1:1][ERROR]stop called";
     const std::string plain = "{\n    a = (\n        \"b\"\n    );\n}\tcaf\xC3\xA9 [";
     const std::pair<std::string, std::string> cases[] = {
@@ -107,7 +108,7 @@ TEST_F(LoggerTest, NewDayUnknownCategoryOrForeignPathSwitchesToTheFilesOfTheDay)
     EXPECT_EQ(namesIn("."), (std::set<std::string>{"archive", "Config2026-11-15.log", "Config2026-11-16.log",
                                                    "Event2026-11-16.log"}));
     EXPECT_EQ(logged("today, too"), 1);
-    // A file of another day or outside the logs folder is not gone on with.
+    // A file of another day or outside the logs folder is not continued.
     for (const auto* stored : {"2026-11-15_3.log", "../conf/2026-11-16.log", "../../conf/2026-11-16.log"}) {
         fs::remove(file("Event2026-11-16.log"));
         setTable(std::string("../logs/") + stored);
@@ -118,12 +119,13 @@ TEST_F(LoggerTest, NewDayUnknownCategoryOrForeignPathSwitchesToTheFilesOfTheDay)
 }
 
 TEST_F(LoggerTest, FileAboveTheSizeLimitIsZippedAndTheLogContinuesUnderTheNextFreeNumber) {
-    // The present file and its size, a file that is there, maybe in a folder, and the file that the log goes on in.
+    // The current file and its size, another existing file (maybe in a folder), and the file in which the log
+    // continues.
     const std::tuple<std::string, std::uintmax_t, std::string, std::string> cases[] = {
         {"Event2026-11-15.log", kLimit, "x.log", "Event2026-11-15.log"},
         {"Event2026-11-15.log", kLimit + 1, "Event2026-11-15_1.log", "Event2026-11-15_2.log"},
         {"Event2026-11-15_4.log", kLimit + 1, "Event2026-11-15_5.log", "Event2026-11-15_6.log"},
-        // A folder in the way: the zip fails, and the file grows on.
+        // A folder has the name of the zip file: the zip fails, and the log continues in the same file.
         {"Event2026-11-15.log", kLimit + 1, "Event2026-11-15.zip/x", "Event2026-11-15.log"},
     };
     for (const auto& [current, size, there, next] : cases) {
@@ -156,7 +158,7 @@ TEST_F(LoggerTest, WakeArchivesLogsOlderThanAWeek) {
         write(name, 100, hours(24) * (name.starts_with("Config") ? 7 : 30));
     }
     fs::remove(file("archive"));
-    // The command takes until the test lets it go on.
+    // The zip command blocks until the test creates the file "go".
     const auto zip = volume().bin() / "zip";
     const auto go = volume().bin() / "go";
     std::ofstream(zip) << "#!/bin/sh\nuntil [ -e " << go << " ]; do sleep 0.01; done\nexec /usr/bin/zip \"$@\"\n";
@@ -200,7 +202,7 @@ TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileIntactAndIsReportedOncePe
         }
     }
     EXPECT_EQ(logged("late\r\n["), 4);
-    EXPECT_EQ(logged("2 lines could not be written when they came"), 2);
+    EXPECT_EQ(logged("2 lines could not be written earlier"), 2);
     const auto told = ::testing::internal::GetCapturedStderr();
     EXPECT_EQ(std::ranges::count(told, '\n'), 2) << told;
     EXPECT_TRUE(told.starts_with("The log cannot be written: ")) << told;

@@ -46,7 +46,7 @@ TEST_F(PropertyListHandlerTest, DamagedFileIsReportedAndKeptWhenItIsReplaced) {
     const std::string damaged[] = {"", "no property list at all", whole.substr(0, whole.size() / 2),
                                    binaryList().substr(0, binaryList().size() - 3),
                                    "<?xml version=\"1.0\"?><plist version=\"1.0\"><array/></plist>"};
-    // Loaded content that is written back replaces nothing.
+    // Unchanged content that is written back replaces nothing, so no copy is kept.
     write(damaged[4]);
     EXPECT_TRUE(PropertyListHandler::initWithFile(path_).WriteToProplist() && !fs::exists(kept_));
     int reports = 1;
@@ -57,7 +57,7 @@ TEST_F(PropertyListHandlerTest, DamagedFileIsReportedAndKeptWhenItIsReplaced) {
         EXPECT_EQ(logged("][ERROR]Property list " + path_ + " "), ++reports);
         EXPECT_TRUE(handler.GetValueForKey("key").isNull());
         handler.updateDictionary({{"key", "new"}});
-        // The folder goes by another path, too.
+        // Another path to the same folder.
         EXPECT_TRUE(handler.WriteToProplist("../conf/a.plist"));
         EXPECT_EQ(stored(), (Dictionary{{"key", "new"}}));
         EXPECT_TRUE(handler.WriteToProplist() && handler.isWritten());
@@ -74,7 +74,7 @@ TEST_F(PropertyListHandlerTest, FailedWriteKeepsTheOldContentAndIsOnlyLogged) {
     EXPECT_FALSE(PropertyListHandler::change(path_, "key", "\xFF is not UTF-8"));
     EXPECT_EQ(read(path_), "garbage");
 
-    // Damaged bytes from elsewhere do not make a good file a damaged one.
+    // Writing damaged bytes from elsewhere over a good file keeps no copy: the file is not damaged.
     store({{"key", "old"}});
     fs::remove(kept_);
     auto garbage = PropertyListHandler::initWithData(Data{1, 2, 3});
@@ -83,9 +83,9 @@ TEST_F(PropertyListHandlerTest, FailedWriteKeepsTheOldContentAndIsOnlyLogged) {
     EXPECT_FALSE(fs::exists(kept_) || PropertyListHandler::initWithData(std::nullopt).WriteToProplist(path_));
 }
 
-TEST_F(PropertyListHandlerTest, JsonTextKeepsItsStructureInAsciiAndIsNothingForDates) {
+TEST_F(PropertyListHandlerTest, JsonTextIsAsciiWithItsStructureAndAbsentForDates) {
     PropertyListHandler handler;
-    // Wide forms of the quote and the backslash.
+    // The full-width forms of the quotation mark and the backslash.
     handler.updateDictionary({{"a", "\xEF\xBC\x82,\xEF\xBC\x82 b\xEF\xBC\x82:1\xEF\xBC\xBC"}});
     const auto json = handler.getPlistAsJsonString().value_or("");
     const auto parsed = Json::parse(json);

@@ -18,8 +18,8 @@ class ShippedConfigurationTest : public ::testing::Test, protected AgentFixture 
     }
 };
 
-TEST_F(ShippedConfigurationTest, ExamplesAreReadAsTheyAreMeant) {
-    // The fixture has the keys that the agent knows.
+TEST_F(ShippedConfigurationTest, ExampleFilesAreReadAsIntended) {
+    // The fixture has all keys that the agent knows.
     const std::tuple<const char*, Dictionary, std::size_t> files[] = {{"Serverinfo.plist", serverInfo, 15},
                                                                       {"myconfigurations.plist", myConfigurations, 4}};
     for (const auto& [name, known, count] : files) {
@@ -38,14 +38,14 @@ TEST_F(ShippedConfigurationTest, ExamplesAreReadAsTheyAreMeant) {
     EXPECT_EQ(configuration.agentPort(), 8443);
     EXPECT_TRUE(configuration.isEnabled() && configuration.isRealTime() &&
                 configuration.snapshot()->relay() != Relay::named);
-    // The fixture's list is that of all known events.
+    // The fixture lists all known events.
     EXPECT_EQ(configuration.eventsToRead(), serverInfo["EventsToRead"].description());
     EXPECT_EQ(configuration.noOfEventsPerRequest(), 100);
     EXPECT_EQ(configuration.timeStampOfLastEvent().integerValue(), 0);
     EXPECT_EQ(configuration.agentVersion(), "1.0.0");
 }
 
-TEST_F(ShippedConfigurationTest, JobRunsTheAgentAsItMustBeRun) {
+TEST_F(ShippedConfigurationTest, LaunchdJobRunsTheAgentAsRequired) {
     const std::string label = "com.kelvark.vantorix.sentrova.agent";
     const auto job = *PropertyListHandler::initWithFile(packaged("macos/" + label + ".plist")).dictionary();
     const auto folder = job["WorkingDirectory"].description();
@@ -55,14 +55,14 @@ TEST_F(ShippedConfigurationTest, JobRunsTheAgentAsItMustBeRun) {
                                  {"UserName", "root"},
                                  {"KeepAlive", true},
                                  {"RunAtLoad", true},
-                                 // Launchd makes no folder for it, so not in one that can be missing.
+                                 // A folder that always exists, because launchd does not create it.
                                  {"StandardErrorPath", "/var/log/" + label + ".log"},
                                  {"Umask", 077}};
     for (const auto& [key, value] : expected) {
         EXPECT_EQ(job[key], value) << key;
     }
     EXPECT_GE(job["ThrottleInterval"].integerValue(), 10);
-    // Longer than any wait of the agent's own while it stops.
+    // Longer than the longest wait of the agent while it stops.
     EXPECT_GT(job["ExitTimeOut"].integerValue(), 10);
 }
 

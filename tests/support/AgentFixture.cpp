@@ -48,7 +48,7 @@ void AgentFixture::endAgent() {
     }
     session().forget();
     agent_->endThreads();
-    // What a task's last request was answered with.
+    // The answer to the latest request of a task.
     session().settle();
     agent_.reset();
 }

@@ -1,5 +1,5 @@
-// An agent for one test: a system volume, an installation as the working directory, a host with a clock that stands
-// still, and an Agent as fresh as after a start.
+// An agent for one test: a system volume, an installation as the working directory, a host with a stopped clock, and a
+// newly started Agent.
 
 #pragma once
 
@@ -13,10 +13,10 @@
 
 namespace sentrova::testing {
 
-// For one at a time in a process: it changes the working directory, the zone (UTC) and the environment, and puts them
-// back. The installation has a configuration that collects every known event and logs at level 2; requests go to a
-// session that answers nothing until it is told to. The agent has begun to log and knows the time of the last event;
-// nothing else has begun: see Agent::initialize.
+// One per process at a time: it changes the working directory, the time zone (UTC) and the environment, and restores
+// them. The configuration collects every known event and logs at level 2. Requests go to a FakeUrlSession, which
+// answers only when the test says so. The agent logs and knows the time of the last event; nothing else is running yet:
+// see Agent::initialize.
 class AgentFixture {
   public:
     AgentFixture();
@@ -30,25 +30,24 @@ class AgentFixture {
     TestHost& host() { return host_; }
     Agent& agent() { return *agent_; }
 
-    // What writeConfiguration writes into the files.
+    // The content that writeConfiguration writes to the files.
     Dictionary serverInfo;
     Dictionary myConfigurations;
     Dictionary schedules;
     void writeConfiguration();
 
-    // Destroys the agent and makes another from the files, as the end of the process and a new start would.
+    // Destroys the agent and creates a new one from the files, like a restart of the process.
     void restart();
     // The same after writeConfiguration.
     void restartConfigured();
-    // What the tasks of agents that are made from now on may run.
+    // The task classes of agents created from now on.
     TaskRegistry::Classes taskClasses = Agent::taskClasses();
 
-    // All lines of a category's log of the present day.
+    // All lines in a category's log of the current day.
     std::string log(std::string_view category = "Config") const;
-    // How many times the text occurs in it.
+    // How many times the text occurs in that log.
     int logged(std::string_view text, std::string_view category = "Config") const;
 
-    // Destroys the agent.
     void endAgent();
 
   private:

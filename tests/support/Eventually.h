@@ -1,4 +1,4 @@
-// Waits for what other threads bring about.
+// Waits for an effect of other threads.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace sentrova::testing {
 
-// Waits until the condition holds; false when it does not within a minute.
+// Waits until the condition holds. Returns false after a minute.
 [[nodiscard]] inline bool eventually(const std::function<bool()>& condition) {
     const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     while (!condition()) {

@@ -1,4 +1,4 @@
-// A session without a network: it keeps the requests and gives the answers that a test tells it to.
+// A session without a network. It records the requests and gives the answers that the test chooses.
 
 #pragma once
 
@@ -11,7 +11,7 @@
 
 namespace sentrova::testing {
 
-// Completions run one after another on a queue of the session's own, as those of the real one do. Safe from any thread.
+// Completions run one after another on the session's own queue, as in the real session. Safe from any thread.
 class FakeUrlSession final : public UrlSession {
   public:
     // The clock must outlive the session.
@@ -24,7 +24,7 @@ class FakeUrlSession final : public UrlSession {
     struct Answer {
         int status = 200;
         std::string body = "{}";
-        // An error instead of the answer.
+        // If set, the completion receives this error and no answer.
         std::optional<Error> error = {};
     };
 
@@ -49,8 +49,8 @@ class FakeUrlSession final : public UrlSession {
         }
     }
 
-    // Answers every request from now on, when it comes, with what the function says; requests for which it has no
-    // answer wait for `answer`. Those that it answers are on record only where they are to be kept.
+    // From now on, answers each new request with the responder's result. Without a result, the request waits for
+    // `answer`. Answered requests are recorded only if `keepsRequests` is true.
     using Responder = std::function<std::optional<Answer>(const Sent&)>;
     void respondWith(Responder responder, bool keepsRequests = true) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
@@ -58,7 +58,7 @@ class FakeUrlSession final : public UrlSession {
         keepsRequests_ = keepsRequests;
     }
 
-    // Answers the request of this number (from 0), which must have come and wait. Does not wait for the completion.
+    // Answers the waiting request with this number (from 0). Does not wait for the completion.
     void answer(std::size_t number, const Answer& answer) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         auto completion = std::exchange(waiting_.at(number), nullptr);
@@ -68,12 +68,12 @@ class FakeUrlSession final : public UrlSession {
         }
     }
 
-    // All requests, in their order.
+    // All recorded requests, in their order.
     std::vector<Sent> sent() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return sent_;
     }
-    // False when there are not that many within a minute.
+    // Returns false if fewer requests are recorded after a minute.
     [[nodiscard]] bool waitForRequests(std::size_t count) EXCLUDES(mutex_) {
         const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
         MutexLock lock(mutex_);
@@ -83,12 +83,12 @@ class FakeUrlSession final : public UrlSession {
         return sent_.size() >= count;
     }
 
-    // Waits until the completions that have been started are over.
+    // Waits until all queued completions have run.
     void settle() {
         delegateQueue_.sync([] {});
     }
 
-    // Drops the completions of unanswered requests; the requests stay on record.
+    // Drops the completions of unanswered requests and keeps the requests.
     void forget() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         std::vector<Completion> dropped(waiting_.size());
@@ -98,7 +98,7 @@ class FakeUrlSession final : public UrlSession {
         settle();
     }
 
-    // As after the constructor: no requests on record, no responder.
+    // Removes all recorded requests and the responder.
     void startAnew() EXCLUDES(mutex_) {
         forget();
         respondWith(nullptr);

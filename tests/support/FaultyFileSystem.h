@@ -1,4 +1,4 @@
-// The host's files with single calls that fail on demand, below all that repeats a call or cleans up after one.
+// The host's file system, in which a single system call can be made to fail, below all retries and clean-up.
 
 #pragma once
 
@@ -13,37 +13,37 @@
 
 namespace sentrova::testing {
 
-// Takes the place of the fixture's file system for its lifetime. Safe from any thread.
+// Replaces the fixture's file system as long as the object lives. Safe from any thread.
 class FaultyFileSystem final : public platform::HostFileSystem {
   public:
     enum Call : std::size_t { kOpen, kRead, kWrite, kFlush, kRename, kRemove, kStatus, kList, kCalls };
 
     struct Fault {
         Call call = kOpen;
-        // What the call answers in errno; 0 only for a short write.
+        // The errno of the failing call; 0 only for a short write.
         int error = 0;
-        // A write takes half of its bytes; the next one meets the error, if there is one.
+        // The write stores half of its bytes. The next write fails with `error`, unless that is 0.
         bool isShort = false;
-        // Which call of its kind meets it, from 1; 0 for none.
+        // The number of the failing call among the calls of its kind, from 1; 0 for none.
         std::size_t number = 0;
     };
 
-    // Only calls on paths that the function says yes to are counted and fail.
+    // Counts only calls on paths for which the function returns true, and only these fail.
     explicit FaultyFileSystem(std::function<bool(const std::string& path)> concerns) : concerns_(std::move(concerns)) {}
 
-    // Counts from 0 again.
+    // Sets the fault and resets the counts.
     void arm(const Fault& fault) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         fault_ = fault;
         calls_ = {};
         met_.clear();
     }
-    // The calls since the last arm, or the beginning.
+    // The number of calls by kind since the latest arm.
     std::array<std::size_t, kCalls> calls() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return calls_;
     }
-    // The path whose call has failed; empty while none has.
+    // The path of the failed call. Empty while no call has failed.
     std::string met() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return met_;
@@ -70,7 +70,7 @@ class FaultyFileSystem final : public platform::HostFileSystem {
                    ? -1
                    : HostFileSystem::hostWrite(descriptor, verdict == Verdict::isShort ? half : content);
     }
-    // No test outlives a loss of power.
+    // Does not flush: no test simulates a power loss.
     int hostFlush(int descriptor) override { return fails(kFlush, pathOf(descriptor)) ? -1 : 0; }
     int hostRename(const Location& from, const Location& to) override {
         return fails(kRename, to.path) ? -1 : HostFileSystem::hostRename(from, to);
@@ -90,14 +90,14 @@ class FaultyFileSystem final : public platform::HostFileSystem {
 
   private:
     enum class Verdict { passes, fails, isShort };
-    // Counts the call; errno is set for one that fails.
+    // Counts the call, and sets errno for a failing one.
     Verdict judge(Call call, const std::string& path) EXCLUDES(mutex_) {
         if (!concerns_(path)) {
             return Verdict::passes;
         }
         MutexLock lock(mutex_);
         const auto number = ++calls_[call];
-        // A short write that is followed by an error is two calls.
+        // A short write with an error is two calls: the second one fails.
         const bool isSecond = fault_.isShort && fault_.error != 0 && number == fault_.number + 1;
         if (call != fault_.call || fault_.number == 0 || (number != fault_.number && !isSecond)) {
             return Verdict::passes;
@@ -118,7 +118,7 @@ class FaultyFileSystem final : public platform::HostFileSystem {
     std::array<std::size_t, kCalls> calls_ GUARDED_BY(mutex_) = {};
     std::string met_ GUARDED_BY(mutex_);
     std::map<int, std::string> opened_ GUARDED_BY(mutex_);
-    // Last: calls come from now on.
+    // The last member, because calls arrive as soon as it is constructed.
     const SwitchedFileSystem::Replacement replacement_{*this};
 };
 

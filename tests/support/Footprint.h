@@ -1,4 +1,4 @@
-// What this process takes up.
+// The memory of this process.
 
 #pragma once
 
@@ -18,7 +18,7 @@ struct Footprint {
 
     std::size_t descriptors = entriesOf("/proc/self/fd");
     std::size_t threads = entriesOf("/proc/self/task");
-    // Bytes that are allocated and not freed; 0 under a sanitizer, which allocates by itself.
+    // The number of allocated bytes. 0 under a sanitizer, which has its own allocator.
     std::size_t memory = ::mallinfo2().uordblks;
 };
 

@@ -39,8 +39,8 @@ class ManualClock final : public Clock {
         return std::erase_if(timers_, [timer](const auto& entry) { return entry.first.second == timer; }) > 0;
     }
 
-    // Moves both clocks; every timer that comes due meanwhile runs on this thread, at its time and in order, those that
-    // are set on the way among them.
+    // Moves both clocks forward. Every timer that falls due runs on this thread, in order and with the clocks at its
+    // due time. Timers set meanwhile run too.
     void advance(Duration duration) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         const auto target = monotonic_ + duration;
@@ -55,19 +55,19 @@ class ManualClock final : public Clock {
         moveToLocked(target);
     }
 
-    // Makes so many calls of schedule throw, as where the host has no thread left.
+    // Makes the next `calls` calls of schedule throw, as if the host refused the clock's thread.
     void refuse(int calls) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         refusals_ = calls;
     }
 
-    // Takes the next timer off, as a clock does that is about to call it; it can no longer be cancelled.
+    // Removes the next timer and returns its function, like a clock that is about to call it: cancel comes too late.
     std::function<void()> takeNext() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return std::move(timers_.extract(timers_.begin()).mapped());
     }
 
-    // Moves the wall clock alone, as a person or a time server does.
+    // Sets only the wall clock, as a person or a time server does.
     void setWallTime(Date date) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         wall_ = date;
@@ -78,8 +78,7 @@ class ManualClock final : public Clock {
         return timers_.size();
     }
 
-    // Blocks until some thread waits for, or has asked to be called at, a time exactly this far away. Fails a test that
-    // waits in vain by returning false after a minute.
+    // Blocks until a timer is set that is due in exactly `delay` from now. Returns false after a minute.
     [[nodiscard]] bool awaitTimerIn(Duration delay) EXCLUDES(mutex_) {
         const auto giveUp = std::chrono::steady_clock::now() + std::chrono::minutes(1);
         MutexLock lock(mutex_);

@@ -1,4 +1,4 @@
-// A byte source over bytes in memory that hands them out in given portions, as a pipe does.
+// A byte source over bytes in memory. It returns them in portions of given sizes, as a pipe does.
 
 #pragma once
 
@@ -12,7 +12,8 @@ namespace sentrova::testing {
 
 class MemorySource final : public bsm::ByteSource {
   public:
-    // The sizes of the first portions; the last one goes for all that follow. None: as much as is asked for.
+    // `portions` are the sizes of the first reads; the last size applies to all further reads. Without sizes, each read
+    // returns as much as it asks for.
     explicit MemorySource(Data bytes, std::vector<std::size_t> portions = {})
         : bytes_(std::move(bytes)), portions_(std::move(portions)) {}
 
@@ -30,11 +31,11 @@ class MemorySource final : public bsm::ByteSource {
         return static_cast<std::ptrdiff_t>(count);
     }
 
-    // From now on the bytes end in an error.
+    // From now on, the end of the bytes is an error.
     void failAtEnd() { fails_ = true; }
 
     std::size_t reads() const { return reads_; }
-    // How many bytes the last read had room for.
+    // The size of the buffer of the latest read, in bytes.
     std::size_t room() const { return room_; }
 
   private:

@@ -20,13 +20,14 @@ namespace {
 
 constexpr std::chrono::milliseconds kBetweenLooks{5};
 
-// Starts in the folder of the first word, with the volume of the second, the program of the third.
+// Arguments: 1. the working directory, 2. the system volume, 3. the program, 4. not empty to run as root of a
+// namespace.
 constexpr const char* kScript = R"(cd "$1" && export SENTROVA_SYSTEM_VOLUME="$2" TZ=UTC && exec ${4:+unshare -r} "$3")";
 
 }  // namespace
 
 std::optional<std::string> whyNoAgentRuns() {
-    // What unshare says about the cause goes to standard error.
+    // If unshare fails, it prints the cause on standard error.
     if (::geteuid() == 0 || std::system("unshare -r true") == 0) {
         return std::nullopt;
     }

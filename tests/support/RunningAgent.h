@@ -1,4 +1,4 @@
-// The agent's program, run as the service manager runs it.
+// Runs the agent's program as the service manager does.
 
 #pragma once
 
@@ -12,24 +12,24 @@
 
 namespace sentrova::testing {
 
-// Why no agent can be started here, in words for a person; nothing when one can. An ordinary user needs a user
-// namespace.
+// Why no agent can be started on this machine, in words for people. Absent if one can. A user other than root needs
+// user namespaces.
 std::optional<std::string> whyNoAgentRuns();
 
-// As root, with the installation's bin/ as its working directory; an ordinary user becomes root of a namespace of its
-// own.
+// Runs as root, in the installation's bin/. A user other than root becomes root of a new user namespace.
 class RunningAgent {
   public:
     RunningAgent(const std::filesystem::path& program, const SystemVolume& volume);
-    // Kills what still runs.
+    // Kills the agent if it still runs.
     ~RunningAgent();
     RunningAgent(const RunningAgent&) = delete;
     RunningAgent& operator=(const RunningAgent&) = delete;
 
     void signal(int number) const;
-    // The exit status; 128 and the number for a signal's end. Nothing when it has not ended within the time.
+    // The exit status, or 128 plus the number of the signal that ended the agent. Absent if the agent has not ended
+    // within the time.
     std::optional<int> wait(std::chrono::milliseconds time = std::chrono::minutes(1));
-    // SIGTERM, and wait.
+    // Sends SIGTERM, then waits.
     std::optional<int> stop(std::chrono::milliseconds time = std::chrono::minutes(1));
 
     pid_t process() const { return process_; }
@@ -39,17 +39,17 @@ class RunningAgent {
     std::optional<int> status_;
 };
 
-// What `Serverinfo.plist` holds for a server on loopback that has the port for its agent and product connectors and as
-// a relay; its three names differ as texts.
+// The content of `Serverinfo.plist` for a server on loopback. The port is that of the agent connector, the product
+// connector and the relay. The three host names are different texts for loopback.
 Dictionary loopbackConfiguration(int port);
 
-// Looks at the condition until it holds, which other processes bring about; false when it does not within the time.
+// Polls until the condition holds. For effects of other processes. Returns false after the time.
 [[nodiscard]] bool waitUntil(const std::function<bool()>& condition,
                              std::chrono::milliseconds time = std::chrono::minutes(1));
 
-// The text of all files of a category in the installation's logs folder.
+// The text of all log files of a category in the installation.
 std::string logOf(const SystemVolume& volume, std::string_view category);
-// False when the text is not in the category's log within the time.
+// Waits until the text is in the category's log. Returns false after the time.
 [[nodiscard]] bool waitForLog(const SystemVolume& volume, std::string_view category, std::string_view text,
                               std::chrono::seconds time = std::chrono::seconds(60));
 

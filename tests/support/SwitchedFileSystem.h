@@ -1,4 +1,4 @@
-// A file system in whose place a test may put another for a while.
+// A file system that a test can replace by another for a while.
 
 #pragma once
 
@@ -9,10 +9,10 @@
 
 namespace sentrova::testing {
 
-// Passes every call on to the host's file system, or to the one that replaces it in this process.
+// Forwards every call to the host's file system, or to its replacement.
 class SwitchedFileSystem final : public FileSystem {
   public:
-    // Takes the place of the host's file system for its lifetime.
+    // Replaces the host's file system as long as the object lives.
     class Replacement {
       public:
         explicit Replacement(FileSystem& by) : former_(replacement_.exchange(&by)) {}

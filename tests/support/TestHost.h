@@ -1,5 +1,5 @@
-// A host for tests: a clock moved by hand, a session without a network, files that a test may replace, and the rest as
-// it is.
+// A host for tests: a manual clock, a session without a network, a file system that a test can replace, and the real
+// implementation of everything else.
 
 #pragma once
 
@@ -23,7 +23,7 @@ class TestHost {
     const std::unique_ptr<Encodings> encodings = platform::makeIcuEncodings();
     const std::unique_ptr<DateLibrary> dates = platform::makeIcuDates();
 
-    // What the host has in the place of its own, where a test gives one.
+    // Replace the host's own objects if a test sets them.
     UrlSession* otherSession = nullptr;
     platform::Directory* otherDirectory = nullptr;
 

@@ -1,4 +1,4 @@
-// Threads that are refused, and exceptions that nobody takes.
+// For tests: refuses threads, and collects the reports of unhandled exceptions.
 
 #pragma once
 
@@ -16,7 +16,7 @@
 
 namespace sentrova::testing {
 
-// Refuses every thread for as long as it lives.
+// Refuses every thread as long as the object lives.
 class ThreadShortage final : public Threads {
   public:
     std::thread start(const std::function<void()>&) override {
@@ -27,10 +27,10 @@ class ThreadShortage final : public Threads {
     const Current<Threads>::Publication publication_{*this};
 };
 
-// Takes the reports for as long as it lives.
+// Collects the reports as long as the object lives.
 class Reports final : public UnhandledExceptions {
   public:
-    // Calls the function for each report as well.
+    // Also calls the function for each report.
     explicit Reports(std::function<void()> function = [] {}) : function_(std::move(function)) {}
 
     void report(std::string_view where, std::string_view what) override EXCLUDES(mutex_) {
@@ -41,7 +41,7 @@ class Reports final : public UnhandledExceptions {
         function_();
     }
 
-    // Each as "WHERE: WHAT".
+    // The reports, each as "WHERE: WHAT".
     std::vector<std::string> texts() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         return texts_;

@@ -1,4 +1,4 @@
-// An open file descriptor; closed when it goes out of scope.
+// Owns an open file descriptor and closes it in its destructor.
 
 #pragma once
 
@@ -24,7 +24,7 @@ class FileDescriptor {
     FileDescriptor& operator=(const FileDescriptor&) = delete;
     ~FileDescriptor() { reset(); }
 
-    // The number, or -1 when nothing is open.
+    // The number; -1 if nothing is open.
     int get() const { return number_; }
     explicit operator bool() const { return number_ >= 0; }
 

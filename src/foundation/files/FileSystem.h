@@ -1,12 +1,12 @@
-// The files and folders of the host, behind one interface.
+// The host's files and folders, behind one interface.
 //
-// Paths are bytes as the host takes them. What this creates is for its owner only, whatever the process's umask. Safe
-// from any thread.
+// Paths are bytes in the host's form. Only the owner has permissions on new files and folders, whatever the process's
+// umask. A failure is returned as an Error with an errno value. Safe from any thread.
 //
-// Symbolic links: status, openForReading and names are for what belongs to the system and follow every link. All other
-// calls are for the agent's own files. They follow a link in the place of a file, or of the folder it is in, only when
-// the process's user owns the link and is the only one who can write to the folder that holds it; nobody else can have
-// made such a link. Any other link fails with ELOOP. The folders further up the path are followed as the host does.
+// Symbolic links: status, openForReading and names are for files of the system and follow every link. All other calls
+// are for the agent's own files. They follow a link (the file itself, or the folder it is in) only if the process's
+// user owns the link and nobody else can write to the folder that holds it. Nobody else can have created such a link.
+// Any other link fails with ELOOP. Links further up the path are followed as the host does.
 
 #pragma once
 
@@ -27,7 +27,7 @@ namespace sentrova {
 
 struct FileStatus {
     std::uint64_t size = 0;
-    // What the content takes up on the volume.
+    // In bytes, on the volume.
     std::uint64_t allocatedSize = 0;
     Date modificationDate;
     uid_t owner = 0;
@@ -36,73 +36,74 @@ struct FileStatus {
     bool isFolder = false;
     bool isRegular = false;
     bool isSymbolicLink = false;
-    // Tells a file from another that took its name.
+    // The inode number: differs from that of another file that later gets the same name.
     std::uint64_t identity = 0;
 };
 
-// What a call that has no other result answers when it succeeded.
+// The result of a call that succeeds without a value.
 struct Done {};
 
 class FileSystem {
   public:
-    // Files the agent reads whole are configuration and spool; nothing of its own comes near this.
+    // The largest file that read and readText accept, in bytes. Configuration and spool files are far smaller.
     static constexpr std::size_t kMaximumRead = 256 * 1024 * 1024;
 
     virtual ~FileSystem() = default;
 
-    // The status of what the path names, symbolic links followed; linkStatus is that of the link itself.
+    // `status` follows symbolic links; `linkStatus` gives the status of the link itself.
     virtual Result<FileStatus> status(const std::string& path) = 0;
     virtual Result<FileStatus> linkStatus(const std::string& path) = 0;
-    // Never waits, and fails for anything but a regular file.
+    // Fails for anything but a regular file. Never blocks on a FIFO.
     virtual Result<FileDescriptor> openForReading(const std::string& path) = 0;
-    // A regular file's whole content, as bytes and as text; whether that is UTF-8 is not looked at.
+    // The whole content of a regular file, as bytes or as text. The text is not checked for UTF-8.
     virtual Result<Data> read(const std::string& path) = 0;
     virtual Result<std::string> readText(const std::string& path) = 0;
 
-    // Writes a temporary file beside the target and renames it, so that the path names either the old content or the
-    // new one, whole. With `flushed` it also survives a loss of power. Of a link that is followed the target is
-    // replaced; any other link in the file's place is replaced itself.
+    // Writes a temporary file beside the target and renames it. So the path always names a complete file, the old one
+    // or the new one. With `flushed` the new content also survives a power loss. If the path is a link that is
+    // followed, the link's target is replaced; any other link is itself replaced.
     enum class Durability { renamed, flushed };
     virtual Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
                                          Durability durability) = 0;
-    // Appends in one write; makes the file when there is none. A failed append takes back what it wrote, unless the
-    // host refuses that as well.
+    // Appends in one write and creates a missing file. A failed append removes the part that it wrote, unless the host
+    // refuses that too.
     virtual Result<Done> append(const std::string& path, std::string_view text) = 0;
-    // Whether the file's last byte is a line feed; also true for a missing or empty file.
+    // Whether the last byte of the file is a line feed. True for a missing or empty file.
     virtual Result<bool> endsWithLineFeed(const std::string& path) = 0;
     virtual Result<Done> createFile(const std::string& path) = 0;
-    // Locks a file, which is made when there is none, until the descriptor is closed or the process ends, however it
-    // ends. Fails with EWOULDBLOCK while the file is locked by anybody else. The content, which it is given then, only
-    // tells who holds the lock: a full disk may leave the file empty.
+    // Locks the file, creating a missing one, until the descriptor is closed or the process ends in any way. Fails with
+    // EWOULDBLOCK while somebody else holds the lock. Then writes the content, which tells people who holds the lock. A
+    // full disk may leave the file empty; the lock holds all the same.
     virtual Result<FileDescriptor> lock(const std::string& path, std::string_view content) = 0;
-    // Without its parent folders.
+    // Does not create parent folders.
     virtual Result<Done> createFolder(const std::string& path) = 0;
     // Removes group and other permissions from an existing file.
     virtual Result<Done> restrictToOwner(const std::string& path) = 0;
-    // A folder is removed with everything in it, a symbolic link as the link it is.
+    // Removes a folder with all its content. Removes a symbolic link and not its target.
     virtual Result<Done> remove(const std::string& path) = 0;
-    // Fails when the destination exists. A symbolic link is moved as the link it is. To another volume a regular file
-    // is copied under a temporary name, flushed, renamed and then removed here, with its modification date kept; when
-    // any of that fails, the file is where it was and nothing is at the destination.
+    // Fails if the destination exists. Moves a symbolic link and not its target. Across volumes only a regular file can
+    // be moved: it is copied to a temporary name, flushed, renamed, and then removed at the source. The modification
+    // date is kept. If a step fails, the file stays where it was and the destination does not exist.
     virtual Result<Done> move(const std::string& from, const std::string& to) = 0;
-    // The names in a folder, hidden ones included, in the order the host gives.
+    // The names in a folder, hidden ones included, in the host's order.
     virtual Result<std::vector<std::string>> names(const std::string& folder) = 0;
 
-    // The same for a folder of the agent's own.
+    // The same for one of the agent's own folders.
     virtual Result<std::vector<std::string>> ownNames(const std::string& folder) = 0;
-    // Fails when there is no such folder, or a link in its place that is not followed.
+    // Fails if the folder is missing or is a link that is not followed.
     virtual Result<Done> checkOwnFolder(const std::string& folder) = 0;
-    // Fails when the path, or the folder it is in, is a symbolic link that is not followed; not when there is nothing.
-    // For paths that are handed to other programs, which follow every link.
+    // Fails if the path, or the folder it is in, is a symbolic link that is not followed. Succeeds for a missing file.
+    // Check with it any path that is passed to another program, because other programs follow every link.
     virtual Result<Done> checkLinks(const std::string& path) = 0;
 
-    // One read of the host, from a file opened for it: how many bytes it gave, or -1 and errno. Neither repeats an
-    // interrupted call nor fills up a short one.
+    // Calls the host's read once. Returns the number of bytes, 0 at the end of the file, or -1 with errno set. The
+    // caller handles EINTR and short reads.
     virtual std::ptrdiff_t readOnce(int descriptor, std::span<std::uint8_t> into) = 0;
 
     bool exists(const std::string& path) { return static_cast<bool>(status(path)); }
 
-    // Whether the name is that of a temporary file of writeAtomically, left behind by a process that was killed.
+    // Whether the name is that of a temporary file of writeAtomically or move. A killed process leaves such files
+    // behind.
     virtual bool isTemporaryName(std::string_view name) const = 0;
 
   protected:

@@ -1,4 +1,4 @@
-// The URL of a file ("file:///private/var/event_1"), as notifications carry it and messages show it.
+// The URL of a file ("file:///private/var/event_1"), for notifications and log messages.
 
 #pragma once
 
@@ -12,12 +12,12 @@ class FileUrl {
   public:
     explicit FileUrl(std::string path) : path_(std::move(path)) {}
 
-    // Nothing when the text is not the URL of a file on this machine.
+    // Absent if the text is not the URL of a file on this machine.
     static std::optional<FileUrl> parse(std::string_view text);
 
     const std::string& path() const { return path_; }
     std::string lastPathComponent() const;
-    // The path with everything but unreserved characters and "/" percent-encoded, behind "file://".
+    // "file://" and the path. Characters other than "/" and the unreserved ones (RFC 3986) are percent-encoded.
     std::string absoluteString() const;
 
     friend bool operator==(const FileUrl&, const FileUrl&) = default;

@@ -10,7 +10,7 @@ namespace {
 constexpr std::string_view kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::uint8_t kNone = 0xFF;
 
-// The six bits that each character stands for; kNone for a character outside the alphabet.
+// The value (0 to 63) of each character; kNone for a character outside the alphabet.
 constexpr auto kDigits = [] {
     std::array<std::uint8_t, 256> digits{};
     digits.fill(kNone);

@@ -1,4 +1,4 @@
-// Base64 (RFC 4648, section 4: with "+" and "/", padded with "=").
+// Base64 (RFC 4648, section 4): with "+" and "/", padded with "=". Safe from any thread.
 
 #pragma once
 
@@ -12,10 +12,10 @@
 
 namespace sentrova {
 
-// In one line.
+// The text has no line breaks.
 std::string toBase64(std::span<const std::uint8_t> bytes);
 
-// Nothing for a text that is not base64 from end to end; blanks are not.
+// Absent unless the whole text is base64. Blanks and line breaks are not accepted.
 std::optional<Data> fromBase64(std::string_view text);
 
 }  // namespace sentrova

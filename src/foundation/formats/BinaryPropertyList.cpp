@@ -21,17 +21,17 @@ namespace {
 
 constexpr std::string_view kMagic = "bplist00";
 
-// At the end of the file: 6 bytes without meaning here, the sizes of an offset and of a reference (1 byte each), then
-// the number of objects, the root's number and the place of the table of offsets (8 bytes each).
+// The file ends with a trailer: 6 unused bytes; the sizes of an offset and of a reference (1 byte each); the number of
+// objects, the number of the root object and the position of the offset table (8 bytes each).
 constexpr std::size_t kTrailerSize = 32;
 
-// Dates count from the first instant of 2001, in UTC.
+// Dates count in seconds from 2001-01-01 00:00:00 UTC: this many seconds after 1970.
 constexpr double kReferenceDate = 978307200;
 
-// UTF-8 takes up to three bytes for what UTF-16 holds in two.
+// The limit for texts and data together. UTF-8 may need three bytes for two bytes of UTF-16.
 constexpr std::size_t kMaximumContent = PropertyList::kMaximumBytes + PropertyList::kMaximumBytes / 2;
 
-// The upper half of an object's first byte.
+// The upper four bits of an object's first byte: its kind.
 enum Marker : unsigned {
     kSimple = 0x0,
     kInteger = 0x1,
@@ -80,7 +80,7 @@ BinaryPropertyList::Object BinaryPropertyList::object(Number number) {
     }
     const auto at = bigEndian(objectsEnd_ + static_cast<std::size_t>(number) * offsetSize_, offsetSize_);
     if (at < kMagic.size() || at >= objectsEnd_) {
-        throw FormatError(fmt::format("Binary property list has an object {} outside of its objects", number));
+        throw FormatError(fmt::format("Binary property list has object {} outside its object area", number));
     }
     const unsigned marker = bytes_[static_cast<std::size_t>(at)];
     return object(static_cast<std::size_t>(at) + 1, marker >> 4, marker & 0xF);
@@ -130,7 +130,7 @@ Value BinaryPropertyList::simple(unsigned low) const {
 
 Value BinaryPropertyList::integer(std::size_t at, unsigned exponent) const {
     if (exponent <= 3) {
-        // Shorter ones are unsigned; eight bytes hold a sign.
+        // Integers of 1, 2 and 4 bytes are unsigned, those of 8 bytes signed.
         return static_cast<std::int64_t>(bigEndian(at, std::size_t{1} << exponent));
     }
     if (exponent != 4) {
@@ -157,7 +157,7 @@ Value BinaryPropertyList::real(std::size_t at, unsigned exponent) const {
 Value BinaryPropertyList::date(std::size_t at) const {
     const auto seconds = std::bit_cast<double>(bigEndian(at, 8));
     if (std::isnan(seconds)) {
-        throw FormatError("Binary property list has a date that is no number");
+        throw FormatError("Binary property list has a date that is not a number");
     }
     return dateFromEpoch(kReferenceDate + seconds);
 }
@@ -177,7 +177,7 @@ Value BinaryPropertyList::text(std::size_t at, std::uint64_t length) {
 }
 
 Value BinaryPropertyList::wideText(std::size_t at, std::uint64_t length) {
-    // The length counts units; one that does not fit into the file must not overflow on its way to bytes.
+    // The length counts units of two bytes. It is capped first, so that a huge one does not overflow when doubled.
     const auto bytes = content(at, std::min<std::uint64_t>(length, bytes_.size()) * 2);
     std::u16string units(bytes.size() / 2, u'\0');
     for (std::size_t i = 0; i < units.size(); ++i) {
@@ -193,9 +193,9 @@ Value BinaryPropertyList::wideText(std::size_t at, std::uint64_t length) {
 BinaryPropertyList::Object BinaryPropertyList::container(Object::Kind kind, std::size_t at, std::uint64_t count) {
     const std::size_t each = kind == Object::Kind::dictionary ? 2 : 1;
     if (at > objectsEnd_ || count > (objectsEnd_ - at) / (each * referenceSize_)) {
-        throw FormatError("Binary property list has a container that reaches beyond its objects");
+        throw FormatError("Binary property list has a container that reaches beyond its object area");
     }
-    // Counted before anybody makes room for so many.
+    // Checked before the caller reserves memory for so many.
     if (count * each > objectsLeft_) {
         throw FormatError(fmt::format("Binary property list has more than {} objects", PropertyList::kMaximumObjects));
     }
@@ -235,7 +235,7 @@ std::uint64_t BinaryPropertyList::bigEndian(std::size_t at, std::size_t size) co
 
 std::span<const std::uint8_t> BinaryPropertyList::content(std::size_t at, std::uint64_t length) {
     if (at > objectsEnd_ || length > objectsEnd_ - at) {
-        throw FormatError("Binary property list has an object that reaches beyond its objects");
+        throw FormatError("Binary property list has an object that reaches beyond its object area");
     }
     if (length > bytesLeft_) {
         throw FormatError(fmt::format("Binary property list has more than {} bytes of content", kMaximumContent));
@@ -252,7 +252,7 @@ Value BinaryPropertyList::value(Number number, std::size_t depth) {
     if (item.kind == Object::Kind::uid) {
         throw FormatError("Binary property list is a keyed archive");
     }
-    // A list that contains itself ends here too.
+    // Also stops at a container that contains itself.
     if (depth >= PropertyList::kMaximumDepth) {
         throw FormatError(fmt::format("Property list is nested deeper than {}", PropertyList::kMaximumDepth));
     }

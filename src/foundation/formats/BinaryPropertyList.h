@@ -1,9 +1,8 @@
-// A binary property list as the table of numbered objects that it is, read in place.
+// Reads a binary property list in place: a table of numbered objects.
 //
-// Objects refer to one another by number and may be shared, so that a short file can stand for an endless value. That
-// is why containers and texts count, in full, each time that they are read: beyond PropertyList's limits the reader
-// gives up.
-// Every function throws FormatError on malformed input.
+// Objects refer to one another by number and may be shared, so a short file can describe an endless value. Therefore
+// containers and texts count in full each time they are read, and the reader gives up beyond PropertyList's limits.
+// Every function throws FormatError on malformed input. For one thread at a time.
 
 #pragma once
 
@@ -20,17 +19,17 @@ class BinaryPropertyList {
   public:
     using Number = std::uint64_t;
 
-    // One object: a value of its own, a reference of a keyed archive, or a container of other objects.
+    // One object: a simple value, a reference inside a keyed archive, or a container of other objects.
     struct Object {
         enum class Kind { value, uid, array, dictionary };
 
         Kind kind = Kind::value;
         Value value;
-        // What a uid holds: an index into the archive's own table.
+        // Of a uid: an index into the archive's "$objects".
         std::uint64_t uid = 0;
-        // Elements of an array, entries of a dictionary.
+        // The number of elements in an array or entries in a dictionary.
         std::size_t count = 0;
-        // Where the container's references begin, in bytes.
+        // The position in the file, in bytes, of the container's references.
         std::size_t references = 0;
     };
 
@@ -49,7 +48,7 @@ class BinaryPropertyList {
         return reference(dictionary, dictionary.count + index);
     }
 
-    // The object with all that it refers to; throws at a uid, which has no value.
+    // The object with everything that it refers to. Throws on a uid, which has no value.
     Value value(Number number) { return value(number, 0); }
 
   private:
@@ -66,7 +65,7 @@ class BinaryPropertyList {
     Value wideText(std::size_t at, std::uint64_t length);
     Object container(Object::Kind kind, std::size_t at, std::uint64_t count);
 
-    // The length of what follows; moves the position past it.
+    // The length of the object's content. Advances the position if the length is stored behind the first byte.
     std::uint64_t length(std::size_t& at, unsigned low) const;
     Number reference(const Object& container, std::size_t index) const;
     std::uint64_t bigEndian(std::size_t at, std::size_t size) const;

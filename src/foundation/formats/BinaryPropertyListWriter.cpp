@@ -16,7 +16,7 @@ void appendBigEndian(std::uint64_t value, std::size_t size, Data& bytes) {
     }
 }
 
-// How many bytes numbers up to this one take, of the sizes that readers know.
+// The smallest size in bytes for numbers up to this one, among the sizes that readers know.
 std::size_t sizeFor(std::uint64_t largest) {
     return largest <= 0xFF ? 1 : largest <= 0xFFFF ? 2 : largest <= 0xFFFFFFFF ? 4 : 8;
 }
@@ -37,7 +37,7 @@ void BinaryPropertyListWriter::appendHead(unsigned kind, std::size_t length) {
 }
 
 void BinaryPropertyListWriter::appendInteger(std::int64_t value) {
-    // Only eight bytes hold a sign.
+    // Only integers of eight bytes are signed.
     const auto size = value < 0 ? 8 : sizeFor(static_cast<std::uint64_t>(value));
     bytes_.push_back(static_cast<std::uint8_t>(0x10 | std::countr_zero(size)));
     appendBigEndian(static_cast<std::uint64_t>(value), size, bytes_);

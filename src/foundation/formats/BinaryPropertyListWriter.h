@@ -1,4 +1,4 @@
-// Makes a binary property list out of objects, each added before those that contain it.
+// Writes a binary property list. Each object is added before the containers that hold it. For one thread at a time.
 
 #pragma once
 
@@ -14,7 +14,7 @@ namespace sentrova {
 
 class BinaryPropertyListWriter {
   public:
-    // The number of an object that was added.
+    // The number of an added object.
     using Number = std::uint32_t;
 
     Number addBoolean(bool value);
@@ -22,17 +22,18 @@ class BinaryPropertyListWriter {
     Number addReal(double value);
     // The text must be UTF-8.
     Number addText(std::string_view text);
-    // A keyed archive's reference to its own object of that index.
+    // A reference inside a keyed archive: an index into its "$objects".
     Number addUid(std::uint32_t index);
     Number addArray(const std::vector<Number>& elements);
     Number addDictionary(const std::vector<std::pair<Number, Number>>& entries);
 
-    // The bytes of the list whose root is the object.
+    // The bytes of the whole list, with the object as its root.
     Data finish(Number root) const;
 
   private:
     struct Object {
-        // Where its bytes and its references end; they begin where those of the object before end.
+        // The ends of the object's part of bytes_ and references_. The parts begin where those of the previous object
+        // end.
         std::size_t bytesEnd = 0;
         std::size_t referencesEnd = 0;
     };

@@ -1,5 +1,5 @@
-// What the readers and writers of data formats throw among themselves at what they cannot take. Results carry its text
-// to everybody else.
+// Thrown inside the readers and writers of data formats for input that they refuse. Their callers receive the text in a
+// Result.
 
 #pragma once
 

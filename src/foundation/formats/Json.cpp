@@ -17,7 +17,7 @@ namespace sentrova {
 
 namespace {
 
-// The platform's codes for a text that cannot be read and a value that cannot be written.
+// The platform's error codes for an unreadable text and for a value that cannot be written.
 constexpr std::int64_t kReadCorrupt = 3840;
 constexpr std::int64_t kWriteInvalid = 3851;
 
@@ -25,7 +25,7 @@ Error unreadable(std::string why) {
     return {kCocoaErrorDomain, kReadCorrupt, std::move(why)};
 }
 
-// Builds a Value from the parser's calls, without recursion. The names of the calls are the parser's.
+// Builds a Value from the parser's callbacks, without recursion. The parser defines the names of the callbacks.
 class ValueBuilder {
   public:
     explicit ValueBuilder(std::size_t depth) : maximumDepth_(depth) {}
@@ -52,7 +52,7 @@ class ValueBuilder {
 
     template <class Exception>
     bool parse_error(std::size_t position, const std::string&, const Exception& exception) {
-        // The reason without the parser's own prefix, and without the text that was read last: that may be a secret.
+        // Leaves out the parser's prefix, and the text that was read last, which may be a secret.
         constexpr std::size_t kLongestReason = 200;
         std::string_view reason = exception.what();
         reason = reason.substr(0, reason.find("; last read"));
@@ -69,7 +69,7 @@ class ValueBuilder {
   private:
     struct Open {
         Value container;
-        // Of the entry that comes next, in a dictionary.
+        // In a dictionary: the key of the next entry.
         std::string key;
     };
 
@@ -112,7 +112,7 @@ class ValueBuilder {
     std::string failure_;
 };
 
-// What a byte of a string asks of the writer.
+// The kinds of bytes in a string that need more than copying.
 constexpr std::uint8_t kEscaped = 1;
 constexpr std::uint8_t kBeyondAscii = 2;
 constexpr auto kByteKinds = [] {
@@ -127,8 +127,8 @@ constexpr auto kByteKinds = [] {
     return kinds;
 }();
 
-// Whether one of the bytes may ask something of the writer. A borrow can make an innocent byte look special, never the
-// reverse.
+// Whether one of the eight bytes may need more than copying. A borrow between bytes can give a false positive, never a
+// false negative.
 bool anySpecial(std::uint64_t bytes) {
     constexpr std::uint64_t kOnes = 0x0101010101010101U;
     constexpr std::uint64_t kHighBits = kOnes * 0x80;
@@ -138,7 +138,7 @@ bool anySpecial(std::uint64_t bytes) {
     return ((quotes | backslashes | controls | bytes) & kHighBits) != 0;
 }
 
-// Eight bytes at a time, the last eight whether or not some of them have been looked at.
+// Looks at eight bytes at a time. The last eight may overlap the ones before.
 bool isPlain(std::string_view text) {
     std::uint64_t eight = 0;
     if (text.size() < sizeof eight) {
@@ -165,7 +165,7 @@ std::uint8_t kindsOfBytes(std::string_view text) {
     return kinds;
 }
 
-// Appends values to one growing text. Its functions return false when a value cannot be written; where() then names it.
+// Appends values to one growing text. Its functions return false if a value cannot be written; refusal() then says why.
 class Writer {
   public:
     bool writeContainer(const Value& value, std::size_t depth) {
@@ -183,7 +183,7 @@ class Writer {
 
     std::string text() const { return fmt::to_string(text_); }
 
-    // Why the value was refused and where it is: "text that is not UTF-8 at .users[2].name".
+    // The reason and the position: "text that is not UTF-8 at .users[2].name".
     std::string refusal() const { return where_.empty() ? why_ : fmt::format("{} at {}", why_, where_); }
 
   private:
@@ -271,7 +271,7 @@ class Writer {
     }
 
     void appendEscaped(std::string_view string) {
-        // The letters of the short escapes, at the place of their control character.
+        // The letters of the short escapes, indexed by the control character.
         constexpr std::string_view kShort("\0\0\0\0\0\0\0\0btn\0fr", 14);
         text_.push_back('"');
         for (const char c : string) {
@@ -293,7 +293,7 @@ class Writer {
 
     void append(std::string_view text) { std::memcpy(extend(text.size()), text.data(), text.size()); }
 
-    // Makes the text longer; gives back where the new characters belong.
+    // Makes the text longer and returns the position of the new characters.
     char* extend(std::size_t characters) {
         const auto end = text_.size();
         text_.resize(end + characters);
@@ -305,7 +305,7 @@ class Writer {
         return false;
     }
 
-    // Room for an event without growing on the way.
+    // Large enough for most events without an allocation.
     fmt::basic_memory_buffer<char, 2048> text_;
     std::string where_;
     std::string why_;

@@ -1,6 +1,4 @@
-// JSON texts (RFC 8259) from and into values.
-//
-// Safe from any thread.
+// Converts between JSON texts (RFC 8259) and values. Safe from any thread.
 
 #pragma once
 
@@ -15,19 +13,20 @@ namespace sentrova {
 
 class Json {
   public:
-    // What a text may be at the most before it is refused: texts come from the network.
+    // Texts from the network beyond these limits are refused.
     struct Limits {
         std::size_t bytes = 16 * 1024 * 1024;
         std::size_t depth = 128;
     };
 
-    // The value of the text: UTF-8, a dictionary or array outermost. An integer beyond 64 bits becomes a real. Of equal
-    // keys the last one counts. Fails, with the reason, on anything else.
+    // The value of a text in UTF-8 whose root is a dictionary or an array. An integer beyond 64 bits becomes a real. Of
+    // equal keys the last one counts. Fails with the reason on anything else.
     static Result<Value> parse(std::string_view text, const Limits& limits);
     static Result<Value> parse(std::string_view text) { return parse(text, Limits()); }
 
-    // The value as compact JSON. Fails, naming the culprit, unless a dictionary or array is outermost, with no dates,
-    // no data, no infinite numbers, no text that is not UTF-8 and no nesting beyond what parse accepts below it.
+    // The value as compact JSON. Fails with the position of the offending value if the root is not a dictionary or an
+    // array, and on a date, data, an infinite number or NaN, text that is not UTF-8, or deeper nesting than parse
+    // accepts.
     static Result<std::string> write(const Value& value);
 };
 

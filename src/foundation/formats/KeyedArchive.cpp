@@ -21,14 +21,14 @@ namespace sentrova {
 
 namespace {
 
-// The platform's codes for an archive that cannot be read and an object that cannot be archived.
+// The platform's error codes for an unreadable archive and for an object that cannot be archived.
 constexpr std::int64_t kReadCorrupt = 4864;
 constexpr std::int64_t kWriteInvalid = 4866;
 
 constexpr std::string_view kArchiver = "NSKeyedArchiver";
 constexpr std::int64_t kVersion = 100000;
 
-// The archive's table begins with the object that stands for nothing; the root follows.
+// The first object in "$objects" stands for null, the second one is the root.
 constexpr std::uint32_t kNullIndex = 0;
 constexpr std::uint32_t kRootIndex = 1;
 
@@ -38,7 +38,7 @@ class Archiver {
 
     Data archive(const KeyedArchive::Content& content) {
         table_.push_back(list_.addText("$null"));
-        // The root contains all others and so comes last; its place is known before.
+        // Reserves the root's place. The root is written last, because it contains all other objects.
         table_.push_back(0);
         std::vector<Number> keys;
         std::vector<Number> entries;
@@ -97,7 +97,7 @@ class Archiver {
             {{text("NS.keys"), keysList}, {text("NS.objects"), valuesList}, {text("$class"), classReference()}});
     }
 
-    // A reference to the one description of the class that every dictionary here has.
+    // A reference to the class description that all dictionaries here share.
     Number classReference() {
         if (!class_) {
             const auto name = text("NSMutableDictionary");
@@ -107,7 +107,7 @@ class Archiver {
         return *class_;
     }
 
-    // A reference to the archived text; equal ones are archived once.
+    // A reference to the archived text. Equal texts are archived once.
     Number sharedText(const std::string& string) {
         if (const auto known = sharedTexts_.find(string); known != sharedTexts_.end()) {
             return known->second;
@@ -120,13 +120,13 @@ class Archiver {
         return reference;
     }
 
-    // The list's own object for a text of the format, which is no archived object.
+    // The number of a text that belongs to the format itself and so is not in "$objects".
     Number text(std::string_view string) {
         const auto known = texts_.find(string);
         return known != texts_.end() ? known->second : texts_.emplace(string, list_.addText(string)).first->second;
     }
 
-    // A reference to the object, which takes the next place in the archive's table.
+    // Appends the object to "$objects" and returns a reference to it.
     Number addToTable(Number object) {
         table_.push_back(object);
         return list_.addUid(static_cast<std::uint32_t>(table_.size() - 1));
@@ -176,7 +176,7 @@ class Unarchiver {
         Object objects;
     };
 
-    // An archived object has a handful of fields; more than that is no work of an archiver.
+    // Archived objects have only a few fields.
     static constexpr std::size_t kMaximumFields = 16;
 
     Fields fields(Number number) { return fields(list_.object(number)); }
@@ -204,11 +204,11 @@ class Unarchiver {
         return found->second;
     }
 
-    // The object that a reference means.
+    // The number of the object that a reference points to.
     Number referred(Number reference) {
         const auto uid = list_.object(reference);
         if (uid.kind != Object::Kind::uid || uid.uid >= table_.count || uid.uid == kNullIndex) {
-            throw FormatError("Keyed archive has a reference that leads nowhere");
+            throw FormatError("Keyed archive has a reference to a missing object");
         }
         return list_.element(table_, static_cast<std::size_t>(uid.uid));
     }
@@ -239,7 +239,7 @@ class Unarchiver {
         return entry;
     }
 
-    // A text or a number. Texts are stored plainly or as an object of their own.
+    // A text or a number. A text is stored directly, or as an archived object of a string class.
     Value value(Number number) {
         auto object = list_.object(number);
         if (object.kind == Object::Kind::dictionary) {

@@ -1,7 +1,9 @@
-// The keyed archive of a mutable dictionary with number keys, as the platform's archiver writes it: a binary property
-// list with "$archiver", "$version", "$top" and a table of "$objects" that refer to one another by index.
+// The keyed archive of a mutable dictionary with number keys, in the format of the Mac's NSKeyedArchiver: a binary
+// property list with "$archiver", "$version", "$top" and a table "$objects" whose objects refer to one another by
+// index.
 //
-// Written by us it opens on a Mac, and the reverse. Input is hostile, as in PropertyList. Safe from any thread.
+// A Mac can read the archives written here, and the reverse. Input is hostile, as in PropertyList. Safe from any
+// thread.
 
 #pragma once
 
@@ -18,11 +20,12 @@ class KeyedArchive {
   public:
     using Content = std::map<std::int64_t, Dictionary>;
 
-    // The entries may hold strings, numbers and booleans; anything else, and text that is not UTF-8, fails, naming it.
+    // The entries may hold strings, numbers and booleans. Fails with the key on any other value and on text that is not
+    // UTF-8.
     static Result<Data> archive(const Content& content);
 
-    // Fails with the reason on anything but the archive of a dictionary (mutable or not) from whole numbers to
-    // dictionaries.
+    // The archive must hold a dictionary (mutable or not) from whole numbers to dictionaries. Fails with the reason on
+    // anything else.
     static Result<Content> unarchive(std::span<const std::uint8_t> bytes);
 };
 

@@ -19,16 +19,15 @@ namespace sentrova {
 
 namespace {
 
-// The platform's codes for bytes that cannot be read and a value that cannot be written.
+// The platform's error codes for unreadable bytes and for a value that cannot be written.
 constexpr std::int64_t kReadCorrupt = 3840;
 constexpr std::int64_t kWriteInvalid = 3851;
 
-// U+FFFE and U+FFFF in UTF-8: the two characters beside control characters and surrogates that XML excludes.
+// U+FFFE and U+FFFF in UTF-8: XML excludes these two, beside control characters and surrogates.
 constexpr std::string_view kNoncharacterFFFE = "\xEF\xBF\xBE";
 constexpr std::string_view kNoncharacterFFFF = "\xEF\xBF\xBF";
 
-// Appends values to one growing text. Its functions return false when a value cannot be written; refusal() then says
-// why.
+// Appends values to one growing text. Its functions return false if a value cannot be written; refusal() then says why.
 class XmlWriter {
   public:
     bool writeDocument(const Value& root) {
@@ -44,7 +43,7 @@ class XmlWriter {
 
     Data take() const { return {text_.begin(), text_.end()}; }
 
-    // Why the value was refused and where it is: "a null value at .users[2].name".
+    // The reason and the position: "a null value at .users[2].name".
     std::string refusal() const { return where_.empty() ? why_ : fmt::format("{} at {}", why_, where_); }
 
   private:
@@ -137,7 +136,7 @@ class XmlWriter {
                     text_ += "&amp;";
                     break;
                 case '\r':
-                    // As it stands, a reader of XML makes a line feed of it.
+                    // XML readers turn a literal carriage return into a line feed.
                     text_ += "&#13;";
                     break;
                 default:
@@ -163,12 +162,12 @@ class XmlWriter {
     }
 
     bool writeDate(Date date) {
-        // In seconds: the first date of all has no beginning of its day.
+        // Splits seconds and not nanoseconds: midnight before the earliest date would be out of range.
         const auto seconds = std::chrono::floor<std::chrono::seconds>(date);
         const auto day = std::chrono::floor<std::chrono::days>(seconds);
         const std::chrono::year_month_day calendar(day);
         if (calendar.year() < std::chrono::year(0) || calendar.year() > std::chrono::year(9999)) {
-            return refuse("a date whose year has not four digits");
+            return refuse("a date whose year does not have four digits");
         }
         const std::chrono::hh_mm_ss time(seconds - day);
         writeLine("date", fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}Z", static_cast<int>(calendar.year()),
@@ -178,7 +177,7 @@ class XmlWriter {
     }
 
     void writeData(const Data& data, std::size_t depth) {
-        // A multiple of three bytes makes a line without padding.
+        // A multiple of three, so that only the last line is padded.
         constexpr std::size_t kBytesInLine = 57;
         text_ += "<data>\n";
         for (std::size_t at = 0; at < data.size(); at += kBytesInLine) {
@@ -211,7 +210,7 @@ Value readXml(std::span<const std::uint8_t> bytes, const Encodings* encodings) {
         if (!decoded.brokenEncoding) {
             throw;
         }
-        // The list is incomplete only because its conversion stopped.
+        // The list looks incomplete only because the conversion stopped early.
         throw FormatError(fmt::format("Not a property list: it is not valid {}", excerpt(*decoded.brokenEncoding)));
     }
 }

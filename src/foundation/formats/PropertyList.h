@@ -1,10 +1,10 @@
-// Property lists: read in their XML and binary forms, written as XML (version 1.0).
+// Reads property lists in their XML and binary forms, and writes them as XML (version 1.0).
 //
-// XML is read in any encoding that a byte order mark or its declaration names. Whatever follows the root element is
-// ignored, as the platform does.
+// XML may be in any encoding that a byte order mark or the XML declaration names. Everything after the root element is
+// ignored, as on a Mac.
 //
-// Input is hostile: it is read in time linear in its length, and within the limits below. Integers above 2^63 - 1
-// become reals, dates beyond the range of dates the nearest one; of equal keys the last one counts.
+// Input is hostile: reading takes time linear in the length of the input and stops at the limits below. Integers above
+// 2^63 - 1 become reals. A date out of range becomes the nearest one in range. Of equal keys the last one counts.
 // Safe from any thread.
 
 #pragma once
@@ -24,20 +24,20 @@ class PropertyList {
   public:
     static constexpr std::size_t kMaximumBytes = 64 * 1024 * 1024;
     static constexpr std::size_t kMaximumDepth = 128;
-    // Binary lists share objects; this is how many values there may be when every share is counted.
+    // The maximum number of values. A shared object of a binary list counts each time it is used.
     static constexpr std::size_t kMaximumObjects = 4'000'000;
 
-    // The root value; fails with the reason when the bytes are no property list. Without encodings XML is read in the
-    // Unicode encodings alone.
+    // The root value. Fails with the reason if the bytes are not a property list. Without `encodings`, XML is read only
+    // in ASCII and the Unicode encodings.
     static Result<Value> parse(std::span<const std::uint8_t> bytes, const Encodings* encodings = nullptr);
 
-    // Parts of a second are cut off. Fails, naming the culprit, on what a property list cannot carry: an empty value,
-    // text that is not UTF-8 or has control characters that XML forbids, more bytes or deeper nesting than parse
-    // accepts.
+    // Fractions of a second are cut off from dates. Fails with the position of the offending value on an empty value,
+    // text that is not UTF-8 or has control characters that XML forbids, a year beyond four digits, and on more bytes
+    // or deeper nesting than parse accepts.
     static Result<Data> writeXml(const Value& value);
 
-    // Whether XML can carry the text. Stricter than writeXml: U+FFFE and U+FFFF in a file that somebody else wrote are
-    // read and written back, since refusing them would lose that file.
+    // Whether XML allows the text. Stricter than writeXml, which accepts U+FFFE and U+FFFF: a file from elsewhere may
+    // hold them, and refusing them would lose the file.
     static bool isXmlText(std::string_view text);
 };
 

@@ -24,7 +24,7 @@ struct Encoding {
     std::size_t markLength = 0;
 };
 
-// UTF-32 first: its little-endian mark begins with that of UTF-16.
+// UTF-32 comes first, because its little-endian mark begins with the mark of UTF-16.
 std::optional<Encoding> encodingByFirstBytes(std::string_view bytes) {
     using namespace std::string_view_literals;
     struct Evidence {
@@ -51,7 +51,7 @@ std::optional<Encoding> encodingByFirstBytes(std::string_view bytes) {
     return Encoding{std::string(found->encoding), found->isMark ? found->first.size() : 0};
 }
 
-// The value of the attribute "encoding" of the XML declaration.
+// The value of the "encoding" attribute in the XML declaration.
 std::optional<std::string> declaredEncoding(std::string_view bytes) {
     constexpr std::string_view kBlanks = " \t\r\n";
     constexpr std::string_view kAttribute = "encoding";
@@ -75,7 +75,7 @@ std::optional<std::string> declaredEncoding(std::string_view bytes) {
     return end == std::string_view::npos ? std::nullopt : std::optional(std::string(rest.substr(1, end - 1)));
 }
 
-// The name without what does not tell encodings apart: case and punctuation.
+// The name in lower case and without punctuation, for comparing names of encodings.
 std::string bareName(std::string_view name) {
     std::string bare;
     for (const char c : name) {
@@ -86,7 +86,7 @@ std::string bareName(std::string_view name) {
     return bare;
 }
 
-// The bytes as numbers of the width of Unit.
+// The bytes as numbers of sizeof(Unit) bytes each.
 template <class Unit>
 std::basic_string<Unit> units(std::string_view bytes, bool isLittleEndian) {
     std::basic_string<Unit> result;
@@ -102,7 +102,7 @@ std::basic_string<Unit> units(std::string_view bytes, bool isLittleEndian) {
     return result;
 }
 
-// Converts UTF-16 or UTF-32. The text ends before the first unit that is not in the encoding.
+// Converts UTF-16 or UTF-32. The result ends before the first invalid unit.
 XmlText decodeUnicode(std::string_view bytes, const std::string& encoding) {
     const bool isLittleEndian = encoding.ends_with("LE");
     XmlText result;
@@ -138,7 +138,7 @@ XmlText converted(std::string_view bytes, const std::string& encoding, const Enc
         refuseUnknown(encoding);
     }
     if (*shortest > 1) {
-        throw FormatError(fmt::format("Not a property list: it declares {}, which it is not in", encoding));
+        throw FormatError(fmt::format("Not a property list: it declares {}, but is encoded differently", encoding));
     }
     auto decoded = encodings->decode(bytes, encoding);
     if (!decoded) {
@@ -156,7 +156,7 @@ XmlText decodeXml(std::span<const std::uint8_t> bytes, const Encodings* encoding
         return evident->name == kUtf8 ? XmlText{std::string(text), std::nullopt} : decodeUnicode(text, evident->name);
     }
     const auto declared = declaredEncoding(text).value_or(std::string(kUtf8));
-    // ASCII is a part of UTF-8.
+    // ASCII text is valid UTF-8.
     if (const auto bare = bareName(declared); bare == "utf8" || bare == "usascii") {
         return {std::string(text), std::nullopt};
     }

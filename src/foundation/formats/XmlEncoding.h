@@ -1,7 +1,7 @@
-// The encoding of an XML document: found as XML defines it, and converted to UTF-8.
+// Finds the encoding of an XML document and converts the document to UTF-8.
 //
-// The order of the evidence is the platform's: a byte order mark, then zero bytes (UTF-16 and UTF-32 without a mark),
-// then the encoding that the XML declaration names, then UTF-8.
+// The encoding comes from the first of these, in the Mac's order: a byte order mark; zero bytes at the start (UTF-16
+// and UTF-32 without a mark); the XML declaration; UTF-8 as the default.
 
 #pragma once
 
@@ -15,17 +15,17 @@
 namespace sentrova {
 
 struct XmlText {
-    // UTF-8, without a byte order mark. The bytes of a document that is already in UTF-8 are not checked.
+    // UTF-8 without a byte order mark. The text of a document in UTF-8 is copied unchecked.
     std::string text;
-    // The encoding of bytes that stopped the conversion; what stands before them is in the text.
+    // Set to the name of the encoding if invalid bytes stopped the conversion; `text` ends before them.
     std::optional<std::string> brokenEncoding;
 };
 
-// Throws FormatError when the document declares an encoding that is not known, or one of wide characters that its bytes
-// are not in. Null encodings know the Unicode encodings alone.
+// Throws FormatError if the document declares an unknown encoding, or a wide one (UTF-16 for example) that its bytes
+// are not in. With null `encodings`, only ASCII and the Unicode encodings are known.
 XmlText decodeXml(std::span<const std::uint8_t> bytes, const Encodings* encodings);
 
-// Whether XML forbids the byte in any text: control characters but tab, line feed and carriage return.
+// Whether XML forbids the byte in all text: control characters except tab, line feed and carriage return.
 constexpr bool isForbiddenInXml(char c) {
     return c >= '\0' && c < ' ' && c != '\t' && c != '\n' && c != '\r';
 }

@@ -35,7 +35,7 @@ std::optional<T> number(std::string_view digits, int base = 10) {
     return error == std::errc() && last == digits.data() + digits.size() ? std::optional(value) : std::nullopt;
 }
 
-// What lies beyond 64 bits with a sign, but within 64 bits, becomes a real.
+// A number that fits into 64 bits, but not into 64 signed bits, becomes a real.
 std::optional<Value> integerOf(std::string_view text) {
     const bool negative = text.starts_with('-');
     if (negative || text.starts_with('+')) {
@@ -72,7 +72,7 @@ std::optional<Value> realOf(std::string_view text) {
     return value ? std::optional<Value>(*value) : std::nullopt;
 }
 
-// "2026-11-15T15:58:40Z". A date beyond the range of dates is the nearest one within.
+// "2026-11-15T15:58:40Z". A date out of range becomes the nearest one in range.
 std::optional<Value> dateOf(std::string_view text) {
     using namespace std::chrono;
     constexpr std::string_view kForm = "0000-00-00T00:00:00Z";
@@ -99,7 +99,7 @@ std::optional<Value> dataOf(std::string text) {
     return data ? std::optional<Value>(*std::move(data)) : std::nullopt;
 }
 
-// Of the characters that a text can name, those that XML allows.
+// Whether XML allows a reference to the character.
 bool isXmlCharacter(std::uint32_t character) {
     return character == '\t' || character == '\n' || character == '\r' || (character >= 0x20 && character <= 0xD7FF) ||
            (character >= 0xE000 && character <= 0xFFFD) || (character >= 0x10000 && character <= 0x10FFFF);
@@ -200,7 +200,7 @@ std::string XmlPropertyListReader::readText(const Tag& tag) {
             if (!isValidUtf8(text)) {
                 fail("text that is not UTF-8");
             }
-            // What could not be written back would keep the agent from ever changing the file.
+            // The agent could not write such a text back, and so could never change the file.
             if (std::ranges::any_of(text, isForbiddenInXml)) {
                 fail("text with control characters");
             }
@@ -237,7 +237,7 @@ void XmlPropertyListReader::readEntity(std::string& text) {
     const bool hexadecimal = accept("x");
     const auto character = number<std::uint32_t>(takeThrough(";"), hexadecimal ? 16 : 10);
     if (!character || !isXmlCharacter(*character)) {
-        fail("entity that names no character");
+        fail("invalid character reference");
     }
     appendUtf8(*character, text);
 }
@@ -262,7 +262,7 @@ XmlPropertyListReader::Tag XmlPropertyListReader::readTag() {
         fail("malformed tag");
     }
     tag.name = text_.substr(at_, nameEnd - at_);
-    // An attribute means nothing here, but its value may hold any character but its quote.
+    // Skips attributes, which have no meaning here. A quoted value may hold "/" and ">".
     for (at_ = nameEnd; !accept(">");) {
         if (accept("\"")) {
             takeThrough("\"");
@@ -272,7 +272,7 @@ XmlPropertyListReader::Tag XmlPropertyListReader::readTag() {
             tag.empty = true;
             break;
         } else if (atEnd() || text_[at_] == '<') {
-            fail("tag without an end");
+            fail("unterminated tag");
         } else {
             ++at_;
         }
@@ -297,7 +297,7 @@ void XmlPropertyListReader::skipDocumentType() {
         } else if (accept("'")) {
             takeThrough("'");
         } else if (atEnd() || text_[at_] == '[' || text_[at_] == '<') {
-            fail("document type with definitions of its own");
+            fail("document type with an internal subset");
         } else {
             ++at_;
         }
@@ -347,7 +347,7 @@ std::string_view XmlPropertyListReader::takeThrough(std::string_view token) {
 }
 
 void XmlPropertyListReader::fail(std::string_view why) const {
-    // A name out of the input may be of any length.
+    // A name from the input may have any length.
     constexpr std::size_t kLongestReason = 200;
     const auto line = 1 + std::ranges::count(text_.substr(0, at_), '\n');
     throw FormatError(fmt::format("Not a property list, line {}: {}", line, excerpt(why, kLongestReason)));

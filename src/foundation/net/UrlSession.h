@@ -1,4 +1,4 @@
-// HTTP requests, asynchronously. The interface of the agent's session.
+// The interface through which the agent sends HTTP requests asynchronously.
 
 #pragma once
 
@@ -18,10 +18,10 @@ namespace sentrova {
 struct UrlRequest {
     std::string url;
     std::string method = "GET";
-    // In the order in which they were set; a name that is set again keeps its place. The "Content-Length" sent is the
-    // body's true length in every case.
+    // In the order in which they were set. A header that is set again keeps its place. "Content-Length" is always sent
+    // with the actual length of the body.
     std::vector<std::pair<std::string, std::string>> headers;
-    // How long the exchange may make no progress.
+    // The longest time that the exchange may go without progress.
     std::chrono::seconds timeout{60};
 
     void setHeader(const std::string& name, const std::string& value);
@@ -33,7 +33,7 @@ struct UrlResponse {
 
 inline constexpr const char* kUrlErrorDomain = "NSURLErrorDomain";
 
-// The platform's codes within kUrlErrorDomain.
+// The platform's error codes within kUrlErrorDomain.
 enum class UrlErrorCode : std::int64_t {
     badUrl = -1000,
     timedOut = -1001,
@@ -47,24 +47,24 @@ enum class UrlErrorCode : std::int64_t {
     unknown = -1,
 };
 
-// The error of that code, described in a sentence for people.
+// The error with the code and a readable description.
 Error urlError(UrlErrorCode code);
 
 class UrlSession {
   public:
-    // What came of a request: an answer with its body, or an error and neither. Called once, on the session's delegate
-    // queue, one completion after another.
+    // Receives either an answer with its body, or an error. Called exactly once per request, on the session's delegate
+    // queue, one completion after another. Not called if the session is destroyed first.
     using Completion = std::function<void(const std::optional<Data>& data, const std::optional<UrlResponse>& response,
                                           const std::optional<Error>& error)>;
 
     virtual ~UrlSession() = default;
 
-    // Starts sending the body with the request. Returns at once, also when the request cannot be sent: that, too, is
-    // told to the completion. Throws when the session cannot take the request; the completion is never called then. A
-    // redirect is an answer like any other; it is not followed.
+    // Queues the request with its body and returns at once. The completion also receives the error of a request that
+    // cannot be sent. If this function throws, the session has not accepted the request and never calls the completion.
+    // A redirect is an answer like any other and is not followed. Safe from any thread.
     virtual void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) = 0;
 
-    // The same for a body that the caller keeps as well: a session that can does without a copy of it.
+    // The same for a body that the caller keeps too. A session may override it to avoid copying the body.
     virtual void uploadShared(const UrlRequest& request, const std::shared_ptr<const std::string>& body,
                               Completion completionHandler) {
         uploadTask(request, *body, std::move(completionHandler));

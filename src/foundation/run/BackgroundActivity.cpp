@@ -12,7 +12,7 @@ namespace sentrova {
 
 namespace {
 
-// When the queue refuses a run, the activity tries again after this.
+// If the run cannot be queued, the activity retries after this time.
 constexpr std::chrono::seconds kRefusedRunDelay{1};
 
 }  // namespace
@@ -71,18 +71,18 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
         valid_ = false;
         phase_ = Phase::idle;
         dropTimerLocked();
-        // Unsubscribed after the lock: the observer takes it.
+        // Unsubscribes after the lock is released, because the observer takes the same lock.
         const auto observer = std::move(wakeObserver_);
         lock.unlock();
     }
 
   private:
     enum class Phase {
-        // No run is to come, or not yet.
+        // Not scheduled yet, or no further run.
         idle,
         // A timer is set.
         waiting,
-        // The run was handed to the queue.
+        // The operation queue has the run and has not begun it.
         queued,
         running,
     };
@@ -106,7 +106,8 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
         }
     }
 
-    // The monotonic clock stands still while the machine sleeps, the date does not.
+    // Finds runs that fell due during sleep. The timer does not: the monotonic clock stops while the machine sleeps,
+    // and the wall clock goes on.
     void checkWallTime() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         const auto date = clock_.wallTime();
@@ -116,13 +117,13 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
             queueRunLocked();
         } else if (phase_ == Phase::running &&
                    date >= dueDate_ + std::chrono::duration_cast<Date::duration>(interval_)) {
-            // The next run came due in the sleep: it follows the present one at once.
+            // The next run fell due during sleep, so it follows the current run at once.
             due_ = clock_.monotonicTime() - interval_;
         }
     }
 
-    // The clock cannot take back a timer that it is about to call, so a call may come when a wake has already begun the
-    // run, or even when the next timer is set. Only the latest timer counts.
+    // The clock cannot cancel a timer that it is about to call. So an old timer may fire after a wake has started the
+    // run, or even after the next timer is set. The number tells: only the latest timer counts.
     void fire(std::uint64_t firing) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         if (phase_ == Phase::waiting && firing == firing_) {
@@ -183,9 +184,9 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
     bool valid_ GUARDED_BY(mutex_) = true;
     Phase phase_ GUARDED_BY(mutex_) = Phase::idle;
     std::optional<Clock::TimerId> timer_ GUARDED_BY(mutex_);
-    // How many timers were set.
+    // The number of the latest timer; counts up with each timer set.
     std::uint64_t firing_ GUARDED_BY(mutex_) = 0;
-    // The place in the grid of the next run, or of the one under way, and the date that it falls on.
+    // When the next run, or the run in progress, is due: on the monotonic clock and on the wall clock.
     Clock::Monotonic due_ GUARDED_BY(mutex_);
     Date dueDate_ GUARDED_BY(mutex_);
 };

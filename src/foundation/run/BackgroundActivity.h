@@ -1,4 +1,4 @@
-// Work that is repeated at an interval, in the background.
+// Runs work in the background at a fixed interval.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace sentrova {
 
-// The threads of all activities: one for each run in progress. Safe from any thread.
+// Runs the work of all activities, on one thread per run in progress. Safe from any thread.
 class BackgroundQueue {
   public:
     // The clock and the centre must outlive the queue and its activities.
@@ -22,7 +22,7 @@ class BackgroundQueue {
     BackgroundQueue(const BackgroundQueue&) = delete;
     BackgroundQueue& operator=(const BackgroundQueue&) = delete;
 
-    // Waits for the runs in progress.
+    // Cancels the queued runs and waits for the runs in progress.
     void close();
 
     Clock& clock() { return clock_; }
@@ -35,9 +35,9 @@ class BackgroundQueue {
     OperationQueue queue_;
 };
 
-// The first run comes one interval after schedule. The runs keep to the grid of intervals, however long each takes. A
-// run that falls due during the run before it, or while the machine sleeps, is made up for once. An activity has one
-// timer, or one run that is queued or in progress, never two of them. Safe from any thread.
+// The first run is due one interval after schedule, each further run one interval after the due time of the one before,
+// however long a run takes. Runs that fall due during another run, or while the machine sleeps, are made up for by one
+// run. An activity never has two runs queued or in progress. Safe from any thread.
 class BackgroundActivity {
   public:
     // Throws std::invalid_argument when the interval is not above zero. The queue must outlive the activity.
@@ -50,14 +50,16 @@ class BackgroundActivity {
     const std::string& identifier() const;
     Clock::Duration interval() const;
     bool repeats() const;
-    // Whether a further run will begin: false before schedule, after invalidate, and once the only run of an activity
-    // that does not repeat has begun.
+    // Whether another run will begin. False before schedule, after invalidate, and, for an activity that does not
+    // repeat, as soon as its run has begun.
     bool hasFurtherRun() const;
 
-    // To be called once; does nothing after invalidate. When it throws, the activity is not scheduled.
+    // Call it once. Does nothing after invalidate. The handler runs on a thread of the queue. When this function
+    // throws, the activity is not scheduled.
     void schedule(std::function<void()> handler);
 
-    // No run begins after this. A run that has begun goes on, and may itself be the caller.
+    // No run begins after this call. A run in progress continues and is not waited for; the handler itself may call
+    // this.
     void invalidate();
 
   private:

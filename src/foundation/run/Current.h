@@ -1,7 +1,7 @@
-// The object of a type that the running agent has, for the operations of a class that take no object.
+// The running agent's object of a type, for class-level functions that receive no object.
 //
-// The owner of the object publishes it for as long as the object lives; nothing is made here. One agent runs in a
-// process at a time.
+// The owner publishes the object for as long as it lives; nothing is created here. A process runs one agent at a time.
+// Safe from any thread.
 
 #pragma once
 
@@ -29,8 +29,8 @@ class Current {
         throw std::logic_error(std::string("there is no current object of type ") + typeid(T).name());
     }
 
-    // Publishes an object, which must outlive the publication. The object that was published before comes back at the
-    // end: a test may replace one for a while.
+    // Publishes an object, which must outlive the publication. The destructor restores the object published before, so
+    // that a test can replace an object for a while.
     class Publication {
       public:
         explicit Publication(T& object) : former_(object_.exchange(&object, std::memory_order_acq_rel)) {}
@@ -46,7 +46,7 @@ class Current {
     static inline std::atomic<T*> object_{nullptr};
 };
 
-// An object that is published from the end of its construction to the beginning of its destruction.
+// Owns an object and publishes it from the end of its construction until its destruction begins.
 template <class T>
 class Published {
   public:

@@ -13,8 +13,17 @@
 
 namespace sentrova {
 
-// The queue hands itself from one holder to the next: the thread that calls `sync`, or its own worker. Whoever holds
-// it runs exactly the block at the head, then passes it on.
+// How the queue moves from block to block:
+//
+// At most one thread holds the queue (held_): the worker, or a thread inside `sync`. The holder runs one block, then
+// calls passOnLocked, which hands the queue to the head of the line (waiting_):
+// - A waiting `sync` call: its thread is woken. It counts as the holder from now on, so no later block overtakes it.
+// - A block from `async`: the worker is woken (workerCalled_). It counts as the holder from now on, and removes the
+//   block from the line when it wakes.
+// - An empty line, or no thread for the worker: the queue stays free, and the worker's thread is retried later.
+//
+// `sync` runs its block on the caller's thread. If the queue is free and the line is empty, `sync` takes the queue at
+// once, without a thread switch.
 class DispatchQueue::State : public std::enable_shared_from_this<State> {
   public:
     State(std::string label, Clock& clock) : label_(std::move(label)), clock_(clock), retry_(clock) {}
@@ -71,7 +80,11 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
         }
     }
 
+    // Drops the blocks in the line and keeps the waiting `sync` calls, whose threads would wait for ever otherwise. The
+    // running block finishes and passes the queue to the first `sync` call. If the worker was woken and has not begun
+    // its block, that block is dropped too, so the queue is free and is passed on here.
     void close() EXCLUDES(mutex_) {
+        // Destroyed after the lock is released: the blocks may own objects that use the queue.
         std::deque<Item> dropped;
         std::thread worker;
         {
@@ -81,7 +94,6 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
                 (item.turn ? waiting_ : dropped).push_back(std::move(item));
             }
             if (std::exchange(workerCalled_, false)) {
-                // The block for which it was called has not begun, and is dropped.
                 held_ = false;
             }
             if (!held_) {
@@ -92,7 +104,7 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
         }
         if (worker.joinable()) {
             if (worker.get_id() == std::this_thread::get_id()) {
-                // The queue goes with the last block that held it; its thread ends after that block.
+                // A block on the worker destroys the queue. The worker's thread ends after that block.
                 worker.detach();
             } else {
                 worker.join();
@@ -106,13 +118,14 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
         bool come = false;
     };
 
-    // Either a block for the worker or the turn of a thread that waits in `sync`.
+    // Either a block for the worker, or a thread waiting in `sync` (`turn` is not null).
     struct Item {
         Block block;
         Turn* turn;
     };
 
-    // The queue is not held. It stays so when the block at the head finds no thread.
+    // Call it only while nobody holds the queue. If the head is a block and the worker has no thread, the queue stays
+    // free.
     void passOnLocked() REQUIRES(mutex_) {
         if (waiting_.empty()) {
             return;
@@ -169,7 +182,7 @@ class DispatchQueue::State : public std::enable_shared_from_this<State> {
             lock.unlock();
 
             runGuarded(label_, block);
-            // Before the queue is passed on: what the block captured belongs to its turn.
+            // Destroys the captured objects while this thread still holds the queue.
             block = nullptr;
 
             lock.lock();

@@ -1,9 +1,9 @@
-// A serial queue: blocks run one at a time, in the order in which they were handed over.
+// A serial queue: blocks run one at a time, in the order in which they were added.
 //
-// Safe from any thread. `sync` on an idle queue runs the block on the calling thread, so that an uncontended hand-over
-// costs a lock; everything else runs on the queue's own thread, which is started by the first block that needs it.
-// While the system refuses that thread, the blocks wait, and whoever calls `sync` waits behind them. What a block
-// throws is reported under the label, and the queue goes on.
+// Safe from any thread. `sync` runs its block on the calling thread, so that it costs only a lock on an idle queue.
+// `async` blocks run on the queue's own thread, which the first of them starts. While the system refuses that thread,
+// the blocks stay queued, and `sync` calls wait behind them. An exception from an `async` block is reported under the
+// label, and the queue continues.
 
 #pragma once
 
@@ -21,25 +21,26 @@ class DispatchQueue {
 
     // The clock must outlive the queue.
     DispatchQueue(std::string label, Clock& clock);
-    // Closes it.
+    // Closes the queue.
     ~DispatchQueue();
     DispatchQueue(const DispatchQueue&) = delete;
     DispatchQueue& operator=(const DispatchQueue&) = delete;
 
     const std::string& label() const;
 
-    // Returns at once. There is no bound on what may wait: callers hand over work that is bounded elsewhere.
+    // Adds the block and returns at once. Does nothing once the queue is closed. The line has no limit, because its
+    // callers add work that is limited elsewhere.
     void async(Block block);
 
-    // Returns when the block has run; what it throws comes out here. From a block of the same queue it would wait for
-    // itself: it throws std::logic_error instead.
+    // Runs the block on the calling thread when its turn comes, and rethrows the block's exception. Throws
+    // std::logic_error when called from a block of the same queue, which would wait for itself.
     void sync(const Block& block);
 
-    // Hands the block over when the delay has passed; never if the queue is gone by then.
+    // Adds the block after the delay, unless the queue is closed or destroyed by then.
     void after(Clock::Duration delay, Block block);
 
-    // Ends the queue's thread: drops the blocks that have not begun, waits for the one that runs and takes no more but
-    // from `sync`. Calls of `sync` that are already waiting still run.
+    // Drops the `async` blocks that have not begun, waits for the running one and ends the queue's thread. `sync` calls
+    // still run afterwards, those already waiting included; `async` does nothing from now on.
     void close();
 
     // Whether the caller runs inside a block of this queue.

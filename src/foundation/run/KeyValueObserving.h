@@ -1,8 +1,8 @@
-// Change notifications of an object's values by key.
+// Notifies observers when an object's value under a key changes.
 //
-// The object brackets every change of a value with willChangeValueForKey and didChangeValueForKey; observers of the key
-// hear of it on the changing thread. What an observer throws is reported under the key, and the change goes on. Safe
-// from any thread.
+// The object calls willChangeValueForKey before each change and didChangeValueForKey after it. Observers of the key run
+// on the changing thread. An observer's exception is reported under the key and does not stop the change. Safe from any
+// thread.
 
 #pragma once
 
@@ -22,7 +22,7 @@ namespace sentrova {
 
 struct KeyValueChange {
     std::string_view key;
-    // True before the change (told only to observers that ask for it), false after it.
+    // True in the notification before the change, which only observers with `changesAndPriors` receive.
     bool isPrior = false;
     Value oldValue;
     Value newValue;
@@ -41,15 +41,16 @@ class KeyValueObserving {
     // The subscription may outlive the object. Observers are called in the order of their registration.
     Subscription observe(std::string_view key, Observer observer, Options options = Options::changes) EXCLUDES(mutex_);
 
+    // The object calls both, on the same thread: the first one before the value changes, the second one after it.
     void willChangeValueForKey(std::string_view key) EXCLUDES(mutex_);
     void didChangeValueForKey(std::string_view key) EXCLUDES(mutex_);
 
   protected:
-    // The present value; empty for keys that the object does not know.
+    // The current value; empty for an unknown key.
     virtual Value valueForKey(std::string_view key) const = 0;
 
   private:
-    // A change that has been announced and not yet made, with the value before it.
+    // A change between willChange and didChange, with the value before it.
     struct Announced {
         std::thread::id thread;
         std::string key;

@@ -12,8 +12,8 @@ namespace sentrova {
 
 namespace {
 
-// What the present thread holds, in the order in which it was taken. Without a destructor: locks are taken until the
-// very end of a thread.
+// The mutexes that the current thread holds, in the order of acquisition. A plain struct without a destructor, because
+// destructors of other thread-local objects still take locks while the thread ends.
 struct Held {
     std::array<LockOrder*, 32> locks;
     std::size_t count;
@@ -23,6 +23,8 @@ thread_local Held held{};
 
 }  // namespace
 
+// Compares with every held mutex and not only with the latest one: a mutex may be released out of order. Equal ranks
+// are a breach too, since nothing orders two mutexes of one rank.
 void LockOrder::wanted() {
     for (std::size_t i = 0; i < held.count; ++i) {
         const auto& other = *held.locks[i];
@@ -44,7 +46,7 @@ void LockOrder::taken() {
 void LockOrder::released() {
     const auto begin = held.locks.begin();
     const auto end = begin + static_cast<std::ptrdiff_t>(held.count);
-    // Not always the latest: a scoped lock may be let go early.
+    // Searches, because a scoped lock may be released before a later one.
     std::copy(std::next(std::find(begin, end, this)), end, std::find(begin, end, this));
     --held.count;
 }

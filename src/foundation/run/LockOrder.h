@@ -1,8 +1,12 @@
-// The order in which a thread takes mutexes, checked while it runs in builds with assertions.
+// The order in which threads take mutexes, checked at run time in builds with assertions.
 //
-// A thread takes a mutex only when its rank comes after the ranks of all that it holds, so no two threads can wait for
-// each other. A breach ends the process with a line that names both ranks, the first time the order is broken and not
-// the first time it is fatal. In a build without assertions (NDEBUG) all of this is empty.
+// Threads deadlock when each holds a mutex that the next one waits for, in a circle. Somewhere in that circle a thread
+// must take a mutex of the same or a lower rank than one it holds. So the rule is: a thread takes a mutex only if its
+// rank is higher than the ranks of all mutexes that the thread holds. Then no circle can form.
+//
+// The check looks at the calling thread alone, before it locks. A wrong order therefore fails the first time it
+// happens, even with a single thread, and not only in the rare run in which two threads meet. A breach prints both
+// ranks and aborts the process. In a build without assertions (NDEBUG) the check is empty.
 
 #pragma once
 
@@ -10,28 +14,29 @@
 
 namespace sentrova {
 
-// From the outermost to the innermost.
+// From the lowest rank, which is taken first, to the highest.
 enum class LockRank : std::uint8_t {
-    // Held over a whole change of state that writes files and log lines.
+    // Held during a whole change of state, with its file writes and log lines.
     transaction,
-    // Held over the change of one file.
+    // Held during the change of one file.
     file,
-    // A choice that is made from the configuration.
+    // Guards a choice that depends on the configuration.
     choice,
-    // What runs later, and sets timers or hands work to queues.
+    // Guards scheduled work. Its holder sets timers and adds work to queues.
     schedule,
-    // A queue of operations, which asks its operations about themselves.
+    // Guards a queue of operations. Its holder asks the operations for their state.
     queue,
-    // Owns subscriptions or wakes waiters while it is held.
+    // Its holder may drop subscriptions or wake waiting threads.
     owner,
-    // The table of log files; so a line may be logged under all of the above.
+    // Guards the log files and their table. So a holder of any rank above may log a line.
     log,
-    // Nothing else is taken, and nothing is logged, while it is held; only the clock may be asked.
+    // Its holder takes no other mutex and logs nothing, except that it may call the clock.
     leaf,
     clock,
 };
 
-// The place of one mutex in the order. Called by the thread that takes or lets go of the mutex.
+// The rank of one mutex. The thread that takes or releases the mutex makes the calls: wanted before it locks, taken
+// after that, released before it unlocks.
 class LockOrder {
   public:
 #ifdef NDEBUG
@@ -44,7 +49,7 @@ class LockOrder {
     LockOrder(const LockOrder&) = delete;
     LockOrder& operator=(const LockOrder&) = delete;
 
-    // Ends the process when the mutex must not be taken now.
+    // Aborts the process if the calling thread must not take the mutex now.
     void wanted();
     void taken();
     void released();

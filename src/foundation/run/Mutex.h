@@ -26,7 +26,7 @@ namespace sentrova {
 class SENTROVA_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
   public:
     Mutex() : Mutex(LockRank::leaf) {}
-    // For a mutex under which something else is taken, be it only to log a line.
+    // For a mutex whose holder takes other mutexes. Logging a line takes one.
     explicit Mutex(LockRank rank) : order_(rank) {}
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
@@ -37,7 +37,7 @@ class SENTROVA_THREAD_ATTRIBUTE(capability("mutex")) Mutex {
     [[no_unique_address]] LockOrder order_;
 };
 
-// Holds a mutex for the length of a scope; may be let go and taken again in between.
+// Holds a mutex until the end of the scope; can be unlocked and locked again in between.
 class SENTROVA_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
   public:
     explicit MutexLock(Mutex& mutex) SENTROVA_THREAD_ATTRIBUTE(acquire_capability(mutex))
@@ -73,7 +73,7 @@ class SENTROVA_THREAD_ATTRIBUTE(scoped_lockable) MutexLock {
 
 class Condition {
   public:
-    // Callers loop on what they wait for: a wake-up without a reason is possible.
+    // Callers check their condition in a loop, because spurious wake-ups are possible.
     void wait(MutexLock& lock) { condition_.wait(lock.lock_); }
     void notifyOne() { condition_.notify_one(); }
     void notifyAll() { condition_.notify_all(); }
@@ -87,11 +87,11 @@ class Condition {
     std::condition_variable condition_;
 };
 
-// Lets threads through as often as it was signalled.
+// A counting semaphore that starts at 0.
 class Semaphore {
   public:
     void signal() EXCLUDES(mutex_) {
-        // Notified under the lock: a waiter may destroy the semaphore as soon as it is let through.
+        // Notifies under the lock, because the waiter may destroy the semaphore as soon as wait returns.
         MutexLock lock(mutex_);
         ++count_;
         condition_.notifyOne();

@@ -1,7 +1,7 @@
 // Notifications by name between parts that do not know each other.
 //
-// Safe from any thread. A post calls the observers of the name as Observers does, on the poster's thread, and returns
-// when the last one has returned.
+// Safe from any thread. `post` calls the observers of the name on the calling thread, one after another as described in
+// Observers.h, and returns after the last one.
 
 #pragma once
 
@@ -17,7 +17,7 @@ namespace sentrova {
 
 struct Notification {
     std::string_view name;
-    // Who posts: an identity to compare, never to be followed. Null where that does not matter.
+    // The sender, for comparison only: never dereference it. Null where the sender does not matter.
     const void* object = nullptr;
     Dictionary userInfo;
 };
@@ -30,13 +30,13 @@ class NotificationCenter {
     NotificationCenter(const NotificationCenter&) = delete;
     NotificationCenter& operator=(const NotificationCenter&) = delete;
 
-    // The agent's one centre.
+    // The running agent's centre. Throws std::logic_error without an agent.
     static NotificationCenter& defaultCenter();
 
     // The subscription may outlive the centre.
     Subscription addObserver(std::string_view name, Observer observer) EXCLUDES(mutex_);
 
-    // False when an observer has thrown.
+    // Returns false if an observer threw.
     bool post(const Notification& notification) EXCLUDES(mutex_);
 
   private:

@@ -16,9 +16,9 @@
 
 namespace sentrova {
 
-// Safe from any thread. An event calls the observers one after another, in the order of their registration, on the
-// calling thread. Observers may come and go during an event: one that has gone is not called any more, one that came is
-// called from the next event on. Copies share the list.
+// Safe from any thread. `notify` calls the observers one after another, in the order of their registration, on the
+// calling thread. Observers may be added and removed during a `notify`: a removed observer is not called any more, an
+// added one is called from the next `notify` on. Copies share the list.
 template <class Event>
 class Observers {
   public:
@@ -38,8 +38,8 @@ class Observers {
 
     bool empty() const { return state_->present()->empty(); }
 
-    // What an observer throws is reported under the name given and reaches neither the caller nor the other observers.
-    // False when an observer has thrown.
+    // An observer's exception is reported under `where` and reaches neither the caller nor the other observers. Returns
+    // false if an observer threw.
     bool notify(std::string_view where, const Event& event) const {
         bool taken = true;
         const auto present = state_->present();
@@ -67,14 +67,13 @@ class Observers {
             return list_;
         }
 
-        // Replaces the list as a whole, so that an event walks its own list without the lock.
+        // Replaces the whole list, so that `notify` can walk its own copy without the lock.
         template <class Edit>
         void change(Edit edit) EXCLUDES(mutex_) {
             MutexLock lock(mutex_);
             auto next = std::make_shared<List>(*list_);
             edit(*next);
-            // The former list is destroyed after the lock is released: an observer may have a destructor of
-            // consequence.
+            // The old list is destroyed after the lock is released, because an observer's destructor may run any code.
             std::shared_ptr<const List> former = std::move(next);
             former.swap(list_);
             lock.unlock();

@@ -1,4 +1,4 @@
-// One piece of work that an OperationQueue starts, once, and follows through its change notifications.
+// One piece of work for an OperationQueue, which starts it once and follows its state by change notifications.
 
 #pragma once
 
@@ -11,8 +11,8 @@
 
 namespace sentrova {
 
-// The queue reads the three states and hears of their changes under the keys "isFinished", "isExecuting" and
-// "isCancelled". Safe from any thread.
+// An operation notifies observers of its three states under the keys "isFinished", "isExecuting" and "isCancelled". The
+// queue reads the states and observes the changes. Safe from any thread.
 class Operation : public KeyValueObserving {
   public:
     static constexpr const char* kIsFinished = "isFinished";
@@ -24,19 +24,19 @@ class Operation : public KeyValueObserving {
     virtual bool isCancelled() const = 0;
     virtual bool isAsynchronous() const { return false; }
 
-    // Called by the queue on a worker thread. An operation may go on after start has returned; it ends with the
-    // notification that it is finished.
+    // The queue calls it on a worker thread. The operation may continue after start returns; it ends when it notifies
+    // that it is finished.
     virtual void start() = 0;
     virtual void cancel() = 0;
 
-    // Calls start. When that throws, the exception is reported under the operation's name, the operation is finished,
-    // and the answer is false. For the queue, and for whoever starts an operation without one.
+    // Calls start. If start throws, reports the exception under the operation's name, marks the operation finished and
+    // returns false. For the queue, and for callers that start an operation without a queue.
     bool run() noexcept;
 
     std::string name() const EXCLUDES(mutex_);
     void setName(std::string name) EXCLUDES(mutex_);
 
-    // This operation starts only after the other one has finished. To be called before it is added to a queue.
+    // This operation starts only after the other one has finished. Call it before this operation is added to a queue.
     void addDependency(std::shared_ptr<Operation> other) EXCLUDES(mutex_);
     std::vector<std::shared_ptr<Operation>> dependencies() const EXCLUDES(mutex_);
 
@@ -44,7 +44,7 @@ class Operation : public KeyValueObserving {
     std::string description() const;
 
   protected:
-    // Makes an operation finished whose start has thrown.
+    // Marks the operation finished after its start threw.
     virtual void finishFailed() = 0;
 
     Value valueForKey(std::string_view key) const override;

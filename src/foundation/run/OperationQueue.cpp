@@ -51,6 +51,18 @@ class BlockOperation final : public Operation {
 
 }  // namespace
 
+// How the queue finds work:
+//
+// entries_ holds the unfinished operations in the order of their addition. An entry is ready if it is not started and
+// either all its dependencies are finished or it is cancelled. running_ counts the operations that are started and not
+// finished; at limit_ nothing starts.
+//
+// A worker thread calls `start` of one operation, then takes the first ready entry itself, and ends if there is none.
+// startWorkersLocked starts one more thread for each entry that is still ready. It runs after every event that can make
+// an entry ready: an addition, a finish, a cancellation, a higher limit, the retry of a refused thread.
+//
+// Most operations finish inside their own `start`. checkFinished then starts no worker: the current worker takes the
+// next entry as soon as `start` returns, and a new thread would only compete with it for that entry.
 class OperationQueue::State : public std::enable_shared_from_this<State> {
   public:
     explicit State(Clock& clock) : retry_(clock) {}
@@ -86,7 +98,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
             }
             entries_.push_back(std::move(entry));
         }
-        // It may have been finished before the subscription stood.
+        // The operation may have finished before the subscription began, without a notification.
         if (operation->isFinished()) {
             checkFinished(operation.get());
         } else {
@@ -149,12 +161,12 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
         if (entry == entries_.end()) {
             return;
         }
-        // Let go of after the lock: it may be the last reference.
+        // Released after the lock: it may be the last reference, and the operation's destructor may run any code.
         done = std::move(*entry);
         running_ -= done.started ? 1 : 0;
         entries_.erase(entry);
         changed_.notifyAll();
-        // The worker inside its start() looks for more by itself as soon as that returns.
+        // Not for an operation that finishes inside its own start: see above.
         if (working_.operation != operation) {
             startWorkersLocked();
         }
@@ -170,7 +182,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
                                    [](const auto& dependency) { return dependency->isFinished(); });
     }
 
-    // The first entry that may start now; null when there is none.
+    // The first ready entry; null if there is none or the limit is reached.
     Entry* firstReadyLocked() REQUIRES(mutex_) {
         if (closed_ || running_ >= limit_) {
             return nullptr;
@@ -195,7 +207,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
 
     void startWorkersLocked() REQUIRES(mutex_) {
         while (auto* const entry = firstReadyLocked()) {
-            // Its operation may end at once, but is not taken off the list before the lock is free.
+            // The operation may finish at once, but checkFinished needs the lock. So the entry stays valid here.
             auto worker = tryStartThread([self = shared_from_this(), operation = entry->operation]() mutable {
                 self->work(std::move(operation));
             });
@@ -211,7 +223,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
             markStartedLocked(*entry);
             ++workers_;
         }
-        // Nothing that could start is left without a thread.
+        // Every ready entry has a thread.
         retry_.succeeded();
     }
 
@@ -231,7 +243,7 @@ class OperationQueue::State : public std::enable_shared_from_this<State> {
         working_ = {};
     }
 
-    // What the present thread works for: the queue, and the operation whose start it is inside.
+    // The current thread's work: its queue, and the operation whose start it is inside. Null on other threads.
     struct Work {
         const State* queue = nullptr;
         const Operation* operation = nullptr;

@@ -1,4 +1,4 @@
-// Runs operations, each on a worker thread, in the order of their addition as far as dependencies and the limit allow.
+// Runs operations on worker threads, in the order of their addition as far as dependencies and the limit allow.
 
 #pragma once
 
@@ -12,37 +12,37 @@
 
 namespace sentrova {
 
-// The queue owns what it is given until it is finished. It learns that from the operation's notifications alone: an
-// operation whose start has returned goes on counting as running, without a thread, until it says that it is finished;
-// one whose start has thrown is finished by the queue.
-// A cancelled operation is started without waiting for its dependencies, so that it can finish. Safe from any thread.
+// The queue owns an operation until the operation notifies that it is finished. After `start` returns, an unfinished
+// operation still counts as running, but uses no thread. If `start` throws, the queue marks the operation finished. A
+// cancelled operation is started without waiting for its dependencies, so that it can finish. Safe from any thread.
 class OperationQueue {
   public:
     // The clock must outlive the queue.
     explicit OperationQueue(Clock& clock);
-    // Closes it.
+    // Closes the queue.
     ~OperationQueue();
     OperationQueue(const OperationQueue&) = delete;
     OperationQueue& operator=(const OperationQueue&) = delete;
 
-    // How many operations run at once, at most; without a limit there is one thread for each that can run. While the
-    // system refuses a thread, operations wait for it or for a thread whose operation has ended.
+    // The maximum number of operations that run at once, at least 1. Without a limit each ready operation gets a
+    // thread. While the system refuses a thread, operations stay queued until it grants one or a worker becomes free.
     void setMaxConcurrentOperationCount(int count);
 
-    // There is no bound on what may wait; an operation that is finished already is not taken.
+    // The queue has no size limit: its callers add work that is limited elsewhere. Finished operations are ignored, and
+    // a closed queue ignores all.
     void addOperation(const std::shared_ptr<Operation>& operation);
     void addOperationWithBlock(std::function<void()> block);
 
-    // Those not yet finished, in the order of their addition.
+    // The unfinished operations, in the order of their addition.
     std::vector<std::shared_ptr<Operation>> operations() const;
     std::size_t operationCount() const;
 
-    // What one operation's cancel throws is reported, and the others are cancelled all the same.
+    // If the cancel of one operation throws, the exception is reported and the others are still cancelled.
     void cancelAllOperations();
     void waitUntilAllOperationsAreFinished();
 
-    // Drops what has not been started, takes nothing any more, and waits for the threads that are inside `start`, but
-    // for the caller's own.
+    // Drops the operations that are not started, accepts no more, and waits for the threads inside `start`. Called from
+    // inside `start`, it does not wait for the calling thread.
     void close();
 
   private:

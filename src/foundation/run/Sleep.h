@@ -1,4 +1,4 @@
-// Lets a thread sleep by a clock that a test may move by hand.
+// Sleeps by the agent's clock, which a test can move by hand.
 
 #pragma once
 
@@ -6,7 +6,7 @@
 
 namespace sentrova {
 
-// Blocks the calling thread until the monotonic time of the clock has moved on by the duration.
+// Blocks the calling thread until the clock's monotonic time has advanced by the duration.
 void sleepFor(Clock& clock, Clock::Duration duration);
 
 }  // namespace sentrova

@@ -1,4 +1,4 @@
-// A subscription to something that happens; dropping it unsubscribes.
+// A subscription to an event. Its destructor unsubscribes.
 
 #pragma once
 
@@ -23,7 +23,7 @@ class [[nodiscard]] Subscription {
     Subscription& operator=(const Subscription&) = delete;
     ~Subscription() { reset(); }
 
-    // A call that has begun on another thread may still run for a moment.
+    // Unsubscribes. A call of the observer that has begun on another thread may still be running.
     void reset() {
         if (auto unsubscribe = std::exchange(unsubscribe_, nullptr)) {
             unsubscribe();

@@ -13,10 +13,10 @@ namespace {
 
 constexpr std::chrono::milliseconds kFirstDelay{10};
 constexpr std::chrono::seconds kLongestDelay{1};
-// For work that was refused more than a thread, and so is not tried as often.
+// Between the attempts of retryUntilGranted.
 constexpr std::chrono::milliseconds kPause{100};
 
-// How many wait for a thread, and whether a line about it has been written. The shortage is over when nobody waits.
+// The number of callers that wait for a thread, and whether the shortage is logged. It is over when nobody waits.
 std::atomic<int> waiting{0};
 std::atomic<bool> reported{false};
 
@@ -32,7 +32,7 @@ void endWaiting() {
 
 void reportOnce() {
     if (!reported.exchange(true)) {
-        reportException("thread", "The system grants no further thread; the work waits for one");
+        reportException("thread", "No thread could be started; the work is queued and retried");
     }
 }
 
@@ -62,7 +62,7 @@ std::thread startThread(const std::function<void()>& function) {
 
 void pauseForThreads() {
     reportOnce();
-    // Not by the clock: its own thread may be the one that is refused.
+    // Not through the Clock, whose own thread may be the refused one.
     std::this_thread::sleep_for(kFirstDelay);
 }
 
@@ -92,7 +92,7 @@ void ThreadRetry::later(const std::function<void()>& function) noexcept {
         }
         const auto delay = std::clamp<Clock::Duration>(delay_ * 2, kFirstDelay, kLongestDelay);
         clock_.schedule(now + delay, [function] {
-            // Only here: the owner's lock may be one under which nothing is logged.
+            // Logged here and not in later(), because the owner's lock may forbid logging.
             if (waiting > 0) {
                 reportOnce();
             }

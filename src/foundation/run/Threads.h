@@ -1,4 +1,4 @@
-// Starts threads. The system may refuse one for a while (EAGAIN: too many processes, or too little memory).
+// Starts threads. The system may refuse a thread for a while (EAGAIN: too many threads, or too little memory).
 
 #pragma once
 
@@ -10,13 +10,13 @@
 
 namespace sentrova {
 
-// Where threads come from: the system, unless another source is published as the Current one, as a test does that
-// refuses them.
+// The source of threads. Threads come from the system unless another source is published as the Current one: a test
+// publishes one that refuses threads.
 class Threads {
   public:
     virtual ~Threads() = default;
 
-    // Throws std::system_error when there is no thread to be had.
+    // Throws std::system_error if the thread is refused.
     virtual std::thread start(const std::function<void()>& function) = 0;
 
   protected:
@@ -25,36 +25,38 @@ class Threads {
     Threads& operator=(const Threads&) = default;
 };
 
-// A thread that runs the function. When the system refuses one, the result is not joinable and nothing has happened.
-// May be called under any lock.
+// Starts a thread that runs the function. If the system refuses the thread, the result is not joinable. May be called
+// under any lock.
 std::thread tryStartThread(const std::function<void()>& function) noexcept;
 
-// Waits until the system grants the thread. For the threads that are made once, while the agent starts. Not under a
-// lock that a log line needs.
+// Starts a thread and blocks until the system grants it. For threads that are created once, while the agent starts. Do
+// not call it under a lock that logging needs.
 std::thread startThread(const std::function<void()>& function);
 
-// Logs that threads are refused and blocks for a moment. For a caller that cannot go on without a thread.
+// Logs once per shortage that threads are refused, and blocks for 10 ms. For a caller that cannot continue without a
+// thread.
 void pauseForThreads();
 
-// Calls the function until it returns without an exception, and reports the first exception under the name given.
-// Blocks the calling thread between the calls, so it is not for callbacks of the clock. The pauses do not use the
-// clock, because the clock may be what was refused a thread.
+// Calls the function every 100 ms until it returns without an exception. Reports only the first exception, under
+// `where`. Blocks the calling thread, so it is not for callbacks of the clock. The pauses do not use the Clock, whose
+// own thread may be the refused one.
 void retryUntilGranted(std::string_view where, const std::function<void()>& function);
 
-// Tries again, later, what was refused a thread. One log line is written for all that wait at the same time. Guarded by
-// its owner's lock.
+// Retries work that was refused a thread. All work that waits at the same time shares one log line. The owner's lock
+// guards the object.
 class ThreadRetry {
   public:
-    // The clock must outlive the retries that it has been asked for.
+    // The clock must outlive the pending retries.
     explicit ThreadRetry(Clock& clock) : clock_(clock) {}
     ~ThreadRetry() { succeeded(); }
     ThreadRetry(const ThreadRetry&) = delete;
     ThreadRetry& operator=(const ThreadRetry&) = delete;
 
-    // Calls the function on the clock's thread, which may then ask again: the delays double up to a second. Does
-    // nothing while an earlier call is awaited. Without memory for the timer the owner's next attempt asks again.
+    // Schedules a call of the function on the clock's thread. The function may call later() again; the delay doubles
+    // from 10 ms up to 1 s. Does nothing while a call is pending. If the timer cannot be set, the owner's next attempt
+    // schedules it.
     void later(const std::function<void()>& function) noexcept;
-    // The thread is there.
+    // Call it when the thread is granted: resets the delay.
     void succeeded() noexcept;
 
   private:

@@ -1,4 +1,4 @@
-// Calls a function at dates, on the thread that runs the timer.
+// Calls a function at given dates of the wall clock, on the thread that calls run.
 
 #pragma once
 
@@ -12,28 +12,28 @@
 
 namespace sentrova {
 
-// A date that passes while the machine sleeps, or that the clock is set past, is fired at the machine's wake; dates
-// that were missed meanwhile are fired once.
+// If a date passes while the machine sleeps, or because the clock is set forward, the timer fires as soon as the
+// notification below is posted. It fires once for all dates missed meanwhile.
 class Timer {
   public:
-    // The date after a firing, given the date that was fired and the present one; nothing ends the timer.
+    // Returns the next date, given the date that fired and the current date. An absent date ends the timer.
     using Next = std::function<std::optional<Date>(Date fired, Date now)>;
 
-    // Posted when the wall clock may have moved on by itself: at wakes and when somebody set it.
+    // Posted when the wall clock may have jumped: after a wake, and after somebody set the clock.
     static constexpr const char* kClockChangedNotification = "NSWorkspaceDidWakeNotification";
 
     // The clock and the centre must outlive the timer.
     Timer(Clock& clock, NotificationCenter& notifications, Date fireDate, Next next, std::function<void()> function);
 
-    // Stays on the calling thread until there is no further date, or the timer is invalidated. What the function throws
-    // comes out here.
+    // Blocks the calling thread until there is no further date or the timer is invalidated. Rethrows the function's
+    // exception.
     void run() EXCLUDES(mutex_);
 
-    // From any thread, the function among them. A run of the function that has begun is not waited for.
+    // Ends the timer. Safe from any thread and from the function itself. Does not wait for a running function.
     void invalidate() EXCLUDES(mutex_);
 
   private:
-    // What the clock's callbacks may still touch when the timer is gone.
+    // Shared with the clock's callbacks, which may run after the timer is destroyed.
     struct Alarm {
         Mutex mutex;
         Condition changed;
@@ -42,7 +42,7 @@ class Timer {
         void ring() EXCLUDES(mutex);
     };
 
-    // False when the timer was invalidated instead.
+    // Returns false if the timer is invalidated.
     bool waitUntil(Date date) EXCLUDES(mutex_);
     bool invalidated() EXCLUDES(mutex_);
 

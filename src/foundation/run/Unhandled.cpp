@@ -12,7 +12,7 @@ void reportException(std::string_view where, std::string_view what) noexcept {
             unhandled->report(where, what);
         }
     } catch (...) {
-        // Without memory for a line there is nothing left to tell it with.
+        // Without memory for a log line, no report is possible.
         return;
     }
 }

@@ -5,7 +5,7 @@
 namespace sentrova {
 
 CalendarFields Calendar::fields(Date date) {
-    // localtime_r need not notice by itself that the device's zone has changed.
+    // localtime_r alone may miss a change of the device's time zone.
     ::tzset();
     const auto seconds = std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(date));
     std::tm local{};

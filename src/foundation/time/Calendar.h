@@ -1,4 +1,4 @@
-// Dates taken apart into the calendar fields of the device's time zone, and put together again. Safe from any thread.
+// Converts dates to calendar fields in the device's time zone, and back. Safe from any thread.
 
 #pragma once
 
@@ -21,8 +21,8 @@ class Calendar {
 
     static CalendarFields fields(Date date);
 
-    // Fields beyond their range are carried over: the 32nd of a month is the 1st or so of the next. A time that a clock
-    // change skips becomes one after it; of one that occurs twice the zone's rules choose.
+    // Values out of range carry over: 32 January is 1 February. A time that daylight saving skips becomes a time after
+    // the gap. For a time that occurs twice, the C library chooses one.
     static Date date(const CalendarFields& fields);
 };
 

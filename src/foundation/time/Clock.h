@@ -1,4 +1,4 @@
-// Where the agent's time comes from: the wall clock, the monotonic clock, and every wait.
+// The agent's source of time: the wall clock, the monotonic clock and all timers.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace sentrova {
 
-// Safe from any thread. The agent has one clock; tests hand in one that they move by hand.
+// Safe from any thread. The agent has one clock; tests pass in one that they move by hand.
 class Clock {
   public:
     using Duration = std::chrono::nanoseconds;
@@ -19,23 +19,23 @@ class Clock {
 
     virtual ~Clock() = default;
 
-    // The device's date, which people and time servers may set back and forth.
+    // The device's date. People and time servers may set it forward and back.
     virtual Date wallTime() = 0;
-    // Never goes back; counts only while the machine is awake.
+    // Never goes back, and stands still while the machine sleeps.
     virtual Monotonic monotonicTime() = 0;
 
-    // Calls the function once, on the clock's own thread, when the monotonic time has come. The function only hands its
-    // work on: it must not block, and must not wait for a queue. Never called from within schedule.
-    // An exception of the function is reported, and the clock goes on.
+    // Calls the function once, on the clock's own thread, as soon as the monotonic time reaches `due`; never from
+    // within schedule. All timers share that thread, so the function must not block or wait for a queue. An exception
+    // from the function is reported, and the clock continues.
     virtual TimerId schedule(Monotonic due, std::function<void()> function) = 0;
-    // Takes a timer back. Returns false when its function has been called or is being called.
+    // Cancels a timer. Returns false if its function has been called or is being called, or the timer is unknown.
     virtual bool cancel(TimerId timer) = 0;
 
     TimerId after(Duration delay, std::function<void()> function) {
         return schedule(monotonicTime() + delay, std::move(function));
     }
 
-    // Whole seconds since 1970 of the wall clock, truncated.
+    // The wall clock in whole seconds since 1970, truncated.
     std::int64_t epochSeconds() { return sentrova::epochSeconds(wallTime()); }
 
   protected:

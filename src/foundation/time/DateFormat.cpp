@@ -8,11 +8,11 @@ namespace sentrova {
 
 namespace {
 
-// More patterns than the agent has; a caller with ever new ones must not fill the memory.
+// More patterns than the agent uses. The limit bounds the memory if callers keep passing new patterns.
 constexpr std::size_t kMaximumPatterns = 32;
 constexpr std::chrono::seconds kZoneCheckInterval{1};
 
-// Rounded down: a millisecond that has not come yet must not show.
+// Rounds down, so that no text shows a time in the future.
 auto milliseconds(Date date) {
     return std::chrono::floor<std::chrono::milliseconds>(date);
 }
@@ -21,10 +21,10 @@ auto milliseconds(Date date) {
 
 DateFormat::ZoneSource DateFormat::ZoneSource::present() {
     ZoneSource source;
-    // The agent never changes its environment.
+    // Safe with threads, because the agent never changes its environment.
     if (const auto* variable = std::getenv("TZ")) {  // NOLINT(concurrency-mt-unsafe)
         source.variable = variable;
-        // Set but empty is not the same as not set.
+        // Distinguishes an empty variable from an unset one.
         source.variable += '\n';
     }
     struct stat status = {};

@@ -1,7 +1,7 @@
-// Dates as text, in Unicode date patterns ("yyyy-MM-dd HH:mm:ss Z"), in the device's time zone.
+// Formats and parses dates by Unicode date patterns ("yyyy-MM-dd HH:mm:ss Z"), in the device's time zone.
 //
-// Patterns give the same text in every locale: English names, the Gregorian calendar, the digits 0 to 9. Parts of a
-// millisecond are cut off. Safe from any thread. A change of the device's time zone is noticed within a second.
+// A pattern gives the same text in every locale: English names, the Gregorian calendar, the digits 0 to 9. Fractions of
+// a millisecond are cut off. A change of the device's time zone takes effect within a second. Safe from any thread.
 
 #pragma once
 
@@ -21,27 +21,27 @@
 
 namespace sentrova {
 
-// Formats the patterns of logs and file names by itself, from a table of their fields. The library does the rest, and
-// costs memory only once it has been used.
+// Formats the simple patterns of logs and file names itself (PlainDatePattern). All else goes to the library, which
+// takes much memory from its first use on.
 class DateFormat {
   public:
-    // The clock and the library must outlive the object, which alone uses the library.
+    // The clock and the library must outlive the object. Nobody else may use the library.
     DateFormat(Clock& clock, DateLibrary& library);
     DateFormat(const DateFormat&) = delete;
     DateFormat& operator=(const DateFormat&) = delete;
 
-    // Empty when the pattern is none.
+    // Empty if the pattern is invalid.
     std::string format(std::string_view pattern, Date date) EXCLUDES(mutex_);
 
-    // Nothing when the text does not follow the pattern from its first to its last character, or names no real date.
-    // What the pattern leaves out is that of 1 January 2000, 00:00.
+    // Absent if the whole text does not match the pattern, or is not a real date. Fields that the pattern leaves out
+    // are those of 1 January 2000, 00:00.
     std::optional<Date> parse(std::string_view pattern, std::string_view text) EXCLUDES(mutex_);
 
-    // Date and time in their long styles, for people: "15 November 2026 at 15:58:40 UTC" in the locale's form.
+    // Date and time in the locale's long style, for people: "15 November 2026 at 15:58:40 UTC".
     std::string longStyle(Date date) EXCLUDES(mutex_);
 
   private:
-    // What the device's time zone depends on; equal as long as nobody has changed the zone.
+    // Where the device's time zone comes from. A different value means that the zone may have changed.
     struct ZoneSource {
         std::string variable;
         dev_t device = 0;
@@ -51,8 +51,8 @@ class DateFormat {
         static ZoneSource present();
         friend bool operator==(const ZoneSource&, const ZoneSource&) = default;
     };
-    // A pattern with the text that it made last. The text holds for the whole second where the pattern shows no part of
-    // one: the lines of a log come thousands a second.
+    // A pattern and its latest text. If the pattern shows no fraction of a second, the text is reused for the whole
+    // second, because a log may have thousands of lines per second.
     struct Pattern {
         std::optional<PlainDatePattern> plain;
         bool wholeSeconds = false;

@@ -1,4 +1,4 @@
-// Dates as text beyond plain patterns: the part of DateFormat that a library of the host does.
+// The part of DateFormat that a library of the host does: dates beyond plain patterns.
 
 #pragma once
 
@@ -11,15 +11,15 @@
 
 namespace sentrova {
 
-// Works in the device's time zone, as it was when zoneChanged was called last, or at the first call. For one thread at
-// a time. Dates are whole milliseconds.
+// Uses the device's time zone as it was at the latest call of zoneChanged, or at first use. For one thread at a time.
+// Dates are whole milliseconds.
 class DateLibrary {
   public:
     virtual ~DateLibrary() = default;
 
-    // Empty when the pattern is none.
+    // Empty if the pattern is invalid.
     virtual std::string format(std::string_view pattern, Date date) = 0;
-    // As DateFormat::parse.
+    // Like DateFormat::parse.
     virtual std::optional<Date> parse(std::string_view pattern, std::string_view text) = 0;
     virtual std::string longStyle(Date date) = 0;
     virtual void zoneChanged() = 0;

@@ -1,4 +1,4 @@
-// Cipher, digest and random bytes, as a library of the host provides them.
+// Cipher, digest and random bytes, provided by a library of the host.
 
 #pragma once
 
@@ -20,20 +20,20 @@ class Cryptography {
     static constexpr std::size_t kDigestBytes = 32;
 
     enum class Direction { encrypt, decrypt };
-    // The library refused the call; the decrypted bytes do not end with padding.
+    // `refused`: the library refused the call. `padding`: the decrypted bytes do not end with valid padding.
     enum class CipherProblem { refused, padding };
     using CipherResult = std::variant<Data, CipherProblem>;
 
     virtual ~Cryptography() = default;
 
-    // AES-256 in CBC mode with PKCS #7 padding, and a vector of zero bytes. The key has kKeyBytes. Bytes to decrypt are
-    // whole blocks.
+    // AES-256 in CBC mode with PKCS #7 padding and an initialisation vector of zero bytes. The key has kKeyBytes. Bytes
+    // to decrypt must be whole blocks.
     virtual CipherResult aes256(std::span<const std::uint8_t> bytes, std::span<const std::uint8_t> key,
                                 Direction direction) const = 0;
 
     virtual std::array<std::uint8_t, kDigestBytes> sha256(std::span<const std::uint8_t> bytes) const = 0;
 
-    // From the secure generator; nothing when it fails.
+    // From the secure random generator. Absent if it fails.
     virtual std::optional<Data> randomBytes(std::size_t count) const = 0;
 
   protected:

@@ -15,14 +15,14 @@ double epochSecondsExact(Date date) {
 }
 
 Date dateFromEpoch(double seconds) {
-    // A conversion of a larger number of seconds would overflow.
+    // The conversion of more seconds would overflow.
     constexpr double kLimit = 9.2e9;
     const std::chrono::duration<double> exact(std::clamp(seconds, -kLimit, kLimit));
     return Date(std::chrono::duration_cast<Date::duration>(exact));
 }
 
 std::string universalText(Date date) {
-    // In seconds: the first date of all has no beginning of its day.
+    // Splits seconds and not nanoseconds: midnight before the earliest date would be out of range.
     const auto seconds = std::chrono::floor<std::chrono::seconds>(date);
     const auto day = std::chrono::floor<std::chrono::days>(seconds);
     const std::chrono::year_month_day calendar(day);

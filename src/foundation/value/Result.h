@@ -1,4 +1,4 @@
-// A value, or the error that there is instead of it.
+// Either a value or an error.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace sentrova {
 
-// What went wrong: the domain says whose code it is, the description is for the log.
+// The domain names the origin of the code; the description is for the log.
 struct Error {
     std::string domain;
     std::int64_t code = 0;
@@ -25,7 +25,7 @@ inline constexpr const char* kPosixErrorDomain = "NSPOSIXErrorDomain";
 // The domain of the platform's own data formats: property lists, JSON and archives.
 inline constexpr const char* kCocoaErrorDomain = "NSCocoaErrorDomain";
 
-// The error for an errno value, described in the host's words.
+// The error for an errno value, with the host's description.
 Error posixError(int number);
 
 template <class T>
@@ -43,10 +43,10 @@ class [[nodiscard]] Result {
     const T* operator->() const { return &std::get<0>(content_); }
     T* operator->() { return &std::get<0>(content_); }
 
-    // Only for a result that holds none.
+    // Only for a result that holds an error.
     const Error& error() const { return std::get<1>(content_); }
 
-    // The value, without the reason where there is none.
+    // The value; absent for an error.
     std::optional<T> optional() && { return *this ? std::optional<T>(std::get<0>(std::move(content_))) : std::nullopt; }
 
   private:

@@ -34,7 +34,7 @@ std::size_t digitsAt(std::string_view text, std::size_t at) {
     return std::min(rest.find_first_not_of("0123456789"), rest.size());
 }
 
-// How many characters at the start of the text make up a decimal real number; 0 when they make none.
+// The length of the decimal real number at the start of the text; 0 if there is none.
 std::size_t realLength(std::string_view text) {
     std::size_t at = text.starts_with('-') || text.starts_with('+') ? 1 : 0;
     const auto whole = digitsAt(text, at);
@@ -59,16 +59,16 @@ std::size_t realLength(std::string_view text) {
     return at;
 }
 
-// The value of a text that is a decimal real number.
+// The text must be a decimal real number.
 double realValue(std::string_view text) {
-    // The library takes no plus sign.
+    // The library refuses a plus sign.
     text.remove_prefix(text.starts_with('+') ? 1 : 0);
     double value = 0;
     fast_float::from_chars(text.data(), text.data() + text.size(), value);
     return value;
 }
 
-// The valid UTF-8 that the text begins with, which is taken off the text.
+// Removes the valid UTF-8 at the start of the text and returns it.
 std::string_view takeValid(std::string_view& text) {
     auto length = asciiPrefix(text);
     const auto rest = text.substr(length);

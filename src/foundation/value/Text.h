@@ -1,6 +1,6 @@
-// Text encodings: what the agent needs to know of UTF-8, UTF-16 and ASCII; and numbers that are written as text.
+// Conversions between UTF-8, UTF-16 and ASCII, and from text to numbers.
 //
-// Safe from any thread. Nothing here depends on the locale.
+// Independent of the locale. Safe from any thread.
 
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace sentrova {
 
-// Whether the text is UTF-8 in its strict form: no overlong forms, no surrogates, nothing above U+10FFFF.
+// Whether the text is strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
 bool isValidUtf8(std::string_view text);
 
 bool isAscii(std::string_view text);
@@ -20,25 +20,23 @@ bool isAscii(std::string_view text);
 // The text in UTF-16; each byte that is not part of valid UTF-8 becomes U+FFFD.
 std::u16string utf16(std::string_view text);
 
-// The text in UTF-8; nothing when it holds half a surrogate pair.
+// The text in UTF-8. Absent if it holds an unpaired surrogate.
 std::optional<std::string> utf8(std::u16string_view text);
 
-// Appends the character in UTF-8. Only for a code point that UTF-8 can carry.
+// Appends the character in UTF-8. Only for code points up to U+10FFFF that are not surrogates.
 void appendUtf8(char32_t character, std::string& text);
 
-// The text in ASCII, as far as there is one: each character becomes its ASCII form (é becomes e), each byte that is not
-// part of valid UTF-8 becomes "?".
+// The text in ASCII. Each character becomes its ASCII form (é becomes e; see Encodings::asciiForm), each byte of
+// invalid UTF-8 becomes "?".
 std::string asciiLossy(std::string_view text, const Encodings& encodings);
 
-// The beginning of a text from outside, for a message: at most so many bytes, each byte that is not part of valid UTF-8
-// as "?".
+// The beginning of an untrusted text, for a message. At most `mostBytes` bytes; each byte of invalid UTF-8 becomes "?".
 std::string excerpt(std::string_view text, std::size_t mostBytes = 100);
 
-// The decimal real number that the text begins with, after blanks; 0 where it begins with none. Beyond the largest real
-// it is infinite.
+// The decimal real number at the start of the text, after blanks. 0 if there is none, infinite beyond the largest real.
 double leadingReal(std::string_view text);
 
-// The decimal real number that the text is, from end to end; nothing when it is none.
+// The value of a text that is one decimal real number and nothing else. Absent for any other text.
 std::optional<double> wholeReal(std::string_view text);
 
 }  // namespace sentrova

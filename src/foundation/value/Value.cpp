@@ -15,7 +15,7 @@ namespace sentrova {
 
 namespace {
 
-// Above this many entries a look-up by hash is faster than a walk.
+// Above this many entries, a hash look-up is faster than a linear search.
 constexpr std::size_t kWalkedEntries = 32;
 
 constexpr std::size_t kNowhere = std::numeric_limits<std::size_t>::max();
@@ -69,7 +69,7 @@ bool beginsTrue(std::string_view text) {
     return !text.empty() && std::string_view("tTyY123456789").find(text.front()) != std::string_view::npos;
 }
 
-// Appends values in the bracketed style of property lists.
+// Appends values in the style of old property lists: { key = value; } and ( element, element ).
 class Describer {
   public:
     void append(const Value& value, int depth) {
@@ -170,7 +170,7 @@ class Describer {
 };
 
 std::string describeData(const Data& data) {
-    // Longer content is shortened as the platform does it: the first 16 and the last 8 bytes.
+    // Shortens longer data as the Mac does: to the first 16 and the last 8 bytes.
     constexpr std::size_t kHead = 16;
     constexpr std::size_t kTail = 8;
     std::string text = fmt::format("{{length = {}, bytes = 0x", data.size());
@@ -184,7 +184,7 @@ std::string describeData(const Data& data) {
     return text + "}";
 }
 
-// One of 64 bits, by the key's length and two of its characters.
+// A hash of the key's length and two of its characters, as one of 64 bits.
 std::uint64_t markOf(std::string_view key) {
     const auto character = [&](std::size_t at) -> std::size_t { return static_cast<unsigned char>(key[at]); };
     const auto mixed = key.empty() ? 0 : key.size() * 5 + character(key.size() / 2) * 3 + character(key.size() - 1);
@@ -312,7 +312,7 @@ std::int64_t Value::integerValue() const {
 
 std::int32_t Value::intValue() const {
     const auto value = integerValue();
-    // A number is cut to its low 32 bits, a text read up to the 32-bit limits.
+    // A number is cut to its low 32 bits; a text is limited to the 32-bit range.
     if (string()) {
         return static_cast<std::int32_t>(std::clamp<std::int64_t>(value, std::numeric_limits<std::int32_t>::min(),
                                                                   std::numeric_limits<std::int32_t>::max()));

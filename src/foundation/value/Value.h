@@ -1,7 +1,7 @@
-// The values that property lists, JSON texts and events are made of.
+// The values in property lists, JSON texts and events.
 //
-// A Value holds nothing, a boolean, a 64-bit integer, a real, a string, bytes, a date, an array or a dictionary.
-// Values copy and compare; threads may share a value that none of them changes.
+// A Value is empty or holds a boolean, a 64-bit integer, a real, a string, bytes, a date, an array or a dictionary.
+// Values can be copied and compared. Threads may share a value while nobody changes it.
 
 #pragma once
 
@@ -24,8 +24,8 @@ class Value;
 using Data = std::vector<std::uint8_t>;
 using Array = std::vector<Value>;
 
-// Values by string key, in the order in which the keys were first set. Look-ups cost one comparison a key in small
-// dictionaries and a hash in large ones.
+// Values by string key, in the order in which the keys were first set. Small dictionaries are searched linearly, large
+// ones by hash.
 class Dictionary {
   public:
     struct Entry;
@@ -38,7 +38,7 @@ class Dictionary {
     Dictionary& operator=(Dictionary&& other) noexcept;
     ~Dictionary();
 
-    // The value under the key, or null. Valid until the dictionary changes.
+    // The value under the key, or null. The pointer is valid until the dictionary changes.
     const Value* find(std::string_view key) const;
     // The value under the key, or an empty Value.
     const Value& operator[](std::string_view key) const;
@@ -46,7 +46,7 @@ class Dictionary {
 
     // Stores the value under the key, replacing any earlier one.
     void set(std::string_view key, Value value);
-    // Returns whether there was such a key.
+    // Returns whether the key existed.
     bool remove(std::string_view key);
 
     void reserve(std::size_t entries);
@@ -55,7 +55,7 @@ class Dictionary {
     std::vector<Entry>::const_iterator begin() const;
     std::vector<Entry>::const_iterator end() const;
 
-    // Equal keys with equal values, whatever their order.
+    // Compares keys and values; the order of the keys does not matter.
     friend bool operator==(const Dictionary& left, const Dictionary& right);
 
   private:
@@ -64,9 +64,10 @@ class Dictionary {
     std::size_t position(std::string_view key) const;
 
     std::vector<Entry> entries_;
-    // The marks of all keys that were ever set: a key without its mark here is not there, which saves most walks.
+    // A small Bloom filter over all keys ever set. A key whose bit is 0 is not in the dictionary, which saves most
+    // searches.
     std::uint64_t marks_ = 0;
-    // Positions by key; only for a dictionary that has outgrown walking.
+    // Positions by key; null in small dictionaries.
     std::unique_ptr<Index> index_;
 };
 
@@ -89,7 +90,7 @@ class Value {
 
     bool isNull() const { return std::holds_alternative<std::monostate>(content_); }
 
-    // The content, or null when the value is of another kind.
+    // The content; null if the value is of another kind.
     const bool* boolean() const { return std::get_if<bool>(&content_); }
     const std::int64_t* integer() const { return std::get_if<std::int64_t>(&content_); }
     const double* real() const { return std::get_if<double>(&content_); }
@@ -103,19 +104,21 @@ class Value {
 
     bool isNumber() const { return boolean() || integer() || real(); }
 
-    // Numbers out of what is stored, by the platform's rules: a string gives the number it begins with (after blanks),
-    // out-of-range values the nearest one in range, everything that is neither number nor string 0.
+    // The value as a number, by the Mac's rules. A string gives the number at its start, after blanks. An out-of-range
+    // value gives the nearest one in range, except that intValue keeps the low 32 bits of a number. Anything but a
+    // number or string gives 0.
     std::int64_t integerValue() const;
     std::int32_t intValue() const;
     double doubleValue() const;
-    // A number unequal to 0; a string whose first character, after blanks, a sign and zeros, is one of tTyY1-9.
+    // True for a number other than 0, and for a string whose first character, after blanks, a sign and zeros, is one of
+    // tTyY1-9.
     bool boolValue() const;
 
-    // The text that the value has inside a message: a string as it is, a number in decimal, "(null)" for nothing,
-    // containers in the bracketed style of property lists.
+    // The value as log messages show it: a string as it is, a number in decimal, "(null)" for an empty value,
+    // containers in the style of old property lists.
     std::string description() const;
 
-    // Numbers compare by their value, whatever their kind: true equals 1 and 1.0.
+    // Numbers of different kinds compare by value: true equals 1 and 1.0.
     friend bool operator==(const Value& left, const Value& right);
 
   private:

@@ -10,13 +10,14 @@ namespace sentrova::platform {
 
 namespace {
 
-// The library sends a request again by itself when the kept-alive connection that it went out on turns out to have been
-// closed by the server. The server may all the same have read it, so that is done once and not more often.
+// How often a request is sent. The library sends it again by itself if the server has closed the kept-alive connection.
+// The server may have read the request before it closed, so each repetition may deliver the request twice. Therefore
+// aboutToSend allows one repetition.
 constexpr int kMostSendings = 2;
 
-// A body goes to the host in portions, for which the library keeps memory while it is sent: the larger they are, the
-// fewer calls and wake-ups of the other side a batch costs. With TLS a portion counts as progress only as a whole:
-// there it stays small enough for a slow line.
+// The size of the library's send buffer. A larger buffer takes more memory while a body is sent, but needs fewer system
+// calls and wake-ups of the receiver. With TLS, a buffer counts as progress only when it is sent completely. So it is
+// smaller there, for slow lines.
 constexpr std::size_t kSmallestPortion = 16 * 1024;
 constexpr std::size_t kLargestPortion = 512 * 1024;
 constexpr std::size_t kLargestTlsPortion = 64 * 1024;
@@ -72,7 +73,7 @@ UrlErrorCode errorCodeFor(CURLcode code) {
         case CURLE_SSL_CLIENTCERT:
         case CURLE_PEER_FAILED_VERIFICATION:
             return UrlErrorCode::secureConnectionFailed;
-        case CURLE_UNSUPPORTED_PROTOCOL:  // of the answer: the URL's scheme has been checked
+        case CURLE_UNSUPPORTED_PROTOCOL:  // the answer's protocol; addressOf has checked the scheme of the URL
         case CURLE_WEIRD_SERVER_REPLY:
             return UrlErrorCode::badServerResponse;
         default:
@@ -97,7 +98,7 @@ Result<CurlTransfer::Address> CurlTransfer::addressOf(const UrlRequest& request)
                      "The request's method or one of its headers cannot be sent."};
     }
     const std::unique_ptr<CURLU, void (*)(CURLU*)> parsed(curl_url(), curl_url_cleanup);
-    // A user name in it could only have come there by a damaged host name.
+    // Refuses a user name in the URL: only a damaged host name could look like one.
     constexpr unsigned kStrictness = CURLU_NON_SUPPORT_SCHEME | CURLU_DISALLOW_USER;
     if (!fitsOnALine(request.url) ||
         curl_url_set(parsed.get(), CURLUPART_URL, request.url.c_str(), kStrictness) != CURLUE_OK) {
@@ -134,8 +135,7 @@ CurlTransfer::HeaderList CurlTransfer::headerList() const {
     };
     for (const auto& [name, value] : request_.headers) {
         const std::string sent = curl_strequal(name.c_str(), "Content-Length") ? std::to_string(body_->size()) : value;
-        // A name with a semicolon is how the library is asked for a header without a value, one with nothing after its
-        // colon how it is asked for no such header.
+        // In the library's syntax, "Name;" sends a header without a value, and "Name:" sends no such header.
         append(sent.empty() ? name + ";" : name + ": " + sent);
     }
     for (const char* const unasked : {"Accept", "Content-Type", "Expect"}) {
@@ -146,7 +146,7 @@ CurlTransfer::HeaderList CurlTransfer::headerList() const {
     return list;
 }
 
-// "host:port:address,address", which spares the library its own look-up.
+// "host:port:address,address". The library then connects to these addresses and does not look up the host itself.
 CurlTransfer::HeaderList CurlTransfer::resolveList(const AddressList& addresses) const {
     if (addresses.empty()) {
         return nullptr;
@@ -197,7 +197,7 @@ void CurlTransfer::setUpRequest() {
     set(CURLOPT_URL, address_.url.c_str());
     set(CURLOPT_PROTOCOLS_STR, "http,https");
     set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    // An empty name: no proxy, whatever the environment says.
+    // An empty name means no proxy, even if the environment names one.
     set(CURLOPT_PROXY, "");
     set(CURLOPT_POST, 1L);
     set(CURLOPT_CUSTOMREQUEST, request_.method.c_str());
@@ -209,8 +209,8 @@ void CurlTransfer::setUpRequest() {
     set(CURLOPT_HTTPHEADER, headers_.get());
     set(CURLOPT_FOLLOWLOCATION, 0L);
     set(CURLOPT_RESOLVE, resolved_.get());
-    // The library tries the addresses of a family one after another. Each gets half of the time that is left, the last
-    // one all of it: so the time to connect must be the time until the session gives the request up.
+    // The library tries the addresses of a family one after another. Each gets half of the remaining time, the last one
+    // all of it. So the time for connecting must be the time until the session gives up the request.
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(due() - session_->now());
     set(CURLOPT_CONNECTTIMEOUT_MS, std::max(static_cast<long>(left.count()), 1L));
     set(CURLOPT_NOSIGNAL, 1L);
@@ -230,7 +230,7 @@ void CurlTransfer::setUpCallbacks() {
 }
 
 void CurlTransfer::setUpSecurity() {
-    // Any certificate of a server is accepted, and none is offered.
+    // Accepts any server certificate and offers no client certificate.
     set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     set(CURLOPT_SSL_VERIFYPEER, 0L);
     set(CURLOPT_SSL_VERIFYHOST, 0L);
@@ -281,11 +281,20 @@ void CurlTransfer::ended(CURLcode code) {
     outcome_ = answerOrError(code);
 }
 
+// A transfer ends with an answer or with an error, never with both:
+// - tooLong_: the body is longer than maximumAnswer. Error dataLengthExceedsMaximum, whatever the code.
+// - CURLE_OK with complete headers: the answer, whatever its status.
+// - CURLE_OK without the empty line after the headers: the connection ended early, but the library takes that for the
+//   end of the headers. Error networkConnectionLost.
+// - CURLE_ABORTED_BY_CALLBACK: aboutToSend has refused to send the request a third time, because two connections were
+//   lost. Error networkConnectionLost.
+// - Any other code: the error from errorCodeFor.
+// The session itself ends a transfer that is overdue (timedOut), whose host is not found (cannotFindHost), or that
+// could not be started (unknown).
 CurlTransfer::Outcome CurlTransfer::answerOrError(CURLcode code) const {
     if (tooLong_) {
         return {{}, {}, urlError(UrlErrorCode::dataLengthExceedsMaximum)};
     }
-    // The library takes the end of the connection for the end of the headers; and an abort is the third sending.
     if ((code == CURLE_OK && !headComplete_) || code == CURLE_ABORTED_BY_CALLBACK) {
         return {{}, {}, urlError(UrlErrorCode::networkConnectionLost)};
     }
@@ -304,7 +313,7 @@ std::string CurlTransfer::connectedAddress() const {
 }
 
 Clock::Monotonic CurlTransfer::due() const {
-    // No time-out reaches beyond the total time, which also keeps a huge one from overflowing.
+    // A request's time-out is limited to the total time, so that the sum of a huge one does not overflow.
     return std::min(lastProgress_ + std::min(request_.timeout, limits_.totalTime), cameToTurn_ + limits_.totalTime);
 }
 

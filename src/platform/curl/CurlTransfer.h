@@ -1,4 +1,4 @@
-// One exchange of a CurlUrlSession: what is to be sent, the handle that sends it, and what has come of it.
+// One request of a CurlUrlSession: its content, the curl handle that sends it, and its outcome.
 
 #pragma once
 
@@ -16,13 +16,13 @@
 
 namespace sentrova::platform {
 
-// Made on any thread, then used on the network thread alone.
+// Created on any thread, then used only on the network thread.
 class CurlTransfer {
   public:
     // Never null.
     using Body = std::shared_ptr<const std::string>;
 
-    // What a transfer needs of its session. Called on the network thread, also from within the network library.
+    // The session, as the transfer uses it. Called on the network thread, also by callbacks of the network library.
     class Session {
       public:
         virtual ~Session() = default;
@@ -31,11 +31,12 @@ class CurlTransfer {
     };
 
     struct Limits {
+        // In bytes, without the headers.
         std::size_t maximumAnswer;
         std::chrono::seconds totalTime;
     };
 
-    // What the completion is told.
+    // The arguments of the completion: data and response, or an error.
     struct Outcome {
         std::optional<Data> data;
         std::optional<UrlResponse> response;
@@ -46,19 +47,19 @@ class CurlTransfer {
         std::string url;
         std::string host;
         std::string port;
-        // Scheme, host and port: what shares its connections.
+        // "scheme://host:port". Requests with the same origin share connections.
         std::string origin;
     };
 
-    // Where the request goes. Fails when it cannot be sent: on a URL that does not parse, on a scheme other than http
-    // and https, and on a method or a header that would break out of its line.
+    // Parses the request's URL. Fails if the request cannot be sent: on a malformed URL, a scheme other than http and
+    // https, or a method or header with characters that would end its line.
     static Result<Address> addressOf(const UrlRequest& request);
 
     CurlTransfer(Address address, UrlRequest request, Body body, UrlSession::Completion completion,
                  const Limits& limits);
     CurlTransfer(const CurlTransfer&) = delete;
     CurlTransfer& operator=(const CurlTransfer&) = delete;
-    // The handle must have left the multi handle.
+    // The curl handle must not be in the multi handle any more.
     ~CurlTransfer() = default;
 
     std::uint64_t id() const { return id_; }
@@ -66,25 +67,25 @@ class CurlTransfer {
     const std::string& origin() const { return address_.origin; }
     const std::shared_ptr<const UrlSession::Completion>& completion() const { return completion_; }
 
-    // Its time begins to run. The session must outlive the transfer.
+    // Call it when a connection becomes free for the request: its time-outs begin now. The session must outlive the
+    // transfer.
     void comeToTurn(Session& session);
-    // Makes the handle to be driven, which points back here by CURLOPT_PRIVATE; to be called once. Connects to one of
-    // the addresses, tried in their order; none for a numeric host. Throws std::runtime_error when the library cannot
-    // do what is asked of it.
+    // Creates the curl handle for the multi handle; its CURLOPT_PRIVATE is this object. Call it once. `addresses` are
+    // tried in their order; pass none for a numeric host. Throws std::runtime_error if the library refuses an option.
     CURL* begin(const AddressList& addresses);
-    // To be told when the handle has come to its end and has been removed.
+    // Call it when the curl handle has ended and is removed from the multi handle.
     void ended(CURLcode code);
-    // The handle while it is being driven, else null.
+    // The curl handle between begin and ended; otherwise null.
     CURL* underWay() const { return underWay_ ? handle_.get() : nullptr; }
-    // Whether it has several addresses to try and is connected to none yet.
+    // Whether the transfer has several addresses to try and is not connected yet.
     bool isTryingAddresses() const { return underWay_ && timesSent_ == 0 && addressCount_ > 1; }
-    // The address that the exchange was connected to last; empty when it was to none.
+    // The address of the last connection. Empty if there was no connection.
     std::string connectedAddress() const;
 
-    // What has come of it; to be asked after the end.
+    // Valid after ended.
     Outcome& outcome() { return outcome_; }
 
-    // When it will have timed out, unless it makes progress before.
+    // When the transfer times out, unless it makes progress before.
     Clock::Monotonic due() const;
 
   private:
@@ -107,7 +108,7 @@ class CurlTransfer {
     void noteProgress() { lastProgress_ = session_->now(); }
     Outcome answerOrError(CURLcode code) const;
 
-    // The library's callbacks, with the transfer as their last or first argument.
+    // Callbacks of the library. `self` is the transfer.
     static int aboutToSend(void* self, char*, char*, int, int);
     static int progressed(void* self, curl_off_t, curl_off_t received, curl_off_t, curl_off_t sent);
     static std::size_t receivedHeader(char* line, std::size_t size, std::size_t count, void* self);
@@ -118,7 +119,7 @@ class CurlTransfer {
     const UrlRequest request_;
     const Body body_;
     const Limits limits_;
-    // Shared, so that it is not lost where handing it to the delegate queue fails.
+    // Shared, so that it is not lost if adding it to the delegate queue fails.
     const std::shared_ptr<const UrlSession::Completion> completion_;
 
     Session* session_ = nullptr;

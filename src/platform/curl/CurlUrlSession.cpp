@@ -29,14 +29,16 @@ namespace {
 constexpr const char* kThreadName = "network thread";
 constexpr const char* kLookUpName = "look-up of a host";
 
-// The longest wait that the library takes, 24 days; it ends early for sockets, mail and the library's own due times.
+// In milliseconds: the longest wait that the library accepts, 24 days. Sockets, mail and the library's own timers end
+// it early.
 constexpr int kNoTimeLimit = std::numeric_limits<int>::max();
-// After a turn that failed, for want of memory say, the rest of its work is tried again.
+// After a failed turn (out of memory, for example), the rest of its work is retried after this time.
 constexpr int kTriedAgainAfterMs = 1000;
-// The library gives a silent address up, but goes on to the next one only when it is driven again, and asks nobody to.
+// The library gives up an address that does not answer, but tries the next one only when it is called again, and sets
+// no timer for that. So it is called this often while addresses are being tried.
 constexpr int kNextAddressWithinMs = 250;
 
-// What other threads have for the network thread. Safe from any thread; what comes in wakes the network thread.
+// Passes requests and look-up results from other threads to the network thread, and wakes it. Safe from any thread.
 class Mailbox {
   public:
     struct LookUp {
@@ -81,7 +83,7 @@ class Mailbox {
         return std::exchange(mail_, {});
     }
 
-    // Nobody is to be woken any more.
+    // From now on the network thread is not woken.
     void close() EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         sleeper_ = nullptr;
@@ -99,7 +101,7 @@ class Mailbox {
     CURLM* sleeper_ GUARDED_BY(mutex_);
 };
 
-// A write to a connection that the server has closed must not end the process.
+// Without this, a write to a connection that the server has closed would end the process.
 void blockBrokenPipeSignal() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -118,12 +120,12 @@ CURLM* makeMultiHandle() {
 
 }  // namespace
 
-// Everything below the queue and the mailbox belongs to the network thread.
+// Only the network thread uses the members below mailbox_.
 class CurlUrlSession::Engine final : public CurlTransfer::Session {
   public:
     Engine(Clock& clock, const Configuration& configuration)
         : clock_(clock), configuration_(configuration), completions_("url session delegate queue", clock) {
-        // Room for the connections to the address in use and to the one before it.
+        // Keeps the connections to the server's current address and to the previous one.
         curl_multi_setopt(multi_.get(), CURLMOPT_MAXCONNECTS, 2L * configuration.maximumConnectionsPerHost);
     }
 
@@ -155,7 +157,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     Clock::Monotonic now() const override { return now_; }
 
   private:
-    // The requests to one server: those under way, and those that wait for one of them to end.
+    // The requests to one server: the number in flight, and those that wait for a free connection.
     struct Line {
         int active = 0;
         std::list<std::unique_ptr<CurlTransfer>> waiting;
@@ -200,7 +202,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         if (stopped_) {
             return;
         }
-        // Taken before anything is sent, so that progress counts from no later than it was made.
+        // Read before anything is sent, so that progress is never noted later than it happened.
         now_ = clock_.monotonicTime();
         while (!arrived_.empty()) {
             auto& waiting = lines_[arrived_.front()->origin()].waiting;
@@ -220,7 +222,8 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         armTimer();
     }
 
-    // Starts what may start; the library then asks to be driven at once.
+    // Starts waiting requests while their server has free connections. Adding a handle ends the next poll at once, so
+    // the library works on it without delay.
     void advanceLines() {
         for (auto& [origin, line] : lines_) {
             while (!line.waiting.empty() && line.active < configuration_.maximumConnectionsPerHost) {
@@ -236,7 +239,8 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
                       [](const auto& entry) { return entry.second.active == 0 && entry.second.waiting.empty(); });
     }
 
-    // Goes on as soon as the addresses of the host are known.
+    // Connects the transfer if the addresses of its host are known. Otherwise starts a look-up, whose result calls this
+    // function again.
     void drive(CurlTransfer& transfer) {
         try {
             if (isNumericHost(transfer.host())) {
@@ -258,8 +262,8 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         }
     }
 
-    // One look-up per host at a time. Its thread is nobody's to wait for: a resolver may block for minutes. While the
-    // system refuses the thread, the look-up is tried again with each turn, and the requests wait.
+    // Runs at most one look-up per host. Its thread is detached, because a resolver may block for minutes. While the
+    // system refuses the thread, the look-up is retried in each turn, and the requests wait.
     void lookUp(const std::string& host) {
         if (lookedUp_.contains(host)) {
             return;
@@ -276,7 +280,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
             refused_.erase(host);
             lookedUp_.insert(host);
         } else if (refused_.insert(host).second) {
-            reportException(kLookUpName, "The system grants no further thread; the look-up waits for one");
+            reportException(kLookUpName, "No thread could be started; the look-up is queued and retried");
         }
     }
 
@@ -310,7 +314,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     void collectEnded() {
         int left = 0;
         while (const auto* message = curl_multi_info_read(multi_.get(), &left)) {
-            // The message goes with the handle.
+            // Copied first: removing the handle destroys the message.
             auto* const handle = message->easy_handle;
             const auto code = message->data.result;
             CurlTransfer* transfer = nullptr;
@@ -324,7 +328,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         }
     }
 
-    // A transfer that cannot be completed stays, and is completed when its time is up.
+    // If queueing the completion throws, the transfer stays active. It is completed later, as overdue.
     void finish(CurlTransfer& transfer, CurlTransfer::Outcome outcome) {
         complete(transfer.completion(), std::move(outcome));
         --lines_[transfer.origin()].active;
@@ -350,8 +354,8 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         }
     }
 
-    // One timer, for the transfer that is due first. Progress only puts that off, so a timer that comes too early finds
-    // nothing overdue and is set anew.
+    // One timer, for the transfer that is due first. Progress only moves due times back, so a timer may fire too early.
+    // It then finds nothing overdue and is set again.
     void armTimer() {
         const auto first = std::ranges::min_element(active_, {}, [](const auto& entry) { return entry.second->due(); });
         if (first == active_.end()) {
@@ -385,14 +389,14 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     std::unique_ptr<CURLM, MultiDeleter> multi_{makeMultiHandle()};
     const std::shared_ptr<Mailbox> mailbox_ = std::make_shared<Mailbox>(multi_.get());
     HostAddresses hosts_;
-    // The hosts whose look-up is under way.
+    // The hosts with a look-up in progress.
     std::set<std::string> lookedUp_;
-    // The hosts whose look-up was refused a thread.
+    // The hosts whose look-up was refused a thread and is retried.
     std::set<std::string> refused_;
-    // Requests that have no line yet.
+    // Requests that are not in a line yet.
     std::list<std::unique_ptr<CurlTransfer>> arrived_;
     std::map<std::string, Line> lines_;
-    // Those whose turn has come, by id: driven by the multi handle, or waiting for a look-up.
+    // The requests in flight, by id: in the multi handle, or waiting for a look-up.
     std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> active_;
     std::optional<Clock::TimerId> timer_;
     Clock::Monotonic timerDue_;

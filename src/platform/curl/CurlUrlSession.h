@@ -1,4 +1,4 @@
-// The session that speaks to real servers, over libcurl's multi interface.
+// The UrlSession for real servers, with libcurl's multi interface.
 
 #pragma once
 
@@ -12,43 +12,44 @@
 
 namespace sentrova::platform {
 
-// One thread drives all sockets and sleeps while there is nothing to do. Requests go straight to their server over
-// HTTP/1.1, whatever the environment says about proxies; cookies are not kept. Connections are kept alive and reused,
-// with at most six to a scheme, host and port; further requests wait for one of them in the order in which they came.
-// How many wait is the callers' business.
+// One thread serves all sockets and sleeps while there is nothing to do. Requests go directly to their server over
+// HTTP/1.1, even if the environment names a proxy. Cookies are not kept. Connections are kept alive and reused. At most
+// six are open per scheme, host and port; further requests wait for a free one in the order of their arrival. Callers
+// must limit the number of waiting requests.
 //
-// A request times out when its exchange has made no progress (connected, sent or received anything) for its time-out,
-// or is not complete after the total time; both are measured by the clock, from the moment at which the request's turn
-// has come. An answer longer than maximumAnswer fails with dataLengthExceedsMaximum, one that is cut short with
+// A request times out if it makes no progress (connects, sends or receives anything) for its time-out, or is not
+// complete after the total time. Both are measured by the clock, and begin when a connection becomes free for the
+// request. An answer longer than maximumAnswer fails with dataLengthExceedsMaximum, an incomplete one with
 // networkConnectionLost.
 //
-// A host name is looked up on a thread of its own, which neither other requests nor the end of the session wait for.
-// All its addresses are tried within the request's time-out, the one that answered last time first: of several
-// addresses of one family each gets half of the time that is left.
+// Each host name is looked up on a separate thread. Neither other requests nor the destructor wait for it. All
+// addresses are tried within the request's time-out, the one that answered last time first. Of several addresses in one
+// family, each gets half of the remaining time.
 //
-// A request that went out on a kept-alive connection which the server had closed meanwhile is sent once more on
-// another, for there is no telling that case from a server that read it and closed. So a server may see a request
-// twice; a second loss is reported.
+// If the server has closed the kept-alive connection of a request, the request is sent once more on another connection.
+// The agent cannot tell whether the server has read the request before it closed, so a server may receive a request
+// twice. A second loss is reported as networkConnectionLost.
 //
-// TLS is of version 1.2 or later, whatever the host's own settings allow; an older server fails with
-// secureConnectionFailed. Any certificate of a server is accepted, and none is offered.
+// TLS is always version 1.2 or later. A server with only older versions fails with secureConnectionFailed. Any server
+// certificate is accepted, and no client certificate is offered. Safe from any thread.
 class CurlUrlSession final : public UrlSession {
   public:
     struct Configuration {
         int maximumConnectionsPerHost = 6;
         std::size_t maximumAnswer = 16 * 1024 * 1024;
         std::chrono::seconds totalTime{900};
-        // Must work without the session, which may have ended meanwhile.
+        // Must not use the session, which may be destroyed while the resolver runs.
         HostResolver resolver = resolveHost;
     };
 
     // The clock must outlive the session.
     CurlUrlSession(Clock& clock, const Configuration& configuration);
     explicit CurlUrlSession(Clock& clock) : CurlUrlSession(clock, Configuration()) {}
-    // Abandons the requests in flight and those that wait; their completions are not called.
+    // Drops the requests in flight and those that wait. Their completions are not called.
     ~CurlUrlSession() override;
 
-    // Starts the network thread, and waits for it while the system grants none. Requests that came before wait for it.
+    // Starts the network thread, and blocks while the system refuses it. Call it once. Requests added before wait for
+    // the thread.
     void start();
 
     void uploadTask(const UrlRequest& request, std::string body, Completion completionHandler) override;

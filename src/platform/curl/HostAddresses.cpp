@@ -15,7 +15,7 @@ namespace sentrova::platform {
 
 namespace {
 
-// Empty for an address that cannot be passed on.
+// The address as text. Empty for an address family that is not supported, and for link-local IPv6 addresses.
 std::string numeric(const addrinfo& info) {
     std::array<char, INET6_ADDRSTRLEN> text{};
     const void* address = nullptr;

@@ -1,5 +1,4 @@
-// The addresses of host names: looked up off the network thread, kept for a minute, and put into the order in which a
-// connection should try them.
+// The addresses of host names, kept for a minute and in the order in which connections should try them.
 
 #pragma once
 
@@ -17,30 +16,29 @@ namespace sentrova::platform {
 // Numeric addresses without brackets ("192.0.2.1", "2001:db8::1").
 using AddressList = std::vector<std::string>;
 
-// Looks a name up and may block for as long as that takes; empty when the name has no address. Called on any thread,
-// for several names at once.
+// Looks up a host name, and may block for minutes. Empty if the name has no address. Called on several threads at the
+// same time.
 using HostResolver = std::function<AddressList(const std::string& host)>;
 
-// The host's own resolver. It leaves out link-local IPv6 addresses, whose zone could not be passed on.
+// The system's resolver. Leaves out link-local IPv6 addresses, because their zone would get lost.
 AddressList resolveHost(const std::string& host);
 
-// Whether the host part of a URL is an address already ("10.0.0.1", "[::1]").
+// Whether the host part of a URL is a numeric address ("10.0.0.1", "[::1]").
 bool isNumericHost(const std::string& host);
 
 // For one thread.
 class HostAddresses {
   public:
-    // As long as the network library keeps a look-up itself.
+    // The same time for which the network library would keep a look-up.
     static constexpr std::chrono::seconds kKept{60};
 
-    // The addresses of the last look-up; null when there was none or it is too old.
+    // The addresses of the last look-up. Null if there is none or it is too old. Valid until the next call of store.
     const AddressList* find(const std::string& host, Clock::Monotonic now) const;
 
-    // Takes the result of a look-up. Addresses that are known already keep their order, new ones follow.
+    // Stores the result of a look-up. Known addresses keep their order, and new ones follow.
     void store(const std::string& host, const AddressList& found, Clock::Monotonic now);
 
-    // Notes which address of the host has answered. Connections try it first from now on; those that were tried before
-    // it in vain come last.
+    // Moves the address that answered to the front, and the addresses tried before it to the end.
     void noteAnswer(const std::string& host, std::string_view address);
 
   private:
@@ -48,7 +46,7 @@ class HostAddresses {
         AddressList addresses;
         Clock::Monotonic expires;
     };
-    // As many as the configuration has names.
+    // Bounded by the number of host names in the configuration.
     std::map<std::string, Host> hosts_;
 };
 

@@ -17,7 +17,7 @@ class KernelCondition final : public AuditCondition {
             return AuditState::noDevice;
         }
         int condition = AUC_UNSET;
-        // Deprecated with all of auditing since macOS 11, and without a successor.
+        // Deprecated since macOS 11, like all of auditing. No other call gives this answer.
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wdeprecated-declarations"
         const auto answered = ::auditon(A_GETCOND, &condition, sizeof condition);

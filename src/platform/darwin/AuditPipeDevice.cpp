@@ -10,20 +10,20 @@ namespace sentrova::platform {
 
 namespace {
 
-// What the requests for event classes carry: one mask for each outcome of an event.
+// The argument of the requests for event classes: one mask per outcome of an event.
 struct ClassMasks {
     std::uint32_t success;
     std::uint32_t failure;
 };
 
-// The direction and the size of its argument are part of a request's number.
+// The number of a request encodes the direction and the size of its argument.
 constexpr unsigned long number(AuditPipeRequest request) {
     return static_cast<unsigned long>(request);
 }
 static_assert(IOCPARM_LEN(number(AuditPipeRequest::setPreselectFlags)) == sizeof(ClassMasks));
 static_assert(IOCPARM_LEN(number(AuditPipeRequest::setQlimit)) == sizeof(std::uint32_t));
 
-// The kernel's device: each time it is opened it is a queue of its own, which goes with its descriptor.
+// The kernel's device. Each open creates a separate queue, which exists until the descriptor is closed.
 class KernelDevice final : public AuditPipeDevice {
   public:
     Result<FileDescriptor> open(const std::string& path) override {

@@ -12,7 +12,7 @@ std::optional<Pipe> makePipe() {
     if (::pipe(ends.data()) != 0) {
         return std::nullopt;
     }
-    // A child that is spawned before this has happened does not inherit them either: see below.
+    // A child spawned between pipe and fcntl does not inherit the ends either: see the flag below.
     for (const int end : ends) {
         ::fcntl(end, F_SETFD, FD_CLOEXEC);
     }
@@ -20,12 +20,12 @@ std::optional<Pipe> makePipe() {
 }
 
 int inheritStandardStreamsAlone(posix_spawn_file_actions_t& actions, posix_spawnattr_t& attributes) {
-    // Everything that no file action names is closed. Standard output has an action of its own.
+    // The flag closes every descriptor that no file action names. The caller has an action for standard output.
     short flags = 0;
     ::posix_spawnattr_getflags(&attributes, &flags);
     int problem = ::posix_spawnattr_setflags(&attributes, static_cast<short>(flags | POSIX_SPAWN_CLOEXEC_DEFAULT));
     for (const int stream : {STDIN_FILENO, STDERR_FILENO}) {
-        // A stream that the agent itself was started without is none to inherit.
+        // Skips a stream that the agent itself was started without.
         if (problem == 0 && ::fcntl(stream, F_GETFD) >= 0) {
             problem = ::posix_spawn_file_actions_addinherit_np(&actions, stream);
         }

@@ -1,7 +1,7 @@
-// An owned reference to an object of Core Foundation, or of a framework that counts references as it does.
+// Owns a reference to an object of Core Foundation, or of a framework with the same reference counting.
 //
-// For what functions named Create or Copy return. What a function named Get returns is not the caller's and gets no
-// handle.
+// For results of functions named Create or Copy. The result of a function named Get does not belong to the caller and
+// gets no handle.
 
 #pragma once
 
@@ -33,7 +33,7 @@ class CoreFoundationHandle {
     explicit operator bool() const { return reference_ != nullptr; }
     Reference get() const { return reference_; }
 
-    // For the one call of a function that answers through an argument; the handle is empty before it.
+    // For a function that returns its result through an argument. The handle must be empty before the call.
     Reference* receive() { return &reference_; }
 
   private:

@@ -1,4 +1,4 @@
-// Text on its way to and from Core Foundation.
+// Converts text to and from Core Foundation strings.
 
 #pragma once
 
@@ -13,7 +13,7 @@ namespace sentrova::platform {
 // Empty when the bytes are not UTF-8.
 CoreFoundationHandle<CFStringRef> makeString(std::string_view text);
 
-// As UTF-8. Nothing for null, for an object that is no string, and for a string that UTF-8 cannot carry.
+// The text in UTF-8. Absent for null, for an object that is not a string, and for a string with unpaired surrogates.
 std::optional<std::string> textOf(CFTypeRef object);
 
 }  // namespace sentrova::platform

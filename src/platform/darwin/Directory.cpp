@@ -22,7 +22,7 @@ Error reasonOf(const ErrorHandle& error) {
     }
     const CoreFoundationHandle<CFStringRef> description(::CFErrorCopyDescription(error.get()));
     return {textOf(::CFErrorGetDomain(error.get())).value_or(""), ::CFErrorGetCode(error.get()),
-            textOf(description.get()).value_or("the directory's reason is no text")};
+            textOf(description.get()).value_or("the directory's reason is not text")};
 }
 
 CoreFoundationHandle<CFArrayRef> wantedAttributes() {
@@ -32,12 +32,12 @@ CoreFoundationHandle<CFArrayRef> wantedAttributes() {
         names[i] = makeString(kAttributes[i]);
         references[i] = names[i].get();
     }
-    // The array takes references of its own.
+    // The array retains its elements.
     return CoreFoundationHandle<CFArrayRef>(
         ::CFArrayCreate(nullptr, references.data(), static_cast<CFIndex>(references.size()), &kCFTypeArrayCallBacks));
 }
 
-// The values that are text; none for an attribute that the record does not have.
+// The attribute's values that are text. Empty if the record does not have the attribute.
 std::vector<std::string> valuesOf(ODRecordRef record, const char* attribute) {
     std::vector<std::string> values;
     const auto name = makeString(attribute);
@@ -71,7 +71,7 @@ class OpenDirectory final : public Directory {
         std::vector<DirectoryRecord> records;
         const auto wanted = makeString(name);
         if (!wanted) {
-            // No record has a name that is not text.
+            // The name is not UTF-8, so no record can have it.
             return records;
         }
         ErrorHandle error;
@@ -96,7 +96,7 @@ class OpenDirectory final : public Directory {
             return reasonOf(resultError);
         }
         for (CFIndex i = 0; i < ::CFArrayGetCount(found.get()); ++i) {
-            // The array's own reference, and an object that the framework hands out as not constant.
+            // The array owns the reference. The framework's functions take a record that is not const.
             auto* const record = static_cast<ODRecordRef>(const_cast<void*>(::CFArrayGetValueAtIndex(found.get(), i)));
             records.push_back(contentOf(record));
         }

@@ -13,8 +13,8 @@ Date modificationDate(const struct stat& status) {
 }
 
 int flushToDisk(int descriptor) {
-    // fsync alone leaves the content in the drive's own cache. Volumes that cannot have it emptied, such as those of
-    // other machines, get fsync.
+    // fsync alone leaves the content in the drive's cache. Volumes that do not support F_FULLFSYNC, such as network
+    // volumes, get fsync.
     if (::fcntl(descriptor, F_FULLFSYNC) != -1 || ::fsync(descriptor) == 0) {
         return 0;
     }

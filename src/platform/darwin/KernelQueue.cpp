@@ -29,7 +29,7 @@ bool KernelQueue::watch(std::uintptr_t what, std::int16_t filter, std::uint32_t 
 
 bool KernelQueue::wait() {
     for (;;) {
-        // Room for all that can be watched, so that an end is seen together with what came before it.
+        // Large enough for all watched events at once, so that an end is always among them.
         std::array<struct kevent, 4> events{};
         const int count = ::kevent(queue_.get(), nullptr, 0, events.data(), static_cast<int>(events.size()), nullptr);
         if (count < 0 && errno == EINTR) {

@@ -1,4 +1,4 @@
-// A kqueue: one thread waits on it for what is watched, any thread ends the wait.
+// A kqueue. One thread waits for the watched events; any thread can end the wait.
 
 #pragma once
 
@@ -10,22 +10,22 @@ namespace sentrova::platform {
 
 class KernelQueue {
   public:
-    // False when the system has no further descriptor for it.
+    // False if the system had no descriptor left.
     explicit operator bool() const { return static_cast<bool>(queue_); }
 
     KernelQueue();
 
-    // Watches from now on: what happens before wait() is kept for it. Returns false when that is not possible.
+    // Starts watching. Events before wait() are kept for it. Returns false if the kernel refuses.
     bool watch(std::uintptr_t what, std::int16_t filter, std::uint32_t notes);
 
-    // Blocks until something that is watched has happened, however often, since the last call. Returns false once the
-    // queue was ended, whatever else has happened.
+    // Blocks until a watched event has happened at least once since the previous call. Returns false once end() was
+    // called, whatever else happened.
     bool wait();
 
-    // Ends the present wait or the next one.
+    // Ends the current wait, or the next one if nobody waits. Safe from any thread.
     void end();
 
-    // Only while nobody waits.
+    // Closes the descriptor. Only while nobody waits.
     void close() { queue_.reset(); }
 
   private:

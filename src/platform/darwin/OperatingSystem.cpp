@@ -27,7 +27,7 @@ std::string localizedHostName() {
     if (auto text = textOf(name.get())) {
         return *std::move(text);
     }
-    // Nobody has named it.
+    // The computer has no name set.
     std::array<char, 256> host{};
     return ::gethostname(host.data(), host.size() - 1) == 0 ? host.data() : "";
 }
@@ -42,7 +42,7 @@ std::uint64_t currentThreadId() {
 }
 
 std::chrono::steady_clock::time_point timeAwake() {
-    // The library's steady clock goes on while this host sleeps.
+    // The C++ library's steady clock continues while this host sleeps.
     return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(::clock_gettime_nsec_np(CLOCK_UPTIME_RAW)));
 }
 

@@ -15,14 +15,14 @@ namespace sentrova::platform {
 
 namespace {
 
-// A kqueue hears of signals that the process ignores; sigwait would not: the kernel drops those at once.
+// Uses a kqueue, which also reports ignored signals. sigwait would not: the kernel drops ignored signals at once.
 class KernelQueueSource final : public SignalSource {
   public:
     KernelQueueSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {
         if (!*queue_ || !queue_->watch(static_cast<std::uintptr_t>(signal), EVFILT_SIGNAL, 0)) {
             throw std::system_error(errno, std::generic_category(), "cannot listen to signals");
         }
-        // Only now, so that no signal is lost in between.
+        // Ignores the signal only after the kqueue watches it, so that no signal is lost in between.
         struct sigaction ignore{};
         ignore.sa_handler = SIG_IGN;
         sigemptyset(&ignore.sa_mask);
@@ -38,7 +38,7 @@ class KernelQueueSource final : public SignalSource {
     }
 
   private:
-    // Shared with the thread.
+    // Shared with the detached thread.
     const std::shared_ptr<KernelQueue> queue_ = std::make_shared<KernelQueue>();
     const std::function<void()> handler_;
 };

@@ -50,7 +50,7 @@ class KernelQueueSource final : public VnodeSource {
         }
     }
 
-    // Keeps the node that is watched, also after its name has gone to another one.
+    // Keeps the watched file open, even after another file gets its name.
     FileDescriptor file_;
     KernelQueue queue_;
     const std::function<void()> handler_;
@@ -60,7 +60,7 @@ class KernelQueueSource final : public VnodeSource {
 }  // namespace
 
 std::unique_ptr<VnodeSource> VnodeSource::attributesOf(const std::string& path, std::function<void()> handler) {
-    // Opened for its events alone: neither the device nor its volume counts as being in use.
+    // O_EVTONLY opens the file only for events, so that neither the file nor its volume counts as in use.
     FileDescriptor file(::open(path.c_str(), O_EVTONLY | O_CLOEXEC));
     KernelQueue queue;
     if (!file || !queue || !queue.watch(static_cast<std::uintptr_t>(file.get()), EVFILT_VNODE, NOTE_ATTRIB)) {

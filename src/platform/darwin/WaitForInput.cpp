@@ -9,14 +9,14 @@ namespace sentrova::platform {
 
 namespace {
 
-// What lies beyond a set has no place in it: nothing may be written there.
+// FD_SET would write out of bounds for a larger descriptor.
 bool fitsASet(int descriptor) {
     return descriptor >= 0 && descriptor < FD_SETSIZE;
 }
 
 }  // namespace
 
-// By select, because poll does not support the audit device.
+// Uses select, because poll does not support the audit device on this host.
 InputWait waitForInput(int device, int wake) {
     if (!fitsASet(device) || !fitsASet(wake)) {
         errno = EBADF;

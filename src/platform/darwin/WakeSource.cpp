@@ -11,8 +11,8 @@ namespace sentrova::platform {
 
 namespace {
 
-// The power management's messages arrive on a dispatch queue that does nothing else, because sleep waits for their
-// acknowledgement. The handler runs on a queue of its own.
+// Power messages arrive on a dispatch queue that does nothing else, because the system delays sleep until they are
+// acknowledged. The handler runs on a separate queue.
 class PowerSource final : public WakeSource {
   public:
     PowerSource(Clock& clock, std::function<void()> handler)
@@ -21,7 +21,7 @@ class PowerSource final : public WakeSource {
           messageQueue_(::dispatch_queue_create("com.kelvark.vantorix.wakesource", DISPATCH_QUEUE_SERIAL)) {}
 
     ~PowerSource() override {
-        // On the queue itself: no message is being taken while its source goes, and none is afterwards.
+        // Runs on the message queue, so that no message is handled during or after the removal.
         ::dispatch_sync_f(messageQueue_, this, [](void* self) { static_cast<PowerSource*>(self)->endListening(); });
         ::dispatch_release(messageQueue_);
     }

@@ -23,7 +23,7 @@ UDate libraryDate(Date date) {
     return static_cast<UDate>(std::chrono::floor<std::chrono::milliseconds>(date).time_since_epoch().count());
 }
 
-// Keeps its formatters: making one takes a thousand times as long as using it.
+// Keeps its formatters, because creating one takes a thousand times as long as using it.
 class IcuDates final : public DateLibrary {
   public:
     std::string format(std::string_view pattern, Date date) override {
@@ -43,7 +43,7 @@ class IcuDates final : public DateLibrary {
         if (!formatter || U_FAILURE(status)) {
             return std::nullopt;
         }
-        // A pattern without a day means the platform's reference day.
+        // Fields that the pattern leaves out are those of 1 January 2000.
         calendar.clear();
         calendar.set(2000, UCAL_JANUARY, 1);
         calendar.setLenient(false);
@@ -54,8 +54,8 @@ class IcuDates final : public DateLibrary {
         if (position.getIndex() != whole.length() || position.getErrorIndex() >= 0 || U_FAILURE(status)) {
             return std::nullopt;
         }
-        // The range of a date; beyond it a conversion would overflow. Not by way of seconds, of which a real number
-        // loses the last millisecond.
+        // Out of this range the conversion would overflow. Converts milliseconds directly: a real number of seconds
+        // would lose the last millisecond.
         constexpr UDate kLimit = 9.2e12;
         return Date(std::chrono::milliseconds(static_cast<std::int64_t>(std::clamp(date, -kLimit, kLimit))));
     }
@@ -79,7 +79,7 @@ class IcuDates final : public DateLibrary {
     }
 
   private:
-    // Null for a pattern that is none.
+    // Null for an invalid pattern.
     const icu::SimpleDateFormat* formatterFor(std::string_view pattern) {
         if (const auto known = formatters_.find(pattern); known != formatters_.end()) {
             return known->second.get();
@@ -91,7 +91,7 @@ class IcuDates final : public DateLibrary {
     }
 
     std::unique_ptr<icu::SimpleDateFormat> makeFormatter(std::string_view pattern) {
-        // A fixed locale: stored texts and file names keep their form and their digits on every device.
+        // A fixed locale, so that stored texts and file names look the same on every device.
         UErrorCode status = U_ZERO_ERROR;
         auto formatter = std::make_unique<icu::SimpleDateFormat>(unicode(pattern), icu::Locale("en_US_POSIX"), status);
         if (U_FAILURE(status)) {
@@ -111,7 +111,7 @@ class IcuDates final : public DateLibrary {
     }
 
     std::unique_ptr<icu::TimeZone> zone_;
-    // Null for a pattern that is none.
+    // Null for an invalid pattern.
     std::map<std::string, std::unique_ptr<icu::SimpleDateFormat>, std::less<>> formatters_;
 };
 

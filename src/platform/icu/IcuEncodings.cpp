@@ -19,10 +19,10 @@ struct CloseConverter {
 };
 using Converter = std::unique_ptr<UConverter, CloseConverter>;
 
-// Null for a name that is no known encoding.
+// Null for an unknown encoding.
 Converter openConverter(const std::string& encoding) {
     UErrorCode status = U_ZERO_ERROR;
-    // An empty name means the host's default encoding to the library.
+    // Refuses an empty name, which the library would take for the host's default encoding.
     Converter converter(encoding.empty() ? nullptr : ucnv_open(encoding.c_str(), &status));
     if (!converter || U_FAILURE(status)) {
         return nullptr;

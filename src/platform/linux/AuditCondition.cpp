@@ -8,7 +8,7 @@ namespace sentrova::platform {
 
 namespace {
 
-// A volume's FIFO stands for the device, and whoever writes to it for the auditing.
+// A FIFO of the system volume stands for the device. If it exists, auditing counts as on.
 class VolumeCondition final : public AuditCondition {
   public:
     Result<AuditState> state() override {

@@ -12,7 +12,7 @@ namespace {
 class FifoDevice final : public AuditPipeDevice {
   public:
     Result<FileDescriptor> open(const std::string& path) override {
-        // Open for writing as well: a FIFO whose last writer leaves would be at its end.
+        // Opened for writing too, because a FIFO without a writer would be at its end.
         FileDescriptor fifo(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
         if (!fifo) {
             return posixError(errno);

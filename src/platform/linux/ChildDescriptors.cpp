@@ -16,7 +16,7 @@ std::optional<Pipe> makePipe() {
 }
 
 int inheritStandardStreamsAlone(posix_spawn_file_actions_t& actions, posix_spawnattr_t& /*attributes*/) {
-    // Libraries open descriptors too, and not all of theirs are closed by themselves.
+    // Closes all other descriptors, because libraries open some without O_CLOEXEC.
     return ::posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
 }
 

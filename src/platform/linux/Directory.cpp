@@ -19,7 +19,7 @@ namespace {
 constexpr std::string_view kNodeFolder = "/var/db/dslocal/nodes/Default/";
 constexpr std::string_view kExtension = ".plist";
 
-// The directory's standard names and the names that a Mac's local node stores on disk.
+// The standard name of an attribute, and its name in the files of a Mac's local directory node.
 struct AttributeName {
     std::string_view standard;
     std::string_view native;
@@ -45,7 +45,7 @@ std::vector<std::string> textsOf(const Value& values) {
     return texts;
 }
 
-// Nothing when the file is missing or no dictionary.
+// Absent if the file is missing or does not hold a dictionary.
 std::optional<DirectoryRecord> readRecord(FileSystem& files, const std::string& path) {
     const auto bytes = files.read(path);
     if (!bytes) {
@@ -68,7 +68,7 @@ std::optional<DirectoryRecord> readRecord(FileSystem& files, const std::string& 
     return record;
 }
 
-// One folder of the volume's local node: users or groups, by id.
+// One folder of the volume's local node, for look-ups by id: users or groups.
 class NodeFolder {
   public:
     NodeFolder(FileSystem& files, std::string_view kind, std::string_view idAttribute)
@@ -76,7 +76,7 @@ class NodeFolder {
 
     std::string path() const { return systemVolume() + std::string(kNodeFolder) + kind_; }
 
-    // The record name of an id. The folder is read again when it has changed.
+    // The record name of an id. Reads the folder again if its modification date has changed.
     std::optional<std::string> nameOf(std::uint32_t id) EXCLUDES(mutex_) {
         MutexLock lock(mutex_);
         const auto folder = path();
@@ -112,7 +112,7 @@ class NodeFolder {
             const auto named = record->find(kAttributeRecordName);
             const auto name =
                 named == record->end() ? file.substr(0, file.size() - kExtension.size()) : named->second.front();
-            // Ids are written signed: nobody is -2.
+            // Ids are stored as signed numbers: the user nobody has -2.
             std::int64_t id = 0;
             const auto& text = ids->second.front();
             if (std::from_chars(text.data(), text.data() + text.size(), id).ec == std::errc()) {
@@ -131,8 +131,8 @@ class NodeFolder {
     std::map<std::uint32_t, std::string> names_ GUARDED_BY(mutex_);
 };
 
-// Files that were not there when they were last asked for. A trail may ask for the same one thousands of times in a
-// row, and each look at the disk costs as much as the rest of an event.
+// Remembers missing files for a millisecond. A trail may name the same unknown user thousands of times in a row, and
+// each look at the disk costs as much as the rest of the event.
 class MissingFiles {
   public:
     bool contains(const std::string& path, Clock::Monotonic now) EXCLUDES(mutex_) {
@@ -155,12 +155,12 @@ class MissingFiles {
     static constexpr std::chrono::milliseconds kRemembered{1};
 
     Mutex mutex_;
-    // Bounded by what can be looked for in that time.
+    // Bounded by the number of look-ups within kRemembered.
     std::unordered_set<std::string> paths_ GUARDED_BY(mutex_);
     Clock::Monotonic forgetAt_ GUARDED_BY(mutex_);
 };
 
-// The volume's local node, then the host's own databases.
+// Looks in the volume's local node first, then in the host's own databases.
 class VolumeDirectory final : public Directory {
   public:
     VolumeDirectory(FileSystem& files, Clock& clock) : files_(files), clock_(clock) {}
@@ -181,7 +181,7 @@ class VolumeDirectory final : public Directory {
 
     Result<std::vector<DirectoryRecord>> usersNamed(const std::string& name) override {
         std::vector<DirectoryRecord> records;
-        // The name comes out of an audit record: it names a record here, never a path.
+        // The name comes from an audit record, so it must not be used as a path.
         if (name.empty() || name.starts_with('.') || name.find('/') != std::string::npos ||
             name.find('\0') != std::string::npos) {
             return records;

@@ -11,8 +11,8 @@ namespace sentrova::platform {
 
 namespace {
 
-// The signal is blocked in every thread and taken by one that waits for it. A signal that is blocked is kept for that
-// thread even though the process ignores it.
+// The signal is blocked in all threads, and one thread waits for it. A blocked signal stays pending for that thread
+// even if the process ignores it.
 class WaitingSource final : public SignalSource {
   public:
     WaitingSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {

@@ -9,7 +9,7 @@
 namespace sentrova::platform {
 
 std::string systemVolume() {
-    // The agent never changes its environment.
+    // Safe with threads, because the agent never changes its environment.
     const char* const variable = std::getenv("SENTROVA_SYSTEM_VOLUME");  // NOLINT(concurrency-mt-unsafe)
     std::string folder = variable ? variable : "";
     while (folder.ends_with('/')) {
@@ -19,7 +19,7 @@ std::string systemVolume() {
 }
 
 std::string systemPath(std::string_view path) {
-    // What the agent reads of a Mac. All other paths are the installation's own.
+    // The parts of the Mac's system that the agent reads. All other paths belong to the installation.
     static constexpr std::array<std::string_view, 5> kOfTheSystem = {
         "/System/Library/CoreServices", "/var/audit", "/dev", "/usr/sbin/dsconfigad", "/var/db/dslocal",
     };

@@ -6,7 +6,7 @@
 
 namespace sentrova::platform {
 
-// From SENTROVA_SYSTEM_VOLUME, without a slash at its end; "" when it is unset or "/".
+// From SENTROVA_SYSTEM_VOLUME, without a trailing slash. Empty if the variable is unset or "/".
 std::string systemVolume();
 
 }  // namespace sentrova::platform

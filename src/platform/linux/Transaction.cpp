@@ -2,7 +2,7 @@
 
 namespace sentrova::platform {
 
-// The service managers of this host send SIGTERM and then wait; there is nothing to announce.
+// Does nothing: the service managers of this host send SIGTERM and then wait.
 Transaction::Transaction() = default;
 Transaction::~Transaction() = default;
 

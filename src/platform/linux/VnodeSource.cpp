@@ -66,7 +66,7 @@ class InotifySource final : public VnodeSource {
 std::unique_ptr<VnodeSource> VnodeSource::attributesOf(const std::string& path, std::function<void()> handler) {
     FileDescriptor events(::inotify_init1(IN_CLOEXEC));
     FileDescriptor wake(::eventfd(0, EFD_CLOEXEC));
-    // A closing writer or a reader must not count, so only the attributes are asked for.
+    // Watches only the attributes: reads, and writers that close the file, must not count.
     if (!events || !wake || ::inotify_add_watch(events.get(), path.c_str(), IN_ATTRIB) < 0) {
         return nullptr;
     }

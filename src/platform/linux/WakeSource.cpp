@@ -17,7 +17,8 @@ namespace sentrova::platform {
 
 namespace {
 
-// A timer of the wall clock that never comes due, but ends whenever that clock jumps: at a wake, or when it is set.
+// Uses a wall-clock timer that never expires. The kernel cancels it whenever the wall clock jumps: after a wake, and
+// when somebody sets the clock.
 class ClockJumpSource final : public WakeSource {
   public:
     ClockJumpSource(FileDescriptor timer, FileDescriptor wake, std::function<void()> handler)

@@ -14,7 +14,7 @@ class OpenSslCryptography final : public Cryptography {
     CipherResult aes256(std::span<const std::uint8_t> bytes, std::span<const std::uint8_t> key,
                         Direction direction) const override {
         static constexpr std::array<std::uint8_t, kBlockBytes> kZeroVector{};
-        // The library counts in int, and may write a block more than it is given.
+        // The library counts in int, and may write one block more than its input.
         constexpr auto kMostBytes = static_cast<std::size_t>(std::numeric_limits<int>::max()) - kBlockBytes;
         const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> cipher(EVP_CIPHER_CTX_new(),
                                                                                      &EVP_CIPHER_CTX_free);

@@ -30,7 +30,7 @@ Error failure(int number, const char* what, const std::string& path) {
     auto error = posixError(number);
     error.description =
         fmt::format("{} \"{}\": {}", what, path,
-                    number == ELOOP ? "a symbolic link is in its place and is not followed" : error.description);
+                    number == ELOOP ? "a symbolic link in this path is not followed" : error.description);
     return error;
 }
 
@@ -49,7 +49,7 @@ FileStatus fromHost(const struct stat& host) {
     return status;
 }
 
-// Without a slash at its end, which would have a link followed.
+// The folder without a trailing slash, because a trailing slash would make the host follow a link.
 std::string folderOf(const std::string& path) {
     const auto slash = path.find_last_of('/');
     return slash == std::string::npos ? "." : path.substr(0, std::max<std::size_t>(slash, 1));
@@ -63,15 +63,15 @@ bool isMissing(int number) {
     return number == ENOENT || number == ENOTDIR;
 }
 
-// Only the process's own user can put something into the folder, or exchange what is there.
+// Whether only the process's own user can create or replace entries in the folder.
 bool isWrittenByUsAlone(const struct stat& folder) {
     return folder.st_uid == ::geteuid() && (folder.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// More links after one another than this are taken for a circle.
+// A longer chain of links counts as a circle.
 constexpr int kMostLinks = 8;
 
-// A volume that keeps no dates is none of the caller's business.
+// Ignores failures: some volumes do not store dates.
 void keepModificationDate(int descriptor, Date date) {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(date);
     const std::chrono::nanoseconds rest = date - seconds;
@@ -87,8 +87,8 @@ std::string temporaryNameFor(const std::string& name) {
 
 }  // namespace
 
-// An own file: its name, and its open folder. What is done with the two stays within that folder whatever becomes of
-// its path meanwhile.
+// One of the agent's own files: its open folder and its name. Calls with the two stay within that folder, even if its
+// path changes meanwhile.
 struct HostFileSystem::Place {
     FileDescriptor folder;
     Location file;
@@ -96,7 +96,7 @@ struct HostFileSystem::Place {
     Location beside(const std::string& name) const { return {folder.get(), name, folderOf(file.path) + "/" + name}; }
 };
 
-// How many bytes were written, and the error number that ended it or 0.
+// The number of bytes written, and the error number that ended the write (0 if it succeeded).
 struct HostFileSystem::Written {
     std::size_t bytes = 0;
     int problem = 0;
@@ -162,7 +162,7 @@ FileDescriptor HostFileSystem::open(const Location& at, int flags, mode_t mode) 
     return FileDescriptor(number);
 }
 
-// 0, or the error number.
+// Returns 0 or an error number.
 int HostFileSystem::flush(int descriptor) {
     while (hostFlush(descriptor) != 0) {
         if (errno != EINTR) {
@@ -192,7 +192,7 @@ bool HostFileSystem::isLink(const std::string& path) {
     return hostLinkStatus(locationOf(path), host) == 0 && S_ISLNK(host.st_mode);
 }
 
-// The path that a link leads to; nothing for a link that others than the process's user can have made.
+// The path that a link points to. Absent if anybody but the process's user could have created the link.
 std::optional<std::string> HostFileSystem::targetOf(const Location& link) {
     struct stat folder{};
     struct stat host{};
@@ -217,7 +217,7 @@ Result<FileDescriptor> HostFileSystem::openOwnFolder(std::string folder, const c
         if (opened) {
             return opened;
         }
-        // Hosts disagree on which error a link is.
+        // Hosts report different errors for a link, so the error number does not tell.
         if (!isLink(folder)) {
             return failure(number, what, forPath);
         }
@@ -231,7 +231,7 @@ Result<FileDescriptor> HostFileSystem::openOwnFolder(std::string folder, const c
     return failure(ELOOP, what, forPath);
 }
 
-// The file itself may be a link.
+// The place of the path itself. The file may be a link.
 Result<HostFileSystem::Place> HostFileSystem::placeOf(const std::string& path, const char* what) {
     auto folder = openOwnFolder(folderOf(path), what, path);
     if (!folder) {
@@ -241,7 +241,8 @@ Result<HostFileSystem::Place> HostFileSystem::placeOf(const std::string& path, c
     return Place{*std::move(folder), {number, nameOf(path), path}};
 }
 
-// The place of what the path leads to. What is opened there is opened without following a link that came later.
+// The place at the end of the links that are followed. Callers open it with O_NOFOLLOW, so that a link created
+// meanwhile is not followed.
 Result<HostFileSystem::Place> HostFileSystem::targetPlaceOf(const std::string& path, const char* what) {
     auto target = std::optional(path);
     for (int links = 0; target && links <= kMostLinks; ++links) {
@@ -264,7 +265,7 @@ Result<HostFileSystem::Place> HostFileSystem::targetPlaceOf(const std::string& p
 Result<FileStatus> HostFileSystem::status(const std::string& path) {
     struct stat host{};
     if (hostStatus(path, host) != 0) {
-        return failure(errno, "cannot look at", path);
+        return failure(errno, "cannot get the status of", path);
     }
     return fromHost(host);
 }
@@ -272,20 +273,21 @@ Result<FileStatus> HostFileSystem::status(const std::string& path) {
 Result<FileStatus> HostFileSystem::linkStatus(const std::string& path) {
     struct stat host{};
     if (hostLinkStatus(locationOf(path), host) != 0) {
-        return failure(errno, "cannot look at", path);
+        return failure(errno, "cannot get the status of", path);
     }
     return fromHost(host);
 }
 
 Result<FileDescriptor> HostFileSystem::openForReading(const std::string& path) {
-    // The open of a FIFO would wait for a writer otherwise, and that of a terminal would make it the process's own.
+    // Without these flags, opening a FIFO would wait for a writer, and a terminal would become the controlling terminal
+    // of the process.
     auto file = open(locationOf(path), O_RDONLY | O_NONBLOCK | O_NOCTTY);
     struct stat host{};
     if (!file || ::fstat(file.get(), &host) != 0) {
         return failure(errno, "cannot open", path);
     }
     if (!S_ISREG(host.st_mode)) {
-        return Error{kPosixErrorDomain, EINVAL, fmt::format("\"{}\" is passed over: it is no regular file", path)};
+        return Error{kPosixErrorDomain, EINVAL, fmt::format("\"{}\" is skipped: it is not a regular file", path)};
     }
     return file;
 }
@@ -296,7 +298,7 @@ Result<Content> HostFileSystem::readWhole(const std::string& path) {
     if (!place) {
         return place.error();
     }
-    // Without blocking, since a pipe in the file's place would hold the thread for good.
+    // O_NONBLOCK, because a FIFO in the place of the file would block the thread for ever.
     const auto file = open(place->file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat host{};
     if (!file || ::fstat(file.get(), &host) != 0) {
@@ -309,7 +311,7 @@ Result<Content> HostFileSystem::readWhole(const std::string& path) {
     if (size > kMaximumRead) {
         return failure(EFBIG, "cannot read", path);
     }
-    // Straight to its place: setting that to zero first costs a fifth of what a second copy would.
+    // Reads straight into the result. Setting it to zero first costs a fifth of what a second copy would.
     Content content(static_cast<std::size_t>(size), {});
     const std::span bytes(reinterpret_cast<std::uint8_t*>(content.data()), content.size());
     std::size_t filled = 0;
@@ -338,7 +340,7 @@ Result<std::string> HostFileSystem::readText(const std::string& path) {
     return readWhole<std::string>(path);
 }
 
-// Makes the file under a temporary name, has it filled (0, or the error number), and gives it its own name.
+// Creates a temporary file, lets `fill` write it, and renames it. `fill` returns 0 or an error number.
 Result<Done> HostFileSystem::putInPlace(const Place& place, Durability durability,
                                         const std::function<int(int descriptor)>& fill) {
     const auto temporary = place.beside(temporaryNameFor(place.file.name));
@@ -359,7 +361,7 @@ Result<Done> HostFileSystem::putInPlace(const Place& place, Durability durabilit
         return failure(problem, "cannot write", place.file.path);
     }
     if (durability == Durability::flushed) {
-        // Without this the name may still be the old one after a loss of power.
+        // Flushes the folder too. Otherwise a power loss could undo the rename.
         flush(place.folder.get());
     }
     return Done();
@@ -369,7 +371,7 @@ Result<Done> HostFileSystem::writeAtomically(const std::string& path, std::span<
                                              Durability durability) {
     auto place = targetPlaceOf(path, "cannot write");
     if (!place && place.error().code == ELOOP) {
-        // A link that is not followed is replaced, unless it is the folder.
+        // A link that is not followed is itself replaced, unless the folder is the link.
         place = placeOf(path, "cannot write");
     }
     if (!place) {
@@ -382,8 +384,8 @@ Result<Done> HostFileSystem::writeAtomically(const std::string& path, std::span<
 Result<Done> HostFileSystem::append(const std::string& path, std::string_view text) {
     constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK;
     MutexLock lock(appending_);
-    // A look is enough for the folder, and spares every line of the log an open and a close: who could exchange the
-    // folder between the look and the open owns the installation.
+    // Only checks whether the folder is a link and does not open it, which saves each log line an open and a close.
+    // Only the owner of the installation could replace the folder between the check and the open.
     const bool isInLink = isLink(folderOf(path));
     auto file = isInLink ? FileDescriptor() : open(locationOf(path), kFlags, kOwnerFile);
     if (!file && (isInLink || errno == ELOOP)) {
@@ -401,7 +403,7 @@ Result<Done> HostFileSystem::append(const std::string& path, std::string_view te
     if (written.problem == 0) {
         return Done();
     }
-    // Only where this text is the last one: another process may append to the file as well.
+    // Removes the partial text only if it is at the end of the file: another process may have appended since.
     const auto end = ::lseek(file.get(), 0, SEEK_CUR);
     struct stat host{};
     if (written.bytes > 0 && ::fstat(file.get(), &host) == 0 && host.st_size == end) {
@@ -452,7 +454,7 @@ Result<FileDescriptor> HostFileSystem::lock(const std::string& path, std::string
     if (!S_ISREG(host.st_mode)) {
         return failure(EINVAL, "cannot lock", path);
     }
-    // Not a lock of fcntl: the process would lose that with the first descriptor of the file that it closes.
+    // Not an fcntl lock: closing any descriptor of the file would release that.
     if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
         return failure(errno, "cannot lock", path);
     }
@@ -503,7 +505,7 @@ Result<Done> HostFileSystem::move(const std::string& from, const std::string& to
         return source ? destination.error() : source.error();
     }
     struct stat host{};
-    // A destination that cannot be looked at may be there.
+    // If the status of the destination is unknown, the destination may exist.
     if (const bool there = hostLinkStatus(destination->file, host) == 0; there || errno != ENOENT) {
         return failure(there ? EEXIST : errno, "cannot move to", to);
     }
@@ -513,7 +515,7 @@ Result<Done> HostFileSystem::move(const std::string& from, const std::string& to
     return errno == EXDEV ? moveToOtherVolume(*source, *destination) : failure(errno, "cannot move", from);
 }
 
-// 0, or the error number.
+// Returns 0 or an error number.
 int HostFileSystem::copyContent(int from, int to) {
     std::vector<std::uint8_t> block(kCopyBlock);
     for (;;) {

@@ -1,4 +1,4 @@
-// The files and folders of a POSIX host.
+// The FileSystem of a POSIX host.
 
 #pragma once
 
@@ -13,7 +13,8 @@
 
 namespace sentrova::platform {
 
-// Each call to the host goes through a function of its own, so that a test can make any single call fail.
+// Each system call goes through a separate function, so that a test can make any single call fail. Safe from any
+// thread.
 class HostFileSystem : public FileSystem {
   public:
     HostFileSystem() = default;
@@ -41,16 +42,16 @@ class HostFileSystem : public FileSystem {
     std::ptrdiff_t readOnce(int descriptor, std::span<std::uint8_t> into) override;
 
   protected:
-    // What a call of the host is made on: a name in a folder that is open, or a path (folder AT_FDCWD).
+    // The argument of a system call: a name in an open folder, or a path (the folder is AT_FDCWD).
     struct Location {
         int folder = 0;
         std::string name;
-        // The whole path, for a test to tell one call from another.
+        // The whole path, by which a test recognises the call.
         std::string path;
     };
 
-    // The host's other calls, one each, below everything that repeats them or cleans up after them: here a test makes a
-    // single one fail. They answer as the host does, -1 or null with errno for a failure.
+    // One function per system call, without retries or clean-up, so that a test can make a single call fail. They
+    // return what the host returns: -1 or null, with errno set, for a failure.
     virtual int hostOpen(const Location& at, int flags, mode_t mode);
     virtual std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content);
     virtual int hostFlush(int descriptor);
@@ -58,7 +59,7 @@ class HostFileSystem : public FileSystem {
     virtual int hostRemove(const Location& at);
     virtual int hostMakeFolder(const Location& at, mode_t mode);
     virtual int hostStatus(const std::string& path, struct stat& status);
-    // Of a symbolic link itself.
+    // Does not follow a symbolic link.
     virtual int hostLinkStatus(const Location& at, struct stat& status);
     virtual DIR* hostOpenFolder(const std::string& path);
 
@@ -81,7 +82,7 @@ class HostFileSystem : public FileSystem {
     int flush(int descriptor);
     Written writeWhole(int descriptor, std::span<const std::uint8_t> content);
 
-    // Held over an append, so that taking back a failed one cannot cut another thread's text.
+    // Held during an append, so that removing a failed one cannot cut off another thread's text.
     Mutex appending_{LockRank::log};
 };
 

@@ -65,7 +65,8 @@ void Process::launch() {
 
     SpawnActions actions;
     posix_spawn_file_actions_adddup2(actions.get(), pipe->writing.get(), STDOUT_FILENO);
-    // The agent ignores SIGTERM, and an ignored signal stays ignored across the start of a program.
+    // Restores the default signal handling in the child. The agent ignores SIGTERM, and a child inherits ignored
+    // signals.
     SpawnAttributes attributes;
     sigset_t signals;
     sigemptyset(&signals);
@@ -133,7 +134,7 @@ void Process::waitUntilExit() {
     } while (ended < 0 && errno == EINTR);
     running_ = false;
     if (ended != child_) {
-        // While the process ignores SIGCHLD, a child's status goes with the child.
+        // While the process ignores SIGCHLD, the system does not keep a child's status.
         terminationStatus_ = kUnknownStatus;
     } else {
         terminationStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : WTERMSIG(status);

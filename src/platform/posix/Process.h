@@ -20,31 +20,32 @@ class ProcessLaunchError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Used by one thread at a time. Standard input and error are inherited, the environment and the working directory too;
-// no other descriptor and no ignored signal is.
+// The child inherits standard input, standard error, the environment and the working directory. It inherits no other
+// descriptor and no ignored signal. For one thread at a time.
 class Process {
   public:
     Process(std::string launchPath, std::vector<std::string> arguments);
-    // Waits for a child that still runs.
+    // Waits for the child to exit.
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    // Throws ProcessLaunchError when the program cannot be started, or was started before.
+    // Throws ProcessLaunchError if the program cannot be started, or was started before.
     void launch();
 
-    // The next piece of the output as soon as there is one; empty at its end and on an error.
+    // Blocks for the next piece of output. Empty at the end of the output and on an error.
     Data readAvailableData();
+    // Blocks until the end of the output and returns all of it.
     Data readDataToEndOfFile();
 
     // Asks the child to end (SIGTERM).
     void terminate();
     void waitUntilExit();
 
-    // When the system does not tell the status: no success.
+    // The status if the system does not tell it. Counts as a failure.
     static constexpr int kUnknownStatus = -1;
 
-    // After waitUntilExit: what the program passed to exit, the number of the signal that ended it, or kUnknownStatus.
+    // Valid after waitUntilExit: the program's exit status, the number of the signal that ended it, or kUnknownStatus.
     int terminationStatus() const { return terminationStatus_; }
 
   private:

@@ -52,7 +52,7 @@ bool SystemClock::cancel(TimerId timer) {
         return false;
     }
     const auto entry = timers_.find({due->second, timer});
-    // Destroyed after the lock is gone: what it captured may have a destructor of consequence.
+    // Destroyed after the lock is released, because the destructors of captured objects may run any code.
     dropped = std::move(entry->second);
     timers_.erase(entry);
     dueById_.erase(due);
@@ -85,7 +85,8 @@ void SystemClock::run() {
         if (timers_.empty()) {
             changed_.wait(lock);
         } else if (const auto due = timers_.begin()->first.first; due > now) {
-            // The library's clock may go on while the machine sleeps: the two clocks share distances, no points.
+            // The library's clock may continue while the machine sleeps. So only durations can be compared between the
+            // two clocks, not points in time.
             changed_.waitUntil(lock, std::chrono::steady_clock::now() + (due - now));
         } else {
             auto node = timers_.extract(timers_.begin());

@@ -1,4 +1,4 @@
-// The clocks of the system.
+// The Clock of the real system.
 
 #pragma once
 
@@ -12,18 +12,18 @@
 
 namespace sentrova::platform {
 
-// One thread sleeps until the next timer is due, and does not wake without a timer. Safe from any thread.
+// One thread sleeps until the next timer is due. Without a timer it does not wake up. Safe from any thread.
 class SystemClock final : public Clock {
   public:
     SystemClock() = default;
-    // Ends the thread. The functions of timers that are not due yet are dropped without a call.
+    // Ends the thread. Drops the timers that are not due yet; their functions are not called.
     ~SystemClock() override;
     SystemClock(const SystemClock&) = delete;
     SystemClock& operator=(const SystemClock&) = delete;
 
-    // Starts the thread, and waits for it while the system grants none. Called at the start of the process: without the
-    // thread no timer would run, the one that tries a refused thread again among them. Where it has not been called,
-    // the first timer starts the thread.
+    // Starts the thread, and blocks while the system refuses it. Call it at the start of the process: without this
+    // thread no timer runs, not even the one that retries a refused thread. Without this call, the first timer starts
+    // the thread.
     void start() EXCLUDES(mutex_);
 
     Date wallTime() override;

@@ -75,7 +75,7 @@ TEST(JsonTest, WrittenValuesAreCompactAndReadBackEqual) {
     EXPECT_EQ(*Json::parse(*Json::write(reals)), reals);
 }
 
-TEST(JsonTest, ValuesThatJsonCannotCarryAreNamedAndRefused) {
+TEST(JsonTest, ValuesThatJsonCannotHoldAreNamedAndRefused) {
     Value deep = Array();
     for (int i = 0; i < 128; ++i) {
         deep = Array{std::move(deep)};

@@ -9,8 +9,8 @@
 namespace sentrova {
 namespace {
 
-// What a Mac's archiver makes of two entries: one with a text object of its own, both with shared keys, one of them of
-// the unchangeable dictionary class.
+// A Mac's archive of two entries with shared keys. One entry has a text as a separate string object, and one is of the
+// immutable dictionary class.
 constexpr std::string_view kMacArchive =
     "62706c6973743030d4010203040506070a582476657273696f6e592461726368697665725424746f7058246f626a6563747312000186a05f"
     "100f4e534b657965644172636869766572d1080954726f6f748001af10100b0c171819212223242c2d31383c3d3e55246e756c6cd30d0e0f"
@@ -31,7 +31,7 @@ Data fromHex(std::string_view hex) {
     return bytes;
 }
 
-// The archive with one text of it replaced by another of the same length.
+// The archive with some bytes replaced by others of the same length.
 Data changed(Data archive, std::string_view from, std::string_view to) {
     std::string text(archive.begin(), archive.end());
     const auto at = text.find(from);
@@ -70,7 +70,7 @@ TEST(KeyedArchiveTest, ArchiveOfAMacIsReadAndContentSurvivesTheRoundTrip) {
     }
 }
 
-TEST(KeyedArchiveTest, OtherContentEveryCutAndRandomDamageAreRefusedWithAReason) {
+TEST(KeyedArchiveTest, OtherContentTruncationAndRandomDamageAreRefusedWithAReason) {
     const auto mac = fromHex(kMacArchive);
     const auto list = *PropertyList::writeXml(Dictionary{{"uid", "a"}});
     const std::pair<Data, std::string_view> cases[] = {
@@ -82,11 +82,11 @@ TEST(KeyedArchiveTest, OtherContentEveryCutAndRandomDamageAreRefusedWithAReason)
         {changed(mac, "NSMutableDictionary", "NSMutableDictionarx"), "\"NSMutableDictionarx\""},
         {changed(mac, "NSMutableString", "NSMutableStrinx"), "\"NSMutableStrinx\""},
         {changed(mac, "NS.keys", "NS.kexs"), "without \"NS.keys\""},
-        // The first entry's key becomes a text, then a reference to itself, to nothing and beyond the table.
+        // Replaces the key of the first entry by a text, by a reference to itself, to null and beyond the table.
         {changed(mac, "\x80\x02\x80\x03", "\x80\x05\x80\x03"), "not a whole number"},
         {changed(mac, "\x80\x04\x80\x08", "\x80\x01\x80\x08"), "key that is not text"},
-        {changed(mac, "\x80\x04\x80\x08", std::string_view("\x80\x00\x80\x08", 4)), "leads nowhere"},
-        {changed(mac, "\x80\x04\x80\x08", "\x80\x7F\x80\x08"), "leads nowhere"},
+        {changed(mac, "\x80\x04\x80\x08", std::string_view("\x80\x00\x80\x08", 4)), "missing object"},
+        {changed(mac, "\x80\x04\x80\x08", "\x80\x7F\x80\x08"), "missing object"},
         {changed(mac, "\x80\x07\x80\x0D", "\x80\x04\x80\x0D"), "where a NSString belongs"},
     };
     const auto expectError = [](const auto& result, std::string_view reason) {

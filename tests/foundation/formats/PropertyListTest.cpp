@@ -22,7 +22,7 @@ std::string repeated(std::string_view text, std::size_t times) {
     return fmt::format("{}", fmt::join(std::vector(times, text), ""));
 }
 
-// One of everything.
+// A dictionary with one value of each kind.
 Value sample() {
     Array many;
     for (int i = 0; i < 300; ++i) {
@@ -38,7 +38,7 @@ Value sample() {
                       {"many", std::move(many)}};
 }
 
-// The same list in its other form, by an independent implementation.
+// Converts the list to its other form with an independent implementation.
 Data converted(const Data& list, bool toBinary) {
     const auto* const text = reinterpret_cast<const char*>(list.data());
     plist_t tree = nullptr;
@@ -103,7 +103,7 @@ TEST(PropertyListTest, XmlOfOtherWritersIsUnderstood) {
         ASSERT_TRUE(parsed) << text << "\n" << parsed.error().description;
         EXPECT_EQ(*parsed, value) << text;
     }
-    // A date that no clock here can show is the last one that it can.
+    // A date out of range becomes the latest date.
     EXPECT_GT(*parse("<plist><date>9999-12-31T23:59:59Z</date></plist>")->date(), Date(seconds(9'000'000'000)));
 }
 
@@ -120,7 +120,7 @@ void expectWideListIsRead(std::basic_string<Unit> list) {
                     text += static_cast<char>(unit >> (8 * (bigEndian ? sizeof unit - 1 - i : i)));
                 }
             }
-            // A byte that makes no whole character may follow the end, but not come before it.
+            // An incomplete character may follow the end of the list, but must not precede it.
             const auto parsed = parse(text + '\0');
             ASSERT_TRUE(parsed) << parsed.error().description;
             EXPECT_EQ(*parsed, Value("\xE2\x82\xAC \xF0\x9F\x98\x80" + repeated("\xC3\xA9", 9'000)));
@@ -185,7 +185,7 @@ TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
     EXPECT_TRUE(parse(repeated("<array>", 128) + repeated("</array>", 128)));
 }
 
-TEST(PropertyListTest, ValuesThatNoListCarriesAreNamedAndRefused) {
+TEST(PropertyListTest, ValuesThatAPropertyListCannotHoldAreNamedAndRefused) {
     const std::pair<Value, std::string_view> cases[] = {
         {Value(), "null value"},
         {Dictionary{{"users", Array{1, Value()}}}, "null value at .users[1]"},
@@ -198,7 +198,7 @@ TEST(PropertyListTest, ValuesThatNoListCarriesAreNamedAndRefused) {
     }
 }
 
-// What a binary list of these objects holds, with references and offsets of one byte each.
+// Parses a binary list of these objects, with references and offsets of one byte each.
 Result<Value> parseBinary(const std::vector<std::string>& objects) {
     std::string list = "bplist00";
     std::string offsets;
@@ -234,7 +234,7 @@ TEST(PropertyListTest, BinaryObjectsThatOtherWritersMakeAreUnderstood) {
 
 TEST(PropertyListTest, HostileBinaryListsAreRefused) {
     using namespace std::string_literals;
-    // 16 references to the next array each: 16^10 values out of 200 bytes.
+    // Each array refers to the next one 16 times: 16^10 values in 200 bytes.
     std::vector<std::string> bomb;
     for (char i = 1; i <= 10; ++i) {
         bomb.push_back("\xAF\x10\x10"s + std::string(16, i));
@@ -262,11 +262,11 @@ TEST(PropertyListTest, HostileBinaryListsAreRefused) {
     }
 }
 
-TEST(PropertyListTest, EveryCutAndThousandsOfFlipsEndInAValueOrAReason) {
+TEST(PropertyListTest, EveryTruncationAndThousandsOfBitFlipsGiveAValueOrAReason) {
     const auto xml = *PropertyList::writeXml(sample());
     std::mt19937 random(20261115);
     for (const auto& list : {xml, converted(xml, true)}) {
-        // The last tag's bracket is the last byte that matters; a line feed follows it in the XML form.
+        // The XML form ends with a line feed, so the bracket before it is the last byte that matters.
         for (std::size_t size = 0; size + 1 < list.size(); ++size) {
             EXPECT_FALSE(PropertyList::parse(std::span(list).first(size))) << size;
         }
@@ -281,7 +281,7 @@ TEST(PropertyListTest, EveryCutAndThousandsOfFlipsEndInAValueOrAReason) {
     }
 }
 
-// Where every repeated key meant a walk over all others, this would not end in time.
+// If each repeated key needed a search of all other keys, this test would run into its time limit.
 TEST(PropertyListTest, LongDictionaryMayRepeatAKeyManyTimes) {
     constexpr int kKeys = 100'000;
     std::string text = "<dict>";

@@ -53,7 +53,7 @@ TEST_F(BackgroundActivityTest, RunsOncePerIntervalEvenAfterARunThrowsOrATimerIsR
     EXPECT_EQ(reports.texts().size(), 4U);
 }
 
-TEST_F(BackgroundActivityTest, RunsMissedDuringALongOneBecomeOneAndTheGridIsKept) {
+TEST_F(BackgroundActivityTest, RunsMissedDuringALongRunBecomeOneAndLaterRunsStayOnSchedule) {
     Semaphore mayEnd;
     BackgroundActivity activity(queue_, "long", seconds(10), true);
     activity.schedule([this, &mayEnd] {
@@ -66,7 +66,7 @@ TEST_F(BackgroundActivityTest, RunsMissedDuringALongOneBecomeOneAndTheGridIsKept
     clock_.advance(seconds(35));
     EXPECT_EQ(runs_, 1);
     mayEnd.signal();
-    // At 45 s: the run of 40 s is late, the next one is due at 50 s.
+    // At 45 s: the run due at 40 s is late; the next one is due at 50 s.
     ASSERT_TRUE(clock_.awaitTimerIn(seconds(-5)));
     clock_.advance(seconds(0));
     ASSERT_TRUE(ran(2));
@@ -86,7 +86,7 @@ TEST_F(BackgroundActivityTest, WakeRunsAMissedTaskOnceEvenDuringARunOrWhileTheTi
     setClock(seconds(9000));
     ASSERT_TRUE(ran(1));
     firing();
-    // Asleep during the run for longer than the interval: the next run follows at once.
+    // The machine sleeps longer than the interval during a run: the next run follows at once.
     setClock(seconds(3600));
     mayEnd.signal();
     ASSERT_TRUE(clock_.awaitTimerIn(seconds(0)));

@@ -104,7 +104,7 @@ TEST_F(DispatchQueueTest, BlocksKeepTheirOrderWhileNoThreadCanBeStarted) {
 }
 
 TEST_F(DispatchQueueTest, SyncCallsThatAlreadyWaitStillRunWhenTheQueueCloses) {
-    // The queue closes at another moment each time.
+    // The queue closes at a different moment in each round.
     for (int i = 0; i < 500; ++i) {
         DispatchQueue queue("closing", clock_);
         std::atomic<int> runs = 0;
@@ -137,7 +137,7 @@ TEST_F(DispatchQueueTest, DestructionWaitsForTheRunningBlockAndDropsTheOthers) {
     Semaphore gone;
     auto held = std::make_shared<int>();
     const std::weak_ptr<int> heldToo = held;
-    // The block holds the last reference to its queue, and what waits behind it goes with the queue.
+    // The running block holds the last reference to its queue. The block behind it is dropped with the queue.
     queue->async([&gone, &begun, last = std::make_shared<std::unique_ptr<DispatchQueue>>(), &queue] {
         begun.wait();
         *last = std::move(queue);

@@ -10,7 +10,7 @@
 namespace sentrova {
 namespace {
 
-TEST(LockOrderDeathTest, BreachEndsTheProcessBeforeAnyTwoThreadsMeet) {
+TEST(LockOrderDeathTest, BreachAbortsTheProcessEvenInASingleThread) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Mutex file(LockRank::file);
     Mutex queue(LockRank::queue);

@@ -14,7 +14,7 @@ namespace {
 
 using testing::eventually;
 
-// Runs its body inside start, and ends when it is told to.
+// An operation whose start runs the body. It finishes when the test calls finish.
 class HandOperation final : public Operation {
   public:
     using Body = std::function<void(HandOperation&)>;
@@ -80,7 +80,7 @@ TEST_F(OperationQueueTest, OperationKeepsItsPlaceUntilItIsFinishedAndThenMakesRo
     queue_.addOperation(first);
     EXPECT_EQ(queue_.operationCount(), 0U) << "a finished operation was taken again";
 
-    // One that ends inside the start of another makes room at once.
+    // An operation that finishes inside the start of another one makes room at once.
     queue_.setMaxConcurrentOperationCount(2);
     const auto idle = operation();
     const auto waiting = operation(&HandOperation::finish);
@@ -142,7 +142,7 @@ TEST_F(OperationQueueTest, QueueWithALimitOfOneRunsInOrderDespiteAThreadShortage
     queue_.waitUntilAllOperationsAreFinished();
     EXPECT_EQ(order, expected);
     EXPECT_EQ(reports.texts(),
-              (std::vector<std::string>{"thread: The system grants no further thread; the work waits for one",
+              (std::vector<std::string>{"thread: No thread could be started; the work is queued and retried",
                                         ": a start's fault", "BlockOperation: a block's fault"}));
 }
 

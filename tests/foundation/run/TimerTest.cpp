@@ -35,12 +35,12 @@ TEST_F(TimerTest, FiresOnItsThreadAtEachDateAndOnceForAllMissedOnes) {
     std::thread thread([&timer] { timer.run(); });
     for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(clock_.awaitTimerIn(hours(1)));
-        // A timer that the host refuses is asked for again.
+        // A refused timer is retried.
         clock_.refuse(1);
         clock_.advance(hours(1));
     }
     ASSERT_TRUE(clock_.awaitTimerIn(hours(1)));
-    // The machine slept through four dates.
+    // The machine sleeps through four dates.
     setClock(start_ + minutes(390));
     EXPECT_TRUE(clock_.awaitTimerIn(minutes(30)));
     timer.invalidate();
@@ -67,7 +67,7 @@ TEST_F(TimerTest, TimerFollowsAChangedWallClockOnceTheChangeIsNoticed) {
     Timer timer(clock_, notifications_, start_ + hours(10), never, note_);
     std::thread thread([&timer] { timer.run(); });
     ASSERT_TRUE(clock_.awaitTimerIn(hours(10)));
-    // Back: the old alarm must not count, whether or not the change is noticed.
+    // The clock is set back. The old alarm must not fire the timer, even if nobody reports the change.
     clock_.setWallTime(start_ - hours(2));
     clock_.advance(hours(10));
     ASSERT_TRUE(clock_.awaitTimerIn(hours(2)));

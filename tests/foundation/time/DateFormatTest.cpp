@@ -41,7 +41,7 @@ TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
         {"UTC", "yyyyMMddHHmmssSSS", Date(nanoseconds(-1)), "19691231235959999"},
         {"Asia/Kolkata", "yyyy-MM-dd HH:mm:ss Z", kDate, "2026-11-15 21:28:40 +0530"},
         {"America/New_York", "HH:mm zzz", kDate, "10:58 EST"},
-        // An hour that there is twice.
+        // An hour that occurs twice, at the end of daylight saving.
         {"Europe/Paris", "HH:mm Z", Date(seconds(1792888200)), "02:30 +0200"},
         {"Europe/Paris", "HH:mm Z", Date(seconds(1792891800)), "02:30 +0100"},
     };
@@ -60,7 +60,7 @@ TEST_F(DateFormatTest, PatternsFollowTheDevicesZone) {
 }
 
 TEST_F(DateFormatTest, PlainPatternsGiveTheLibrarysText) {
-    // A quoted quote leaves the pattern to the library.
+    // A quote is not a plain pattern, so the library formats it.
     const auto byTheLibrary = [this](const std::string& pattern, Date date) {
         auto text = dates_.format(pattern + "''", date);
         text.pop_back();
@@ -77,7 +77,7 @@ TEST_F(DateFormatTest, PlainPatternsGiveTheLibrarysText) {
     }
 }
 
-TEST_F(DateFormatTest, OnlyWholeAndRealDatesParse) {
+TEST_F(DateFormatTest, OnlyCompleteAndValidDatesParse) {
     constexpr auto kPattern = "yyyy-MM-dd HH:mm:ss";
     EXPECT_EQ(dates_.parse(kPattern, "2020-01-01 00:00:00"), Date(seconds(1577836800)));
     EXPECT_EQ(dates_.parse("yyyy-MM-dd HH:mm:ss Z", "2026-11-15 21:28:40 +0530"), kDate);

@@ -15,7 +15,7 @@ constexpr auto kSmallest = std::numeric_limits<std::int64_t>::min();
 
 TEST(ValueTest, NumbersAreReadFromEveryKindOfValue) {
     constexpr auto kMost = std::numeric_limits<std::int32_t>::max();
-    // As an integer, as one cut to 32 bits, as a real, as a truth value.
+    // The expected integerValue, intValue, doubleValue and boolValue.
     const std::tuple<Value, std::int64_t, std::int32_t, double, bool> cases[] = {
         {Value(), 0, 0, 0, false},
         {true, 1, 1, 1, true},
@@ -44,7 +44,7 @@ TEST(ValueTest, NumbersAreReadFromEveryKindOfValue) {
     }
 }
 
-TEST(ValueTest, DescriptionIsTheTextOfAMessage) {
+TEST(ValueTest, DescriptionIsTheTextInMessages) {
     const std::pair<Value, std::string> cases[] = {
         {Value(), "(null)"},
         {false, "0"},
@@ -71,7 +71,7 @@ TEST(ValueTest, NumbersCompareByValueAndOthersByKindToo) {
     EXPECT_NE(Value(), Value(0));
     EXPECT_EQ(Value(Array{1, "a"}), Value(Array{1.0, "a"}));
     EXPECT_NE(Value(Array{1, 2}), Value(Array{2, 1}));
-    // Above 2^53 reals skip integers.
+    // Above 2^53, reals cannot represent every integer.
     EXPECT_NE(Value(kLargest), Value(kLargest - 1));
 }
 

@@ -31,7 +31,7 @@ using Kind = AuditServer::Failure::Kind;
 struct Outcome {
     std::optional<std::string> body;
     std::int64_t status = 0;
-    // 0: no error.
+    // 0 means no error.
     UrlErrorCode error = {};
 };
 
@@ -54,7 +54,7 @@ std::future<Outcome> send(UrlSession& session, const UrlRequest& request, const 
 
 using Futures = std::vector<std::future<Outcome>>;
 
-// The body of each is its number.
+// Each request has its number as its body.
 Futures sendMany(UrlSession& session, const UrlRequest& request, int count) {
     Futures futures;
     for (int i = 0; i < count; ++i) {
@@ -81,7 +81,7 @@ UrlRequest postTo(const Listener& listener) {
     return post("http://127.0.0.1:" + std::to_string(listener.port()) + "/");
 }
 
-// The next connection, with a request without a body read from it; the test sends every byte of the answer itself.
+// Accepts the next connection and reads a request without a body from it. The test writes the answer itself.
 std::unique_ptr<ServerConnection> acceptRequest(const Listener& listener) {
     auto connection = listener.accept();
     connection->handshake();
@@ -93,8 +93,9 @@ std::unique_ptr<ServerConnection> acceptRequest(const Listener& listener) {
     return connection;
 }
 
-// The network thread sees to all its connections in turn: when this returns, it has noted at the present time, or an
-// earlier one, whatever progress there was before, and will note later progress at no earlier time.
+// Sends a request and waits for its answer. The network thread serves all its connections in each turn. So when this
+// returns, it has noted all earlier progress, at the current time or before, and notes later progress not before the
+// current time.
 void letNetworkThreadCatchUp(UrlSession& session) {
     Listener listener;
     auto future = send(session, postTo(listener), "");
@@ -102,7 +103,7 @@ void letNetworkThreadCatchUp(UrlSession& session) {
     EXPECT_EQ(await(std::move(future)).status, 200);
 }
 
-// A session whose network thread runs.
+// A session with its network thread started.
 class Started final : public UrlSession {
   public:
     explicit Started(Clock& clock, const platform::CurlUrlSession::Configuration& configuration = {})
@@ -130,7 +131,7 @@ TEST_F(CurlUrlSessionTest, PostArrivesWithItsHeadersInOrderAndItsBodyWithoutAPro
     setenv("http_proxy", "http://127.0.0.1:1", 1);
     const std::string body = R"({"Build":"1"})" + std::string(200000, ' ');
     const auto length = std::to_string(body.size());
-    // A wrong length is put right; the connection is kept alive.
+    // A wrong Content-Length is corrected, so the connection stays usable.
     for (const auto& [name, value] :
          {std::pair("Content-Length", length), std::pair("content-length", std::string("1"))}) {
         server_.reset();
@@ -161,11 +162,11 @@ TEST_F(CurlUrlSessionTest, EveryStatusIsAnAnswerAndNoRedirectIsFollowed) {
     }
 }
 
-TEST_F(CurlUrlSessionTest, AtMostSixConnectionsServeAServerAndARequestLostOnOneIsSentOnceMoreAndNotTwice) {
+TEST_F(CurlUrlSessionTest, AtMostSixConnectionsServeAServerAndALostRequestIsSentAgainOnlyOnce) {
     server_.fail({.kind = Kind::hold, .count = -1});
     auto futures = sendMany(session_, events_, 18);
     ASSERT_TRUE(server_.waitForRequests(6));
-    // Another server's line is not held up.
+    // Requests to another server do not wait.
     AuditServer other;
     EXPECT_EQ(await(send(session_, post(other.url() + AuditServer::kEventsPath))).status, 200);
     EXPECT_THAT(server_.requests(), SizeIs(6));
@@ -178,7 +179,7 @@ TEST_F(CurlUrlSessionTest, AtMostSixConnectionsServeAServerAndARequestLostOnOneI
     for (const auto& request : server_.requests()) {
         EXPECT_LE(request.connection, 6);
     }
-    // The six are idle now.
+    // All six connections are idle now.
     server_.reset();
     server_.fail({.kind = Kind::drop});
     EXPECT_EQ(await(send(session_, events_, "[7]")).status, 200);
@@ -227,7 +228,7 @@ TEST_F(CurlUrlSessionTest, RequestThatCannotOrMustNotBeSentEndsWithTheReason) {
             EXPECT_EQ(await(send(session_, post(url))).error, code) << url;
         }
     }
-    // A header or method that breaks its line.
+    // A header or method that would end its line.
     for (const auto& [method, name, value] : {std::tuple("POST", "A", "x\r\nX-Other: y"),
                                               {"POST", "A", "x\ny"},
                                               {"POST", "Bad: name", "x"},
@@ -250,7 +251,7 @@ TEST_F(CurlUrlSessionTest, AnswerMayBeAsLongAsTheMaximumAndNoLonger) {
     EXPECT_EQ(await(send(session, sync_)).error, UrlErrorCode::dataLengthExceedsMaximum);
 }
 
-TEST_F(CurlUrlSessionTest, RequestWithoutAnswerTimesOutAndItsTimeInLineDoesNotCount) {
+TEST_F(CurlUrlSessionTest, RequestWithoutAnswerTimesOutAndItsTimeInTheQueueDoesNotCount) {
     Started session(clock_, platform::CurlUrlSession::Configuration{.maximumConnectionsPerHost = 1});
     server_.fail({.kind = Kind::noAnswer, .count = -1});
     auto futures = sendMany(session, events_, 2);
@@ -265,7 +266,7 @@ TEST_F(CurlUrlSessionTest, RequestWithoutAnswerTimesOutAndItsTimeInLineDoesNotCo
     }
 }
 
-TEST_F(CurlUrlSessionTest, ProgressPutsTheTimeOutOffButNotBeyondTheTotalTime) {
+TEST_F(CurlUrlSessionTest, ProgressExtendsTheTimeOutButNotBeyondTheTotalTime) {
     for (const auto& [totalTime, leftAfter30] : {std::pair(900s, 20s), std::pair(40s, 10s)}) {
         Listener listener;
         Started session(clock_, platform::CurlUrlSession::Configuration{.totalTime = totalTime});
@@ -284,8 +285,8 @@ TEST_F(CurlUrlSessionTest, ProgressPutsTheTimeOutOffButNotBeyondTheTotalTime) {
     }
 }
 
-TEST_F(CurlUrlSessionTest, AddressBehindASilentOneIsReachedAndTriedFirstFromThenOn) {
-    // A connection finds no answer where the backlog is full.
+TEST_F(CurlUrlSessionTest, AddressAfterAnUnresponsiveOneIsReachedAndTriedFirstFromThenOn) {
+    // A listener with a full backlog does not answer further connections.
     sockaddr_in address{.sin_family = AF_INET,
                         .sin_port = htons(static_cast<std::uint16_t>(server_.port())),
                         .sin_addr = {htonl(INADDR_LOOPBACK + 1)},
@@ -305,7 +306,7 @@ TEST_F(CurlUrlSessionTest, AddressBehindASilentOneIsReachedAndTriedFirstFromThen
     // Each request needs a connection of its own.
     server_.fail({.status = 200, .count = -1, .headers = {{"Connection", "close"}}});
     EXPECT_EQ(await(send(session, request)).status, 200);
-    // From now on there is room for a connection there, which nobody serves.
+    // From now on the silent address accepts connections, but nobody answers on them.
     ASSERT_EQ(::listen(silent.get(), 64), 0);
     for (int i = 1; i <= 2; ++i) {
         EXPECT_EQ(await(send(session, request)).status, 200);
@@ -314,7 +315,7 @@ TEST_F(CurlUrlSessionTest, AddressBehindASilentOneIsReachedAndTriedFirstFromThen
     }
 }
 
-TEST_F(CurlUrlSessionTest, LookUpThatBlocksOrWaitsForAThreadHoldsUpNeitherOtherRequestsNorTheEnd) {
+TEST_F(CurlUrlSessionTest, LookUpThatBlocksOrWaitsForAThreadDelaysNeitherOtherRequestsNorDestruction) {
     std::promise<void> promise;
     std::optional<Started> session(std::in_place, clock_,
                                    platform::CurlUrlSession::Configuration{
@@ -385,7 +386,7 @@ TEST_F(CurlUrlSessionTest, CompletionsRunOneAfterAnotherAndMaySendAgain) {
     EXPECT_EQ(overlapping, 0);
 }
 
-TEST_F(CurlUrlSessionTest, WaitingRequestsAreSentInTheirOrderAndDestructionAbandonsThemAndThoseInFlight) {
+TEST_F(CurlUrlSessionTest, WaitingRequestsAreSentInOrderAndDestructionDropsThemAndThoseInFlight) {
     std::optional<Started> session(std::in_place, clock_,
                                    platform::CurlUrlSession::Configuration{.maximumConnectionsPerHost = 1});
     expectSuccess(sendMany(*session, events_, 10));

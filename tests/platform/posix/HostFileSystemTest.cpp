@@ -30,7 +30,7 @@ class HostFileSystemTest : public ::testing::Test {
         return list;
     }
 
-    // With a link to a folder, "folder", and one to a file, "link".
+    // Creates two links: "folder", which points to a folder, and "link", which points to a file.
     void refusesLinks(FileSystem& files) {
         const std::pair<const char*, Error> refused[] = {
             {"link", files.read(at("link")).error()},
@@ -142,7 +142,7 @@ TEST_F(HostFileSystemTest, LinkIsFollowedOnlyIfNobodyButTheAgentsUserCouldHaveCr
     fs::permissions(folder_, fs::perms::others_write, fs::perm_options::add);
     refusesLinks(files_);
 
-    // A removal takes the link and a write replaces it; a pipe without a writer holds nobody up.
+    // remove and writeAtomically affect the link itself. A FIFO without a writer blocks no read.
     ASSERT_TRUE(files_.remove(at("folder")));
     ASSERT_TRUE(files_.writeAtomically(at("link"), bytes("new"), renamed));
     ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);

@@ -9,7 +9,7 @@
 namespace sentrova {
 namespace {
 
-// The exit status and the output.
+// Runs the program and returns its exit status and its output.
 std::pair<int, std::string> runShell(const std::string& script) {
     platform::Process process("/bin/sh", {"-c", script});
     process.launch();
@@ -29,7 +29,7 @@ TEST(ProcessTest, ProgramInheritsStandardStreamsOnlyAndItsStatusAndOutputAreRetu
     }
     const FileDescriptor forgotten(::dup(STDIN_FILENO));
     EXPECT_EQ(runShell("ls /dev/fd/" + std::to_string(forgotten.get()) + " 2>/dev/null").second, "");
-    // The system tells no status then, which is no success.
+    // The system does not tell the status then, which counts as a failure.
     auto* const before = std::signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(runShell("exit 3").first, platform::Process::kUnknownStatus);
     std::signal(SIGCHLD, before);

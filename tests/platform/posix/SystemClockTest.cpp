@@ -19,7 +19,7 @@ TEST(SystemClockTest, SystemClockRunsTimersInOrderNeverEarlyAndEvenAfterOneThrow
     const auto now = clock.monotonicTime();
     std::string order;
     std::promise<Clock::Monotonic> last;
-    // The first call holds the timer thread until all are set.
+    // The first timer blocks the clock's thread until all timers are set.
     Semaphore allSet;
     clock.schedule(now - seconds(10), [&allSet] {
         allSet.wait();
