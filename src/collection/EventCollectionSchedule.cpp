@@ -6,8 +6,8 @@
 #include "core/FileUtils.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/Current.h"
-#include "foundation/time/Clock.h"
 #include "operations/MainQueue.h"
 #include "operations/ScheduleHandler.h"
 

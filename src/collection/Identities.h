@@ -6,8 +6,8 @@
 #include "collection/DomainUtil.h"
 #include "collection/NameCache.h"
 #include "core/MachineNames.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/Mutex.h"
-#include "foundation/time/Clock.h"
 #include "foundation/value/Value.h"
 #include "platform/Directory.h"
 

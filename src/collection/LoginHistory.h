@@ -5,9 +5,9 @@
 #include "core/GlobalVariables.h"
 #include "foundation/files/FileSystem.h"
 #include "foundation/formats/KeyedArchive.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/DispatchQueue.h"
 #include "foundation/run/Mutex.h"
-#include "foundation/time/Clock.h"
 #include "foundation/value/Value.h"
 
 #include <atomic>

@@ -2,8 +2,8 @@
 
 #pragma once
 
+#include "foundation/run/Clock.h"
 #include "foundation/run/Mutex.h"
-#include "foundation/time/Clock.h"
 
 #include <chrono>
 #include <cstdint>

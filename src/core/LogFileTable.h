@@ -3,8 +3,8 @@
 #pragma once
 
 #include "foundation/files/FileSystem.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/Mutex.h"
-#include "foundation/time/Clock.h"
 #include "foundation/time/DateFormat.h"
 
 #include <map>

@@ -5,8 +5,8 @@
 #include "core/LogFileTable.h"
 #include "core/UnwrittenLines.h"
 #include "foundation/files/FileSystem.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/DispatchQueue.h"
-#include "foundation/time/Clock.h"
 #include "foundation/time/DateFormat.h"
 #include "foundation/value/Result.h"
 

@@ -2,8 +2,8 @@
 
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/Current.h"
-#include "foundation/time/Clock.h"
 #include "foundation/time/DateFormat.h"
 #include "platform/OperatingSystem.h"
 

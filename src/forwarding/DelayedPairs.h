@@ -8,7 +8,7 @@
 
 #pragma once
 
-#include "foundation/time/Clock.h"
+#include "foundation/run/Clock.h"
 
 #include <cstdint>
 #include <deque>

@@ -9,10 +9,10 @@
 #include "forwarding/WaitingFiles.h"
 #include "foundation/files/FileSystem.h"
 #include "foundation/files/FileUrl.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/DispatchQueue.h"
 #include "foundation/run/Mutex.h"
 #include "foundation/run/NotificationCenter.h"
-#include "foundation/time/Clock.h"
 #include "foundation/time/DateFormat.h"
 #include "foundation/value/Value.h"
 

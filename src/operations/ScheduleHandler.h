@@ -13,7 +13,7 @@
 
 #include "core/GlobalConstants.h"
 #include "core/GlobalVariables.h"
-#include "foundation/time/Clock.h"
+#include "foundation/run/Clock.h"
 #include "foundation/time/DateFormat.h"
 #include "foundation/value/Value.h"
 #include "operations/ConcurrentOperationAbstract.h"

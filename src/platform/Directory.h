@@ -3,7 +3,7 @@
 #pragma once
 
 #include "foundation/files/FileSystem.h"
-#include "foundation/time/Clock.h"
+#include "foundation/run/Clock.h"
 #include "foundation/value/Result.h"
 
 #include <cstdint>

@@ -5,7 +5,7 @@
 
 #include "foundation/files/FileSystem.h"
 #include "foundation/net/UrlSession.h"
-#include "foundation/time/Clock.h"
+#include "foundation/run/Clock.h"
 #include "foundation/time/DateLibrary.h"
 #include "foundation/value/Cryptography.h"
 #include "foundation/value/Encodings.h"

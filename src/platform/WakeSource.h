@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "foundation/time/Clock.h"
+#include "foundation/run/Clock.h"
 
 #include <functional>
 #include <memory>

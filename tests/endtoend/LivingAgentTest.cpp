@@ -3,7 +3,7 @@
 #include "endtoend/EndToEnd.h"
 #include "foundation/files/FileDescriptor.h"
 #include "foundation/formats/Json.h"
-#include "foundation/time/Clock.h"
+#include "foundation/run/Clock.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -2,8 +2,8 @@
 
 #pragma once
 
+#include "foundation/run/Clock.h"
 #include "foundation/run/Current.h"
-#include "foundation/time/Clock.h"
 #include "fuzz/Fuzz.h"
 #include "platform/posix/HostFileSystem.h"
 #include "support/SwitchedFileSystem.h"

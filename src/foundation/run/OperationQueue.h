@@ -2,8 +2,8 @@
 
 #pragma once
 
+#include "foundation/run/Clock.h"
 #include "foundation/run/Operation.h"
-#include "foundation/time/Clock.h"
 
 #include <cstddef>
 #include <functional>

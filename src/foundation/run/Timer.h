@@ -2,9 +2,9 @@
 
 #pragma once
 
+#include "foundation/run/Clock.h"
 #include "foundation/run/Mutex.h"
 #include "foundation/run/NotificationCenter.h"
-#include "foundation/time/Clock.h"
 
 #include <functional>
 #include <memory>

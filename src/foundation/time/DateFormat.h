@@ -5,8 +5,8 @@
 
 #pragma once
 
+#include "foundation/run/Clock.h"
 #include "foundation/run/Mutex.h"
-#include "foundation/time/Clock.h"
 #include "foundation/time/DateLibrary.h"
 #include "foundation/time/PlainDatePattern.h"
 

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "foundation/net/UrlSession.h"
-#include "foundation/time/Clock.h"
+#include "foundation/run/Clock.h"
 #include "platform/curl/HostAddresses.h"
 
 #include <cstddef>

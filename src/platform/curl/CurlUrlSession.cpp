@@ -1,10 +1,10 @@
 #include "platform/curl/CurlUrlSession.h"
 
+#include "foundation/run/Clock.h"
 #include "foundation/run/DispatchQueue.h"
 #include "foundation/run/Mutex.h"
 #include "foundation/run/Threads.h"
 #include "foundation/run/Unhandled.h"
-#include "foundation/time/Clock.h"
 #include "platform/curl/CurlTransfer.h"
 
 #include <signal.h>

@@ -2,8 +2,8 @@
 
 #include "foundation/files/FileSystem.h"
 #include "foundation/formats/PropertyList.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/Mutex.h"
-#include "foundation/time/Clock.h"
 #include "platform/AccountDatabase.h"
 #include "platform/linux/SystemVolume.h"
 
