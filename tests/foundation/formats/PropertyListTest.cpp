@@ -155,7 +155,7 @@ TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
         {"<date>", {"<date>2023-02-29T00:00:00Z</date>", "<date>yesterday</date>"}},
         {"<data>", {"<data>QUJ</data>", "<data>=UJD</data>"}},
         {"unknown entity", {"<string>&bogus;</string>"}},
-        {"no character", {"<string>&#0;</string>", "<string>&#xD800;</string>"}},
+        {"character reference", {"<string>&#0;</string>", "<string>&#xD800;</string>"}},
         {"not UTF-8", {"<string>\xFF</string>"}},
         {"control characters", {"<string>a<![CDATA[\x01]]></string>"}},
         {"-->", {"<!-- <true/>"}},
@@ -176,7 +176,7 @@ TEST(PropertyListTest, MalformedXmlIsRefusedWithAReason) {
         {"<?xml version=\"1.0\" encoding=\"bogus\"?><plist><true/></plist>", "unknown encoding \"bogus\""},
         {"<?xml version=\"1.0\" encoding=\"\"?><plist><true/></plist>", "unknown encoding \"\""},
         {"<?xml version=\"1.0\" encoding=\"UTF-16\"?><plist><true/></plist>", "declares UTF-16"},
-        {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>", "definitions"},
+        {"<!DOCTYPE plist [<!ENTITY a \"b\">]><plist><string>&a;</string></plist>", "internal subset"},
         {"<plist><string>a", "ends too early"},
     };
     for (const auto& [text, reason] : whole) {
@@ -252,7 +252,7 @@ TEST(PropertyListTest, HostileBinaryListsAreRefused) {
         {{"\x4F\x51"s}, "without a length"},
         {{"\x51\xFF"s}, "not UTF-8"},
         {{"\x61\xD8\x00"s}, "surrogate"},
-        {{"\x33\x7F\xF8\x00\x00\x00\x00\x00\x00"s}, "no number"},
+        {{"\x33\x7F\xF8\x00\x00\x00\x00\x00\x00"s}, "not a number"},
         {{"\x00"s}, "empty value"},
         {{"\x80\x01"s}, "keyed archive"},
         {{"\xC1\x00"s}, "unknown kind"},
