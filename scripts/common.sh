@@ -19,10 +19,7 @@ refuse_usage() {
 }
 
 refuse_argument() {
-    case $1 in
-        -*) refuse_usage "there is no option $1" ;;
-        *) refuse_usage "the argument \"$1\" is not expected" ;;
-    esac
+    refuse_usage "unknown argument \"$1\""
 }
 
 # Call it with the arguments from the option on. Ends the script when the option has no value.

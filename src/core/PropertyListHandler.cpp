@@ -187,18 +187,20 @@ bool PropertyListHandler::WriteToProplist(const std::optional<std::string>& path
         return false;
     }
     auto& fileSystem = Current<FileSystem>::get();
-    if (unread_ && path_ && nameTheSameFile(*target, *path_)) {
+    // A query of the files is only made where the answer matters.
+    const bool ownFile = (unread_ || damaged_) && path_ && nameTheSameFile(*target, *path_);
+    if (unread_ && ownFile) {
         kLog.error("Property list {} could not be read, and so is not replaced", *target);
         return true;
     }
     std::optional<std::string> kept;
     // Unchanged content that is written back replaces nothing.
-    if (damaged_ && changeable_ && path_ && nameTheSameFile(*target, *path_)) {
+    if (damaged_ && changeable_ && ownFile) {
         kept = keepDamaged(*target);
     }
     const auto written = fileSystem.writeAtomically(*target, *bytes, FileSystem::Durability::flushed);
     if (written) {
-        damaged_ = false;
+        damaged_ = damaged_ && !ownFile;
         written_ = true;
     } else {
         kLog.error("WriteToProplist:failed path , {}", *target);

@@ -79,7 +79,7 @@ ServerAddress addressAt(const Configuration& configuration, AddressPosition posi
 AddressChoice::AddressChoice(GlobalVariables& configuration)
     : configuration_(configuration), position_(AddressPosition::first(configuration.snapshot()->type)) {}
 
-ServerAddress AddressChoice::present() {
+ServerAddress AddressChoice::current() {
     const MutexLock lock(mutex_);
     return choose();
 }

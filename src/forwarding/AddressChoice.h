@@ -58,9 +58,9 @@ class AddressChoice {
     // Begins at the first position of the configured type. The configuration must outlive the object.
     explicit AddressChoice(GlobalVariables& configuration);
 
-    // present returns the address in use. next moves to the next position first. Both use the configuration of this
+    // current returns the address in use. next moves to the next position first. Both use the configuration of this
     // moment, and store the connection in use as the configuration's type.
-    ServerAddress present() EXCLUDES(mutex_);
+    ServerAddress current() EXCLUDES(mutex_);
     ServerAddress next() EXCLUDES(mutex_);
 
   private:

@@ -32,7 +32,7 @@ bool isHostName(const std::string& name) {
 }  // namespace
 
 TransportEngine::TransportEngine() : transport_(Current<Transport>::get()) {
-    compose(transport_.addresses().present());
+    compose(transport_.addresses().current());
     kTraffic.info("TransportEngine isConnected {:d}", isConnected());
 }
 

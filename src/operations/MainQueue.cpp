@@ -23,7 +23,7 @@ void MainQueue::close() {
     }
 }
 
-std::shared_ptr<OperationsHandler> MainQueue::present() {
+std::shared_ptr<OperationsHandler> MainQueue::current() {
     MutexLock lock(mutex_);
     return queue_;
 }
@@ -39,7 +39,7 @@ std::shared_ptr<OperationsHandler> MainQueue::open() {
 }
 
 void MainQueue::add(const std::shared_ptr<ConcurrentOperationAbstract>& operation) {
-    const auto queue = present();
+    const auto queue = current();
     if (!queue || stopAsked_) {
         return;
     }
@@ -51,20 +51,20 @@ void MainQueue::add(const std::shared_ptr<ConcurrentOperationAbstract>& operatio
 }
 
 void MainQueue::cancel(std::string_view name) {
-    if (const auto queue = present()) {
+    if (const auto queue = current()) {
         queue->cancelOperationWithName(name);
     }
 }
 
 bool MainQueue::isExecuting(std::string_view name) {
-    const auto queue = present();
+    const auto queue = current();
     return queue && queue->getTaskStatus(name);
 }
 
 void MainQueue::stop() {
     kLog.info("AgentServiceHandler stop called");
     stopAsked_ = true;
-    if (const auto queue = present()) {
+    if (const auto queue = current()) {
         queue->suspend();
     }
 }

@@ -42,7 +42,7 @@ class MainQueue {
     bool stopAsked() const { return stopAsked_; }
 
   private:
-    std::shared_ptr<OperationsHandler> present() EXCLUDES(mutex_);
+    std::shared_ptr<OperationsHandler> current() EXCLUDES(mutex_);
 
     Clock& clock_;
     std::atomic<bool> stopAsked_ = false;

@@ -27,7 +27,7 @@ using Interval = std::chrono::microseconds;
 constexpr LogSource kLog("ScheduleHandler");
 constexpr std::int64_t kBytesPerGigabyte = 1'000'000'000;
 
-ScheduleHandler& present() {
+ScheduleHandler& scheduler() {
     return Current<ScheduleHandler>::get();
 }
 
@@ -180,7 +180,7 @@ void ScheduleHandler::startTasks(std::string_view name, const std::function<bool
 std::shared_ptr<ScheduleHandler> ScheduleHandler::init() {
     kLog.debug("ScheduleHandler init called");
     initRealTimeStatus();
-    auto handler = present().shared_from_this();
+    auto handler = scheduler().shared_from_this();
     if (!handler->isAnnounced_.exchange(true)) {
         kLog.debug("ScheduleHandler initialised");
     }
@@ -224,11 +224,11 @@ void ScheduleHandler::CheckEventDatasize() {
 }
 
 void ScheduleHandler::startTask(std::string_view name) {
-    present().startTasks(name, [] { return true; });
+    scheduler().startTasks(name, [] { return true; });
 }
 
 bool ScheduleHandler::runsEvery(const Value& intervalSeconds, std::string_view task) {
-    const auto activity = present().tasks_.activity(task);
+    const auto activity = scheduler().tasks_.activity(task);
     return activity && activity->hasFurtherRun() &&
            activity->interval() == parsedInterval(intervalSeconds).value_or(kDefaultInterval) &&
            activity->repeats() == getProperty(kRepeat, task).boolValue();
@@ -236,7 +236,7 @@ bool ScheduleHandler::runsEvery(const Value& intervalSeconds, std::string_view t
 
 void ScheduleHandler::initiateTimer(const Dictionary& entry) {
     if (const auto time = DailyTime::parse(entry[kRunAt].description())) {
-        present().tasks_.runDaily(nameOf(entry), present().dailyTimer(entry, *time));
+        scheduler().tasks_.runDaily(nameOf(entry), scheduler().dailyTimer(entry, *time));
     }
 }
 
@@ -246,11 +246,11 @@ void ScheduleHandler::runTimerTask(const Dictionary& entry) {
 
 void ScheduleHandler::runTask(const Dictionary& entry) {
     const auto name = nameOf(entry);
-    UpdateTaskWithName(name, kLastScheduleTimeInMillis, present().clock_.epochSeconds());
+    UpdateTaskWithName(name, kLastScheduleTimeInMillis, scheduler().clock_.epochSeconds());
     UpdateTaskWithName(name, kLastScheduleTime, Utilities::getCurrentTimeInFormat("E, d MMM yyyy HH:mm:ss Z"));
     const auto className = entry[kClassName].description();
     const auto selector = entry[kSelector].description();
-    switch (present().registry_.run(className, selector)) {
+    switch (scheduler().registry_.run(className, selector)) {
         case TaskRegistry::Outcome::ran:
             break;
         case TaskRegistry::Outcome::unknownClass:
@@ -263,7 +263,7 @@ void ScheduleHandler::runTask(const Dictionary& entry) {
 }
 
 void ScheduleHandler::stopTask(std::string_view name) {
-    if (present().tasks_.stopActivity(name)) {
+    if (scheduler().tasks_.stopActivity(name)) {
         kLog.info("{} schedule has been stopped", name);
     } else {
         kLog.info("{} is not available in the list", name);
@@ -271,7 +271,7 @@ void ScheduleHandler::stopTask(std::string_view name) {
 }
 
 void ScheduleHandler::stopAllTasks() {
-    for (const auto& [name, activity] : present().tasks_.activities()) {
+    for (const auto& [name, activity] : scheduler().tasks_.activities()) {
         kLog.info("{} has been stopped", activity->identifier());
         activity->invalidate();
     }
@@ -279,7 +279,7 @@ void ScheduleHandler::stopAllTasks() {
 }
 
 void ScheduleHandler::UpdateTaskWithName(std::string_view name, std::string_view withKey, const Value& withValue) {
-    PropertyListHandler::change(present().taskListFile(), [&](Dictionary& file) {
+    PropertyListHandler::change(scheduler().taskListFile(), [&](Dictionary& file) {
         auto tasks = file[kScheduleTasks];
         if (auto* entries = tasks.array()) {
             for (auto& entry : *entries) {
@@ -295,7 +295,7 @@ void ScheduleHandler::UpdateTaskWithName(std::string_view name, std::string_view
 }
 
 Value ScheduleHandler::getProperty(std::string_view key, std::string_view ofTask) {
-    for (const auto& entry : present().taskEntries().value_or(std::vector<Dictionary>())) {
+    for (const auto& entry : scheduler().taskEntries().value_or(std::vector<Dictionary>())) {
         if (entry[kTaskName] == Value(ofTask)) {
             return entry[key];
         }
@@ -305,12 +305,12 @@ Value ScheduleHandler::getProperty(std::string_view key, std::string_view ofTask
 
 void ScheduleHandler::initRealTimeStatus() {
     kLog.info("updating EventCollection schedule");
-    UpdateTaskWithName(kEventCollection, kRepeat, present().configuration_.isRealTime() ? "false" : "true");
+    UpdateTaskWithName(kEventCollection, kRepeat, scheduler().configuration_.isRealTime() ? "false" : "true");
 }
 
 std::string ScheduleHandler::description() {
     Dictionary list;
-    for (const auto& [name, activity] : present().tasks_.activities()) {
+    for (const auto& [name, activity] : scheduler().tasks_.activities()) {
         list.set(name, activity->identifier());
     }
     return "Printing the task array " + Value(std::move(list)).description();

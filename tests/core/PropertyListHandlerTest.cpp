@@ -57,6 +57,8 @@ TEST_F(PropertyListHandlerTest, DamagedFileIsReportedAndKeptWhenItIsReplaced) {
         EXPECT_EQ(logged("][ERROR]Property list " + path_ + " "), ++reports);
         EXPECT_TRUE(handler.GetValueForKey("key").isNull());
         handler.updateDictionary({{"key", "new"}});
+        // A copy in another file does not mend this one.
+        EXPECT_TRUE(handler.WriteToProplist(path_ + ".copy"));
         // Another path to the same folder.
         EXPECT_TRUE(handler.WriteToProplist("../conf/a.plist"));
         EXPECT_EQ(stored(), (Dictionary{{"key", "new"}}));

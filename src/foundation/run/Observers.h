@@ -36,14 +36,14 @@ class Observers {
         });
     }
 
-    bool empty() const { return state_->present()->empty(); }
+    bool empty() const { return state_->current()->empty(); }
 
     // An observer's exception is reported under `where` and reaches neither the caller nor the other observers. Returns
     // false if an observer threw.
     bool notify(std::string_view where, const Event& event) const {
         bool taken = true;
-        const auto present = state_->present();
-        for (const auto& entry : *present) {
+        const auto current = state_->current();
+        for (const auto& entry : *current) {
             if (!entry->gone) {
                 taken = runGuarded(where, [&] { entry->observer(event); }) && taken;
             }
@@ -62,7 +62,7 @@ class Observers {
 
     class State {
       public:
-        std::shared_ptr<const List> present() const EXCLUDES(mutex_) {
+        std::shared_ptr<const List> current() const EXCLUDES(mutex_) {
             MutexLock lock(mutex_);
             return list_;
         }

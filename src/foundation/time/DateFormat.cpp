@@ -19,7 +19,7 @@ auto milliseconds(Date date) {
 
 }  // namespace
 
-DateFormat::ZoneSource DateFormat::ZoneSource::present() {
+DateFormat::ZoneSource DateFormat::ZoneSource::current() {
     ZoneSource source;
     // Safe with threads, because the agent never changes its environment.
     if (const auto* variable = std::getenv("TZ")) {  // NOLINT(concurrency-mt-unsafe)
@@ -37,7 +37,7 @@ DateFormat::ZoneSource DateFormat::ZoneSource::present() {
 }
 
 DateFormat::DateFormat(Clock& clock, DateLibrary& library)
-    : clock_(clock), library_(library), source_(ZoneSource::present()), checked_(clock.monotonicTime()) {
+    : clock_(clock), library_(library), source_(ZoneSource::current()), checked_(clock.monotonicTime()) {
     ::tzset();
 }
 
@@ -100,7 +100,7 @@ void DateFormat::followZoneLocked() {
         return;
     }
     checked_ = now;
-    auto source = ZoneSource::present();
+    auto source = ZoneSource::current();
     if (source == source_) {
         return;
     }

@@ -48,7 +48,7 @@ class DateFormat {
         ino_t file = 0;
         std::time_t changed = 0;
 
-        static ZoneSource present();
+        static ZoneSource current();
         friend bool operator==(const ZoneSource&, const ZoneSource&) = default;
     };
     // A pattern and its latest text. If the pattern shows no fraction of a second, the text is reused for the whole
