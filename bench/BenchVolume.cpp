@@ -189,7 +189,6 @@ void BenchVolume::enter() {
     agent_.emplace(host_.host(session_));
     Logger::getInstance().load(NotificationCenter::defaultCenter());
     GlobalVariables::getInstance().load();
-    Current<LastRead>::get().open();
 }
 
 void BenchVolume::leave() {

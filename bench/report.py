@@ -405,7 +405,7 @@ def page(results: Results, curves: list[Curve], command: str) -> str:
     spool_folder = results.context.get("spool", "unknown")
     return f"""# Performance
 
-Written by `{command}` on {today}, on this machine: {machine(compiler)}.
+Written by `{command}` on {today}, on a machine with {machine(compiler)}.
 
 Each figure is the best of several repetitions, and each baseline was measured in the same run. Times are wall-clock, with the
 processor time of all threads in brackets. The comments in `bench/parts.cpp` and `bench/agent.cpp` say what each row measures.

@@ -6,7 +6,7 @@ target_compile_options(sentrova-options INTERFACE
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     target_compile_options(sentrova-options INTERFACE -Wthread-safety -Wextra-semi)
 else()
-    # g++ 12 reports these two inside its own inlined containers, where there is nothing to mend.
+    # False positives: g++ 12 reports these two inside its own inlined containers.
     target_compile_options(sentrova-options INTERFACE -Wduplicated-cond -Wlogical-op -Wno-restrict -Wno-maybe-uninitialized)
 endif()
 

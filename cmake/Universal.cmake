@@ -1,5 +1,5 @@
-# One agent for both of a Mac's processors. vcpkg builds for one processor at a time, and some of its libraries hold code
-# that is written for one, so each half is built by a preset of its own and the halves are put together.
+# One agent for both Mac architectures. vcpkg builds for one architecture at a time, and some of its libraries contain
+# code for one architecture. So a preset per architecture builds one program, and lipo joins the two.
 find_program(SENTROVA_LIPO lipo REQUIRED)
 
 set(halves "")

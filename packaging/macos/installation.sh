@@ -1,5 +1,5 @@
-# What an installation is made of, where it lies, and how its job is stopped and started; for the scripts of this
-# folder, which read it. For the shell of every macOS from 10.15 on, and with nothing but what comes with it.
+# The paths of an installation, and how to stop and start its job. Sourced by the other scripts of this folder. Runs in
+# /bin/sh of macOS 10.15 and later, with the system's own commands only.
 #
 # SENTROVA_ROOT names a folder that stands for the system's "/", and SENTROVA_INSTALL_PATH where commands are looked
 # for. Both are for the tests; sudo and the Installer do not pass them on.
@@ -53,8 +53,7 @@ require_root() {
     [ "$(id -u)" -eq 0 ] || fail "this needs root; run it with sudo"
 }
 
-# Whoever can plant a link, or a folder of their own, in the place of one of ours would have root write or delete where
-# they want.
+# A user who could replace one of these paths by a link or another folder could make root write to or delete any file.
 refuse_what_is_not_ours() {
     for path in "$volume/Library" "$volume/Library/Application Support" "$volume/Library/LaunchDaemons" \
         "$home" "$bin" "$conf" "$logs" "$archive" "$spool" "$previous" "$job" "$bin"/* "$conf"/* "$previous"/*; do
@@ -84,8 +83,8 @@ stop_job() {
     done
 }
 
-# Fails when the job is not loaded in the end. The service manager may refuse a job for a moment after its stop, and
-# "load" succeeds whatever it did.
+# Fails if the job is still not loaded after the retries. The service manager may refuse a job for a moment after its
+# stop, and the status of "load" is always 0.
 start_job() {
     for attempt in 1 2 3; do
         [ "$attempt" -eq 1 ] || sleep 2

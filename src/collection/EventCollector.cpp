@@ -54,6 +54,7 @@ void setSubject(const bsm::SubjectToken& token, Event& event) {
 EventCollector::EventCollector(const std::string& path, const std::optional<std::vector<std::string>>& eventsToRead)
     : ConcurrentOperationAbstract("EventCollector"), path_(path), eventsToRead_(eventsToRead) {
     kLog.debug("EventCollector Init called");
+    Current<LastRead>::get().begin();
     auto source = initAuditFile(path);
     if (!source) {
         kLog.error("auditfile is null going to cancel");
@@ -109,7 +110,9 @@ bool EventCollector::shouldReadFile(const std::string& path) {
 }
 
 std::uint64_t EventCollector::LastTimeStamp() {
-    return Current<LastRead>::get().time();
+    auto& lastRead = Current<LastRead>::get();
+    lastRead.begin();
+    return lastRead.time();
 }
 
 bool EventCollector::shouldProcessRecord(std::uint16_t eventType, std::uint64_t withTimeStamp) const {

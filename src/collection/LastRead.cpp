@@ -18,10 +18,13 @@ namespace {
 constexpr LogSource kLog("EventCollector");
 }  // namespace
 
-void LastRead::open() {
-    time_ = static_cast<std::uint64_t>(std::max<std::int64_t>(configuration_.timeStampOfLastEvent().integerValue(), 0));
-    observer_ =
-        notifications_.addObserver(EventQueueGCD::kTimeUpdateNotification, [this](const Notification&) { store(); });
+void LastRead::begin() {
+    std::call_once(begun_, [this] {
+        time_ =
+            static_cast<std::uint64_t>(std::max<std::int64_t>(configuration_.timeStampOfLastEvent().integerValue(), 0));
+        observer_ = notifications_.addObserver(EventQueueGCD::kTimeUpdateNotification,
+                                               [this](const Notification&) { store(); });
+    });
 }
 
 bool LastRead::admit(std::uint64_t time, bool mayMove) {

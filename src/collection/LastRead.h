@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -26,8 +27,10 @@ class LastRead {
     LastRead(GlobalVariables& configuration, FileSystem& files, NotificationCenter& notifications)
         : configuration_(configuration), files_(files), notifications_(notifications) {}
 
-    // Loads the configured time. From then on, stores the time whenever "TimeUpdateNotification" is posted.
-    void open();
+    // Takes the configured time, and from then on stores the time whenever "TimeUpdateNotification" is posted. Only the
+    // first call does anything; a call at the same time waits for it. The first collector makes it: an agent that
+    // starts disabled may get another time from the server before it collects.
+    void begin();
 
     std::uint64_t time() const { return time_.load(std::memory_order_relaxed); }
 
@@ -48,6 +51,7 @@ class LastRead {
     GlobalVariables& configuration_;
     FileSystem& files_;
     NotificationCenter& notifications_;
+    std::once_flag begun_;
     std::atomic<std::uint64_t> time_ = 0;
     Mutex mutex_{LockRank::transaction};
     // The status of the file that stored_ was read from. An unchanged file is not parsed again.

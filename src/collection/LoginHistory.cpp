@@ -71,10 +71,10 @@ LoginHistory::LoginHistory(GlobalVariables& configuration, FileSystem& files, Cl
       writer_("com.kelvark.vantorix.loginhistory", clock) {}
 
 void LoginHistory::open() {
-    if (!isOpen_.exchange(true)) {
+    std::call_once(opened_, [this] {
         load();
         addConsoleOwner();
-    }
+    });
 }
 
 void LoginHistory::addConsoleOwner() {

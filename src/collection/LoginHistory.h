@@ -10,10 +10,10 @@
 #include "foundation/run/Mutex.h"
 #include "foundation/value/Value.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -27,7 +27,8 @@ class LoginHistory {
     LoginHistory(const LoginHistory&) = delete;
     LoginHistory& operator=(const LoginHistory&) = delete;
 
-    // Loads the file and adds the current owner of the console. Only the first call does anything.
+    // Loads the file and adds the current owner of the console. Only the first call does anything; a call at the same
+    // time waits for it. An addition or a look-up before that would not see the stored entries.
     void open() EXCLUDES(mutex_);
 
     void addConsoleOwner() EXCLUDES(mutex_);
@@ -58,7 +59,7 @@ class LoginHistory {
     GlobalVariables& configuration_;
     FileSystem& files_;
     Clock& clock_;
-    std::atomic<bool> isOpen_ = false;
+    std::once_flag opened_;
 
     // Held during a write of the file, so that an older state never replaces a newer one.
     Mutex writeMutex_{LockRank::transaction};

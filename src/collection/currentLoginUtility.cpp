@@ -8,11 +8,20 @@
 namespace sentrova {
 
 namespace {
+
 constexpr LogSource kLog("currentLoginUtility");
+
+// The first sync may schedule a pass that is due before the agent calls init, so every use opens the history.
+LoginHistory& history() {
+    auto& history = Current<LoginHistory>::get();
+    history.open();
+    return history;
+}
+
 }  // namespace
 
 void currentLoginUtility::initialize() {
-    Current<LoginHistory>::get().open();
+    history();
 }
 
 void currentLoginUtility::init() {
@@ -30,15 +39,15 @@ void currentLoginUtility::gotChanges() {
 }
 
 void currentLoginUtility::getCurrentUser() {
-    Current<LoginHistory>::get().addConsoleOwner();
+    history().addConsoleOwner();
 }
 
 void currentLoginUtility::addToLoginHistory(const Dictionary& entry, double withTimestamp) {
-    Current<LoginHistory>::get().add(entry, withTimestamp);
+    history().add(entry, withTimestamp);
 }
 
 std::optional<Dictionary> currentLoginUtility::getLogonUserAtTime(std::int64_t time) {
-    return Current<LoginHistory>::get().find(time);
+    return history().find(time);
 }
 
 void currentLoginUtility::flush() {

@@ -17,7 +17,8 @@ class currentLoginUtility {
   public:
     currentLoginUtility() = delete;
 
-    // Loads the history and adds the current owner of the console. Only the first call does anything.
+    // Loads the history and adds the current owner of the console. Only the first call does anything. Every other
+    // function except flush calls it first.
     static void initialize();
     // Calls initialize and starts watching the console.
     static void init();

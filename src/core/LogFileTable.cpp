@@ -4,6 +4,8 @@
 #include "core/Logger.h"
 #include "core/PropertyListHandler.h"
 #include "foundation/formats/PropertyList.h"
+#include "foundation/run/Current.h"
+#include "foundation/value/Encodings.h"
 
 #include <array>
 #include <cerrno>
@@ -58,7 +60,8 @@ LogFileTable::LogFileTable(FileSystem& files, Clock& clock, DateFormat& dates) :
 LogFileTable::Table LogFileTable::load(FileSystem& files) {
     const auto path = tableFile();
     const auto bytes = files.read(path);
-    const auto stored = bytes ? PropertyList::parse(*bytes) : Result<Value>(bytes.error());
+    const auto stored =
+        bytes ? PropertyList::parse(*bytes, Current<Encodings>::orNull()) : Result<Value>(bytes.error());
     const auto* const dictionary = stored ? stored->dictionary() : nullptr;
     if (!stored && stored.error().code != ENOENT) {
         problem_ = fmt::format("Property list {} is not read: {}", path, stored.error().description);

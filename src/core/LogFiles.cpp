@@ -103,7 +103,8 @@ void LogFiles::write(std::string_view category, std::string_view className, std:
         unwritten.errors.push_back(std::move(line));
     }
     if (unwritten_.add(category, std::move(unwritten))) {
-        fmt::print(stderr, "The log cannot be written: {}. Lines of level ERROR are kept and written later.\n",
+        fmt::print(stderr,
+                   "The log cannot be written: {}. The first lines of level ERROR are kept and written later.\n",
                    written.error().description);
     }
 }

@@ -44,8 +44,9 @@ class LogSource {
 
   private:
     void write(std::int32_t level, fmt::string_view format, fmt::format_args arguments) const {
-        if (isWritten(level)) {
-            Logger::getInstance().file(category_, className_, level, "", fmt::vformat(format, arguments));
+        auto* const logger = Current<Logger>::orNull();
+        if (logger && logger->currentLogLevel() >= level) {
+            logger->file(category_, className_, level, "", fmt::vformat(format, arguments));
         }
     }
 

@@ -5,12 +5,14 @@
 
 #include <cerrno>
 #include <system_error>
-#include <utility>
 
 namespace sentrova {
 
 void DailyTimers::start(const std::string& name, const std::shared_ptr<Timer>& timer) {
-    auto thread = tryStartThread([name, timer] { runGuarded(name, [&timer] { timer->run(); }); });
+    // The entry is allocated before the thread starts. If memory is short, no thread is left without an owner.
+    std::list<Running> started;
+    auto& thread = started.emplace_back(Running{timer, {}}).thread;
+    thread = tryStartThread([name, timer] { runGuarded(name, [&timer] { timer->run(); }); });
     if (!thread.joinable()) {
         throw std::system_error(EAGAIN, std::generic_category());
     }
@@ -21,7 +23,7 @@ void DailyTimers::start(const std::string& name, const std::shared_ptr<Timer>& t
         thread.join();
         return;
     }
-    running_.push_back({timer, std::move(thread)});
+    running_.splice(running_.end(), started);
 }
 
 void DailyTimers::close() {

@@ -52,7 +52,7 @@ Interval intervalOf(const Dictionary& entry) {
     const auto& value = entry[ScheduleHandler::kIntervalSeconds];
     const auto interval = parsedInterval(value);
     if (!interval) {
-        kLog.error("Task {} has the invalid interval {}; it runs every {} seconds instead", nameOf(entry), value,
+        kLog.error("Task {} has the invalid interval {}; {} seconds are used instead", nameOf(entry), value,
                    ScheduleHandler::kDefaultInterval.count());
     }
     return interval.value_or(ScheduleHandler::kDefaultInterval);

@@ -2,7 +2,7 @@
 //
 // The file is a property list with one key, "ScheduleTasks": an array with one dictionary per task. The keys of an
 // entry are below. An entry names a class and a method. Each time the task fires, the entry is stamped with the time,
-// and the method is called on a new object.
+// and the method is called: see TaskRegistry.
 //
 // A task with "RunAt" that is started together with all others runs at that time of day, on its own thread. Every other
 // task is a background activity. A task has one timer: starting the task again ends its previous timer. Two runs of a

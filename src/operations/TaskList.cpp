@@ -7,6 +7,10 @@
 namespace sentrova {
 
 void TaskList::close() {
+    {
+        MutexLock lock(mutex_);
+        closed_ = true;
+    }
     endAll();
     dailyTimers_.close();
 }
@@ -50,7 +54,7 @@ void TaskList::runDaily(const std::string& name, const Daily& daily) {
 
 void TaskList::put(const std::string& name, Task task) {
     MutexLock lock(mutex_);
-    const auto ended = std::exchange(tasks_[name], std::move(task));
+    const auto ended = closed_ ? std::move(task) : std::exchange(tasks_[name], std::move(task));
     lock.unlock();
     ended.end();
 }

@@ -89,6 +89,8 @@ class TaskList {
     Mutex mutex_;
     Condition turnsChanged_;
     Tasks tasks_ GUARDED_BY(mutex_);
+    // Once set, a new task is ended at once.
+    bool closed_ GUARDED_BY(mutex_) = false;
     // The names of tasks with a run under way.
     std::set<std::string, std::less<>> running_ GUARDED_BY(mutex_);
     // Destroyed first: its threads use the members above.

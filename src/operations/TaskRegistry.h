@@ -13,7 +13,7 @@ namespace sentrova {
 // Immutable after construction, so safe from any thread.
 class TaskRegistry {
   public:
-    // Creates an object of the class and calls the method.
+    // Calls the method, on a new object of the class or on the agent's own one.
     using Run = std::function<void()>;
     // Methods by name, and their classes by name.
     using Methods = std::map<std::string, Run, std::less<>>;

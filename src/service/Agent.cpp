@@ -140,7 +140,6 @@ void Agent::prepareFolders() {
 void Agent::openParts() {
     EventQueueGCD::init();
     currentLoginUtility::init();
-    lastRead_->open();
 }
 
 void Agent::run() {

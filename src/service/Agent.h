@@ -1,9 +1,10 @@
 // The agent: every part that a process has once. Parts are constructed in the order of the members and destroyed in the
 // reverse order.
 //
-// To see what an agent consists of, read the members below from top to bottom. Each part knows only parts above it, and
-// receives them through its constructor. Classes whose functions are static (EventQueueGCD, DomainUtil, ...) find their
-// part through Current<T>.
+// To see what an agent consists of, read the members below from top to bottom. Each part receives the parts that it
+// needs, which are above it, through its constructor. Classes whose functions are static (EventQueueGCD, DomainUtil,
+// ...) find their part through Current<T>, so the work of a part may reach any other: endThreads ends all work before
+// any part is destroyed.
 
 #pragma once
 
@@ -43,8 +44,8 @@ class Agent {
   public:
     // Everything in `host` must outlive the agent.
     explicit Agent(const platform::Host& host, TaskRegistry::Classes tasks = taskClasses());
-    // Ends the threads, then destroys the parts. The agent's program exits without running it, because threads of the
-    // system may still run then.
+    // Ends the threads, then destroys the parts. No request may be in flight, because its completion uses them. The
+    // agent's program exits without running it, because threads of the system may still run then.
     ~Agent();
     // The classes and methods that tasks of `schedules.plist` may run.
     static TaskRegistry::Classes taskClasses();

@@ -31,7 +31,8 @@ void Installation::checkFolder(const std::string& folder) {
             kLog.error("{}", status.error().description);
         }
     } else if (status->owner != ::geteuid() || (status->permissions & (S_IWGRP | S_IWOTH)) != 0) {
-        kLog.error("Users other than its owner can change the folder {}, and thereby what the agent does", folder);
+        kLog.error("Users other than the agent's own can change the folder {}, and thereby what the agent does",
+                   folder);
     }
 }
 

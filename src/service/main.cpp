@@ -19,6 +19,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <span>
 
 #include <fmt/format.h>
@@ -96,17 +97,10 @@ int runService() {
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc > 1) {
-        return answer({argv + 1, argv + argc});
-    }
-    // For files that other programs create for the agent. The agent's own files set their permissions.
-    ::umask(S_IRWXG | S_IRWXO);
+// The agent is never destroyed, because the process ends by _exit.
+[[noreturn]] void runAgent() {
     const auto termination = platform::SignalSource::make(SIGTERM, terminate);
     platform::RealHost host;
-    // Never destroyed, because the process ends by _exit.
     Agent agent(host.host());
     termination->resume();
     setSignal(SIGTERM, SIG_IGN);
@@ -119,4 +113,21 @@ int main(int argc, char** argv) {
     claimEnd();
     attempt(AgentServiceHandler::end);
     leave(status);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc > 1) {
+        return answer({argv + 1, argv + argc});
+    }
+    // For files that other programs create for the agent. The agent's own files set their permissions.
+    ::umask(S_IRWXG | S_IRWXO);
+    try {
+        runAgent();
+    } catch (const std::exception& exception) {
+        // There is no log without an agent.
+        fmt::print(stderr, "sentrova-agent: {}\n", exception.what());
+        return EXIT_FAILURE;
+    }
 }

@@ -225,6 +225,13 @@ TEST_F(EventCollectorTest, MissingOrMalformedTokensLeaveTheirFieldsUnset) {
     EXPECT_EQ(logged("[ERROR]A record of 16777217 bytes at offset 14 of /var/audit/trail is skipped"), 1);
 }
 
+TEST_F(EventCollectorTest, TimeThatComesBeforeTheFirstPassIsUsed) {
+    myConfigurations.set("TimestampOfLastEvent", 5000);
+    writeConfiguration();
+    GlobalVariables::getInstance().initialiseMyConfigurations();
+    EXPECT_EQ(EventCollector::LastTimeStamp(), 5000U);
+}
+
 TEST_F(EventCollectorTest, TimeIsStoredAsTextAndOnlyWhenItIsNewer) {
     int announced = 0;
     const auto observer = NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kTimeUpdateNotification,

@@ -57,7 +57,6 @@ void AgentFixture::restart() {
     endAgent();
     agent_.emplace(host_.host(), taskClasses);
     Logger::getInstance().load(NotificationCenter::defaultCenter());
-    Current<LastRead>::get().open();
 }
 
 void AgentFixture::restartConfigured() {

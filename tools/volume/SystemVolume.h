@@ -1,4 +1,4 @@
-// A Mac's system volume and an installation of the agent beside it, in a folder of their own:
+// A Mac's system volume and an installation of the agent beside it, in one folder:
 //
 //     volume/   what the agent reads of a Mac; SENTROVA_SYSTEM_VOLUME names it
 //     agent/    bin/ (the agent's working directory), conf/, logs/, logs/archive/, eventData/

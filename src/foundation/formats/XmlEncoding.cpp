@@ -138,7 +138,8 @@ XmlText converted(std::string_view bytes, const std::string& encoding, const Enc
         refuseUnknown(encoding);
     }
     if (*shortest > 1) {
-        throw FormatError(fmt::format("Not a property list: it declares {}, but is encoded differently", encoding));
+        throw FormatError(
+            fmt::format("Not a property list: it declares {}, but is encoded differently", excerpt(encoding)));
     }
     auto decoded = encodings->decode(bytes, encoding);
     if (!decoded) {

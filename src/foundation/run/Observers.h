@@ -10,6 +10,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -27,11 +28,19 @@ class Observers {
     // The subscription may outlive the list.
     Subscription add(Observer observer) {
         auto entry = std::make_shared<Entry>(std::move(observer));
-        state_->change([&](List& list) { list.push_back(entry); });
+        state_->change([&](List& list) {
+            removeGone(list);
+            list.push_back(entry);
+        });
         return Subscription([weak = std::weak_ptr(state_), entry] {
             entry->gone = true;
-            if (const auto state = weak.lock()) {
-                state->change([&](List& list) { std::erase(list, entry); });
+            const auto state = weak.lock();
+            if (!state) {
+                return;
+            }
+            try {
+                state->change(removeGone);
+            } catch (const std::bad_alloc&) {  // NOLINT(bugprone-empty-catch): the next addition removes the entry
             }
         });
     }
@@ -59,6 +68,10 @@ class Observers {
         std::atomic<bool> gone = false;
     };
     using List = std::vector<std::shared_ptr<Entry>>;
+
+    static void removeGone(List& list) {
+        std::erase_if(list, [](const auto& entry) { return entry->gone.load(); });
+    }
 
     class State {
       public:

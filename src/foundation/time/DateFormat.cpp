@@ -39,6 +39,8 @@ DateFormat::ZoneSource DateFormat::ZoneSource::current() {
 DateFormat::DateFormat(Clock& clock, DateLibrary& library)
     : clock_(clock), library_(library), source_(ZoneSource::current()), checked_(clock.monotonicTime()) {
     ::tzset();
+    // The library may be older than this object, and remember an earlier zone.
+    library_.zoneChanged();
 }
 
 std::string DateFormat::format(std::string_view pattern, Date date) {

@@ -278,7 +278,9 @@ std::size_t CurlTransfer::receivedBody(char* bytes, std::size_t size, std::size_
 
 void CurlTransfer::ended(CURLcode code) {
     underWay_ = false;
+    hasEnded_ = true;
     outcome_ = answerOrError(code);
+    isHeld_ = demandsLogin(outcome_);
 }
 
 // A transfer ends with an answer or with an error, never with both:
@@ -304,6 +306,17 @@ CurlTransfer::Outcome CurlTransfer::answerOrError(CURLcode code) const {
     long status = 0;
     curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
     return {answer_, UrlResponse{status}, {}};
+}
+
+bool CurlTransfer::demandsLogin(const Outcome& outcome) const {
+    constexpr unsigned long kKnownSchemes = CURLAUTH_BASIC | CURLAUTH_DIGEST | CURLAUTH_NTLM | CURLAUTH_NEGOTIATE;
+    const auto status = outcome.response ? outcome.response->statusCode : 0;
+    if (status != 401 && status != 407) {
+        return false;
+    }
+    long offered = 0;
+    curl_easy_getinfo(handle_.get(), status == 401 ? CURLINFO_HTTPAUTH_AVAIL : CURLINFO_PROXYAUTH_AVAIL, &offered);
+    return (static_cast<unsigned long>(offered) & kKnownSchemes) != 0;
 }
 
 std::string CurlTransfer::connectedAddress() const {

@@ -82,6 +82,10 @@ class CurlTransfer {
     // The address of the last connection. Empty if there was no connection.
     std::string connectedAddress() const;
 
+    bool hasEnded() const { return hasEnded_; }
+    // Whether the answer demands a login: status 401 or 407 with a known scheme. The agent has no password for a server
+    // and does not take the demand for an answer, so the transfer stays until it is due.
+    bool isHeld() const { return isHeld_; }
     // Valid after ended.
     Outcome& outcome() { return outcome_; }
 
@@ -107,6 +111,7 @@ class CurlTransfer {
 
     void noteProgress() { lastProgress_ = session_->now(); }
     Outcome answerOrError(CURLcode code) const;
+    bool demandsLogin(const Outcome& outcome) const;
 
     // Callbacks of the library. `self` is the transfer.
     static int aboutToSend(void* self, char*, char*, int, int);
@@ -135,6 +140,8 @@ class CurlTransfer {
     int timesSent_ = 0;
     bool headComplete_ = false;
     bool tooLong_ = false;
+    bool hasEnded_ = false;
+    bool isHeld_ = false;
     Data answer_;
     Outcome outcome_;
 };

@@ -292,7 +292,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
         }
         std::vector<CurlTransfer*> waiting;
         for (const auto& [id, transfer] : active_) {
-            if (transfer->host() == result.host && !transfer->underWay()) {
+            if (transfer->host() == result.host && !transfer->underWay() && !transfer->hasEnded()) {
                 waiting.push_back(transfer.get());
             }
         }
@@ -324,7 +324,9 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
             if (transfer->outcome().response) {
                 hosts_.noteAnswer(transfer->host(), transfer->connectedAddress());
             }
-            finish(*transfer, std::move(transfer->outcome()));
+            if (!transfer->isHeld()) {
+                finish(*transfer, std::move(transfer->outcome()));
+            }
         }
     }
 
@@ -396,7 +398,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     // Requests that are not in a line yet.
     std::list<std::unique_ptr<CurlTransfer>> arrived_;
     std::map<std::string, Line> lines_;
-    // The requests in flight, by id: in the multi handle, or waiting for a look-up.
+    // The requests in flight, by id: in the multi handle, waiting for a look-up, or held until they are due.
     std::map<std::uint64_t, std::unique_ptr<CurlTransfer>> active_;
     std::optional<Clock::TimerId> timer_;
     Clock::Monotonic timerDue_;

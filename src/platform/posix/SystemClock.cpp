@@ -72,7 +72,7 @@ bool SystemClock::tryStart() {
 }
 
 bool SystemClock::tryStartLocked() {
-    if (!thread_.joinable()) {
+    if (!stopped_ && !thread_.joinable()) {
         thread_ = tryStartThread([this] { run(); });
     }
     return thread_.joinable();

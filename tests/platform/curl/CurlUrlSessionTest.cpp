@@ -3,6 +3,7 @@
 #include "platform/curl/CurlUrlSession.h"
 #include "server/AuditServer.h"
 #include "server/ServerConnection.h"
+#include "support/Eventually.h"
 #include "support/ManualClock.h"
 #include "support/Threading.h"
 
@@ -344,7 +345,7 @@ TEST_F(CurlUrlSessionTest, LookUpThatBlocksOrWaitsForAThreadDelaysNeitherOtherRe
     promise.set_value();
 }
 
-TEST_F(CurlUrlSessionTest, AnyCertificateIsAcceptedNoneIsOfferedAndADemandToAuthenticateIsAnAnswer) {
+TEST_F(CurlUrlSessionTest, AnyCertificateIsAcceptedNoneIsOfferedAndADemandToLogInTimesOut) {
     for (const bool asks : {false, true}) {
         AuditServer server({.https = true, .tls = {.asksForClientCertificate = asks}});
         for (int i = 0; i < 3; ++i) {
@@ -358,9 +359,14 @@ TEST_F(CurlUrlSessionTest, AnyCertificateIsAcceptedNoneIsOfferedAndADemandToAuth
                                                 {401, "WWW-Authenticate", "NTLM"},
                                                 {407, "Proxy-Authenticate", "Basic realm=\"x\""}}) {
         server_.reset();
-        server_.fail({.status = status, .count = -1, .headers = {{header, value}}});
-        EXPECT_EQ(await(send(session_, events_)).status, status);
-        EXPECT_THAT(server_.requests(), SizeIs(1));
+        server_.fail({.status = status, .count = 1, .headers = {{header, value}}});
+        auto held = send(session_, events_);
+        ASSERT_TRUE(testing::eventually([&] { return server_.requests().size() == 1; }));
+        EXPECT_EQ(await(send(session_, events_)).status, 200);
+        EXPECT_EQ(held.wait_for(0s), std::future_status::timeout);
+        clock_.advance(30s);
+        EXPECT_EQ(await(std::move(held)).error, UrlErrorCode::timedOut);
+        EXPECT_THAT(server_.requests(), SizeIs(2)) << "nothing is sent again";
     }
 }
 
