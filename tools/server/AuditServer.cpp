@@ -185,7 +185,9 @@ void AuditServer::acceptAll() {
         std::erase_if(all, [](const Served& served) { return served.connection.expired(); });
         Served served{connection, {}};
         served.end = std::async(std::launch::async, [this, number = ++accepted, own = std::move(connection)]() mutable {
-            serve(std::move(own), number);
+            // The future keeps the lambda. The connection must close earlier, when it has been served.
+            const auto ending = std::move(own);
+            serve(ending, number);
         });
         all.push_back(std::move(served));
     }
@@ -196,7 +198,7 @@ void AuditServer::acceptAll() {
     }
 }
 
-void AuditServer::serve(std::shared_ptr<ServerConnection> connection, int number) {
+void AuditServer::serve(const std::shared_ptr<ServerConnection>& connection, int number) {
     std::string received;
     bool goesOn = connection->handshake();
     while (goesOn) {
@@ -272,14 +274,21 @@ bool AuditServer::send(ServerConnection& connection, int status, const Headers& 
 std::optional<AuditServer::Failure> AuditServer::failureFor(const std::string& path) {
     MutexLock lock(mutex_);
     const auto found = std::ranges::find_if(failures_, [&](Failure& failure) {
-        return path.starts_with(failure.path) && failure.count != 0 && --failure.after < 0;
+        if (!path.starts_with(failure.path) || failure.count == 0) {
+            return false;
+        }
+        --failure.after;
+        return failure.after < 0;
     });
     if (found == failures_.end()) {
         return std::nullopt;
     }
     auto failure = *found;
-    if (found->count > 0 && --found->count == 0) {
-        failures_.erase(found);
+    if (found->count > 0) {
+        --found->count;
+        if (found->count == 0) {
+            failures_.erase(found);
+        }
     }
     return failure;
 }

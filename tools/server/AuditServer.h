@@ -18,6 +18,7 @@ namespace sentrova::testing {
 // has its own thread. Safe from any thread.
 class AuditServer {
   public:
+    // NOLINTBEGIN(readability-redundant-member-init): callers may leave out members that have an initializer
     struct Configuration {
         // 0 means any free port.
         int port = 0;
@@ -68,6 +69,7 @@ class AuditServer {
         Headers headers = {};
         std::string body = {};
     };
+    // NOLINTEND(readability-redundant-member-init)
 
     static constexpr const char* kSyncPath = "/api/agent/configuration/syncmacagentconfiguration";
     static constexpr const char* kEventsPath = "/api/agent/tabs/agentData";
@@ -110,7 +112,7 @@ class AuditServer {
     };
 
     void acceptAll();
-    void serve(std::shared_ptr<ServerConnection> connection, int number) EXCLUDES(mutex_);
+    void serve(const std::shared_ptr<ServerConnection>& connection, int number) EXCLUDES(mutex_);
     // Both return whether the connection continues.
     bool handle(const Arrival& arrival, ServerConnection& connection) EXCLUDES(mutex_);
     bool answer(const Request& request, ServerConnection& connection) EXCLUDES(mutex_);

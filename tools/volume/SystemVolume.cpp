@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -131,8 +132,8 @@ void SystemVolume::addTrail(std::string_view name, std::span<const std::uint8_t>
     const auto path = auditFolder() / name;
     writeFile(path, std::string(bytes.begin(), bytes.end()));
     const timespec time = {static_cast<time_t>(modifiedSinceEpoch.count()), 0};
-    const timespec times[] = {time, time};
-    if (::utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
+    const std::array<timespec, 2> times = {time, time};
+    if (::utimensat(AT_FDCWD, path.c_str(), times.data(), 0) != 0) {
         failed(path);
     }
 }
