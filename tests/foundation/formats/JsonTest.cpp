@@ -52,6 +52,8 @@ TEST(JsonTest, MalformedTextsAreRefusedWithAReason) {
             EXPECT_LT(parsed.error().description.size(), 300u);
         }
     }
+    const auto reason = Json::parse(R"({"key":"secret" x})").error().description;
+    EXPECT_EQ(reason.find("secret"), std::string::npos) << reason;
     EXPECT_TRUE(Json::parse(std::string_view(deep).substr(1, 256)));
     EXPECT_FALSE(Json::parse("[1,2,3]", {.bytes = 6, .depth = 9}));
 }

@@ -63,14 +63,14 @@ TEST(PropertyListTest, EveryKindOfValueSurvivesBothFormsAndIsWrittenAsTheUsualXm
     EXPECT_EQ(*read, sample());
     EXPECT_EQ(*PropertyList::parse(converted(binary, false)), sample());
 
-    const auto usual = PropertyList::writeXml(Dictionary{{"z", Array{1, true}}, {"a", "x<y"}, {"d", Data{1, 2}}});
+    const auto usual = PropertyList::writeXml(Dictionary{{"z", Array{1, true}}, {"a", "x<y\r"}, {"d", Data{1, 2}}});
     EXPECT_EQ(std::string(usual->begin(), usual->end()),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
               "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
               "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
               "<plist version=\"1.0\">\n<dict>\n"
               "\t<key>z</key>\n\t<array>\n\t\t<integer>1</integer>\n\t\t<true/>\n\t</array>\n"
-              "\t<key>a</key>\n\t<string>x&lt;y</string>\n"
+              "\t<key>a</key>\n\t<string>x&lt;y&#13;</string>\n"
               "\t<key>d</key>\n\t<data>\n\tAQI=\n\t</data>\n"
               "</dict>\n</plist>\n");
 }
@@ -103,6 +103,7 @@ TEST(PropertyListTest, XmlOfOtherWritersIsUnderstood) {
         ASSERT_TRUE(parsed) << text << "\n" << parsed.error().description;
         EXPECT_EQ(*parsed, value) << text;
     }
+    EXPECT_TRUE(parse("<plist><integer>-9223372036854775808</integer></plist>")->integer()) << "it became a real";
     // A date out of range becomes the latest date.
     EXPECT_GT(*parse("<plist><date>9999-12-31T23:59:59Z</date></plist>")->date(), Date(seconds(9'000'000'000)));
 }

@@ -90,12 +90,14 @@ TEST_F(BackgroundActivityTest, WakeRunsAMissedTaskOnceEvenDuringARunOrWhileTheTi
     setClock(seconds(3600));
     mayEnd.signal();
     ASSERT_TRUE(clock_.awaitTimerIn(seconds(0)));
-    firing();
     EXPECT_EQ(clock_.pendingTimers(), 1U);
     clock_.advance(seconds(0));
     ASSERT_TRUE(ran(2));
     mayEnd.signal();
     ASSERT_TRUE(clock_.awaitTimerIn(seconds(3600)));
+    mayEnd.signal();
+    firing();
+    queue_.operations().waitUntilAllOperationsAreFinished();
     setClock(seconds(-9000));
     EXPECT_EQ(clock_.pendingTimers(), 1U);
     EXPECT_EQ(runs_, 2);
@@ -116,6 +118,17 @@ TEST_F(BackgroundActivityTest, RunMayEndItsOwnActivityAndIntervalsMustBePositive
     ended.invalidate();
     ended.schedule([] {});
     EXPECT_EQ(clock_.pendingTimers(), 0U);
+    testing::Reports reports;
+    BackgroundActivity queued(queue_, "ended in the queue", seconds(10), true);
+    queued.schedule([this] { ++runs_; });
+    {
+        const testing::ThreadShortage shortage;
+        clock_.advance(seconds(10));
+        queued.invalidate();
+    }
+    clock_.advance(seconds(1));
+    queue_.operations().waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(runs_, 0);
     EXPECT_THROW(BackgroundActivity(queue_, "spins", seconds(0), true), std::invalid_argument);
     EXPECT_THROW(BackgroundActivity(queue_, "spins", seconds(-1), true), std::invalid_argument);
 }

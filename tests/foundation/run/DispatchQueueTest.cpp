@@ -87,20 +87,30 @@ TEST_F(DispatchQueueTest, DelayedBlockRunsWhenDueAndNeverAfterTheQueueIsDestroye
 TEST_F(DispatchQueueTest, BlocksKeepTheirOrderWhileNoThreadCanBeStarted) {
     testing::Reports reports;
     DispatchQueue queue("short of a thread", clock_);
+    DispatchQueue other("the same, and nobody waits", clock_);
     std::string order;
-    std::future<void> waiting;
+    Semaphore ran;
     {
         const testing::ThreadShortage shortage;
         queue.async([&order] { order += 'a'; });
         queue.async([&order] { order += 'b'; });
-        waiting = std::async(std::launch::async, [&] { queue.sync([&order] { order += 'c'; }); });
+        other.async([&ran] { ran.signal(); });
         clock_.advance(seconds(4));
         EXPECT_EQ(order, "");
     }
-    clock_.advance(seconds(1));
-    waiting.wait();
+    queue.sync([&order] { order += 'c'; });
     EXPECT_EQ(order, "abc");
+    clock_.advance(seconds(1));
+    ran.wait();
     EXPECT_EQ(reports.texts().size(), 1U);
+}
+
+TEST_F(DispatchQueueTest, CapturedObjectMayUseTheQueueWhenItIsDestroyed) {
+    DispatchQueue queue("captured", clock_);
+    Semaphore ran;
+    const auto useQueue = [&](void*) { queue.async([&ran] { ran.signal(); }); };
+    queue.async([last = std::shared_ptr<void>(nullptr, useQueue)] {});
+    ran.wait();
 }
 
 TEST_F(DispatchQueueTest, SyncCallsThatAlreadyWaitStillRunWhenTheQueueCloses) {

@@ -36,7 +36,10 @@ TEST(KeyValueObservingTest, ObserversHearOldAndNewValuesAndMayEndThemselvesChang
     object.set("value", 1);
     EXPECT_EQ(heard, "value 0; value 0>1; value 1; value 1>1; ");
     heard.clear();
-    object.set("other", 3, [&object] { object.set("value", 2); });
+    object.set("other", 3, [&object] {
+        object.set("value", 2);
+        object.set("unobserved", 7);
+    });
     EXPECT_EQ(heard, "value 1; value 1>2; other 0>3; ");
     heard.clear();
 

@@ -80,6 +80,14 @@ TEST_F(OperationQueueTest, OperationKeepsItsPlaceUntilItIsFinishedAndThenMakesRo
     queue_.addOperation(first);
     EXPECT_EQ(queue_.operationCount(), 0U) << "a finished operation was taken again";
 
+    const auto third = operation();
+    queue_.addOperation(third);
+    queue_.addOperationWithBlock([] { ADD_FAILURE() << "a cancelled block ran"; });
+    queue_.cancelAllOperations();
+    ASSERT_TRUE(eventually([&] { return third->isExecuting(); }));
+    third->finish();
+    queue_.waitUntilAllOperationsAreFinished();
+
     // An operation that finishes inside the start of another one makes room at once.
     queue_.setMaxConcurrentOperationCount(2);
     const auto idle = operation();

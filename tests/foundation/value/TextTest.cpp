@@ -22,6 +22,12 @@ TEST(TextTest, OnlyStrictUtf8IsValid) {
           "\xE2\x82 broken off within"}) {
         EXPECT_FALSE(isValidUtf8(text)) << ::testing::PrintToString(text);
     }
+    for (std::size_t i = 0; i < 40; ++i) {
+        std::string text(40, 'a');
+        EXPECT_TRUE(isAscii(text));
+        text[i] = '\xE9';
+        EXPECT_FALSE(isAscii(text) || isValidUtf8(text)) << i;
+    }
 }
 
 TEST(TextTest, Utf16KeepsCharactersAndMarksStrayBytes) {
@@ -64,7 +70,7 @@ TEST(TextTest, LeadingRealTakesTheLongestNumber) {
         }
     }
     EXPECT_EQ(wholeReal("-12.5"), -12.5);
-    for (const auto* text : {"", " 1", "1 ", "1.5x", "e5", "--1"}) {
+    for (const auto* text : {"", " 1", "1 ", "1.5x", "1e", "e5", "--1"}) {
         EXPECT_EQ(wholeReal(text), std::nullopt) << text;
     }
 }

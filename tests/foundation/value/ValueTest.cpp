@@ -26,6 +26,8 @@ TEST(ValueTest, NumbersAreReadFromEveryKindOfValue) {
         {" \t-12abc", -12, -12, -12, true},
         {"3.75", 3, 3, 3.75, true},
         {"99999999999999999999", kLargest, kMost, 1e20, true},
+        // Above the signed range of 64 bits, below the unsigned one.
+        {"9300000000000000000", kLargest, kMost, 9.3e18, true},
         {"-99999999999999999999", kSmallest, -kMost - 1, -1e20, true},
         {"no", 0, 0, 0, false},
         {"Yes", 0, 0, 0, true},
@@ -54,8 +56,8 @@ TEST(ValueTest, DescriptionIsTheTextInMessages) {
         {Data{0x00, 0xAB}, "{length = 2, bytes = 0x00ab}"},
         {Data(25, 0x11), "{length = 25, bytes = 0x" + std::string(32, '1') + " ... " + std::string(16, '1') + "}"},
         {Date(seconds(1794758320)), "2026-11-15 15:58:40 +0000"},
-        {Array{1, "two words", "", "caf\xC3\xA9\n", 0.5, Value()},
-         "(\n    1,\n    \"two words\",\n    \"\",\n    \"caf\\U00e9\\n\",\n    \"0.5\",\n    \"<null>\"\n)"},
+        {Array{1, "two words", "", "caf\xC3\xA9\n\x7F", 0.5, Value()},
+         "(\n    1,\n    \"two words\",\n    \"\",\n    \"caf\\U00e9\\n\\177\",\n    \"0.5\",\n    \"<null>\"\n)"},
         {Dictionary{{"b", Array{true}}, {"a.b", Dictionary()}},
          "{\n    \"a.b\" = {\n    };\n    b = (\n        1\n    );\n}"},
     };
@@ -67,6 +69,7 @@ TEST(ValueTest, DescriptionIsTheTextInMessages) {
 TEST(ValueTest, NumbersCompareByValueAndOthersByKindToo) {
     EXPECT_EQ(Value(true), Value(1));
     EXPECT_EQ(Value(1), Value(1.0));
+    EXPECT_NE(Value(1), Value(1.5));
     EXPECT_NE(Value(1), Value("1"));
     EXPECT_NE(Value(), Value(0));
     EXPECT_EQ(Value(Array{1, "a"}), Value(Array{1.0, "a"}));
