@@ -9,6 +9,7 @@
 #include "support/FaultyFileSystem.h"
 
 #include <atomic>
+#include <fstream>
 #include <future>
 #include <tuple>
 
@@ -130,6 +131,15 @@ TEST_F(GlobalVariablesTest, ReloadKeepsUnreadableSettingsAndClearsMissingOnes) {
 TEST_F(GlobalVariablesTest, ReloadsNeitherUndoChangesNorMixAddresses) {
     serverInfo.set("RecentEventTimeMillis", 5);
     myConfigurations.set("LogLevel", 0);
+    volume().setDirectoryTool("", 1);
+    auto& first = load();
+    // An answer of the server is stored while the directory tool runs.
+    volume().writeConfiguration("answer.plist", {{"ServerFQDN", "new.example.com"}});
+    std::ofstream(volume().volume() / "usr/sbin/dsconfigad")
+        << "#!/bin/sh\ncp ../conf/answer.plist ../conf/Serverinfo.plist\n";
+    first.initialiseServerInfo();
+    EXPECT_EQ(first.serverFQDN(), "new.example.com");
+    volume().setDirectoryTool("", 1);
     auto& loaded = load();
     const auto mine = (volume().conf() / "myconfigurations.plist").string();
     std::atomic<bool> reloading = true;

@@ -217,6 +217,11 @@ TEST_F(LoggerTest, LineThatCannotBeWrittenLeavesTheFileIntactAndIsReportedOncePe
     for (const auto& folder : {volume().logs(), volume().logs() / "archive"}) {
         EXPECT_EQ(fs::status(folder).permissions(), fs::perms::owner_all);
     }
+    // Without a configuration folder beside it, the working directory is no installation.
+    fs::remove_all(volume().logs());
+    fs::remove_all(volume().conf());
+    kSource.error("nowhere");
+    EXPECT_FALSE(fs::exists(volume().logs()));
 }
 
 TEST_F(LoggerTest, LinesOfManyThreadsStayWhole) {

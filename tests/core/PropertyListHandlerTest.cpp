@@ -53,6 +53,7 @@ TEST_F(PropertyListHandlerTest, DamagedFileIsReportedAndKeptWhenItIsReplaced) {
     for (const auto& content : damaged) {
         SCOPED_TRACE(content);
         write(content);
+        fs::permissions(path_, fs::perms::others_read, fs::perm_options::add);
         auto handler = PropertyListHandler::initWithFile(path_);
         EXPECT_EQ(logged("][ERROR]Property list " + path_ + " "), ++reports);
         EXPECT_TRUE(handler.GetValueForKey("key").isNull());
@@ -63,7 +64,9 @@ TEST_F(PropertyListHandlerTest, DamagedFileIsReportedAndKeptWhenItIsReplaced) {
         EXPECT_TRUE(handler.WriteToProplist("../conf/a.plist"));
         EXPECT_EQ(stored(), (Dictionary{{"key", "new"}}));
         EXPECT_TRUE(handler.WriteToProplist() && handler.isWritten());
-        EXPECT_EQ(read(kept_ + (reports == 2 ? "" : "-" + std::to_string(reports - 1))), content);
+        const auto kept = kept_ + (reports == 2 ? "" : "-" + std::to_string(reports - 1));
+        EXPECT_EQ(read(kept), content);
+        EXPECT_EQ(fs::status(kept).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     }
 }
 
@@ -75,6 +78,15 @@ TEST_F(PropertyListHandlerTest, FailedWriteKeepsTheOldContentAndIsOnlyLogged) {
     EXPECT_EQ(logged(posixError(ENOSPC).description), 1);
     EXPECT_FALSE(PropertyListHandler::change(path_, "key", "\xFF is not UTF-8"));
     EXPECT_EQ(read(path_), "garbage");
+
+    // A file that cannot be read keeps its other keys. Only new content for the whole file replaces it.
+    store({{"key", "old"}});
+    for (const bool whole : {false, true}) {
+        full.arm({.call = testing::FaultyFileSystem::kOpen, .error = EMFILE, .number = 1});
+        EXPECT_TRUE(whole ? PropertyListHandler::replace(path_, {{"all", "new"}})
+                          : PropertyListHandler::change(path_, "other", "new"));
+        EXPECT_EQ(stored(), (Dictionary{whole ? Dictionary::Entry{"all", "new"} : Dictionary::Entry{"key", "old"}}));
+    }
 
     // Writing damaged bytes from elsewhere over a good file keeps no copy: the file is not damaged.
     store({{"key", "old"}});
@@ -110,6 +122,15 @@ TEST_F(PropertyListHandlerTest, SecretsStayOutOfTheLogAndInTheFile) {
         }
     }
     EXPECT_EQ(logged(Secrets::kMask), 6);
+    // JSON may spell a key with escapes. A body that does not parse may hold one, too.
+    const std::pair<std::string, bool> bodies[] = {{R"({"\u0041gentAuthID":"x"})", true},
+                                                   {R"({"\u0041gentAuthID":"x)", true},
+                                                   {R"({"AgentAuthID":"x"})", true},
+                                                   {R"({"\u0041":"x"})", false}};
+    for (const auto& [text, isMasked] : bodies) {
+        const Data body(text.begin(), text.end());
+        EXPECT_EQ(Secrets::maskedBody(body) == Value(Data(body.size(), '*')), isMasked) << text;
+    }
 }
 
 }  // namespace

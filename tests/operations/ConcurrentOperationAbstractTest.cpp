@@ -10,20 +10,27 @@ namespace {
 
 class Sample final : public ConcurrentOperationAbstract {
   public:
-    explicit Sample(bool fails = false) : ConcurrentOperationAbstract("Sample"), fails_(fails) {}
+    enum class Fails { never, beforeItExecutes, whileItExecutes };
+
+    explicit Sample(Fails fails = Fails::never) : ConcurrentOperationAbstract("Sample"), fails_(fails) {}
     void start() override {
         if (canStart()) {
+            throwIf(Fails::beforeItExecutes);
             started();
-            if (fails_) {
-                throw std::runtime_error("no memory");
-            }
+            throwIf(Fails::whileItExecutes);
             completeOperation();
         }
     }
     void cancel() override { cancelOperation(); }
 
   private:
-    const bool fails_;
+    void throwIf(Fails moment) const {
+        if (fails_ == moment) {
+            throw std::runtime_error("no memory");
+        }
+    }
+
+    const Fails fails_;
 };
 
 class ConcurrentOperationAbstractTest : public ::testing::Test, protected testing::AgentFixture {
@@ -66,9 +73,11 @@ TEST_F(ConcurrentOperationAbstractTest, EachChangeIsAnnouncedBeforeAndAfterInAFi
 }
 
 TEST_F(ConcurrentOperationAbstractTest, OperationThatThrowsOrIsCancelledBeforeItsStartFinishesWithoutExecuting) {
-    Sample failing(true);
-    EXPECT_FALSE(failing.run());
-    EXPECT_EQ(state(failing), "010");
+    for (const auto moment : {Sample::Fails::beforeItExecutes, Sample::Fails::whileItExecutes}) {
+        Sample failing(moment);
+        EXPECT_FALSE(failing.run());
+        EXPECT_EQ(state(failing), "010");
+    }
     EXPECT_TRUE(Sample().run());
     Sample operation;
     operation.cancel();

@@ -1,3 +1,4 @@
+#include "operations/MainQueue.h"
 #include "operations/OperationsHandler.h"
 #include "support/AgentFixture.h"
 
@@ -10,7 +11,7 @@ namespace sentrova {
 namespace {
 
 // Executes until it is cancelled or told to complete.
-class Lasting final : public ConcurrentOperationAbstract {
+class Lasting : public ConcurrentOperationAbstract {
   public:
     explicit Lasting(const char* name) : ConcurrentOperationAbstract(name) {}
     void start() override { canStart() ? started() : void(); }
@@ -23,6 +24,20 @@ class Lasting final : public ConcurrentOperationAbstract {
             completeOperation();
         }
     }
+};
+
+// Stops the main queue when the queue asks whether the operation executes.
+class Stopping final : public Lasting {
+  public:
+    explicit Stopping(MainQueue& queue) : Lasting("EventForwarder"), queue_(queue) {}
+    bool isExecuting() const override {
+        queue_.stop();
+        return false;
+    }
+    void cancel() override { cancelOperation(); }
+
+  private:
+    MainQueue& queue_;
 };
 
 class OperationsHandlerTest : public ::testing::Test, protected testing::AgentFixture {
@@ -79,6 +94,14 @@ TEST_F(OperationsHandlerTest, DependentOperationWaitsForTheOtherOneInAnUnlimited
     EXPECT_FALSE(dependent->isExecuting());
     handler.suspend();
     handler.waitToFinish();
+}
+
+TEST_F(OperationsHandlerTest, OperationThatIsAddedDuringAStopIsCancelled) {
+    MainQueue queue(clock());
+    queue.open()->addToOperationQueue(std::make_shared<Stopping>(queue));
+    const auto late = std::make_shared<Lasting>("EventForwarder");
+    queue.add(late);
+    EXPECT_TRUE(queue.stopAsked() && late->isCancelled());
 }
 
 }  // namespace
