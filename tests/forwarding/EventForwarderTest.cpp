@@ -2,11 +2,15 @@
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/TransportEngine.h"
 #include "foundation/run/NotificationCenter.h"
+#include "platform/posix/HostFileSystem.h"
 #include "support/AgentFixture.h"
 #include "support/Footprint.h"
+#include "support/SwitchedFileSystem.h"
 
 #include <atomic>
 #include <fstream>
+#include <new>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -90,6 +94,18 @@ TEST_F(EventForwarderTest, BatchOfARequestThatCannotBeginStaysInTheSpool) {
     forwarder_->start();
     clock().advance(10s);
     EXPECT_TRUE(eventually([this] { return filesLeft() == 0 && EventQueueGCD::length() == 0; }));
+
+    // The same if memory is too short to read the file.
+    struct ShortOfMemory final : platform::HostFileSystem {
+        Result<std::string> readText(const std::string&) override { throw std::bad_alloc(); }
+    } files;
+    const auto late = addFile("event_2");
+    {
+        const SwitchedFileSystem::Replacement replacement(files);
+        EXPECT_THROW(forwarder_->process(late), std::bad_alloc);
+    }
+    clock().advance(10s);
+    EXPECT_TRUE(eventually([this] { return filesLeft() == 0; }));
 }
 
 TEST_F(EventForwarderTest, FilesOfAnEarlierRunAreDeliveredWithAtMostSixInFlight) {
@@ -176,7 +192,10 @@ TEST_F(EventForwarderTest, EventsInMemoryAreDeliveredAfterTenSecondsUntilTheForw
     answer(0, {500, ""});
     TransportEngine::setIsConnected(true);
     EXPECT_EQ(EventQueueGCD::dequeue(std::nullopt), "[{\"text\":\"caf\xC3\xA9\"}]") << "back as it was";
-    ASSERT_TRUE(eventually([&] { return announced > 0; }));
+    EventQueueGCD::enqueue({{"n", 0}});
+    clock().advance(10s);
+    ASSERT_TRUE(session().waitForRequests(2));
+    ASSERT_TRUE(eventually([&] { return announced >= 3; }));
 
     forwarder_->cancel();
     EXPECT_TRUE(forwarder_->isFinished());
@@ -184,7 +203,7 @@ TEST_F(EventForwarderTest, EventsInMemoryAreDeliveredAfterTenSecondsUntilTheForw
     EventQueueGCD::enqueue({{"n", 1}});
     clock().advance(10s);
     EXPECT_TRUE(eventually([&] { return announced > before; }));
-    EXPECT_EQ(logged("Received Event Timeout notification"), 1);
+    EXPECT_EQ(logged("Received Event Timeout notification"), 3);
     EXPECT_EQ(EventQueueGCD::length(), 1U);
 }
 

@@ -38,6 +38,7 @@ TEST_F(SecurityUtilTest, UndecryptableTextGivesNothingOrTheCipherError) {
     EXPECT_EQ(*SecurityUtil::encrypt("text", std::nullopt, ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::decrypt(std::nullopt, "k", ""), std::nullopt);
     EXPECT_EQ(*SecurityUtil::decrypt(kSixteenEncrypted, std::nullopt, ""), std::nullopt);
+    EXPECT_EQ(*SecurityUtil::decrypt(*SecurityUtil::encrypt("\xFF", "k", ""), "k", ""), std::nullopt) << "not UTF-8";
     for (const auto* text : {"mBTz nmHh", "mBTz\nnmHh", "mBTznmH", "mB=znmHh", "mBTznmHh====", "-BTznmHh"}) {
         EXPECT_EQ(*SecurityUtil::decrypt(text, "secret", ""), std::nullopt) << text;
     }
