@@ -122,6 +122,19 @@ TEST_F(DomainUtilTest, UserDetailsAreQueriedUntilTheUserIsKnown) {
     EXPECT_EQ(directory.queries, std::vector<std::string>(3, "anna"));
 }
 
+TEST_F(DomainUtilTest, NewUserIsFoundByIdAndByName) {
+    const auto users = volume().volume() / "var/db/dslocal/nodes/Default/users";
+    volume().addLocalUser("lars", 502);
+    EXPECT_EQ(DomainUtil::getUserNameFromID(501), "501");
+    EXPECT_EQ(DomainUtil::getUserDetails("anna"), nullptr);
+    const auto before = fs::last_write_time(users);
+    volume().addLocalUser("anna", 501);
+    fs::last_write_time(users, before + 1s);
+    clock().advance(1s);
+    EXPECT_EQ(DomainUtil::getUserNameFromID(501), "anna");
+    EXPECT_TRUE(DomainUtil::getUserDetails("anna"));
+}
+
 TEST_F(DomainUtilTest, NamesOfIdsAreRememberedForAMinuteAndTheirAbsenceForASecond) {
     FakeDirectory directory;
     host().otherDirectory = &directory;

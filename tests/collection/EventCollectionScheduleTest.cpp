@@ -87,17 +87,24 @@ TEST_F(EventCollectionScheduleTest, SecondPassWaitsForTheFirst) {
     restartConfigured();
     addTrail("trail", 3000s, {1000s, 1001s, 1002s});
     std::future<void> second;
+    EventCollectionSchedule cancelled;
+    std::future<void> third;
     int files = 0;
     const auto begin = [&](const Notification&) {
         if (++files == 1) {
             second = std::async(std::launch::async, [] { EventCollectionSchedule().start(); });
-            EXPECT_TRUE(eventually([this] { return logged("EventCollectionFiles start called") == 2; }));
+            third = std::async(std::launch::async, [&cancelled] { cancelled.start(); });
+            EXPECT_TRUE(eventually([this] { return logged("EventCollectionFiles start called") == 3; }));
+            EXPECT_TRUE(eventually([&cancelled] { return cancelled.isExecuting(); }));
+            cancelled.cancelOperation();
         }
     };
     const auto observer = NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kEventFileNotification, begin);
     EventCollectionSchedule().start();
     second.get();
+    third.get();
     EXPECT_EQ(files, 2);
+    EXPECT_EQ(logged("EventCollector Init called"), 2) << "the pass that was cancelled while it waited reads nothing";
     EXPECT_EQ(EventQueueGCD::length(), 1U) << "each event came once";
 }
 

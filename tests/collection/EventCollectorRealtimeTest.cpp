@@ -71,21 +71,27 @@ TEST_F(EventCollectorRealtimeTest, ReadingIsRefusedWhileItsConditionsDoNotHold) 
     EXPECT_EQ(logged("[ERROR]Realtime collection does not run: "), 2) << "no word where it is off or cancelled";
 }
 
-TEST_F(EventCollectorRealtimeTest, CancelBetweenCreationAndStartOfTheReaderEndsTheReading) {
-    // Cancels as soon as the log says that the reader starts.
-    struct CancelAtStart final : platform::HostFileSystem {
+TEST_F(EventCollectorRealtimeTest, CancelDuringOrAfterTheCreationOfTheReaderEndsTheReading) {
+    // Cancels as soon as the log has the line.
+    struct CancelAtLine final : platform::HostFileSystem {
         Result<Done> append(const std::string& path, std::string_view text) override {
-            if (text.find("Eventcollector start called") != std::string_view::npos) {
+            if (text.find(line) != std::string_view::npos) {
                 operation->cancel();
             }
             return HostFileSystem::append(path, text);
         }
-        std::shared_ptr<EventCollectorRealtime> operation = std::make_shared<EventCollectorRealtime>();
+        std::string_view line;
+        std::shared_ptr<EventCollectorRealtime> operation;
     } fileSystem;
     const SwitchedFileSystem::Replacement replacement(fileSystem);
-    auto reading = std::async(std::launch::async, [&] { fileSystem.operation->start(); });
-    EXPECT_TRUE(eventually([&] { return reading.wait_for(0s) == std::future_status::ready; }));
-    fileSystem.operation->cancel();
+    for (const auto* line : {"EventCollector Init called", "Eventcollector start called"}) {
+        SCOPED_TRACE(line);
+        fileSystem.line = line;
+        fileSystem.operation = std::make_shared<EventCollectorRealtime>();
+        auto reading = std::async(std::launch::async, [&] { fileSystem.operation->start(); });
+        EXPECT_TRUE(eventually([&] { return reading.wait_for(0s) == std::future_status::ready; }));
+        fileSystem.operation->cancel();
+    }
 }
 
 TEST_F(EventCollectorRealtimeTest, OneReaderReadsUntilTheSizeLimitIsReached) {

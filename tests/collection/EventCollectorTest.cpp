@@ -7,10 +7,13 @@
 #include "foundation/run/NotificationCenter.h"
 #include "platform/AuditPipeDevice.h"
 #include "support/AgentFixture.h"
+#include "support/FaultyFileSystem.h"
 #include "volume/TrailWriter.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
+
+#include <cerrno>
 
 #include <gtest/gtest.h>
 
@@ -79,7 +82,13 @@ TEST_F(EventCollectorTest, RecordsOfTheConfiguredTypesAtOrAfterTheNewestOneAreCo
     for (const auto& [type, second] : records) {
         trail.add(TrailRecord(type).at(std::chrono::seconds(second)).returns(0));
     }
-    readTrail(trail, Names{"AUE_su", "AUE_login"});
+    {
+        // A read that a signal interrupts is repeated.
+        FaultyFileSystem files([](const auto& path) { return path.ends_with("/trail"); });
+        files.arm({.call = files.kRead, .error = EINTR, .number = 1});
+        readTrail(trail, Names{"AUE_su", "AUE_login"});
+        EXPECT_FALSE(files.met().empty());
+    }
     Array times;
     for (const auto& event : spooled()) {
         times.push_back((*event.dictionary())["record_time"]);
@@ -223,6 +232,9 @@ TEST_F(EventCollectorTest, MissingOrMalformedTokensLeaveTheirFieldsUnset) {
     EXPECT_EQ(logged("[INFO]Error/Exclusion in "), 1);
     EXPECT_EQ(currentLoginUtility::getLogonUserAtTime(300), (Dictionary{{"uid", "4000"}}));
     EXPECT_EQ(logged("[ERROR]A record of 16777217 bytes at offset 14 of /var/audit/trail is skipped"), 1);
+    readTrail(TrailWriter().addRaw(file).addRaw(std::span(tooLong).first(6)));
+    EXPECT_EQ(logged("[ERROR]6 bytes of /var/audit/trail are left unread: the data at offset 14 is a truncated record"),
+              1);
 }
 
 TEST_F(EventCollectorTest, TimeThatComesBeforeTheFirstPassIsUsed) {

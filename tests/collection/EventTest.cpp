@@ -44,6 +44,7 @@ class EventTest : public ::testing::Test, protected AgentFixture {
         volume().addDomainUser("anna", 501, "S-1-5-21-7", "CORP");
         volume().addLocalUser("lars", 502);
         volume().addUser("nosid", {{"name", "nosid"}, {"uid", 503}, {"primary_ntdomain", "CORP"}});
+        std::filesystem::create_directory(volume().volume() / "var/db/dslocal/nodes/Default/users/sub");
     }
 };
 
@@ -62,6 +63,7 @@ TEST_F(EventTest, TypeResultSignerAndUserDecideWhatIsReportedAndWhatEntersTheHis
         {"wrong password", eventOf(45023, 5000, "User 'anna'"), true, "anna", none, sid},
         {"local user", eventOf(45023, 0, "User 'lars'"), false, none, "lars", none},
         {"unknown user", eventOf(45023, 0, "User 'ghost'"), true, "ghost", "ghost", none},
+        {"a path", eventOf(45023, 0, "User 'sub/../lars'"), true, "sub/../lars", "sub/../lars", none},
         {"no text", eventOf(45023, 0, ""), true, "", "", none},
         {"text not UTF-8", eventOf(45023, 0, none), true, none, "(null)", none},
         {"text not UTF-8, failed", eventOf(45026, 1, none), true, none, none, none},

@@ -91,7 +91,9 @@ TEST_F(currentLoginUtilityTest, EntriesBeforeTheLastEventAreRemovedFromMemoryAtT
     EXPECT_EQ(stored(), (KeyedArchive::Content{
                             {100, {{"uid", "one"}}}, {140, {{"uid", "old itself"}}}, {150, {{"uid", "kept"}}}}))
         << "the file has the entries as they were before the removal";
+    GlobalVariables::getInstance().setTimeStampOfLastEvent("155");
     add("newest", 160);
+    EXPECT_EQ(userAt(155), std::nullopt);
     AgentServiceHandler::end();
     EXPECT_EQ(stored(), (KeyedArchive::Content{{150, {{"uid", "kept"}}}, {160, {{"uid", "newest"}}}}));
 }

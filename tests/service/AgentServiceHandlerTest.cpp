@@ -1,3 +1,4 @@
+#include "collection/EventCollectionSchedule.h"
 #include "forwarding/EventQueueGCD.h"
 #include "foundation/run/NotificationCenter.h"
 #include "service/AgentLock.h"
@@ -5,6 +6,7 @@
 #include "support/AgentFixture.h"
 #include "support/FaultyFileSystem.h"
 #include "sync/ServerCommunicator.h"
+#include "volume/TrailWriter.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -61,8 +63,39 @@ TEST_F(AgentServiceHandlerTest, StopAtAnyMomentOfTheStartTakesEffect) {
         }));
         AgentServiceHandler::stop();
         service.get();
+        EXPECT_TRUE(moment > 0 || logged("The agent was stopped before its start") == 1);
         restart();
     }
+}
+
+TEST_F(AgentServiceHandlerTest, LiveRecordsAreCollectedAfterTheFirstPassAndTheStartRotatesTheLogs) {
+    serverInfo.set("IsRealTime", true);
+    serverInfo.set("NumberofEventsPerRequest", 1);
+    restartConfigured();
+    const auto record = TrailRecord(6152).at(std::chrono::seconds(1000)).returns(0);
+    volume().addTrail("trail", TrailWriter().add(record).add(record).bytes(), std::chrono::seconds(3000));
+    EventQueueGCD::init();
+    std::atomic<bool> isPassing = false;
+    // Posted during the pass, when the second event comes.
+    const auto observer =
+        NotificationCenter::defaultCenter().addObserver(EventQueueGCD::kEventFileNotification, [&](const auto&) {
+            EXPECT_TRUE(eventually([this] { return logged("EventCollectorRealtime has been added") > 0; }));
+            // Passes that are added later, and refused while this one executes: the queue has threads.
+            for (int i = 0; i < 5; ++i) {
+                const auto later = std::make_shared<EventCollectionSchedule>();
+                later->setName(fmt::format("pass {}", i));
+                AgentServiceHandler::addOperationToMainQueue(later);
+                EXPECT_TRUE(eventually([&] { return later->isFinished(); }));
+            }
+            EXPECT_EQ(logged("EventCollectorRealtime start called"), 0);
+            isPassing = true;
+        });
+    auto service = std::async(std::launch::async, AgentServiceHandler::start);
+    EXPECT_TRUE(eventually([&] { return isPassing.load(); }));
+    EXPECT_TRUE(eventually([this] { return logged("EventCollectorRealtime start called") == 1; }));
+    EXPECT_EQ(logged("]Going to rotate log\r\n") + logged("]Zipping Log\r\n"), 2);
+    AgentServiceHandler::stop();
+    service.get();
 }
 
 TEST_F(AgentServiceHandlerTest, DiscardedEventsAreCountedEvenWhileTheSpoolIsBlocked) {

@@ -36,33 +36,36 @@ TEST_F(ServerCommunicatorTest, TwelveFailuresTryEveryAddressAndThenPause) {
         if (requests == 4) {
             throw std::runtime_error("No thread");
         }
-        return FakeUrlSession::Answer{requests <= 12 ? 500 : 200, "{}"};
+        return FakeUrlSession::Answer{requests <= 24 ? 500 : 200, "{}"};
     });
     auto sync = std::async(std::launch::async, [] { ServerCommunicator().syncFromServer(); });
-    ASSERT_TRUE(clock().awaitTimerIn(900s));
-    EXPECT_EQ(session().sent().size(), 12U);
-    EXPECT_FALSE(TransportEngine::isConnected());
-    clock().advance(899s);
-    EXPECT_EQ(sync.wait_for(0s), std::future_status::timeout);
-    clock().advance(1s);
+    for (const auto failures : {12U, 24U}) {
+        ASSERT_TRUE(clock().awaitTimerIn(900s));
+        EXPECT_EQ(session().sent().size(), failures);
+        EXPECT_FALSE(TransportEngine::isConnected());
+        clock().advance(899s);
+        EXPECT_EQ(sync.wait_for(0s), std::future_status::timeout);
+        clock().advance(1s);
+    }
     sync.get();
     EXPECT_TRUE(TransportEngine::isConnected());
 
     const auto sent = session().sent();
-    ASSERT_EQ(sent.size(), 13U);
+    ASSERT_EQ(sent.size(), 25U);
     for (std::size_t i = 0; i < sent.size(); ++i) {
         // Each attempt appends the path once, and the connection type is that of the attempt.
-        const bool direct = i >= 3 && i <= 6;
+        const bool direct = i % 12 >= 3 && i % 12 <= 6;
         const std::string path = "/api/agent/configuration/syncmacagentconfiguration";
         EXPECT_EQ(sent[i].request.url.find(path), sent[i].request.url.size() - path.size()) << i;
         EXPECT_EQ(sent[i].request.url.starts_with("https:"), direct) << i;
         EXPECT_EQ(request(i)["CommunicationType"], Value(direct ? "3:ProductConnector" : "2:AgentConnector")) << i;
     }
     EXPECT_EQ(sent[12].request.url, sent[0].request.url);
+    EXPECT_EQ(sent[24].request.url, sent[0].request.url);
     EXPECT_EQ(logged("[ERROR] response code error Nobody answered", "Communication"), 1);
     const std::pair<const char*, int> failures[] = {{"http://audit:8443: Nobody answered", 1},
                                                     {"https://audit.example.com:9443: The request could not begin", 1},
-                                                    {"answered with HTTP status 500", 10}};
+                                                    {"answered with HTTP status 500", 22}};
     for (const auto& [text, count] : failures) {
         EXPECT_EQ(logged(text, "Communication"), count) << text;
     }
