@@ -197,6 +197,7 @@ TEST_F(CurlUrlSessionTest, AnswerThatIsCutShortOrDamagedIsAnError) {
     const auto bad = UrlErrorCode::badServerResponse;
     const std::pair<const char*, UrlErrorCode> cases[] = {
         {"HTTP/1.1 2", lost},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n", lost},
         {"HTTP/1.1 100 Continue\r\n\r\n", lost},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nab\r\n", lost},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nx\r\n", lost},
@@ -273,10 +274,12 @@ TEST_F(CurlUrlSessionTest, ProgressExtendsTheTimeOutButNotBeyondTheTotalTime) {
         Started session(clock_, platform::CurlUrlSession::Configuration{.totalTime = totalTime});
         auto future = send(session, postTo(listener), "");
         const auto connection = acceptRequest(listener);
+        connection->write("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n");
+        letNetworkThreadCatchUp(session);
         ASSERT_TRUE(clock_.awaitTimerIn(30s));
         clock_.advance(20s);
         letNetworkThreadCatchUp(session);
-        connection->write("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\na");
+        connection->write("a");
         letNetworkThreadCatchUp(session);
         clock_.advance(10s);
         ASSERT_TRUE(clock_.awaitTimerIn(leftAfter30));

@@ -1,4 +1,5 @@
 #include "platform/posix/HostFileSystem.h"
+#include "support/FaultyFileSystem.h"
 #include "volume/SystemVolume.h"
 
 #include <algorithm>
@@ -78,6 +79,11 @@ TEST_F(HostFileSystemTest, WrittenFileIsCompleteForItsOwnerOnlyAndReplacesTheOld
         EXPECT_TRUE(status->isRegular && !status->isFolder);
         EXPECT_NE(status->identity, before->identity);
     }
+    // A write that a signal interrupts is repeated.
+    testing::FaultyFileSystem files([](const auto&) { return true; });
+    files.arm({.call = files.kWrite, .error = EINTR, .number = 1});
+    EXPECT_TRUE(files.append(at("a"), " and more"));
+    EXPECT_EQ(content("a"), "new and more");
     EXPECT_EQ(names(), Names{"a"});
 }
 
