@@ -1,8 +1,13 @@
 // The whole pipeline of an event: the agent's own program between a system volume and a server on loopback.
 
 #include "endtoend/EndToEnd.h"
+#include "foundation/files/FileDescriptor.h"
 #include "foundation/formats/Json.h"
 #include "foundation/formats/KeyedArchive.h"
+#include "service/AgentLock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
 
 #include <gtest/gtest.h>
 
@@ -93,6 +98,7 @@ TEST_F(PipelineTest, AgentThatCannotRunSaysWhyAndEnds) {
     const std::tuple<const char*, const char*, int, const char*> cases[] = {
         {"10.14.6", nullptr, 0, "[ERROR]Agent cannot run because its either an unsupported version or the User is not"},
         {"9.9", nullptr, 0, "[ERROR]Supported Version = majorVersion.minorVersion"},
+        {"14.6.1", nullptr, AlreadyRunningError::kExitStatus, "[ERROR]Another agent holds "},
         {"14.6.1", "short", 78, "The key \"AgentAuthID\" of "},
     };
     for (const auto& [version, identity, status, reason] : cases) {
@@ -101,6 +107,11 @@ TEST_F(PipelineTest, AgentThatCannotRunSaysWhyAndEnds) {
         volume.setVersion(version);
         identity ? mine.set("AgentAuthID", identity) : void();
         configure();
+        FileDescriptor lock;
+        if (status == AlreadyRunningError::kExitStatus) {
+            lock = FileDescriptor(::open((volume.conf() / "agent.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+            ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+        }
         EXPECT_EQ(RunningAgent(build::kAgent, volume).wait(), status);
         EXPECT_NE(log().find(reason), std::string::npos);
     }

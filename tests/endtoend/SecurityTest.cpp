@@ -59,6 +59,7 @@ TEST_F(SecurityTest, EverythingTheAgentCreatesIsForItsOwnerOnly) {
     ASSERT_TRUE(waitUntil([&] { return !fs::is_empty(volume.eventData()); }));
     ASSERT_TRUE(waitUntil([&] { return !fs::exists(volume.logs() / "Config2020-01-01.log"); }));
     EXPECT_EQ(agent.stop(), 0);
+    EXPECT_NE(log().find("events in memory were not delivered; this stop discards them"), std::string::npos);
     std::map<std::string, int> made;
     for (const auto& [path, inode] : inodes()) {
         if (const auto known = before.find(path); known == before.end() || known->second != inode) {
@@ -92,8 +93,12 @@ TEST_F(SecurityTest, LinksPlantedInTheFoldersAreNamedAndNotFollowed) {
         fs::create_symlink(target, link);
     }
     // Other users can then have created the links.
-    for (const auto& folder : {volume.agent(), volume.conf(), volume.logs(), volume.eventData()}) {
-        fs::permissions(folder, fs::perms::others_write, fs::perm_options::add);
+    fs::permissions(volume.agent(), fs::perms::others_write, fs::perm_options::add);
+    const std::pair<fs::path, fs::perms> open[] = {{volume.conf(), fs::perms::others_write},
+                                                   {volume.logs(), fs::perms::group_write},
+                                                   {volume.eventData(), fs::perms::others_write}};
+    for (const auto& [folder, writers] : open) {
+        fs::permissions(folder, writers, fs::perm_options::add);
     }
     write(volume.logs() / "Aged.log", "aged", 300h);
     write(volume.logs() / "Moved.log", "aged", 300h);
@@ -120,6 +125,11 @@ TEST_F(SecurityTest, LinksPlantedInTheFoldersAreNamedAndNotFollowed) {
     for (const auto& link : std::span(links).first(8)) {
         const auto name = "/" + link.filename().string();
         EXPECT_TRUE(std::regex_search(text, std::regex("\\]\\[ERROR\\][^\n]*" + name + "[^\n]*symbolic link"))) << link;
+    }
+    EXPECT_FALSE(fs::is_symlink(std::rbegin(links)[0])) << "an unfinished file stays";
+    for (const auto& [folder, writers] : open) {
+        const auto line = "can change the folder " + volume.bin().string() + "/../" + folder.filename().string();
+        EXPECT_NE(text.find(line), std::string::npos) << line;
     }
     EXPECT_TRUE(fs::exists(volume.logs() / "Moved.log"));
 }
