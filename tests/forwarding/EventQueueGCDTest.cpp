@@ -101,6 +101,15 @@ TEST_F(EventQueueGCDTest, FullBatchIsWrittenToAFileWhenTheNextEventComes) {
     clock().setWallTime(clock().wallTime() - 48h);
     enqueue(14, 16);
     EXPECT_TRUE(files().contains("event_20261113115959000"));
+
+    // A batch that cannot be written is named with the times of its events.
+    EventQueueGCD::dequeue(std::nullopt);
+    FaultyFileSystem full([](const auto& path) { return path.find("/event_") != std::string::npos; });
+    full.arm({.call = full.kRename, .error = ENOSPC, .number = 1});
+    for (const int time : {5, 3, 9, 7}) {
+        EventQueueGCD::enqueue({{"record_time", time}});
+    }
+    EXPECT_EQ(logged("[ERROR]A batch of 3 events is lost, recorded from 3 to 9: "), 1);
 }
 
 TEST_F(EventQueueGCDTest, EveryEventIsFollowedByItsPairOfNotificationsWhateverAnObserverThrows) {
