@@ -16,7 +16,7 @@ namespace sentrova::testing {
 // Replaces the fixture's file system as long as the object lives. Safe from any thread.
 class FaultyFileSystem final : public platform::HostFileSystem {
   public:
-    enum Call : std::size_t { kOpen, kRead, kWrite, kFlush, kRename, kRemove, kStatus, kList, kCalls };
+    enum Call : std::size_t { kOpen, kRead, kWrite, kFlush, kTruncate, kRename, kRemove, kStatus, kList, kCalls };
 
     struct Fault {
         Call call = kOpen;
@@ -72,6 +72,9 @@ class FaultyFileSystem final : public platform::HostFileSystem {
     }
     // Does not flush: no test simulates a power loss.
     int hostFlush(int descriptor) override { return fails(kFlush, pathOf(descriptor)) ? -1 : 0; }
+    int hostTruncate(int descriptor, std::uint64_t size) override {
+        return fails(kTruncate, pathOf(descriptor)) ? -1 : HostFileSystem::hostTruncate(descriptor, size);
+    }
     int hostRename(const Location& from, const Location& to) override {
         return fails(kRename, to.path) ? -1 : HostFileSystem::hostRename(from, to);
     }

@@ -34,6 +34,10 @@ class SwitchedFileSystem final : public FileSystem {
         return to().writeAtomically(path, content, durability);
     }
     Result<Done> append(const std::string& path, std::string_view text) override { return to().append(path, text); }
+    Result<std::unique_ptr<OpenFile>> openForWriting(const std::string& path) override {
+        return to().openForWriting(path);
+    }
+    Result<Done> flushFile(const std::string& path) override { return to().flushFile(path); }
     Result<bool> endsWithLineFeed(const std::string& path) override { return to().endsWithLineFeed(path); }
     Result<Done> createFile(const std::string& path) override { return to().createFile(path); }
     Result<FileDescriptor> lock(const std::string& path, std::string_view content) override {

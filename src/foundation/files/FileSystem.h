@@ -11,6 +11,7 @@
 #pragma once
 
 #include "foundation/files/FileDescriptor.h"
+#include "foundation/files/OpenFile.h"
 #include "foundation/value/Result.h"
 #include "foundation/value/Value.h"
 
@@ -18,6 +19,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -38,10 +40,9 @@ struct FileStatus {
     bool isSymbolicLink = false;
     // The inode number: differs from that of another file that later gets the same name.
     std::uint64_t identity = 0;
+    // The number of the volume. Some hosts number their volumes anew at each start of the system.
+    std::uint64_t device = 0;
 };
-
-// The result of a call that succeeds without a value.
-struct Done {};
 
 class FileSystem {
   public:
@@ -68,6 +69,11 @@ class FileSystem {
     // Appends in one write and creates a missing file. A failed append removes the part that it wrote, unless the host
     // refuses that too.
     virtual Result<Done> append(const std::string& path, std::string_view text) = 0;
+    // Opens a regular file for writing, keeps its content, and creates a missing file. Never null.
+    virtual Result<std::unique_ptr<OpenFile>> openForWriting(const std::string& path) = 0;
+    // Makes the content and the name of an existing regular file survive a power loss. Flushing the file's folder also
+    // makes all earlier changes of names in that folder survive.
+    virtual Result<Done> flushFile(const std::string& path) = 0;
     // Whether the last byte of the file is a line feed. True for a missing or empty file.
     virtual Result<bool> endsWithLineFeed(const std::string& path) = 0;
     virtual Result<Done> createFile(const std::string& path) = 0;

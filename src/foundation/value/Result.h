@@ -28,6 +28,9 @@ inline constexpr const char* kCocoaErrorDomain = "NSCocoaErrorDomain";
 // The error for an errno value, with the host's description.
 Error posixError(int number);
 
+// The value of a call that succeeds without one.
+struct Done {};
+
 template <class T>
 class [[nodiscard]] Result {
   public:

@@ -46,6 +46,7 @@ FileStatus fromHost(const struct stat& host) {
     status.isRegular = S_ISREG(host.st_mode);
     status.isSymbolicLink = S_ISLNK(host.st_mode);
     status.identity = static_cast<std::uint64_t>(host.st_ino);
+    status.device = static_cast<std::uint64_t>(host.st_dev);
     return status;
 }
 
@@ -102,6 +103,32 @@ struct HostFileSystem::Written {
     int problem = 0;
 };
 
+class HostFileSystem::Writable final : public OpenFile {
+  public:
+    Writable(HostFileSystem& files, FileDescriptor file, std::string path)
+        : files_(files), file_(std::move(file)), path_(std::move(path)) {}
+
+    Result<Done> write(std::uint64_t offset, std::span<const std::uint8_t> content) override {
+        if (::lseek(file_.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
+            return failure(errno, "cannot write", path_);
+        }
+        return doneOr(files_.writeWhole(file_.get(), content).problem, "cannot write");
+    }
+    Result<Done> flush() override { return doneOr(files_.flush(file_.get()), "cannot flush"); }
+    Result<Done> truncate(std::uint64_t size) override {
+        return doneOr(files_.truncate(file_.get(), size), "cannot truncate");
+    }
+
+  private:
+    Result<Done> doneOr(int problem, const char* what) const {
+        return problem == 0 ? Result<Done>(Done()) : failure(problem, what, path_);
+    }
+
+    HostFileSystem& files_;
+    const FileDescriptor file_;
+    const std::string path_;
+};
+
 HostFileSystem::Location HostFileSystem::locationOf(const std::string& path) {
     return {AT_FDCWD, path, path};
 }
@@ -121,6 +148,10 @@ std::ptrdiff_t HostFileSystem::hostWrite(int descriptor, std::span<const std::ui
 int HostFileSystem::hostFlush(int descriptor) {
     errno = flushToDisk(descriptor);
     return errno == 0 ? 0 : -1;
+}
+
+int HostFileSystem::hostTruncate(int descriptor, std::uint64_t size) {
+    return ::ftruncate(descriptor, static_cast<off_t>(size));
 }
 
 int HostFileSystem::hostRename(const Location& from, const Location& to) {
@@ -162,9 +193,33 @@ FileDescriptor HostFileSystem::open(const Location& at, int flags, mode_t mode) 
     return FileDescriptor(number);
 }
 
+// Opens one of the agent's own files and gets its status. Fails for a link, a folder or a device. Errors name `path`.
+Result<FileDescriptor> HostFileSystem::openRegular(const Location& at, int flags, struct stat& host,
+                                                   const std::string& path) {
+    // O_NONBLOCK, because a FIFO in the place of the file would block the thread for ever.
+    auto file = open(at, flags | O_NOFOLLOW | O_NONBLOCK, kOwnerFile);
+    if (!file || ::fstat(file.get(), &host) != 0) {
+        return failure(errno, "cannot open", path);
+    }
+    if (!S_ISREG(host.st_mode)) {
+        return failure(S_ISDIR(host.st_mode) ? EISDIR : EINVAL, "cannot open", path);
+    }
+    return file;
+}
+
 // Returns 0 or an error number.
 int HostFileSystem::flush(int descriptor) {
     while (hostFlush(descriptor) != 0) {
+        if (errno != EINTR) {
+            return errno;
+        }
+    }
+    return 0;
+}
+
+// Returns 0 or an error number.
+int HostFileSystem::truncate(int descriptor, std::uint64_t size) {
+    while (hostTruncate(descriptor, size) != 0) {
         if (errno != EINTR) {
             return errno;
         }
@@ -298,14 +353,10 @@ Result<Content> HostFileSystem::readWhole(const std::string& path) {
     if (!place) {
         return place.error();
     }
-    // O_NONBLOCK, because a FIFO in the place of the file would block the thread for ever.
-    const auto file = open(place->file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     struct stat host{};
-    if (!file || ::fstat(file.get(), &host) != 0) {
-        return failure(errno, "cannot open", path);
-    }
-    if (!S_ISREG(host.st_mode)) {
-        return failure(S_ISDIR(host.st_mode) ? EISDIR : EINVAL, "cannot read", path);
+    const auto file = openRegular(place->file, O_RDONLY, host, path);
+    if (!file) {
+        return file.error();
     }
     const auto size = static_cast<std::uint64_t>(host.st_size);
     if (size > kMaximumRead) {
@@ -316,7 +367,7 @@ Result<Content> HostFileSystem::readWhole(const std::string& path) {
     const std::span bytes(reinterpret_cast<std::uint8_t*>(content.data()), content.size());
     std::size_t filled = 0;
     while (filled < bytes.size()) {
-        const auto got = readOnce(file.get(), bytes.subspan(filled));
+        const auto got = readOnce(file->get(), bytes.subspan(filled));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -407,9 +458,39 @@ Result<Done> HostFileSystem::append(const std::string& path, std::string_view te
     const auto end = ::lseek(file.get(), 0, SEEK_CUR);
     struct stat host{};
     if (written.bytes > 0 && ::fstat(file.get(), &host) == 0 && host.st_size == end) {
-        static_cast<void>(::ftruncate(file.get(), end - static_cast<off_t>(written.bytes)));
+        truncate(file.get(), static_cast<std::uint64_t>(end) - written.bytes);
     }
     return failure(written.problem, "cannot write", path);
+}
+
+Result<std::unique_ptr<OpenFile>> HostFileSystem::openForWriting(const std::string& path) {
+    const auto place = targetPlaceOf(path, "cannot open");
+    if (!place) {
+        return place.error();
+    }
+    struct stat host{};
+    auto file = openRegular(place->file, O_WRONLY | O_CREAT, host, path);
+    if (!file) {
+        return file.error();
+    }
+    return std::unique_ptr<OpenFile>(std::make_unique<Writable>(*this, *std::move(file), path));
+}
+
+Result<Done> HostFileSystem::flushFile(const std::string& path) {
+    const auto place = targetPlaceOf(path, "cannot open");
+    if (!place) {
+        return place.error();
+    }
+    struct stat host{};
+    const auto file = openRegular(place->file, O_RDONLY, host, path);
+    if (!file) {
+        return file.error();
+    }
+    int problem = flush(file->get());
+    if (problem == 0) {
+        problem = flush(place->folder.get());
+    }
+    return problem == 0 ? Result<Done>(Done()) : failure(problem, "cannot flush", path);
 }
 
 Result<bool> HostFileSystem::endsWithLineFeed(const std::string& path) {
@@ -458,7 +539,7 @@ Result<FileDescriptor> HostFileSystem::lock(const std::string& path, std::string
     if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
         return failure(errno, "cannot lock", path);
     }
-    if (::ftruncate(file.get(), 0) == 0) {
+    if (truncate(file.get(), 0) == 0) {
         writeWhole(file.get(), {reinterpret_cast<const std::uint8_t*>(content.data()), content.size()});
     }
     return file;

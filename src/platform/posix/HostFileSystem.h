@@ -8,7 +8,9 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 
 namespace sentrova::platform {
@@ -27,6 +29,8 @@ class HostFileSystem : public FileSystem {
     Result<Done> writeAtomically(const std::string& path, std::span<const std::uint8_t> content,
                                  Durability durability) override;
     Result<Done> append(const std::string& path, std::string_view text) override EXCLUDES(appending_);
+    Result<std::unique_ptr<OpenFile>> openForWriting(const std::string& path) override;
+    Result<Done> flushFile(const std::string& path) override;
     Result<bool> endsWithLineFeed(const std::string& path) override;
     Result<Done> createFile(const std::string& path) override;
     Result<FileDescriptor> lock(const std::string& path, std::string_view content) override;
@@ -55,6 +59,7 @@ class HostFileSystem : public FileSystem {
     virtual int hostOpen(const Location& at, int flags, mode_t mode);
     virtual std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content);
     virtual int hostFlush(int descriptor);
+    virtual int hostTruncate(int descriptor, std::uint64_t size);
     virtual int hostRename(const Location& from, const Location& to);
     virtual int hostRemove(const Location& at);
     virtual int hostMakeFolder(const Location& at, mode_t mode);
@@ -64,6 +69,7 @@ class HostFileSystem : public FileSystem {
     virtual DIR* hostOpenFolder(const std::string& path);
 
   private:
+    class Writable;
     struct Place;
     struct Written;
 
@@ -78,8 +84,10 @@ class HostFileSystem : public FileSystem {
     int copyContent(int from, int to);
     template <class Content>
     Result<Content> readWhole(const std::string& path);
+    Result<FileDescriptor> openRegular(const Location& at, int flags, struct stat& host, const std::string& path);
     FileDescriptor open(const Location& at, int flags, mode_t mode = 0);
     int flush(int descriptor);
+    int truncate(int descriptor, std::uint64_t size);
     Written writeWhole(int descriptor, std::span<const std::uint8_t> content);
 
     // Held during an append, so that removing a failed one cannot cut off another thread's text.

@@ -5,7 +5,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -36,6 +38,8 @@ class HostFileSystemTest : public ::testing::Test {
         const std::pair<const char*, Error> refused[] = {
             {"link", files.read(at("link")).error()},
             {"link", files.append(at("link"), "x").error()},
+            {"link", files.openForWriting(at("link")).error()},
+            {"link", files.flushFile(at("link")).error()},
             {"link", files.restrictToOwner(at("link")).error()},
             {"folder/file", files.read(at("folder/file")).error()},
             {"folder/file", files.append(at("folder/file"), "x").error()},
@@ -119,13 +123,76 @@ TEST_F(HostFileSystemTest, FailuresNameTheFileAndLeaveNothingBehind) {
     EXPECT_EQ(names(), (Names{".hidden", "link"}));
 }
 
+TEST_F(HostFileSystemTest, OpenFileIsWrittenAnywhereWholeAndSaysWhatFailed) {
+    // Writes one byte at a time. Each error is that of one call.
+    struct SlowFiles final : platform::HostFileSystem {
+        std::ptrdiff_t hostWrite(int descriptor, std::span<const std::uint8_t> content) override {
+            return fails() ? -1 : HostFileSystem::hostWrite(descriptor, content.first(1));
+        }
+        int hostFlush(int /*descriptor*/) override { return fails() ? -1 : 0; }
+        int hostTruncate(int descriptor, std::uint64_t size) override {
+            return fails() ? -1 : HostFileSystem::hostTruncate(descriptor, size);
+        }
+        bool fails() {
+            ++calls;
+            errno = std::exchange(error, 0);
+            return errno != 0;
+        }
+        int error = 0;
+        int calls = 0;
+    } files;
+    auto opened = files.openForWriting(at("file"));
+    ASSERT_TRUE(opened);
+    auto& file = **opened;
+    files.error = EINTR;
+    EXPECT_TRUE(file.write(2, bytes("cdef")));
+    EXPECT_TRUE(file.write(3, bytes("DE")));
+    EXPECT_EQ(content("file"), std::string("\0\0cDEf", 6));
+    files.error = EINTR;
+    EXPECT_TRUE(file.truncate(3));
+    EXPECT_EQ(content("file"), std::string("\0\0c", 3));
+    files.error = EINTR;
+    EXPECT_TRUE(file.flush());
+    files.calls = 0;
+    EXPECT_TRUE(files.flushFile(at("file")));
+    EXPECT_EQ(files.calls, 2) << "the file and its folder";
+
+    const std::pair<const char*, std::function<Result<Done>()>> calls[] = {
+        {"write", [&] { return file.write(0, bytes("x")); }},
+        {"flush", [&] { return file.flush(); }},
+        {"truncate", [&] { return file.truncate(0); }},
+        {"flushFile", [&] { return files.flushFile(at("file")); }},
+    };
+    for (const auto& [what, call] : calls) {
+        files.error = ENOSPC;
+        const auto result = call();
+        ASSERT_FALSE(result) << what;
+        EXPECT_EQ(result.error().code, ENOSPC) << what;
+        EXPECT_NE(result.error().description.find(at("file")), std::string::npos) << result.error().description;
+    }
+
+    ASSERT_TRUE(files_.move(at("file"), at("renamed")) && files_.createFile(at("file")));
+    EXPECT_TRUE(file.write(0, bytes("ab")));
+    EXPECT_EQ(content("renamed") + content("file"), "abc");
+    auto again = files_.openForWriting(at("renamed"));
+    ASSERT_TRUE(again);
+    EXPECT_EQ(content("renamed"), "abc") << "opening keeps the content";
+    EXPECT_EQ(files_.status(at("renamed"))->permissions, 0600U);
+    EXPECT_EQ(files_.openForWriting(folder_).error().code, EISDIR);
+    EXPECT_EQ(files_.flushFile(at("none")).error().code, ENOENT);
+    ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
+    EXPECT_EQ(files_.flushFile(at("pipe")).error().code, EINVAL);
+}
+
 TEST_F(HostFileSystemTest, LinkIsFollowedOnlyIfNobodyButTheAgentsUserCouldHaveCreatedIt) {
     ASSERT_TRUE(files_.createFolder(at("outside")));
     ASSERT_TRUE(files_.append(at("outside/file"), "as it was") && files_.append(at("file"), "inside"));
     fs::create_symlink("outside/", at("folder"));
     fs::create_symlink(at("folder/file"), at("link"));
     fs::create_symlink("circle", at("circle"));
-    EXPECT_TRUE(files_.append(at("link"), ", and more"));
+    const auto linked = files_.openForWriting(at("link"));
+    EXPECT_TRUE(linked && (*linked)->write(9, bytes(", and")) && (*linked)->flush() && files_.flushFile(at("link")));
+    EXPECT_TRUE(files_.append(at("link"), " more"));
     EXPECT_TRUE(files_.append(at("folder/log"), "line\n"));
     EXPECT_EQ(content("link") + content("folder/file"), "as it was, and moreas it was, and more");
     EXPECT_TRUE(files_.writeAtomically(at("link"), bytes("new"), renamed));
