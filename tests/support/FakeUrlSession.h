@@ -26,6 +26,7 @@ class FakeUrlSession final : public UrlSession {
         std::string body = "{}";
         // If set, the completion receives this error and no answer.
         std::optional<Error> error = {};
+        std::optional<std::chrono::seconds> retryAfter = {};
     };
 
     static Answer failure(UrlErrorCode code, const std::string& description) {
@@ -113,7 +114,8 @@ class FakeUrlSession final : public UrlSession {
             if (answer.error) {
                 completion(std::nullopt, std::nullopt, answer.error);
             } else {
-                completion(Data(answer.body.begin(), answer.body.end()), UrlResponse{answer.status}, std::nullopt);
+                completion(Data(answer.body.begin(), answer.body.end()), UrlResponse{answer.status, answer.retryAfter},
+                           std::nullopt);
             }
         });
     }

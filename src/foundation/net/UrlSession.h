@@ -28,7 +28,13 @@ struct UrlRequest {
 };
 
 struct UrlResponse {
+    // A longer wait counts as this.
+    static constexpr std::chrono::hours kLongestRetryAfter{24};
+
     std::int64_t statusCode = 0;
+    // The header "Retry-After": how long the server asks to wait before the next request. Seconds, or an HTTP date
+    // measured by the wall clock; 0 for a date in the past. Absent without the header, or if it is neither.
+    std::optional<std::chrono::seconds> retryAfter = {};
 };
 
 inline constexpr const char* kUrlErrorDomain = "NSURLErrorDomain";

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <charconv>
 #include <stdexcept>
 #include <string_view>
 
@@ -47,6 +48,37 @@ bool isSendable(const UrlRequest& request) {
     return isToken(request.method) && std::ranges::all_of(request.headers, [](const auto& header) {
                return isToken(header.first) && fitsOnALine(header.second);
            });
+}
+
+constexpr std::string_view kRetryAfter = "Retry-After:";
+
+bool isRetryAfter(std::string_view line) {
+    return line.size() >= kRetryAfter.size() && curl_strnequal(line.data(), kRetryAfter.data(), kRetryAfter.size());
+}
+
+// The wait that the value of a "Retry-After" header asks for (RFC 9110, section 10.2.3).
+std::optional<std::chrono::seconds> retryAfterOf(std::string_view value, Date now) {
+    constexpr std::string_view kSpace = " \t\r\n";
+    constexpr std::int64_t kLongest = std::chrono::seconds(UrlResponse::kLongestRetryAfter).count();
+    const auto begin = value.find_first_not_of(kSpace);
+    if (begin == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const std::string text(value.substr(begin, value.find_last_not_of(kSpace) + 1 - begin));
+    std::int64_t seconds = 0;
+    if (std::ranges::all_of(text, [](char c) { return c >= '0' && c <= '9'; })) {
+        const bool fits = std::from_chars(text.data(), text.data() + text.size(), seconds).ec == std::errc();
+        seconds = fits ? seconds : kLongest;
+    } else {
+        // Every form of an HTTP date begins with the day of the week.
+        const bool isDate = (text[0] >= 'A' && text[0] <= 'Z') || (text[0] >= 'a' && text[0] <= 'z');
+        const auto date = isDate ? curl_getdate(text.c_str(), nullptr) : -1;
+        if (date == -1) {
+            return std::nullopt;
+        }
+        seconds = static_cast<std::int64_t>(date) - epochSeconds(now);
+    }
+    return std::chrono::seconds(std::clamp<std::int64_t>(seconds, 0, kLongest));
 }
 
 UrlErrorCode errorCodeFor(CURLcode code) {
@@ -259,8 +291,11 @@ std::size_t CurlTransfer::receivedHeader(char* line, std::size_t size, std::size
     const std::string_view text(line, size * count);
     if (text.starts_with("HTTP/")) {
         transfer.headComplete_ = false;
+        transfer.retryAfter_.reset();
     } else if (text == "\r\n" || text == "\n") {
         transfer.headComplete_ = true;
+    } else if (!transfer.headComplete_ && isRetryAfter(text)) {
+        transfer.retryAfter_ = retryAfterOf(text.substr(kRetryAfter.size()), transfer.session_->wallTime());
     }
     return text.size();
 }
@@ -305,7 +340,7 @@ CurlTransfer::Outcome CurlTransfer::answerOrError(CURLcode code) const {
     }
     long status = 0;
     curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &status);
-    return {answer_, UrlResponse{status}, {}};
+    return {answer_, UrlResponse{status, retryAfter_}, {}};
 }
 
 bool CurlTransfer::demandsLogin(const Outcome& outcome) const {

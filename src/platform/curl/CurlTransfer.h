@@ -28,6 +28,7 @@ class CurlTransfer {
         virtual ~Session() = default;
         // The monotonic time at which the network thread last woke up.
         virtual Clock::Monotonic now() const = 0;
+        virtual Date wallTime() const = 0;
     };
 
     struct Limits {
@@ -139,6 +140,8 @@ class CurlTransfer {
 
     int timesSent_ = 0;
     bool headComplete_ = false;
+    // From the headers received last.
+    std::optional<std::chrono::seconds> retryAfter_;
     bool tooLong_ = false;
     bool hasEnded_ = false;
     bool isHeld_ = false;

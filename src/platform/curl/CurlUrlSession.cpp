@@ -155,6 +155,7 @@ class CurlUrlSession::Engine final : public CurlTransfer::Session {
     }
 
     Clock::Monotonic now() const override { return now_; }
+    Date wallTime() const override { return clock_.wallTime(); }
 
   private:
     // The requests to one server: the number in flight, and those that wait for a free connection.

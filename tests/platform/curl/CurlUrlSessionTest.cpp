@@ -34,6 +34,7 @@ struct Outcome {
     std::int64_t status = 0;
     // 0 means no error.
     UrlErrorCode error = {};
+    std::optional<std::chrono::seconds> retryAfter;
 };
 
 UrlRequest post(const std::string& url) {
@@ -48,7 +49,8 @@ std::future<Outcome> send(UrlSession& session, const UrlRequest& request, const 
         EXPECT_NE(response.has_value(), error.has_value());
         promise->set_value({data ? std::optional(std::string(data->begin(), data->end())) : std::nullopt,
                             response ? response->statusCode : 0,
-                            error ? static_cast<UrlErrorCode>(error->code) : UrlErrorCode{}});
+                            error ? static_cast<UrlErrorCode>(error->code) : UrlErrorCode{},
+                            response ? response->retryAfter : std::nullopt});
     });
     return future;
 }
@@ -161,6 +163,46 @@ TEST_F(CurlUrlSessionTest, EveryStatusIsAnAnswerAndNoRedirectIsFollowed) {
         EXPECT_TRUE(outcome.status == status && outcome.body == body) << outcome.status;
         EXPECT_THAT(server_.requests(), SizeIs(1)) << status;
     }
+}
+
+TEST_F(CurlUrlSessionTest, RetryAfterIsTheLastOneAsSecondsOrADateByTheWallClock) {
+    using Wait = std::optional<std::chrono::seconds>;
+    const std::pair<std::vector<const char*>, Wait> cases[] = {
+        {{}, std::nullopt},
+        {{"0"}, 0s},
+        {{"120 "}, 120s},
+        {{"86401"}, 24h},
+        {{"99999999999999999999"}, 24h},
+        {{"Sun, 15 Nov 2026 12:05:00 GMT"}, 5min},
+        {{"Sunday, 15-Nov-26 12:05:00 GMT"}, 5min},
+        {{"Sun Nov 15 12:05:00 2026"}, 5min},
+        {{"Sun, 15 Nov 2026 11:59:59 GMT"}, 0s},
+        {{"Fri, 15 Nov 2126 12:05:00 GMT"}, 24h},
+        {{""}, std::nullopt},
+        {{"-1"}, std::nullopt},
+        {{"1.5"}, std::nullopt},
+        {{"soon"}, std::nullopt},
+        {{"10", "20"}, 20s},
+        {{"10", "soon"}, std::nullopt},
+    };
+    for (const auto& [values, wait] : cases) {
+        AuditServer::Failure answer{.status = 503};
+        for (const char* const value : values) {
+            answer.headers.emplace_back("retry-AFTER", value);
+        }
+        server_.fail(answer);
+        const auto outcome = await(send(session_, events_));
+        EXPECT_EQ(outcome.status, 503);
+        EXPECT_EQ(outcome.retryAfter, wait) << ::testing::PrintToString(values);
+    }
+    // The headers of the answer count, not those before it or after its body.
+    Listener listener;
+    auto future = send(session_, postTo(listener), "");
+    acceptRequest(listener)->write(
+        "HTTP/1.1 100 Continue\r\nRetry-After: 1\r\n\r\n"
+        "HTTP/1.1 429 Slow\r\nTransfer-Encoding: chunked\r\nX-Retry-After: 2\r\n\r\n0\r\nRetry-After: 3\r\n\r\n");
+    const auto outcome = await(std::move(future));
+    EXPECT_TRUE(outcome.status == 429 && !outcome.retryAfter) << outcome.status;
 }
 
 TEST_F(CurlUrlSessionTest, AtMostSixConnectionsServeAServerAndALostRequestIsSentAgainOnlyOnce) {
