@@ -11,7 +11,7 @@
 
 namespace sentrova::platform {
 
-// The device's requests, with the kernel's numbers and arguments.
+// The device's requests that a reader sends, with the kernel's numbers and arguments.
 enum class AuditPipeRequest : std::uint32_t {
     setPreselectMode = 0x8004410F,     // int: which preselection applies to this reader
     getQlimitMax = 0x40044105,         // unsigned int, read: the longest queue that the device grants
@@ -34,6 +34,10 @@ class AuditPipeDevice {
     // that a reading request read; for other requests, the argument.
     virtual Result<std::uint32_t> request(const FileDescriptor& device, AuditPipeRequest request,
                                           std::uint32_t argument) = 0;
+
+    // Returns how many records the device has dropped since it was opened, because its queue was full or the kernel had
+    // no memory. The count wraps at 2^32.
+    virtual Result<std::uint64_t> drops(const FileDescriptor& device) = 0;
 
   protected:
     AuditPipeDevice() = default;

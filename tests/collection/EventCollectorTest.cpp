@@ -42,6 +42,7 @@ class RequestedDevice final : public platform::AuditPipeDevice {
                : request == platform::AuditPipeRequest::getQlimitMax ? 77
                                                                      : argument;
     }
+    Result<std::uint64_t> drops(const FileDescriptor&) override { return std::uint64_t{0}; }
 
     std::vector<std::pair<platform::AuditPipeRequest, std::uint32_t>> requests;
 

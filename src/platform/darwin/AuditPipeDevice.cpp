@@ -20,6 +20,10 @@ struct ClassMasks {
 constexpr unsigned long number(AuditPipeRequest request) {
     return static_cast<unsigned long>(request);
 }
+
+// AUDITPIPE_GET_DROPS, a 64-bit count.
+constexpr unsigned long kGetDrops = _IOR('A', 102, std::uint64_t);
+
 static_assert(IOCPARM_LEN(number(AuditPipeRequest::setPreselectFlags)) == sizeof(ClassMasks));
 static_assert(IOCPARM_LEN(number(AuditPipeRequest::setQlimit)) == sizeof(std::uint32_t));
 
@@ -46,6 +50,15 @@ class KernelDevice final : public AuditPipeDevice {
             return posixError(errno);
         }
         return argument;
+    }
+
+    Result<std::uint64_t> drops(const FileDescriptor& device) override {
+        std::uint64_t count = 0;
+        if (::ioctl(device.get(), kGetDrops, &count) == -1) {
+            return posixError(errno);
+        }
+        // The request is defined with a 64-bit argument, but the kernel writes the lower half only.
+        return static_cast<std::uint32_t>(count);
     }
 };
 

@@ -24,6 +24,9 @@ class FifoDevice final : public AuditPipeDevice {
         constexpr std::uint32_t kQueueLimit = 1024;
         return request == AuditPipeRequest::getQlimitMax ? kQueueLimit : argument;
     }
+
+    // The writer of a FIFO waits for room, so nothing is dropped.
+    Result<std::uint64_t> drops(const FileDescriptor&) override { return std::uint64_t{0}; }
 };
 
 }  // namespace
