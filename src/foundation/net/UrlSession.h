@@ -34,7 +34,7 @@ struct UrlResponse {
     std::int64_t statusCode = 0;
     // The header "Retry-After": how long the server asks to wait before the next request. Seconds, or an HTTP date
     // measured by the wall clock; 0 for a date in the past. Absent without the header, or if it is neither.
-    std::optional<std::chrono::seconds> retryAfter = {};
+    std::optional<std::chrono::seconds> retryAfter;
 };
 
 inline constexpr const char* kUrlErrorDomain = "NSURLErrorDomain";

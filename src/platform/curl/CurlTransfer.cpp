@@ -50,10 +50,11 @@ bool isSendable(const UrlRequest& request) {
            });
 }
 
-constexpr std::string_view kRetryAfter = "Retry-After:";
-
-bool isRetryAfter(std::string_view line) {
-    return line.size() >= kRetryAfter.size() && curl_strnequal(line.data(), kRetryAfter.data(), kRetryAfter.size());
+// The value of the line if it is that of a "Retry-After" header.
+std::optional<std::string_view> retryAfterIn(std::string_view line) {
+    const auto colon = std::min(line.find(':'), line.size());
+    const bool isIt = curl_strequal(std::string(line.substr(0, colon)).c_str(), "Retry-After") != 0;
+    return isIt && colon < line.size() ? std::optional(line.substr(colon + 1)) : std::nullopt;
 }
 
 // The wait that the value of a "Retry-After" header asks for (RFC 9110, section 10.2.3).
@@ -294,8 +295,8 @@ std::size_t CurlTransfer::receivedHeader(char* line, std::size_t size, std::size
         transfer.retryAfter_.reset();
     } else if (text == "\r\n" || text == "\n") {
         transfer.headComplete_ = true;
-    } else if (!transfer.headComplete_ && isRetryAfter(text)) {
-        transfer.retryAfter_ = retryAfterOf(text.substr(kRetryAfter.size()), transfer.session_->wallTime());
+    } else if (const auto value = retryAfterIn(text); value && !transfer.headComplete_) {
+        transfer.retryAfter_ = retryAfterOf(*value, transfer.session_->wallTime());
     }
     return text.size();
 }
