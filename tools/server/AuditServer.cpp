@@ -9,6 +9,7 @@
 #include <future>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include <nlohmann/json.hpp>
 
@@ -18,11 +19,13 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::minutes kPatience{1};
+constexpr const char* kKeyHeader = "Idempotency-Key";
 
-std::size_t contentLength(const AuditServer::Headers& headers) {
+// The value of the header, or an empty text.
+std::string headerOf(const AuditServer::Headers& headers, const char* name) {
     const auto found = std::ranges::find_if(
-        headers, [](const auto& header) { return ::strcasecmp(header.first.c_str(), "Content-Length") == 0; });
-    return found == headers.end() ? 0 : std::stoul(found->second);
+        headers, [name](const auto& header) { return ::strcasecmp(header.first.c_str(), name) == 0; });
+    return found == headers.end() ? "" : found->second;
 }
 
 // Parses the head of a request, without its final empty line. Names and values of headers stay as received.
@@ -58,7 +61,8 @@ std::optional<AuditServer::Request> readRequest(ServerConnection& connection, st
         }
     }
     auto request = parsed(received.substr(0, end));
-    const auto length = contentLength(request.headers);
+    const auto text = headerOf(request.headers, "Content-Length");
+    const auto length = text.empty() ? 0 : std::stoul(text);
     received.erase(0, end + kEndOfHead.size());
     while (received.size() < length) {
         if (!receive()) {
@@ -129,6 +133,9 @@ void AuditServer::reset() {
     failures_.clear();
     requests_.clear();
     events_.clear();
+    keys_.clear();
+    keyFaults_.clear();
+    keyed_.clear();
     answer_.reset();
     mostAtOnce_ = 0;
     ++releases_;
@@ -145,6 +152,16 @@ std::vector<AuditServer::Request> AuditServer::requests() const {
 std::vector<std::string> AuditServer::events() const {
     MutexLock lock(mutex_);
     return events_;
+}
+
+std::vector<std::string> AuditServer::keys() const {
+    MutexLock lock(mutex_);
+    return keys_;
+}
+
+std::vector<std::string> AuditServer::keyFaults() const {
+    MutexLock lock(mutex_);
+    return keyFaults_;
 }
 
 int AuditServer::mostAtOnce() const {
@@ -210,6 +227,12 @@ void AuditServer::serve(const std::shared_ptr<ServerConnection>& connection, int
         MutexLock lock(mutex_);
         const Arrival arrival{std::make_shared<Request>(*std::move(request)), releases_};
         requests_.push_back(arrival.request);
+        if (const auto key = headerOf(arrival.request->headers, kKeyHeader); !key.empty()) {
+            const auto first = keyed_.try_emplace(key, Keyed{.first = arrival.request}).first->second.first;
+            if (first && first->body != arrival.request->body) {
+                keyFaults_.push_back(key);
+            }
+        }
         mostAtOnce_ = std::max(mostAtOnce_, ++underWay_);
         changed_.notifyAll();
         lock.unlock();
@@ -224,13 +247,13 @@ bool AuditServer::handle(const Arrival& arrival, ServerConnection& connection) {
     if (!failure || (kind == Kind::hold && awaitRelease(arrival))) {
         return answer(*arrival.request, connection);
     }
+    if (failure->accepts) {
+        accept(*arrival.request);
+    }
     if (kind == Kind::status) {
         return send(connection, failure->status, failure->headers, failure->body);
     }
     if (kind == Kind::raw || kind == Kind::endless) {
-        if (failure->accepts) {
-            accept(arrival.request->body);
-        }
         finish();
         sendRaw(*failure, connection);
         return false;
@@ -253,8 +276,8 @@ bool AuditServer::answer(const Request& request, ServerConnection& connection) {
         return send(connection, text ? 200 : 500, {}, text.value_or(""));
     }
     if (request.method == "POST" && request.path == kEventsPath) {
-        const bool accepted = accept(request.body);
-        return send(connection, accepted ? 200 : 400, {}, accepted ? R"({"status":"ok"})" : "");
+        const int status = accept(request);
+        return send(connection, status, {}, status == 200 ? R"({"status":"ok"})" : "");
     }
     return send(connection, 404, {}, "");
 }
@@ -298,12 +321,23 @@ std::optional<std::string> AuditServer::syncAnswer() {
     return answer_ || !configuration_.onSync ? answer_.value_or("{}") : configuration_.onSync();
 }
 
-bool AuditServer::accept(const std::string& batch) {
-    const auto events = nlohmann::ordered_json::parse(batch, nullptr, false);
+int AuditServer::accept(const Request& request) {
+    const auto events = nlohmann::ordered_json::parse(request.body, nullptr, false);
     if (!events.is_array()) {
-        return false;
+        return 400;
     }
+    const auto key = headerOf(request.headers, kKeyHeader);
     MutexLock lock(mutex_);
+    if (!key.empty()) {
+        auto& keyed = keyed_[key];
+        if (keyed.first && keyed.first->body != request.body) {
+            return 422;
+        }
+        if (std::exchange(keyed.isAccepted, true)) {
+            return 200;
+        }
+    }
+    keys_.push_back(key);
     for (const auto& event : events) {
         events_.push_back(event.dump());
         if (configuration_.onEvent) {
@@ -311,7 +345,7 @@ bool AuditServer::accept(const std::string& batch) {
         }
     }
     changed_.notifyAll();
-    return true;
+    return 200;
 }
 
 bool AuditServer::awaitRelease(const Arrival& arrival) {

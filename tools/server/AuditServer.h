@@ -8,6 +8,7 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -16,6 +17,9 @@ namespace sentrova::testing {
 
 // Answers a configuration sync with a JSON text, accepts batches of events, and records its requests. Each connection
 // has its own thread. Safe from any thread.
+//
+// A batch whose "Idempotency-Key" was accepted before is answered with 200 and not counted again. A key that comes with
+// another body than before, accepted or not, is a fault of the client: the server records it and answers 422.
 class AuditServer {
   public:
     // NOLINTBEGIN(readability-redundant-member-init): callers may leave out members that have an initializer
@@ -59,8 +63,9 @@ class AuditServer {
         // A prefix of the matching paths; empty matches all.
         std::string path = {};
         int status = 500;
-        // For raw: whether the batch counts as accepted, and the pause between the answer's bytes; 0 sends all at once.
+        // Whether the batch counts as accepted, whatever the client learns of it.
         bool accepts = false;
+        // For raw: the pause between the answer's bytes; 0 sends all at once.
         std::chrono::milliseconds pace = {};
         // How many requests fail; -1 means all until reset().
         int count = 1;
@@ -90,13 +95,17 @@ class AuditServer {
     void fail(Failure failure) EXCLUDES(mutex_);
     // Answers the held requests that have arrived so far.
     void release() EXCLUDES(mutex_);
-    // Clears failures, requests, events and the answer; releases held requests.
+    // Clears failures, requests, events, keys and the answer; releases held requests.
     void reset() EXCLUDES(mutex_);
 
     // In order of arrival.
     std::vector<Request> requests() const EXCLUDES(mutex_);
-    // The events of all batches that were answered with 200, each as compact JSON text.
+    // The events of all accepted batches, each as compact JSON text.
     std::vector<std::string> events() const EXCLUDES(mutex_);
+    // The key of each accepted batch, in the order in which the batches were accepted. Empty for a batch without a key.
+    std::vector<std::string> keys() const EXCLUDES(mutex_);
+    // The keys that came with two different bodies, one entry per request.
+    std::vector<std::string> keyFaults() const EXCLUDES(mutex_);
     // The highest number of requests in progress at one time.
     int mostAtOnce() const EXCLUDES(mutex_);
 
@@ -111,6 +120,12 @@ class AuditServer {
         int releases;
     };
 
+    // What is known of a key.
+    struct Keyed {
+        std::shared_ptr<Request> first;
+        bool isAccepted = false;
+    };
+
     void acceptAll();
     void serve(const std::shared_ptr<ServerConnection>& connection, int number) EXCLUDES(mutex_);
     // Both return whether the connection continues.
@@ -121,7 +136,8 @@ class AuditServer {
 
     std::optional<Failure> failureFor(const std::string& path) EXCLUDES(mutex_);
     std::optional<std::string> syncAnswer() EXCLUDES(mutex_);
-    bool accept(const std::string& batch) EXCLUDES(mutex_);
+    // Returns the status for the batch.
+    int accept(const Request& request) EXCLUDES(mutex_);
     bool awaitRelease(const Arrival& arrival) EXCLUDES(mutex_);
     // Marks the request as finished, before the client can learn of it.
     void finish() EXCLUDES(mutex_);
@@ -135,6 +151,9 @@ class AuditServer {
     std::deque<Failure> failures_ GUARDED_BY(mutex_);
     std::vector<std::shared_ptr<Request>> requests_ GUARDED_BY(mutex_);
     std::vector<std::string> events_ GUARDED_BY(mutex_);
+    std::vector<std::string> keys_ GUARDED_BY(mutex_);
+    std::vector<std::string> keyFaults_ GUARDED_BY(mutex_);
+    std::map<std::string, Keyed> keyed_ GUARDED_BY(mutex_);
     std::optional<std::string> answer_ GUARDED_BY(mutex_);
     int underWay_ GUARDED_BY(mutex_) = 0;
     int mostAtOnce_ GUARDED_BY(mutex_) = 0;
