@@ -4,6 +4,8 @@
 #include "core/LogSource.h"
 #include "core/PropertyListHandler.h"
 
+#include <utility>
+
 #include <fmt/format.h>
 
 namespace sentrova {
@@ -13,13 +15,22 @@ constexpr LogSource kTraffic("TransportEngine", LogCategory::Communication);
 }  // namespace
 
 void Transport::setIsConnected(bool flag) {
-    if (connected_.exchange(flag) == flag) {
+    const bool changes = connected_.exchange(flag) != flag;
+    // Before the file is written, because the observers must learn of the success even if that fails.
+    if (flag) {
+        successes_.notify("Transport", {});
+    }
+    if (!changes) {
         return;
     }
     kTraffic.info("TransportEngine isconnected changed to {:d}", flag);
     const auto path = fmt::format("{}/{}", configuration_.confPath(), GlobalConstants::MY_CONFIGURATIONS_FILE);
     PropertyListHandler::change(path, GlobalConstants::COMMUNICATION_TYPE,
                                 static_cast<std::int64_t>(configuration_.type()));
+}
+
+Subscription Transport::observeSuccess(std::function<void()> function) {
+    return successes_.add([function = std::move(function)](const Success&) { function(); });
 }
 
 }  // namespace sentrova

@@ -6,8 +6,11 @@
 #include "core/GlobalVariables.h"
 #include "forwarding/AddressChoice.h"
 #include "foundation/net/UrlSession.h"
+#include "foundation/run/Observers.h"
+#include "foundation/run/Subscription.h"
 
 #include <atomic>
+#include <functional>
 
 namespace sentrova {
 
@@ -27,11 +30,18 @@ class Transport {
     // A change of the flag stores the connection in use in `myconfigurations.plist`.
     void setIsConnected(bool flag);
 
+    // Calls the function whenever the server has answered a request with success: at each setIsConnected(true), whether
+    // or not the flag changes, on the calling thread. The subscription may outlive the object.
+    Subscription observeSuccess(std::function<void()> function);
+
   private:
+    struct Success {};
+
     GlobalVariables& configuration_;
     UrlSession& session_;
     AddressChoice choice_;
     std::atomic<bool> connected_ = true;
+    Observers<Success> successes_;
 };
 
 }  // namespace sentrova

@@ -31,8 +31,10 @@ bool isHostName(const std::string& name) {
 
 }  // namespace
 
-TransportEngine::TransportEngine() : transport_(Current<Transport>::get()) {
-    compose(transport_.addresses().current());
+TransportEngine::TransportEngine() : TransportEngine(Current<Transport>::get().addresses().current()) {}
+
+TransportEngine::TransportEngine(const ServerAddress& address) : transport_(Current<Transport>::get()) {
+    compose(address);
     kTraffic.info("TransportEngine isConnected {:d}", isConnected());
 }
 
@@ -60,7 +62,8 @@ bool TransportEngine::sendMessageToServer(MessageType type, std::string andParam
 }
 
 bool TransportEngine::sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
-                                          UrlSession::Completion andCompletionHandler) {
+                                          UrlSession::Completion andCompletionHandler,
+                                          const std::string& idempotencyKey) {
     try {
         MsgConfiguration message;
         message.getMessageConfiguration(type);
@@ -87,6 +90,9 @@ bool TransportEngine::sendMessageToServer(MessageType type, const std::shared_pt
         request.setHeader("Content-Type", "text/json");
         if (const auto accessKey = transport_.configuration().orgAccessKey()) {
             request.setHeader(std::string(GlobalConstants::ORG_ACCESS_KEY), *accessKey);
+        }
+        if (!idempotencyKey.empty()) {
+            request.setHeader("Idempotency-Key", idempotencyKey);
         }
         transport_.session().uploadShared(request, body, std::move(andCompletionHandler));
         return true;

@@ -20,6 +20,8 @@ class TransportEngine {
   public:
     // Selects the address in use.
     TransportEngine();
+    // Takes the given address.
+    explicit TransportEngine(const ServerAddress& address);
 
     // Whether the server is believed to be reachable. Initially true, so that a first delivery is attempted.
     static bool isConnected();
@@ -34,9 +36,11 @@ class TransportEngine {
     // never runs.
     [[nodiscard]] bool sendMessageToServer(MessageType type, std::string andParameters,
                                            UrlSession::Completion andCompletionHandler);
-    // The same for a shared body, which is copied only if it is not ASCII.
+    // The same for a shared body, which is copied only if it is not ASCII. If a key is given, the request carries it in
+    // the header "Idempotency-Key".
     [[nodiscard]] bool sendMessageToServer(MessageType type, const std::shared_ptr<const std::string>& andParameters,
-                                           UrlSession::Completion andCompletionHandler);
+                                           UrlSession::Completion andCompletionHandler,
+                                           const std::string& idempotencyKey = {});
 
     // The address and the outcome of a failed request, for the log: "https://audit:8443: Could not connect to the
     // server.", "https://audit:8443: answered with HTTP status 503". Call it before tryOtherURL, which changes the

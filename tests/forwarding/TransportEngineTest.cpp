@@ -54,7 +54,8 @@ TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAscii
     TransportEngine engine;
     const auto ignore = [](auto&&...) {};
     EXPECT_TRUE(engine.sendMessageToServer(MessageType::eventDelivery, "caf\xC3\xA9 \xE2\x98\x83", ignore));
-    EXPECT_TRUE(engine.sendMessageToServer(MessageType::eventDelivery, "", ignore));
+    EXPECT_TRUE(
+        engine.sendMessageToServer(MessageType::eventDelivery, std::make_shared<const std::string>(), ignore, "a-key"));
     EXPECT_TRUE(TransportEngine().sendMessageToServer(MessageType::configurationSync, "{}", ignore));
     EXPECT_FALSE(TransportEngine().sendMessageToServer(static_cast<MessageType>(2), "{}", ignore));
     EXPECT_EQ(logged("[ERROR]unknown message type 2"), 1);
@@ -67,6 +68,7 @@ TEST_F(TransportEngineTest, RequestHasTheMessagesPathTheHeadersInOrderAndAnAscii
               (decltype(first.headers){
                   {"Content-Length", "6"}, {"Content-Type", "text/json"}, {"OrgAccessKey", "org-access-key"}}));
     EXPECT_EQ(sent[1].request.url, first.url) << "the path is not added again";
+    EXPECT_EQ(sent[1].request.headers.back(), std::pair(std::string("Idempotency-Key"), std::string("a-key")));
     EXPECT_EQ(sent[2].request.url, "agent://audit.example.com:8443/api/agent/configuration/syncmacagentconfiguration");
 }
 
