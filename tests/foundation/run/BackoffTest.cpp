@@ -1,27 +1,12 @@
 #include "foundation/run/Backoff.h"
+#include "support/FixedRandom.h"
 
 #include <gtest/gtest.h>
 
-namespace sentrova {
+namespace sentrova::testing {
 namespace {
 
 using namespace std::chrono_literals;
-
-// Every random number is the same.
-class FixedRandom final : public Cryptography {
-  public:
-    CipherResult aes256(std::span<const std::uint8_t>, std::span<const std::uint8_t>, Direction) const override {
-        return CipherProblem::refused;
-    }
-    std::array<std::uint8_t, kDigestBytes> sha256(std::span<const std::uint8_t>) const override { return {}; }
-    std::optional<Data> randomBytes(std::size_t count) const override {
-        Data bytes(count);
-        std::memcpy(bytes.data(), &number, std::min(count, sizeof number));
-        return refuses ? std::nullopt : std::optional(bytes);
-    }
-    std::uint64_t number = 0;
-    bool refuses = false;
-};
 
 TEST(BackoffTest, WaitIsDrawnFromZeroToABoundThatDoublesUpToFiveMinutesUntilASuccess) {
     FixedRandom random;
@@ -44,4 +29,4 @@ TEST(BackoffTest, WaitIsDrawnFromZeroToABoundThatDoublesUpToFiveMinutesUntilASuc
 }
 
 }  // namespace
-}  // namespace sentrova
+}  // namespace sentrova::testing
