@@ -2,7 +2,7 @@
 
 #include "core/FileUtils.h"
 #include "core/LogSource.h"
-#include "core/Secrets.h"
+#include "forwarding/DeliveryLog.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/Spool.h"
 #include "forwarding/TransportEngine.h"
@@ -12,14 +12,11 @@
 #include "foundation/run/Unhandled.h"
 #include "foundation/value/Text.h"
 
-#include <fmt/format.h>
-
 namespace sentrova {
 
 namespace {
 
 constexpr LogSource kLog("EventForwarder");
-constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
 
 // A cheap check of every file: the server must not receive a text that cannot be a batch of the spool.
 bool looksLikeBatch(std::string_view data) {
@@ -47,21 +44,12 @@ void putBack(const std::string& data) {
 // The completion of a delivery. Runs on the session's delegate queue.
 void finishDelivery(TransportEngine& engine, const std::string& sent, const std::optional<Data>& data,
                     const std::optional<UrlResponse>& response, const std::optional<Error>& error) {
-    if (LogSource::isWritten(LogLevel::Debug)) {
-        kTraffic.debug("EventForwarder DATA= {}", Secrets::maskedBody(data));
-    }
-    const auto status = fmt::format("{}", response ? response->statusCode : 0);
-    kTraffic.debug("response status code: {}", status);
-    if (!error && status == "200") {
+    if (DeliveryLog::answered(data, response) == 200 && !error) {
         TransportEngine::setIsConnected(true);
-        if (LogSource::isWritten(LogLevel::Info)) {
-            const auto body = Json::parse(data ? std::string(data->begin(), data->end()) : std::string());
-            kTraffic.info("response={}", body ? Secrets::masked(*body) : Value());
-        }
+        DeliveryLog::succeeded(data);
         return;
     }
-    kTraffic.error("{}", error ? error->description : "(null)");
-    kTraffic.error("The delivery failed at {}", engine.describeFailure(response, error));
+    DeliveryLog::failed(engine, response, error);
     // An exception here must not keep the events from returning to the spool.
     runGuarded("EventForwarder", [&engine] {
         TransportEngine::setIsConnected(false);
