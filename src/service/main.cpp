@@ -103,7 +103,6 @@ int runService() {
     platform::RealHost host;
     Agent agent(host.host());
     termination->resume();
-    setSignal(SIGTERM, SIG_IGN);
     // The network thread's signal mask does not help if the kernel sends the signal to the process.
     setSignal(SIGPIPE, SIG_IGN);
     // If the process inherited it as ignored, the exit statuses of child processes would be lost.

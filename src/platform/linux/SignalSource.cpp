@@ -11,8 +11,8 @@ namespace sentrova::platform {
 
 namespace {
 
-// The signal is blocked in all threads, and one thread waits for it. A blocked signal stays pending for that thread
-// even if the process ignores it.
+// The signal is blocked in all threads, and one thread waits for it. The process must not set the signal to be ignored:
+// the kernel would drop a signal that came before the thread waits.
 class WaitingSource final : public SignalSource {
   public:
     WaitingSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {
