@@ -2,7 +2,6 @@
 
 #include "collection/AuditCheck.h"
 #include "collection/LastRead.h"
-#include "collection/bsm/TokenReader.h"
 #include "core/FileUtils.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
@@ -11,8 +10,9 @@
 #include "foundation/files/FileSystem.h"
 #include "foundation/run/Current.h"
 #include "foundation/run/NotificationCenter.h"
-#include "foundation/value/Text.h"
 #include "platform/SystemPath.h"
+
+#include <utility>
 
 namespace sentrova {
 
@@ -23,36 +23,14 @@ constexpr LogSource kProgress = kLog.in(LogCategory::Event);
 
 constexpr std::string_view kCurrentTrail = "/var/audit/current";
 
-// Copies a text of a record, because the event stores it. Absent if it is not UTF-8.
-std::optional<std::string> stored(std::string_view text) {
-    return isValidUtf8(text) ? std::optional(std::string(text)) : std::nullopt;
-}
-
-Event eventOf(const bsm::HeaderToken& header) {
-    Event event;
-    event.version = header.version;
-    event.eventType = header.eventType;
-    event.eventModifier = header.eventModifier;
-    event.timeStampInMs = header.seconds;
-    return event;
-}
-
-void setSubject(const bsm::SubjectToken& token, Event& event) {
-    event.auditId = token.auditId;
-    event.effectiveUserID = token.effectiveUserId;
-    event.effectiveGroupID = token.effectiveGroupId;
-    event.realUserID = token.realUserId;
-    event.realGroupID = token.realGroupId;
-    event.processID = token.processId;
-    event.SessionID = token.sessionId;
-    event.port = token.port;
-    event.addr = token.address;
-}
-
 }  // namespace
 
 EventCollector::EventCollector(const std::string& path, const std::optional<std::vector<std::string>>& eventsToRead)
-    : ConcurrentOperationAbstract("EventCollector"), path_(path), eventsToRead_(eventsToRead) {
+    : ConcurrentOperationAbstract("EventCollector"),
+      path_(path),
+      eventsToRead_(eventsToRead),
+      events_([this](std::uint16_t type, std::uint64_t time) { return shouldProcessRecord(type, time); },
+              [](Dictionary event) { EventQueueGCD::enqueue(std::move(event)); }) {
     kLog.debug("EventCollector Init called");
     Current<LastRead>::get().begin();
     auto source = initAuditFile(path);
@@ -165,8 +143,8 @@ void EventCollector::readRecords(AuditSource& source) {
                            reader.skippedLength(), reader.position(), path_, bsm::RecordReader::kMaximumRecordLength);
                 continue;
             }
-            ++counts_.records;
-            readRecord(reader.record());
+            ++records_;
+            events_.read(reader.record());
         }
     } catch (const std::exception& exception) {
         kLog.error("{}", exception.what());
@@ -174,63 +152,9 @@ void EventCollector::readRecords(AuditSource& source) {
     logEnd(reader, source);
 }
 
-void EventCollector::readRecord(std::span<const std::uint8_t> record) {
-    bsm::TokenReader tokens(record);
-    // The header and event of the record being read. The event is only created once the record is known to be wanted,
-    // because few are. Each record is judged once: an admitted record stays admitted even if another reader moves the
-    // time forward meanwhile.
-    std::optional<bsm::HeaderToken> header;
-    std::optional<Event> event;
-    while (tokens.left() > 0 && tokens.au_fetch_tok() == 0) {
-        if (header && !event && !shouldProcessRecord(header->eventType, header->seconds)) {
-            return;
-        }
-        const auto& token = tokens.token();
-        if (const auto* begun = std::get_if<bsm::HeaderToken>(&token.content)) {
-            header = *begun;
-            event.reset();
-        } else if (header) {
-            if (!event) {
-                event = eventOf(*header);
-            }
-            handleToken(token, *event);
-            if (token.id == bsm::TokenId::kTrailer) {
-                header.reset();
-            }
-        }
-    }
-}
-
-void EventCollector::handleToken(const bsm::Token& token, Event& event) {
-    if (const auto* subject = std::get_if<bsm::SubjectToken>(&token.content)) {
-        setSubject(*subject, event);
-    } else if (const auto* result = std::get_if<bsm::Return32Token>(&token.content)) {
-        event.ret = result->value;
-        event.status = result->status;
-    } else if (const auto* text = std::get_if<bsm::TextToken>(&token.content)) {
-        event.text = stored(text->text);
-    } else if (const auto* identity = std::get_if<bsm::IdentityToken>(&token.content)) {
-        event.signing_id = stored(identity->signingId);
-    } else if (std::holds_alternative<bsm::TrailerToken>(token.content)) {
-        deliver(event);
-    }
-}
-
-void EventCollector::deliver(Event& event) {
-    if (auto dictionary = event.parsedEvent()) {
-        EventQueueGCD::enqueue(*std::move(dictionary));
-        ++counts_.events;
-    } else {
-        if (LogSource::isWritten(LogLevel::Info)) {
-            kLog.info("Error/Exclusion in {}", event.description());
-        }
-        ++counts_.excluded;
-    }
-}
-
 void EventCollector::logEnd(const bsm::RecordReader& reader, const AuditSource& source) const {
-    kProgress.info("{} ended: {} records read, {} events collected, {} excluded", path_, counts_.records,
-                   counts_.events, counts_.excluded);
+    kProgress.info("{} ended: {} records read, {} events collected, {} excluded", path_, records_, events_.events(),
+                   events_.excluded());
     using End = bsm::RecordReader::End;
     const auto end = reader.end();
     if (end == End::kReadError && !isCancelled()) {

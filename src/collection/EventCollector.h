@@ -8,10 +8,9 @@
 #pragma once
 
 #include "collection/AuditSource.h"
-#include "collection/Event.h"
 #include "collection/EventSelection.h"
+#include "collection/RecordEvents.h"
 #include "collection/bsm/RecordReader.h"
-#include "collection/bsm/Token.h"
 #include "foundation/run/Mutex.h"
 #include "operations/ConcurrentOperationAbstract.h"
 
@@ -50,26 +49,18 @@ class EventCollector final : public ConcurrentOperationAbstract {
     void finishFailed() override { complete(); }
 
   private:
-    struct Counts {
-        std::uint64_t records = 0;
-        std::uint64_t events = 0;
-        std::uint64_t excluded = 0;
-    };
-
     std::shared_ptr<AuditSource> initAuditFile(const std::string& path) const;
     std::shared_ptr<AuditSource> auditFile() const EXCLUDES(mutex_);
     void readEvents();
     void readRecords(AuditSource& source);
-    void readRecord(std::span<const std::uint8_t> record);
-    void handleToken(const bsm::Token& token, Event& event);
-    void deliver(Event& event);
     void logEnd(const bsm::RecordReader& reader, const AuditSource& source) const;
     void complete() EXCLUDES(mutex_);
 
     const std::string path_;
     const EventSelection eventsToRead_;
     // Used only by the reading thread.
-    Counts counts_;
+    RecordEvents events_;
+    std::uint64_t records_ = 0;
 
     mutable Mutex mutex_;
     std::shared_ptr<AuditSource> auditFile_ GUARDED_BY(mutex_);

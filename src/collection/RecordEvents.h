@@ -1,0 +1,42 @@
+// Turns audit records into events, one record after another.
+//
+// Not thread-safe. A record's tokens are decoded only if the record is wanted, because few are.
+
+#pragma once
+
+#include "collection/Event.h"
+#include "foundation/value/Value.h"
+
+#include <cstdint>
+#include <functional>
+#include <span>
+
+namespace sentrova {
+
+class RecordEvents {
+  public:
+    // Whether a record of that type and time (whole seconds since 1970) is wanted. Asked once per header; a record has
+    // one, unless it is damaged.
+    using Wanted = std::function<bool(std::uint16_t eventType, std::uint64_t seconds)>;
+    // Takes the event of a record. A record has one trailer and so at most one event, unless it is damaged.
+    using Deliver = std::function<void(Dictionary event)>;
+
+    RecordEvents(Wanted wanted, Deliver deliver);
+
+    // Blocks for three seconds for a Touch ID record in realtime mode; see Event.
+    void read(std::span<const std::uint8_t> record);
+
+    // The number of events delivered, and of wanted records that must not be reported.
+    std::uint64_t events() const { return events_; }
+    std::uint64_t excluded() const { return excluded_; }
+
+  private:
+    void finish(Event& event);
+
+    Wanted wanted_;
+    Deliver deliver_;
+    std::uint64_t events_ = 0;
+    std::uint64_t excluded_ = 0;
+};
+
+}  // namespace sentrova
