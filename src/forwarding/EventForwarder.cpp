@@ -5,23 +5,18 @@
 #include "forwarding/DeliveryLog.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/Spool.h"
+#include "forwarding/SpoolFile.h"
 #include "forwarding/TransportEngine.h"
 #include "foundation/files/FileSystem.h"
 #include "foundation/formats/Json.h"
 #include "foundation/run/Current.h"
 #include "foundation/run/Unhandled.h"
-#include "foundation/value/Text.h"
 
 namespace sentrova {
 
 namespace {
 
 constexpr LogSource kLog("EventForwarder");
-
-// A cheap check of every file: the server must not receive a text that cannot be a batch of the spool.
-bool looksLikeBatch(std::string_view data) {
-    return data.starts_with('[') && data.ends_with(']') && isValidUtf8(data);
-}
 
 // Returns the events of a batch to the spool, in their order. If the data turns out not to be a batch, it is written to
 // a file, because its original file has been deleted.
@@ -177,7 +172,7 @@ bool EventForwarder::deliver(const std::optional<FileUrl>& file) {
         return false;
     }
     *batch = *std::move(data);
-    if (file && !looksLikeBatch(*batch)) {
+    if (file && !SpoolFile::looksLikeBatch(*batch)) {
         kLog.error("The file {} is not a batch of events; it stays in the spool and is not sent", file->path());
         return false;
     }

@@ -2,10 +2,12 @@
 
 #include "core/FileUtils.h"
 #include "core/LogSource.h"
+#include "forwarding/DurableSpool.h"
 #include "forwarding/EventQueueGCD.h"
+#include "forwarding/SpoolFile.h"
 #include "foundation/formats/Json.h"
+#include "foundation/run/Current.h"
 
-#include <cerrno>
 #include <utility>
 
 #include <fmt/format.h>
@@ -20,12 +22,12 @@ constexpr std::chrono::seconds kFirstTimeUpdate{30};
 constexpr std::chrono::seconds kAnnouncedAfter{10};
 constexpr std::chrono::seconds kFileAnnouncedAgain{10};
 constexpr std::chrono::seconds kEventsAnnouncedAgain{30};
-constexpr std::string_view kFilePrefix = "event_";
 constexpr std::string_view kUndeliveredPrefix = "undelivered_";
 
-// A temporary shortage, unlike a damaged or forbidden file.
-bool isShortage(const Error& error) {
-    return error.code == EMFILE || error.code == ENFILE || error.code == ENOMEM;
+// Files that stay in the folder for the administrator.
+bool isKept(std::string_view name) {
+    return name.starts_with(kUndeliveredPrefix) || name.starts_with(DurableSpool::kAlteredPrefix) ||
+           name.starts_with(DurableSpool::kRefusedPrefix);
 }
 
 std::span<const std::uint8_t> bytesOf(const std::string& text) {
@@ -34,7 +36,10 @@ std::span<const std::uint8_t> bytesOf(const std::string& text) {
 
 }  // namespace
 
-Spool::Spool(const Surroundings& with) : with_(with), dispatchQueue_("com.kelvark.vantorix.eventqueue", with.clock) {}
+Spool::Spool(const Surroundings& with)
+    : with_(with),
+      fileNames_(with.files, with.clock, with.dates),
+      dispatchQueue_("com.kelvark.vantorix.eventqueue", with.clock) {}
 
 void Spool::open() {
     if (isOpen_.exchange(true)) {
@@ -65,7 +70,9 @@ void Spool::announceFiles() {
     dispatchQueue_.sync([this] {
         auto names = FileUtils::listOfFileNamesInPath(with_.configuration.eventDataPath());
         if (names) {
-            std::erase_if(*names, [](const auto& name) { return name.starts_with(kUndeliveredPrefix); });
+            auto* const durable = Current<DurableSpool>::orNull();
+            std::erase_if(*names,
+                          [durable](const auto& name) { return isKept(name) || (durable && durable->owns(name)); });
             announced_.clear();
             waiting_.assign(*std::move(names));
             announceNext();
@@ -101,12 +108,14 @@ void Spool::add(Dictionary event) {
 }
 
 void Spool::flush() {
-    const auto path = nextFileName();
+    const auto folder = with_.configuration.eventDataPath();
+    const auto name = fileNames_.next(folder);
+    const auto path = fmt::format("{}/{}", folder, name);
     kLog.info(" filename {}", path);
     write(path);
     queueData_.clear();
     length_ = 0;
-    waiting_.add(FileUrl(path).lastPathComponent());
+    waiting_.add(name);
     announceNext();
 }
 
@@ -134,7 +143,7 @@ std::optional<std::string> Spool::readFile(const FileUrl& file) {
     auto content = with_.files.readText(file.path());
     if (!content) {
         kLog.error("The spooled file cannot be read: {}", content.error().description);
-        if (isShortage(content.error())) {
+        if (SpoolFile::isShortage(content.error())) {
             keepForNextRound(name);
         }
         return std::nullopt;
@@ -243,24 +252,6 @@ void Spool::postDuePairs() {
     pairsTimed_ = false;
     if (!pairs_.empty()) {
         setPairsTimerLocked(pairs_.nextDue() - now);
-    }
-}
-
-// Returns an unused file name: the current millisecond or, if that is taken, the next free one.
-std::string Spool::nextFileName() {
-    auto stamp = std::chrono::floor<std::chrono::milliseconds>(with_.clock.wallTime());
-    // If the clock is set back by less than an hour, names continue after the latest one and so keep their order. If it
-    // is set back further, names follow the clock again.
-    if (stamp <= lastStamp_ && lastStamp_ - stamp < std::chrono::hours(1)) {
-        stamp = lastStamp_ + std::chrono::milliseconds(1);
-    }
-    for (;; stamp += std::chrono::milliseconds(1)) {
-        auto path = fmt::format("{}/{}{}", with_.configuration.eventDataPath(), kFilePrefix,
-                                with_.dates.format("yyyyMMddHHmmssSSS", Date(stamp)));
-        if (!FileUtils::doesFileExist(path)) {
-            lastStamp_ = stamp;
-            return path;
-        }
     }
 }
 

@@ -5,6 +5,7 @@
 #include "core/GlobalVariables.h"
 #include "forwarding/DelayedPairs.h"
 #include "forwarding/EventBatch.h"
+#include "forwarding/SpoolFileNames.h"
 #include "forwarding/Transport.h"
 #include "forwarding/WaitingFiles.h"
 #include "foundation/files/FileSystem.h"
@@ -17,7 +18,6 @@
 #include "foundation/value/Value.h"
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <optional>
 #include <set>
@@ -66,7 +66,6 @@ class Spool {
     void add(Dictionary event);
     void flush();
     void write(const std::string& path);
-    std::string nextFileName();
     std::optional<std::string> readFile(const FileUrl& file);
     std::optional<std::string> takeEvents();
 
@@ -83,8 +82,7 @@ class Spool {
 
     // Used only on the queue.
     EventBatch queueData_;
-    // The time stamp in the newest file name.
-    std::chrono::sys_time<std::chrono::milliseconds> lastStamp_;
+    SpoolFileNames fileNames_;
     // At most one name per spool file; the spool's size limit bounds them.
     WaitingFiles waiting_;
     // The names of files that are announced and not yet read. None of them is in waiting_.
