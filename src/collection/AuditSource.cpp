@@ -86,6 +86,10 @@ std::ptrdiff_t AuditSource::read(std::span<std::uint8_t> into) {
     return -1;
 }
 
+Result<std::uint64_t> AuditSource::drops() {
+    return Current<AuditPipeDevice>::get().drops(file_);
+}
+
 void AuditSource::interrupt() {
     interrupted_ = true;
     if (wakeWriting_) {

@@ -4,8 +4,10 @@
 
 #include "collection/bsm/ByteSource.h"
 #include "foundation/files/FileDescriptor.h"
+#include "foundation/value/Result.h"
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -38,6 +40,9 @@ class AuditSource final : public bsm::ByteSource {
     // Blocks for data. Returns -1 after an interrupt; a call that waits for the device then returns at once.
     std::ptrdiff_t read(std::span<std::uint8_t> into) override;
     void interrupt();
+
+    // How many records the device has dropped since it was opened, because its queue was full. For the device alone.
+    Result<std::uint64_t> drops();
 
     // The error number of the last failed read; 0 if there was none. For the reading thread only.
     int problem() const { return problem_; }

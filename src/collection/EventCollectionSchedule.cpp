@@ -1,11 +1,14 @@
 #include "collection/EventCollectionSchedule.h"
 
 #include "collection/Collections.h"
+#include "collection/DurableCollection.h"
 #include "collection/EventCollector.h"
 #include "collection/EventSelection.h"
+#include "collection/LastRead.h"
 #include "core/FileUtils.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
+#include "forwarding/DurableSpool.h"
 #include "foundation/run/Clock.h"
 #include "foundation/run/Current.h"
 #include "operations/MainQueue.h"
@@ -56,10 +59,31 @@ void EventCollectionSchedule::start() {
         return;
     }
     started();
+    const auto isEnded = [this] { return isCancelled(); };
+    if (auto* const durable = DurableCollection::inForce()) {
+        durable->pass(isEnded);
+        Current<DurableSpool>::get().commitNow();
+        Current<LastRead>::get().store();
+    } else if (!finishDurableMode(isEnded) || !readFiles()) {
+        return;
+    }
+    ScheduleHandler::UpdateTaskWithName(ScheduleHandler::kEventCollection, ScheduleHandler::kLastScheduleTimeInMillis,
+                                        Current<Clock>::get().epochSeconds());
+    completeOperation();
+}
+
+// After the durable mode was switched off, reading goes on from its positions once, and then by the time of the last
+// event. Returns false if that ended early.
+bool EventCollectionSchedule::finishDurableMode(const DurableCollection::Cancelled& isEnded) {
+    auto* const durable = Current<DurableCollection>::orNull();
+    return !durable || durable->finish(isEnded);
+}
+
+bool EventCollectionSchedule::readFiles() {
     // canStart does not detect a pass of the scheduled task, so two passes may get here. The second one waits.
     const ReaderSlot::Turn turn(collection().slot);
     if (isCancelled()) {
-        return;
+        return false;
     }
     const auto files = FileUtils::listOfFilesInPath(kTrailFolder);
     const auto eventsToRead = EventSelection::split(GlobalVariables::getInstance().eventsToRead());
@@ -72,15 +96,16 @@ void EventCollectionSchedule::start() {
             kLog.debug("{} file read", path);
         }
     }
-    ScheduleHandler::UpdateTaskWithName(ScheduleHandler::kEventCollection, ScheduleHandler::kLastScheduleTimeInMillis,
-                                        Current<Clock>::get().epochSeconds());
-    completeOperation();
+    return true;
 }
 
 void EventCollectionSchedule::cancel() {
     kLog.debug("EventCollectionFiles cancel called");
     collection().slot.cancelExecuting();
     cancelOperation();
+    if (auto* const durable = Current<DurableCollection>::orNull()) {
+        durable->wake();
+    }
     completeOperation();
 }
 

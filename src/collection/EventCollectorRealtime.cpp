@@ -2,6 +2,7 @@
 
 #include "collection/AuditSource.h"
 #include "collection/Collections.h"
+#include "collection/DurableCollection.h"
 #include "collection/EventSelection.h"
 #include "core/GlobalVariables.h"
 #include "core/LogSource.h"
@@ -38,11 +39,13 @@ bool EventCollectorRealtime::canStart() {
     const bool notRealTime = !configuration.isRealTime();
     const bool disabled = !configuration.isEnabled();
     const bool full = configuration.maxEventDataSizeReached();
-    const bool reading = collection().slot.isBusy();
+    auto* const durable = DurableCollection::inForce();
+    const bool reading = durable ? durable->isLive() : collection().slot.isBusy();
     const auto reason = CollectionRefusal::reason();
     if (!isCancelled() && !notRealTime && !reading) {
         collection().refusal.note(kLog, kCollection, reason);
-        if (!reason) {
+        // The durable collection waits until the spool is below its limit.
+        if (!reason || (durable && full && !disabled)) {
             return true;
         }
     }
@@ -53,6 +56,10 @@ bool EventCollectorRealtime::canStart() {
 
 void EventCollectorRealtime::start() {
     kLog.debug("EventCollectorRealtime start called");
+    if (auto* const durable = DurableCollection::inForce()) {
+        startDurably(*durable);
+        return;
+    }
     const auto reader = makeReader();
     if (!reader) {
         kLog.error("EventCollectorRealtime didn't run because conditions didnot match");
@@ -69,6 +76,27 @@ void EventCollectorRealtime::start() {
     }
 }
 
+void EventCollectorRealtime::startDurably(DurableCollection& durable) {
+    if (!canStart()) {
+        kLog.error("EventCollectorRealtime didn't run because conditions didnot match");
+        return;
+    }
+    started();
+    // For the log alone: at the limit, the collection waits by itself.
+    const auto observation = observeLimit();
+    durable.live([this] { return isCancelled(); });
+    completeOperation();
+}
+
+Subscription EventCollectorRealtime::observeLimit() {
+    return GlobalVariables::getInstance().observe(GlobalVariables::kMaxEventDataSizeReached,
+                                                  [weak = weak_from_this()](const KeyValueChange& change) {
+                                                      if (const auto self = weak.lock()) {
+                                                          self->observeValueForKeyPath(change);
+                                                      }
+                                                  });
+}
+
 std::shared_ptr<EventCollector> EventCollectorRealtime::makeReader() {
     // See above: the check and the set of the slot are one step.
     const ReaderSlot::Turn turn(collection().slot);
@@ -76,12 +104,7 @@ std::shared_ptr<EventCollector> EventCollectorRealtime::makeReader() {
         return nullptr;
     }
     started();
-    auto observation = GlobalVariables::getInstance().observe(GlobalVariables::kMaxEventDataSizeReached,
-                                                              [weak = weak_from_this()](const KeyValueChange& change) {
-                                                                  if (const auto self = weak.lock()) {
-                                                                      self->observeValueForKeyPath(change);
-                                                                  }
-                                                              });
+    auto observation = observeLimit();
     auto reader = std::make_shared<EventCollector>(
         AuditSource::kPipe, EventSelection::split(GlobalVariables::getInstance().eventsToRead()));
     collection().slot.set(reader);
@@ -109,6 +132,9 @@ void EventCollectorRealtime::cancel() {
     if (reader && !reader->isCancelled() && !reader->isFinished()) {
         reader->cancel();
     }
+    if (auto* const durable = DurableCollection::inForce()) {
+        durable->wake();
+    }
     completeOperation();
 }
 
@@ -117,7 +143,9 @@ void EventCollectorRealtime::observeValueForKeyPath(const KeyValueChange& change
         change.oldValue.integerValue() == change.newValue.integerValue()) {
         return;
     }
-    if (change.newValue.integerValue() == 1) {
+    if (DurableCollection::inForce()) {
+        collection().refusal.note(kLog, kCollection, CollectionRefusal::reason());
+    } else if (change.newValue.integerValue() == 1) {
         collection().refusal.note(kLog, kCollection, CollectionRefusal::reason());
         cancel();
     } else {

@@ -4,6 +4,8 @@
 // folder can be used. It stops permanently when the spool reaches the limit; to continue, a new operation must be
 // queued. It blocks its thread while it reads. It stays executing until it is cancelled, even if the device could not
 // be opened.
+//
+// In the durable mode it reads the trails too, at the limit it waits, and a device that fails is opened again.
 
 #pragma once
 
@@ -15,6 +17,8 @@
 #include <memory>
 
 namespace sentrova {
+
+class DurableCollection;
 
 class EventCollectorRealtime final : public ConcurrentOperationAbstract,
                                      public std::enable_shared_from_this<EventCollectorRealtime> {
@@ -31,6 +35,8 @@ class EventCollectorRealtime final : public ConcurrentOperationAbstract,
     void observeValueForKeyPath(const KeyValueChange& change);
 
   private:
+    void startDurably(DurableCollection& durable);
+    Subscription observeLimit();
     // Creates the reader and puts it into the slot. Returns null if the operation may not start; it is finished then.
     std::shared_ptr<EventCollector> makeReader() EXCLUDES(mutex_);
 
