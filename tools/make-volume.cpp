@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <ctime>
+#include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -156,12 +157,13 @@ void configure(SystemVolume& volume, const Options& options) {
     volume.writeConfiguration("myconfigurations.plist", {{"TimestampOfLastEvent", "0"},
                                                          {"LogLevel", options.logLevel},
                                                          {"AgentVersion", "1.0.0"},
-                                                         {"CommunicationType", 2}});
+                                                         {"CommunicationType", 2},
+                                                         {"DurableDelivery", true}});
     volume.writeConfiguration("schedules.plist", shippedSchedules());
 }
 
-// Writes records to the pipe at the given rate, until the count is reached or the process is ended. It continues when a
-// reader leaves.
+// Writes records to the open trail and then to the pipe, as the kernel does, at the given rate, until the count is
+// reached or the process is ended. It continues when a reader of the pipe leaves.
 void live(const Options& options) {
     const auto path = options.folder + "/volume/dev/auditpipe";
     // Also opened for reading, so that opening and writing succeed without another reader.
@@ -169,10 +171,15 @@ void live(const Options& options) {
     if (!pipe) {
         throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));
     }
+    std::ofstream trail(options.folder + "/volume/var/audit/current", std::ios::binary | std::ios::app);
+    if (!trail) {
+        throw std::runtime_error("the trail that is being written cannot be opened");
+    }
     LiveActivity activity(options.seed);
     const auto apart = std::chrono::nanoseconds(std::chrono::seconds(1)) / options.perSecond;
     for (std::uint32_t written = 0; !options.count || written < *options.count; ++written) {
         const auto bytes = activity.next(std::chrono::seconds(epochSeconds(std::chrono::system_clock::now()))).bytes();
+        trail.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())).flush();
         if (::write(pipe.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
             throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));
         }

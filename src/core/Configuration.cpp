@@ -73,6 +73,7 @@ ServerSettings ServerSettings::from(const Dictionary& serverInfo) {
 AgentSettings AgentSettings::from(const Dictionary& mine) {
     AgentSettings settings;
     settings.logLevel = mine[GlobalConstants::LOG_LEVEL].intValue();
+    settings.durableDelivery = mine[GlobalConstants::DURABLE_DELIVERY].boolValue();
     const auto& version = mine[GlobalConstants::AGENT_VERSION];
     settings.agentVersion = version.isNull() ? Text() : Text(version.description());
     return settings;

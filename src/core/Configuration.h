@@ -66,6 +66,8 @@ struct AgentSettings {
     using Text = std::optional<std::string>;
 
     std::int64_t logLevel = 0;
+    // Whether the next start of the agent stores every event durably; see docs/reliability.md.
+    bool durableDelivery = false;
     Text agentVersion;
     // The identity that the server assigned to the agent, in plain text.
     Text agentUUID;

@@ -289,6 +289,11 @@ class Check {
         };
         checkNumber(GlobalConstants::TIMESTAMP_LE, ", and every trail is read from its beginning");
         checkNumber(GlobalConstants::LOG_LEVEL, ", so only errors are logged");
+        const auto& durable = mine[GlobalConstants::DURABLE_DELIVERY];
+        if (!durable.isNull() && !durable.isNumber() && !durable.string()) {
+            add(GlobalConstants::MY_CONFIGURATIONS_FILE, std::string(GlobalConstants::DURABLE_DELIVERY),
+                wrong(durable, "is neither true nor false"), "events are not stored durably");
+        }
     }
 
     void checkSchedules() {

@@ -23,6 +23,7 @@ class GlobalConstants {
     static constexpr std::string_view REALTIME = "IsRealTime";
     static constexpr std::string_view TIMESTAMP_LE = "TimestampOfLastEvent";
     static constexpr std::string_view LOG_LEVEL = "LogLevel";
+    static constexpr std::string_view DURABLE_DELIVERY = "DurableDelivery";
     static constexpr std::string_view EVENTS_TO_READ = "EventsToRead";
     static constexpr std::string_view IS_ENABLED = "isEnabled";
     static constexpr std::string_view FETCH_INTERVAL = "FetchInterval";

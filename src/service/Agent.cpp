@@ -5,9 +5,11 @@
 #include "collection/EventCollectorRealtime.h"
 #include "collection/EventSelection.h"
 #include "collection/currentLoginUtility.h"
+#include "core/FileUtils.h"
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
 #include "core/Utilities.h"
+#include "forwarding/DurableForwarder.h"
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/SecurityUtil.h"
@@ -16,6 +18,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 namespace sentrova {
@@ -23,6 +26,9 @@ namespace sentrova {
 namespace {
 
 constexpr LogSource kLog("AgentServiceHandler");
+
+// In the durable mode.
+constexpr std::chrono::minutes kTimeStoredEach{5};
 
 constexpr std::string_view kBanner =
     "**************************************************************************************";
@@ -79,6 +85,7 @@ Agent::Agent(const platform::Host& host, TaskRegistry::Classes tasks)
                                  .notifications = *notifications_}),
       loginHistory_(*configuration_, host.files, host.clock),
       lastRead_(*configuration_, host.files, *notifications_),
+      timeStored_(host.clock.monotonicTime()),
       background_(host.clock, *notifications_),
       tasks_(background_),
       registry_(std::move(tasks)),
@@ -93,10 +100,19 @@ Agent::~Agent() {
 
 void Agent::endThreads() {
     wakes_.reset();
+    if (durableCollection_) {
+        (*durableCollection_)->end();
+    }
     mainQueue_->close();
     tasks_.close();
     background_.close();
     console_->end();
+    if (durableCollection_) {
+        (*durableCollection_)->close();
+    }
+    if (durableSpool_) {
+        (*durableSpool_)->close();
+    }
     spool_->close();
     loginHistory_->close();
     logFiles_.close();
@@ -116,6 +132,8 @@ bool Agent::initialize() {
     report_->check();
     configuration_->load();
     prepareFolders();
+    // Before the sync, whose answer may start a collection.
+    openDurableMode();
     // Before the sync, which may take forever. An administrator who installs the agent reads the log earlier.
     AuditCheck::logState();
     ServerCommunicator().syncAndApply();
@@ -137,8 +155,52 @@ void Agent::prepareFolders() {
     }
 }
 
+// The mode is chosen once a start. After it was switched off, what it left is read and delivered, and the mode ends.
+void Agent::openDurableMode() {
+    const auto settings = configuration_->snapshot();
+    if (settings->durableDelivery) {
+        FileUtils::createFolder(settings->eventDataPath);
+    }
+    const auto mode = settings->durableDelivery ? DurableSpool::Mode::on : DurableSpool::Mode::ending;
+    durableSpool_.emplace(DurableSpool::Surroundings{.configuration = *configuration_,
+                                                     .files = host_.files,
+                                                     .clock = host_.clock,
+                                                     .dates = *dates_,
+                                                     .cryptography = host_.cryptography},
+                          durableHooks());
+    const auto stored = std::max<std::int64_t>(settings->timeStampOfLastEvent.integerValue(), 0);
+    if (!(*durableSpool_)->open(mode, static_cast<std::uint64_t>(stored))) {
+        durableSpool_.reset();
+        return;
+    }
+    durableCollection_.emplace(**durableSpool_, *configuration_, host_.files, host_.clock, host_.cryptography);
+}
+
+DurableSpool::Hooks Agent::durableHooks() {
+    DurableSpool::Hooks hooks;
+    hooks.beforeWrite = [this] { loginHistory_->flush(); };
+    hooks.flushed = [this](std::uint64_t newest) {
+        lastRead_->begin();
+        lastRead_->admit(newest, true);
+        // The position is exact; this time only serves a start without the mode.
+        const auto now = host_.clock.monotonicTime();
+        if (now - timeStored_ >= kTimeStoredEach) {
+            timeStored_ = now;
+            lastRead_->store();
+        }
+    };
+    hooks.wentBack = [] {
+        if (auto* const collection = Current<DurableCollection>::orNull()) {
+            collection->passSoon();
+        }
+    };
+    return hooks;
+}
+
 void Agent::openParts() {
-    EventQueueGCD::init();
+    if (!durableSpool_ || (*durableSpool_)->mode() != DurableSpool::Mode::on) {
+        EventQueueGCD::init();
+    }
     currentLoginUtility::init();
 }
 
@@ -161,7 +223,7 @@ void Agent::run() {
     logger_->rotateLog();
 
     mainQueue_->add(named(ScheduleHandler::init(), "ScheduleHandler"));
-    mainQueue_->add(named(EventForwarder::init(), "EventForwarder"));
+    addForwarders();
     kLog.debug("Calling first schedule");
     const auto batch = named(std::make_shared<EventCollectionSchedule>(), EventCollectionSchedule::kOperationName);
     mainQueue_->add(batch);
@@ -172,6 +234,16 @@ void Agent::run() {
     mainQueue->waitToFinish();
 }
 
+void Agent::addForwarders() {
+    if (durableSpool_) {
+        mainQueue_->add(named(DurableForwarder::make(**durableSpool_, *transport_, host_.clock, host_.cryptography),
+                              "DurableForwarder"));
+    }
+    if (!durableSpool_ || (*durableSpool_)->mode() != DurableSpool::Mode::on) {
+        mainQueue_->add(named(EventForwarder::init(), "EventForwarder"));
+    }
+}
+
 void Agent::stop() {
     mainQueue_->stop();
 }
@@ -179,6 +251,14 @@ void Agent::stop() {
 void Agent::end() {
     if (const auto events = spool_->lengthAtEnd(); events > 0) {
         kLog.error("{} events in memory were not delivered; this stop discards them", events);
+    }
+    // A stop may come during the start, on another thread.
+    if (auto* const collection = Current<DurableCollection>::orNull()) {
+        collection->end();
+    }
+    if (auto* const spool = Current<DurableSpool>::orNull()) {
+        spool->close();
+        lastRead_->store();
     }
     // A recent addition may still wait for its write.
     loginHistory_->flush();

@@ -10,6 +10,7 @@
 
 #include "collection/Collections.h"
 #include "collection/ConsoleWatch.h"
+#include "collection/DurableCollection.h"
 #include "collection/Identities.h"
 #include "collection/LastRead.h"
 #include "collection/LoginHistory.h"
@@ -18,6 +19,7 @@
 #include "core/LogFiles.h"
 #include "core/Logger.h"
 #include "core/PropertyListHandler.h"
+#include "forwarding/DurableSpool.h"
 #include "forwarding/Spool.h"
 #include "forwarding/Transport.h"
 #include "foundation/run/BackgroundActivity.h"
@@ -69,6 +71,9 @@ class Agent {
         void report(std::string_view where, std::string_view what) override;
     };
 
+    void openDurableMode();
+    DurableSpool::Hooks durableHooks();
+    void addForwarders();
     void openParts();
     void prepareFolders();
 
@@ -107,6 +112,12 @@ class Agent {
     Published<BatchCollection> batch_;
     Published<RealtimeCollection> realtime_;
     Published<ConsoleWatch> console_;
+
+    // The durable mode. Absent while the mode is off and has left nothing.
+    std::optional<Published<DurableSpool>> durableSpool_;
+    std::optional<Published<DurableCollection>> durableCollection_;
+    // Used only on the journal's queue: when the time of the last event was last stored.
+    Clock::Monotonic timeStored_;
 
     // What runs.
     BackgroundQueue background_;

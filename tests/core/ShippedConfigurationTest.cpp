@@ -21,7 +21,7 @@ class ShippedConfigurationTest : public ::testing::Test, protected AgentFixture 
 TEST_F(ShippedConfigurationTest, ExampleFilesAreReadAsIntended) {
     // The fixture has all keys that the agent knows.
     const std::tuple<const char*, Dictionary, std::size_t> files[] = {{"Serverinfo.plist", serverInfo, 15},
-                                                                      {"myconfigurations.plist", myConfigurations, 4}};
+                                                                      {"myconfigurations.plist", myConfigurations, 5}};
     for (const auto& [name, known, count] : files) {
         const auto example = packaged(std::string("conf/") + name);
         const auto list = PropertyListHandler::initWithFile(example);

@@ -18,8 +18,11 @@ AgentFixture::AgentFixture() : formerFolder_(std::filesystem::current_path()) {
         "FetchInterval": 3600, "SyncTime": 900, "EventsToRead": "AUE_auth_user,AUE_sudo,AUE_login,AUE_logout,AUE_telnet,)"
                               R"(AUE_rshd,AUE_su,AUE_ssh,AUE_openssh,AUE_lw_login,AUE_lw_logout,AUE_ssauthint"})")
                       ->dictionary();
-    myConfigurations = {
-        {"TimestampOfLastEvent", "0"}, {"LogLevel", 2}, {"AgentVersion", "1.0.0"}, {"CommunicationType", 1}};
+    myConfigurations = {{"TimestampOfLastEvent", "0"},
+                        {"LogLevel", 2},
+                        {"AgentVersion", "1.0.0"},
+                        {"CommunicationType", 1},
+                        {"DurableDelivery", false}};
     const auto task = [](const char* name, const char* className, const char* selector) {
         return Dictionary{{"TaskName", name},       {"IntervalSeconds", 3600}, {"Repeat", true},
                           {"TaskStatus", "Enable"}, {"className", className},  {"selector", selector}};

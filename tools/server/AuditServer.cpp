@@ -128,6 +128,13 @@ void AuditServer::release() {
     changed_.notifyAll();
 }
 
+void AuditServer::clearFailures() {
+    MutexLock lock(mutex_);
+    failures_.clear();
+    ++releases_;
+    changed_.notifyAll();
+}
+
 void AuditServer::reset() {
     MutexLock lock(mutex_);
     failures_.clear();

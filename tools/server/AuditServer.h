@@ -95,6 +95,8 @@ class AuditServer {
     void fail(Failure failure) EXCLUDES(mutex_);
     // Answers the held requests that have arrived so far.
     void release() EXCLUDES(mutex_);
+    // Ends the failures, and answers the held requests.
+    void clearFailures() EXCLUDES(mutex_);
     // Clears failures, requests, events, keys and the answer; releases held requests.
     void reset() EXCLUDES(mutex_);
 

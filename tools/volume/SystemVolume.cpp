@@ -138,6 +138,10 @@ void SystemVolume::addTrail(std::string_view name, std::span<const std::uint8_t>
     }
 }
 
+void SystemVolume::linkCurrentTrail(const std::string& name) {
+    std::filesystem::create_symlink(name, auditFolder() / "current");
+}
+
 void SystemVolume::writeConfiguration(std::string_view name, const Dictionary& content) {
     writeFile(conf() / name, xml(content));
 }

@@ -62,6 +62,8 @@ class SystemVolume {
     void addDomainUser(std::string_view name, std::uint32_t uid, std::string_view sid, std::string_view domain);
 
     void addTrail(std::string_view name, std::span<const std::uint8_t> bytes, std::chrono::seconds modifiedSinceEpoch);
+    // Creates the link `current` to the trail that the system is still writing.
+    void linkCurrentTrail(const std::string& name);
 
     // A property list in the configuration folder, by its full name.
     void writeConfiguration(std::string_view name, const Dictionary& content);

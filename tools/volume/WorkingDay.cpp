@@ -302,8 +302,8 @@ void WorkingDay::split() {
         const auto from = start_ + cuts[i];
         const auto to = start_ + cuts[i + 1];
         const bool open = i + 2 == cuts.size();
-        Trail trail{open ? "current" : stamp(from) + "." + stamp(to), {}};
-        const auto path = "/var/audit/" + stamp(from) + (open ? ".not_terminated" : "." + stamp(to));
+        Trail trail{stamp(from) + "." + (open ? "not_terminated" : stamp(to)), {}};
+        const auto path = "/var/audit/" + trail.name;
         trail.content.addFile(from, path);
         for (; next != records_.end() && next->first < to; ++next) {
             trail.content.add(next->second);
@@ -337,6 +337,7 @@ void WorkingDay::putOn(SystemVolume& volume) const {
     for (const auto& [name, content] : trails_) {
         volume.addTrail(name, content.bytes(), content.lastTime());
     }
+    volume.linkCurrentTrail(trails_.back().name);
 }
 
 }  // namespace sentrova::testing

@@ -32,7 +32,7 @@ class WorkingDay {
     // The day begins at `start` and lasts ten hours.
     WorkingDay(std::chrono::seconds startSinceEpoch, std::uint32_t seed);
 
-    // The closed trails in time order, followed by "current", which is still being written.
+    // The closed trails in time order, followed by the one that is still being written.
     const std::vector<Trail>& trails() const { return trails_; }
     // The number of records of collected types, and of all others.
     std::size_t logonRecords() const { return logonRecords_; }
