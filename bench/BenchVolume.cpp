@@ -3,10 +3,13 @@
 #include "support/RunningAgent.h"
 #include "volume/TrailRecord.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 
@@ -21,6 +24,7 @@ namespace {
 constexpr std::chrono::seconds kBegin{1'763'200'000};
 constexpr std::uint32_t kFirstOfEight = 4001;
 constexpr std::size_t kBlock = 200;
+constexpr const char* kOpenTrail = "20251115094640.not_terminated";
 
 testing::Subject person(std::size_t i) {
     const auto id = kFirstOfEight + static_cast<std::uint32_t>(i % 8);
@@ -120,7 +124,9 @@ Block makeBlock(BenchVolume::Selected selected, BenchVolume::Ids ids) {
 }  // namespace
 
 BenchVolume::BenchVolume(const Configuration& configuration)
-    : logLevel_(configuration.logLevel), volume_(testing::SystemVolume::TemporaryIn{configuration.folder}) {
+    : logLevel_(configuration.logLevel),
+      durable_(configuration.durable),
+      volume_(testing::SystemVolume::TemporaryIn{configuration.folder}) {
     auto serverInfo = testing::loopbackConfiguration(configuration.port);
     serverInfo.set("ServerFQDN", "127.0.0.1");
     serverInfo.set("NumberofEventsPerRequest", configuration.eventsPerRequest);
@@ -142,9 +148,11 @@ BenchVolume::BenchVolume(const Configuration& configuration)
 
 // The agent keeps its progress in this file. No event has been read yet.
 void BenchVolume::writeOwnConfiguration() {
-    volume_.writeConfiguration(
-        "myconfigurations.plist",
-        {{"TimestampOfLastEvent", "0"}, {"LogLevel", logLevel_}, {"AgentVersion", "1.0"}, {"CommunicationType", 1}});
+    volume_.writeConfiguration("myconfigurations.plist", {{"TimestampOfLastEvent", "0"},
+                                                          {"LogLevel", logLevel_},
+                                                          {"AgentVersion", "1.0"},
+                                                          {"CommunicationType", 1},
+                                                          {"DurableDelivery", durable_}});
 }
 
 std::filesystem::path BenchVolume::addTrail(std::string_view name, std::size_t records, Selected selected, Ids ids) {
@@ -195,6 +203,24 @@ void BenchVolume::leave() {
     if (entered_ == this) {
         entered_ = nullptr;
         agent_.reset();
+    }
+}
+
+LiveTrail::LiveTrail(const testing::SystemVolume& volume)
+    : trail_(volume.auditFolder() / kOpenTrail, std::ios::binary),
+      device_(::open(volume.auditPipe().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {
+    std::filesystem::create_symlink(kOpenTrail, volume.auditFolder() / "current");
+}
+
+void LiveTrail::writeSelected() {
+    const auto now =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch());
+    const auto bytes = selectedRecord(records_, person(records_)).at(now).bytes();
+    ++records_;
+    trail_.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    trail_.flush();
+    if (!trail_ || ::write(device_.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+        throw std::runtime_error("cannot write to the open trail and the audit device");
     }
 }
 

@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "foundation/files/FileDescriptor.h"
 #include "foundation/net/UrlSession.h"
 #include "platform/RealHost.h"
 #include "service/Agent.h"
@@ -9,6 +10,7 @@
 
 #include <cstddef>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,6 +27,7 @@ class BenchVolume {
         int eventsPerRequest = 500;
         int logLevel = 0;
         bool realtime = false;
+        bool durable = false;
         std::filesystem::path folder = std::filesystem::temp_directory_path();
     };
     explicit BenchVolume(const Configuration& configuration);
@@ -61,10 +64,26 @@ class BenchVolume {
     static inline BenchVolume* entered_ = nullptr;
 
     const int logLevel_;
+    const bool durable_;
     testing::SystemVolume volume_;
     platform::RealHost host_;
     UrlSession* session_ = nullptr;
     std::optional<Agent> agent_;
+};
+
+// The trail that the system is writing, and the audit device. The constructor begins the trail.
+class LiveTrail {
+  public:
+    explicit LiveTrail(const testing::SystemVolume& volume);
+
+    // Writes a record of the present second with a configured event type: like the kernel, first to the trail and then
+    // to the device. Throws std::runtime_error if the device is full.
+    void writeSelected();
+
+  private:
+    std::ofstream trail_;
+    FileDescriptor device_;
+    std::size_t records_ = 0;
 };
 
 // The event names that the configuration selects.

@@ -8,6 +8,7 @@
 #include "support/RunningAgent.h"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +16,7 @@
 #include <ctime>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -73,24 +75,38 @@ class Results {
     Json all_ = Json::array();
 };
 
-// Runs the agent on the volume until that many events have arrived and the spool is empty.
+// Waits until the spool holds no batch. The files of the durable mode begin with a dot and stay.
+bool waitForEmptySpool(const BenchVolume& volume) {
+    return testing::waitUntil(
+        [&] {
+            return std::ranges::all_of(fs::directory_iterator(volume.files().eventData()), [](const auto& file) {
+                return file.path().filename().native().starts_with('.');
+            });
+        },
+        kPatience);
+}
+
+// Runs the agent on the volume until that many events have arrived and the spool is empty. The time ends with the last
+// arrival: the durable mode deletes confirmed batches up to a second later, with its next flush.
 Json deliver(const LoopbackServer& server, const BenchVolume& volume, std::uint64_t events,
              const fs::path& program = testing::build::kAgent) {
     const auto before = server.arrived();
     const auto processorBefore = processorSecondsOfChildren();
     const auto begin = std::chrono::steady_clock::now();
     RunningAgent agent(program, volume.files());
-    const bool arrived = server.waitFor(before + events, kPatience) &&
-                         testing::waitUntil([&] { return fs::is_empty(volume.files().eventData()); }, kPatience);
+    const bool arrived = server.waitFor(before + events, kPatience);
     const auto wall = secondsSince(begin);
+    const bool emptied = waitForEmptySpool(volume);
+    const auto untilEmpty = secondsSince(begin) - wall;
     const auto peak = numberIn(procOf(agent) / "status", "VmHWM");
-    if (!arrived || agent.stop() != 0) {
+    if (!arrived || !emptied || agent.stop() != 0) {
         throw std::runtime_error(fmt::format("{} of {} events arrived: {}", server.arrived() - before, events,
                                              testing::logOf(volume.files(), "Config").substr(0, 4000)));
     }
     return {{"real_time", wall},
             {"cpu_time", processorSecondsOfChildren() - processorBefore},
             {"peak_kib", peak},
+            {"empty_after", untilEmpty},
             {"events", server.arrived() - before}};
 }
 
@@ -127,6 +143,22 @@ void runRecords(Results& results, const LoopbackServer& server, std::size_t larg
         volume.addTrail("1", records + kLastInMemory, BenchVolume::Selected::fiveInHundred,
                         BenchVolume::Ids::halfUnknown);
         results.add(fmt::format("unknown ids/{}", records), deliver(server, volume, spooled(records)));
+    }
+}
+
+// Both modes in turn, on trails that are already on the disk: a flush would otherwise wait for the trail's bytes too.
+void runDurable(Results& results, const LoopbackServer& server, std::size_t records, int repetitions) {
+    for (int i = 0; i < repetitions; ++i) {
+        for (const bool durable : {false, true}) {
+            BenchVolume volume({.port = server.port(), .durable = durable});
+            volume.addTrail("1", records + kLastInMemory, BenchVolume::Selected::fiveInHundred);
+            ::sync();
+            const auto run = deliver(server, volume, spooled(records));
+            if (fs::exists(volume.files().eventData() / ".journal") != durable) {
+                throw std::runtime_error("the agent ran in the wrong mode");
+            }
+            results.add(fmt::format("{}/{}", durable ? "durable" : "not durable", records), run);
+        }
     }
 }
 
@@ -234,29 +266,98 @@ Json callsOf(const fs::path& folder, std::int64_t lines) {
     return {{"opens", opens}, {"writes", writes}, {"closes", closes}, {"lines", lines}};
 }
 
+bool canTrace() {
+    if (std::system("strace -o /dev/null true 2>/dev/null") == 0) {  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+        return true;
+    }
+    fmt::print(stderr, "strace is not there or may not trace: calls are not counted\n");
+    return false;
+}
+
+// A program that runs the agent under strace. The calls of each thread go to a file in the folder.
+fs::path tracedAgent(const BenchVolume& volume, const fs::path& folder, std::string_view options) {
+    auto program = volume.files().root() / "traced-agent";
+    fs::create_directory(folder);
+    std::ofstream(program) << "#!/bin/sh\nexec strace -D -ff -q " << options << " -o '" << folder.string()
+                           << "/thread' '" << testing::build::kAgent << "'\n";
+    fs::permissions(program, fs::perms::owner_all);
+    return program;
+}
+
+// strace may still be writing after the agent has ended.
+bool waitForTrace(const fs::path& folder) {
+    return testing::waitUntil([&folder] {
+        return std::ranges::all_of(fs::directory_iterator(folder),
+                                   [](const auto& file) { return contentOf(file.path()).ends_with("+++\n"); });
+    });
+}
+
 void runTracedLog(Results& results, const LoopbackServer& server) {
-    if (std::system("strace -o /dev/null true 2>/dev/null") != 0) {  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
-        fmt::print(stderr, "strace is not there or may not trace: the log's calls are not counted\n");
+    if (!canTrace()) {
         return;
     }
     BenchVolume volume({.port = server.port(), .eventsPerRequest = 5, .logLevel = 2});
     volume.addTrail("1", 400, BenchVolume::Selected::fiveInHundred);
     const auto folder = volume.files().root() / "calls";
-    const auto program = volume.files().root() / "traced-agent";
-    fs::create_directory(folder);
-    std::ofstream(program) << "#!/bin/sh\nexec strace -D -ff -q -e trace=openat,write,close -o '" << folder.string()
-                           << "/thread' '" << testing::build::kAgent << "'\n";
-    fs::permissions(program, fs::perms::owner_all);
-    RunningAgent agent(program, volume.files());
+    RunningAgent agent(tracedAgent(volume, folder, "-e trace=openat,write,close"), volume.files());
     static_cast<void>(testing::waitForLog(volume.files(), "Config", "1 file read", kPatience));
     agent.stop();
-    // strace may still be writing after the agent has ended.
-    const bool complete = testing::waitUntil([&folder] {
-        return std::ranges::all_of(fs::directory_iterator(folder),
-                                   [](const auto& file) { return contentOf(file.path()).ends_with("+++\n"); });
-    });
+    const bool complete = waitForTrace(folder);
     const auto lines = linesLogged(volume);
     results.add("log calls", complete ? callsOf(folder, lines) : Json({{"lines", lines}}));
+}
+
+// The flushes between two times, in the files of strace: lines such as "1700000000.123456 fsync(7</a/file>) = 0".
+Json flushesOf(const fs::path& folder, double from, double to) {
+    std::int64_t flushes = 0;
+    std::int64_t ofJournal = 0;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        std::istringstream calls(contentOf(entry.path()));
+        for (std::string call; std::getline(calls, call);) {
+            const auto time = std::strtod(call.c_str(), nullptr);
+            if (call.find("sync(") != std::string::npos && time >= from && time < to) {
+                ++flushes;
+                ofJournal += call.find("/.journal>") != std::string::npos ? 1 : 0;
+            }
+        }
+    }
+    return {{"flushes", flushes}, {"of journal", ofJournal}};
+}
+
+double secondsOfDay() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+// Realtime collection in the durable mode, while the system writes ten events a second.
+void runFlushes(Results& results, const LoopbackServer& server, std::chrono::seconds time) {
+    constexpr auto kBetweenEvents = 100ms;
+    if (!canTrace()) {
+        return;
+    }
+    const BenchVolume volume({.port = server.port(), .realtime = true, .durable = true});
+    LiveTrail trail(volume.files());
+    const auto folder = volume.files().root() / "calls";
+    auto expected = server.arrived();
+    RunningAgent agent(tracedAgent(volume, folder, "-ttt -y -e trace=fsync,fdatasync,sync,syncfs"), volume.files());
+    // The first event shows that the start is over.
+    trail.writeSelected();
+    bool arrived = server.waitFor(++expected, kPatience) && waitForEmptySpool(volume);
+    const auto from = secondsOfDay();
+    const auto begin = std::chrono::steady_clock::now();
+    for (auto next = begin; next < begin + time; next += kBetweenEvents) {
+        std::this_thread::sleep_until(next);
+        trail.writeSelected();
+        ++expected;
+    }
+    std::this_thread::sleep_until(begin + time);
+    const auto to = secondsOfDay();
+    arrived = arrived && server.waitFor(expected, kPatience);
+    if (!arrived || agent.stop() != 0 || !waitForTrace(folder)) {
+        throw std::runtime_error("the events of the stream did not arrive");
+    }
+    Json run = {{"seconds", to - from}, {"events per second", 1s / kBetweenEvents}};
+    run.update(flushesOf(folder, from, to));
+    results.add("flushes", run);
 }
 
 std::map<std::string, std::int64_t> switchesByThread(const RunningAgent& agent) {
@@ -267,11 +368,20 @@ std::map<std::string, std::int64_t> switchesByThread(const RunningAgent& agent) 
     return switches;
 }
 
-// Runs the agent with an empty spool, realtime collection and the scheduled tasks of an installation.
-void runIdle(Results& results, const LoopbackServer& server, std::chrono::seconds time) {
-    BenchVolume volume({.port = server.port(), .realtime = true});
+// Runs the agent with an empty spool, realtime collection and the scheduled tasks of an installation. In the durable
+// mode the system has a trail open, and its one event has been delivered.
+void runIdle(Results& results, const LoopbackServer& server, std::chrono::seconds time, bool durable) {
+    const BenchVolume volume({.port = server.port(), .realtime = true, .durable = durable});
     fs::copy_file(testing::build::kShippedSchedules, volume.files().conf() / "schedules.plist");
+    std::optional<LiveTrail> trail;
+    const auto expected = server.arrived() + 1;
+    if (durable) {
+        trail.emplace(volume.files()).writeSelected();
+    }
     RunningAgent agent(testing::build::kAgent, volume.files());
+    if (durable && !(server.waitFor(expected, kPatience) && waitForEmptySpool(volume))) {
+        throw std::runtime_error("the event of the open trail did not arrive");
+    }
     // Half a minute after the start, the spool stores the time of the last event, once.
     std::this_thread::sleep_for(time < 60s ? 3s : 35s);
     const auto before = switchesByThread(agent);
@@ -293,7 +403,7 @@ void runIdle(Results& results, const LoopbackServer& server, std::chrono::second
         }
     }
     agent.stop();
-    results.add("idle", run);
+    results.add(durable ? "idle, durable" : "idle", run);
 }
 
 struct Sizes {
@@ -303,11 +413,12 @@ struct Sizes {
     std::size_t waitingFiles;
     std::chrono::seconds outage;
     std::size_t loggedRecords;
+    std::chrono::seconds stream;
     std::chrono::seconds idle;
 };
-const std::map<std::string, Sizes> kSizes = {{"full", {10'000'000, 3, 100'000, 100'000, 60s, 1'000'000, 60s}},
-                                             {"quick", {1'000'000, 3, 10'000, 100'000, 30s, 1'000'000, 10s}},
-                                             {"smoke", {100'000, 1, 10, 100, 1s, 20'000, 1s}}};
+const std::map<std::string, Sizes> kSizes = {{"full", {10'000'000, 3, 100'000, 100'000, 60s, 1'000'000, 60s, 60s}},
+                                             {"quick", {1'000'000, 3, 10'000, 100'000, 30s, 1'000'000, 20s, 10s}},
+                                             {"smoke", {100'000, 1, 10, 100, 1s, 20'000, 1s, 1s}}};
 
 void run(const Sizes& sizes, const std::string& file, const std::vector<std::string>& parts) {
     const LoopbackServer server(LoopbackServer::Kind::audit);
@@ -316,6 +427,8 @@ void run(const Sizes& sizes, const std::string& file, const std::vector<std::str
     for (const auto& part : parts) {
         if (part == "records") {
             runRecords(results, server, sizes.records, sizes.repetitions);
+        } else if (part == "durable") {
+            runDurable(results, server, std::min<std::size_t>(sizes.records, 1'000'000), sizes.repetitions);
         } else if (part == "spool") {
             runSpool(results, server, sizes.spoolFiles);
         } else if (part == "outage") {
@@ -323,8 +436,11 @@ void run(const Sizes& sizes, const std::string& file, const std::vector<std::str
         } else if (part == "log") {
             runLogLevels(results, server, sizes.loggedRecords);
             runTracedLog(results, server);
+        } else if (part == "flushes") {
+            runFlushes(results, server, sizes.stream);
         } else if (part == "idle") {
-            runIdle(results, server, sizes.idle);
+            runIdle(results, server, sizes.idle, false);
+            runIdle(results, server, sizes.idle, true);
         } else {
             throw std::runtime_error("no such measurement: " + part);
         }
@@ -339,7 +455,8 @@ int main(int argc, char** argv) {
     using namespace sentrova::bench;
     const std::vector<std::string> arguments(argv, argv + argc);
     if (arguments.size() < 4 || !kSizes.contains(arguments[1])) {
-        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE records|spool|outage|log|idle...\n", arguments[0]);
+        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE records|durable|spool|outage|log|flushes|idle...\n",
+                   arguments[0]);
         return 64;
     }
     try {

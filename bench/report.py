@@ -226,6 +226,39 @@ def memory_row(results: Results) -> Row | None:
                large <= 32 and abs(large - small) <= 0.1 * small)
 
 
+def durable_row(results: Results) -> Row | None:
+    plain = results.largest("not durable")
+    ours = results.largest("durable")
+    if not plain or not ours:
+        return None
+    ratio = ours.wall / plain.wall
+    return Row(f"durable mode: whole agent, {count(ours.size)} records, 5 in 100 selected, 500 events per batch",
+               f"without the mode, runs alternate: {times(plain)}", "at most 1.5x",
+               f"{times(ours)}: {ratio:.2f}x; the last batch leaves the disk {seconds(ours.counter('empty_after'))} "
+               "after its arrival", ratio <= 1.5)
+
+
+def durable_memory_row(results: Results) -> Row | None:
+    plain = results.largest("not durable")
+    ours = results.largest("durable")
+    if not plain or not ours:
+        return None
+    without, peak = (each.counter("peak_kib") / 1024 for each in (plain, ours))
+    return Row("durable mode: peak memory (VmHWM) in that run", f"without the mode: {without:.1f} MiB",
+               "at most 32 MiB", f"{peak:.1f} MiB", peak <= 32)
+
+
+def flush_row(results: Results) -> Row | None:
+    stream = results.largest("flushes")
+    if not stream:
+        return None
+    flushes, of_journal, time = (stream.counter(name) for name in ("flushes", "of journal", "seconds"))
+    return Row(f"durable mode: {stream.counter('events per second')} events per second over {time:.0f} s, "
+               "realtime collection on", "none", "at most 1 flush to the disk per second",
+               f"{flushes} flushes under strace, {of_journal} of them of the journal: {flushes / time:.2f} per second",
+               0 < flushes <= time)
+
+
 def outage_row(results: Results) -> Row | None:
     none = results.at("outage", 0)
     many = results.largest("outage")
@@ -240,7 +273,15 @@ def outage_row(results: Results) -> Row | None:
 
 
 def idle_row(results: Results) -> Row | None:
-    idle = results.largest("idle")
+    return idle_row_of(results, "idle", "")
+
+
+def durable_idle_row(results: Results) -> Row | None:
+    return idle_row_of(results, "idle, durable", "durable mode: ")
+
+
+def idle_row_of(results: Results, name: str, mode: str) -> Row | None:
+    idle = results.largest(name)
     if not idle:
         return None
     resident = idle.counter("rss_kib") / 1024
@@ -249,7 +290,7 @@ def idle_row(results: Results) -> Row | None:
     measured = [f"{resident:.1f} MiB resident, {share:.1f} MiB with shared pages divided among their users",
                 f"{wakeups:.0f} wake-ups of {idle.counter('threads'):.0f} threads",
                 *idle.counters.get("threads woken", [])]
-    return Row(f"idle over {idle.counter('seconds'):.0f} s, realtime collection on", "none",
+    return Row(f"{mode}idle over {idle.counter('seconds'):.0f} s, realtime collection on", "none",
                "at most 16 MiB; no wake-ups except for scheduled tasks", "; ".join(measured),
                resident <= 16 and wakeups <= 4)
 
@@ -272,8 +313,8 @@ def log_row(results: Results) -> Row | None:
                "cost stated; one open, one write, one close per line", measured, met)
 
 
-ROWS = (decode_row, spool_row, delivery_row, whole_agent_row, unknown_ids_row, memory_row, outage_row, idle_row,
-        log_row)
+ROWS = (decode_row, spool_row, delivery_row, whole_agent_row, unknown_ids_row, memory_row, durable_row,
+        durable_memory_row, flush_row, outage_row, idle_row, durable_idle_row, log_row)
 
 
 def target_table(results: Results) -> str:
