@@ -41,13 +41,14 @@ from 08:00 to 18:00, and DIR/agent, an installation. DIR must be empty or absent
   --scheme http|https     protocol of the audit server (default http)
   --events-per-request N  events per delivery (default 20)
   --realtime              collect from the audit pipe as well
+  --durable               switch the durable mode on
   --log-level N           0 errors, 1 information, 2 debugging (default 1)
   --seed N                seed of the random day (default 1)
   --help                  this text
   --version               the version
 
 With --live it writes records of current activity to the audit pipe of the existing volume in DIR, until it is
-stopped.
+stopped; with --durable to the open trail first.
 
   --per-second N          records per second (default 2)
   --count N               stop after that many records
@@ -59,6 +60,7 @@ struct Options {
     std::string scheme = "http";
     std::uint32_t eventsPerRequest = 20;
     bool realtime = false;
+    bool durable = false;
     std::uint32_t logLevel = 1;
     std::uint32_t seed = 1;
     bool live = false;
@@ -83,6 +85,8 @@ Options parse(Arguments arguments) {
             options.eventsPerRequest = arguments.numberOf(*argument, 1, 1000000);
         } else if (*argument == "--realtime") {
             options.realtime = true;
+        } else if (*argument == "--durable") {
+            options.durable = true;
         } else if (*argument == "--log-level") {
             options.logLevel = arguments.numberOf(*argument, 0, 2);
         } else if (*argument == "--seed") {
@@ -158,12 +162,13 @@ void configure(SystemVolume& volume, const Options& options) {
                                                          {"LogLevel", options.logLevel},
                                                          {"AgentVersion", "1.0.0"},
                                                          {"CommunicationType", 2},
-                                                         {"DurableDelivery", true}});
+                                                         {"DurableDelivery", options.durable}});
     volume.writeConfiguration("schedules.plist", shippedSchedules());
 }
 
-// Writes records to the open trail and then to the pipe, as the kernel does, at the given rate, until the count is
-// reached or the process is ended. It continues when a reader of the pipe leaves.
+// Writes records to the pipe at the given rate, until the count is reached or the process is ended. It continues when a
+// reader leaves. For the durable mode each record goes to the open trail first, as the kernel does it; without the mode
+// an agent that reads both would leave out records of one second.
 void live(const Options& options) {
     const auto path = options.folder + "/volume/dev/auditpipe";
     // Also opened for reading, so that opening and writing succeed without another reader.
@@ -171,15 +176,20 @@ void live(const Options& options) {
     if (!pipe) {
         throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));
     }
-    std::ofstream trail(options.folder + "/volume/var/audit/current", std::ios::binary | std::ios::app);
-    if (!trail) {
-        throw std::runtime_error("the trail that is being written cannot be opened");
+    std::ofstream trail;
+    if (options.durable) {
+        trail.open(options.folder + "/volume/var/audit/current", std::ios::binary | std::ios::app);
+        if (!trail) {
+            throw std::runtime_error("the trail that is being written cannot be opened");
+        }
     }
     LiveActivity activity(options.seed);
     const auto apart = std::chrono::nanoseconds(std::chrono::seconds(1)) / options.perSecond;
     for (std::uint32_t written = 0; !options.count || written < *options.count; ++written) {
         const auto bytes = activity.next(std::chrono::seconds(epochSeconds(std::chrono::system_clock::now()))).bytes();
-        trail.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())).flush();
+        if (options.durable) {
+            trail.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes)).flush();
+        }
         if (::write(pipe.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
             throw std::runtime_error(fmt::format("{}: {}", path, std::generic_category().message(errno)));
         }
