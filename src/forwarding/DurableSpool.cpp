@@ -177,8 +177,14 @@ void DurableSpool::adoptFiles() {
     }
     MutexLock lock(mutex_);
     for (const auto& name : *names) {
-        if (name.starts_with(SpoolFileNames::kPrefix) && !writer_.state().ended().contains(name) &&
-            batches_.try_emplace(name, Batch{.phase = Phase::waiting}).second) {
+        if (!name.starts_with(SpoolFileNames::kPrefix)) {
+            continue;
+        }
+        if (!isValidUtf8(name)) {
+            // The journal could not name it.
+            kLog.error("The file {} is not sent: its name is not UTF-8", excerpt(path(name)));
+        } else if (!writer_.state().ended().contains(name) &&
+                   batches_.try_emplace(name, Batch{.phase = Phase::waiting}).second) {
             ready_.insert(name);
         }
     }
@@ -603,10 +609,10 @@ void DurableSpool::succeeded() {
 
 std::optional<std::string> DurableSpool::firstReadyLocked() {
     const auto now = with_.clock.monotonicTime();
-    for (auto name = refused_.begin(); name != refused_.end();) {
+    for (auto name = held_.begin(); name != held_.end();) {
         if (batches_.at(*name).notBefore <= now) {
             ready_.insert(*name);
-            name = refused_.erase(name);
+            name = held_.erase(name);
         } else {
             ++name;
         }
@@ -706,7 +712,9 @@ void DurableSpool::adopt(const std::string& name) {
     batch.size = content->size();
     batch.digest = digestOf(*content, with_.cryptography);
     pending_.emplace_back(journal::BatchKnown{{.name = name, .events = 0, .size = batch.size, .digest = batch.digest}});
-    giveKeyLocked(name, batch);
+    if (!giveKeyLocked(name, batch)) {
+        startLocked(name, batch);
+    }
     requestLocked({});
 }
 
@@ -769,7 +777,7 @@ void DurableSpool::goBackLocked(const std::vector<TrailPosition>& from) {
 
 void DurableSpool::endLocked(const std::string& name, std::string keptAs, std::vector<journal::Entry>& with) {
     ready_.erase(name);
-    refused_.erase(name);
+    held_.erase(name);
     batches_.at(name).phase = Phase::ending;
     with.emplace_back(journal::BatchEnded{name, std::move(keptAs)});
     requestLocked(stalled_ ? Clock::Duration::zero() : kCommitAfter);
@@ -793,7 +801,7 @@ void DurableSpool::giveBack(const std::string& name) {
 
 void DurableSpool::holdLocked(const std::string& name, Batch& batch, Clock::Duration wait) {
     batch.notBefore = with_.clock.monotonicTime() + wait;
-    refused_.insert(name);
+    held_.insert(name);
     workLater(wait);
 }
 

@@ -247,9 +247,9 @@ class DurableSpool {
     std::set<TrailIdentity> openTrails_ GUARDED_BY(mutex_);
 
     std::map<std::string, Batch> batches_ GUARDED_BY(mutex_);
-    // The names of the waiting batches that may be sent, and of those that wait because the server refused them.
+    // The names of the waiting batches that may be sent, and of those that are held back for a while.
     std::set<std::string> ready_ GUARDED_BY(mutex_);
-    std::set<std::string> refused_ GUARDED_BY(mutex_);
+    std::set<std::string> held_ GUARDED_BY(mutex_);
     // The last `take` found nothing.
     bool isHungry_ GUARDED_BY(mutex_) = false;
     SpoolFileNames fileNames_ GUARDED_BY(mutex_);
