@@ -6,6 +6,7 @@ find_package(fmt 9 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
 find_package(utf8cpp 3.2 REQUIRED)
 find_package(FastFloat 3.5 REQUIRED)
+find_package(CLI11 2.1 REQUIRED)
 
 # The system's own libcurl has another TLS library behind it, with which nothing of docs/security.md was tested.
 if(APPLE AND CURL_LIBRARIES MATCHES "libcurl[.0-9]*\\.tbd")

@@ -1,0 +1,89 @@
+#include "control/Program.h"
+
+#include "control/Command.h"
+#include "control/InstallationFolder.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace sentrova::control {
+
+namespace {
+
+constexpr const char* kVersion = "sentrovactl " SENTROVA_VERSION;
+
+std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& /*program*/) {
+    std::vector<std::unique_ptr<Command>> commands;
+    return commands;
+}
+
+// --help and --version at every level.
+void addVersion(CLI::App& app) {
+    app.set_version_flag("--version", kVersion, "Print the version and exit");
+    app.set_help_flag("-h,--help", "Print this help and exit");
+    for (auto* const command : app.get_subcommands({})) {
+        addVersion(*command);
+    }
+}
+
+// The folder above the program's own, or the one that the arguments name.
+std::string rootOf(const std::string& named, const std::string& programFolder) {
+    const std::filesystem::path folder = named.empty() ? programFolder + "/.." : named;
+    return std::filesystem::absolute(folder).lexically_normal().string();
+}
+
+int runCommand(Command& command, Console& console, const InstallationFolder& installation) {
+    if (command.needsRoot() && ::geteuid() != 0) {
+        console.problem("only root may ask this of an installed agent; run it as root, with sudo");
+        return ExitStatus::kNoRights;
+    }
+    try {
+        const int status = command.run(console, installation);
+        return console.flush() ? status : std::max(status, ExitStatus::kFailed);
+    } catch (const std::exception& exception) {
+        console.problem(exception.what());
+        return ExitStatus::kFailed;
+    }
+}
+
+}  // namespace
+
+int runProgram(std::span<const char* const> arguments, const std::string& programFolder, Console& console) {
+    CLI::App app("Answers an administrator's questions about the audit agent on this Mac.", "sentrovactl");
+    std::string root;
+    app.add_option("--root", root, "The agent's installation (default: the folder above this program's)")
+        ->type_name("DIR");
+    app.require_subcommand(1);
+    const auto commands = commandsFor(app);
+    addVersion(app);
+    try {
+        // The parser takes its arguments from the end.
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
+        const auto chosen = std::ranges::find_if(commands, [](const auto& command) { return command->isChosen(); });
+        (*chosen)->checkArguments();
+        return runCommand(**chosen, console, InstallationFolder(rootOf(root, programFolder)));
+    } catch (const CLI::CallForHelp&) {
+        const CLI::App* asked = &app;
+        while (!asked->get_subcommands().empty()) {
+            asked = asked->get_subcommands().front();
+        }
+        console.print(asked->help());
+        return console.flush() ? ExitStatus::kDone : ExitStatus::kFailed;
+    } catch (const CLI::CallForVersion&) {
+        console.print(fmt::format("{}\n", kVersion));
+        return console.flush() ? ExitStatus::kDone : ExitStatus::kFailed;
+    } catch (const CLI::ParseError& error) {
+        console.problem(fmt::format("{}\nRun with --help for the usage.", error.what()));
+        return ExitStatus::kUsage;
+    }
+}
+
+}  // namespace sentrova::control
