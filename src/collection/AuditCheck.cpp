@@ -22,8 +22,9 @@ constexpr std::string_view kNoDevice =
 constexpr std::string_view kOff =
     R"(Auditing is off on this system, so no logon is recorded: see "Switch auditing on" in docs/macos.md)";
 
-// Why no records can arrive; nothing while the system audits.
-std::optional<std::string> obstacle() {
+}  // namespace
+
+std::optional<std::string> AuditCheck::obstacle() {
     const auto state = Current<platform::AuditCondition>::get().state();
     if (!state) {
         return fmt::format(R"(The state of auditing is unknown ({}): see "Troubleshoot" in docs/macos.md)",
@@ -39,8 +40,6 @@ std::optional<std::string> obstacle() {
     }
     return std::nullopt;
 }
-
-}  // namespace
 
 void AuditCheck::logState() {
     if (const auto text = obstacle()) {

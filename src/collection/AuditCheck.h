@@ -3,14 +3,19 @@
 
 #pragma once
 
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace sentrova {
 
-// Each call writes at most one line, at level 0. Safe from any thread.
+// Each call writes at most one line, at level 0; `obstacle` writes none. Safe from any thread.
 class AuditCheck {
   public:
     AuditCheck() = delete;
+
+    // Why no records can arrive, in words; nothing while the system audits.
+    static std::optional<std::string> obstacle();
 
     // Called at the start. Writes nothing while the system audits.
     static void logState();

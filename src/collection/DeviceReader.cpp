@@ -37,8 +37,13 @@ class DeviceReader::WatchedSource final : public bsm::ByteSource {
     DeviceReader& reader_;
 };
 
-DeviceReader::DeviceReader(const EventSelection& selection, Clock& clock, const Cryptography& cryptography)
-    : selection_(selection), clock_(clock), cryptography_(cryptography), backoff_(cryptography) {
+DeviceReader::DeviceReader(const EventSelection& selection, Clock& clock, const Cryptography& cryptography,
+                           Statistics& statistics)
+    : selection_(selection),
+      clock_(clock),
+      cryptography_(cryptography),
+      statistics_(statistics),
+      backoff_(cryptography) {
     thread_ = startThread([this] { run(); });
 }
 
@@ -124,7 +129,9 @@ void DeviceReader::readDevice() {
     note();
     if (source) {
         knownDrops_ = 0;
+        statistics_.setDeviceOpen(true);
         readRecords(*source);
+        statistics_.setDeviceOpen(false);
         MutexLock lock(state_->mutex);
         state_->source.reset();
     }
@@ -227,6 +234,7 @@ void DeviceReader::noteDrops(AuditSource& source) {
     // The device's count wraps.
     const auto more = static_cast<std::uint32_t>(*drops - std::exchange(knownDrops_, *drops));
     if (more > 0) {
+        statistics_.addDrops(more);
         MutexLock lock(state_->mutex);
         state_->drops += more;
         state_->hasNews = true;

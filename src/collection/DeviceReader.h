@@ -8,6 +8,7 @@
 #include "collection/AuditSource.h"
 #include "collection/EventSelection.h"
 #include "collection/bsm/RecordReader.h"
+#include "core/Statistics.h"
 #include "foundation/run/Backoff.h"
 #include "foundation/run/Clock.h"
 #include "foundation/run/Mutex.h"
@@ -38,9 +39,10 @@ class DeviceReader {
         Clock::Monotonic arrived;
     };
 
-    // Starts the thread. Only records of the selected types are queued. The clock and the
-    // cryptography must outlive the object.
-    DeviceReader(const EventSelection& selection, Clock& clock, const Cryptography& cryptography);
+    // Starts the thread. Only records of the selected types are queued. The clock, the cryptography and the statistics
+    // must outlive the object.
+    DeviceReader(const EventSelection& selection, Clock& clock, const Cryptography& cryptography,
+                 Statistics& statistics);
     ~DeviceReader() { end(); }
     DeviceReader(const DeviceReader&) = delete;
     DeviceReader& operator=(const DeviceReader&) = delete;
@@ -92,6 +94,7 @@ class DeviceReader {
     const EventSelection selection_;
     Clock& clock_;
     const Cryptography& cryptography_;
+    Statistics& statistics_;
     // Used by the thread alone.
     Backoff backoff_;
     // The fault that was logged last.

@@ -77,7 +77,8 @@ class DurableCollection::LiveTurn {
 
     bool isHeld() const { return isHeld_; }
     DeviceReader& openDevice(const EventSelection& selection) {
-        auto& device = device_.emplace(selection, collection_.clock_, collection_.cryptography_);
+        auto& device =
+            device_.emplace(selection, collection_.clock_, collection_.cryptography_, collection_.statistics_);
         setDevice(&device);
         return device;
     }
@@ -94,12 +95,13 @@ class DurableCollection::LiveTurn {
 };
 
 DurableCollection::DurableCollection(DurableSpool& spool, GlobalVariables& configuration, FileSystem& files,
-                                     Clock& clock, const Cryptography& cryptography)
+                                     Clock& clock, const Cryptography& cryptography, Statistics& statistics)
     : spool_(spool),
       configuration_(configuration),
       files_(files),
       clock_(clock),
       cryptography_(cryptography),
+      statistics_(statistics),
       folder_(files),
       passes_("com.kelvark.vantorix.trailqueue", clock) {
     limit_ = configuration.observe(GlobalVariables::kMaxEventDataSizeReached, [this](const KeyValueChange& change) {
@@ -143,7 +145,8 @@ bool DurableCollection::pass(const Cancelled& isCancelled) {
                                        .files = files_,
                                        .cryptography = cryptography_,
                                        .memory = memory_,
-                                       .recent = recent_},
+                                       .recent = recent_,
+                                       .statistics = statistics_},
                                       ends)
                                 .run();
 }
@@ -227,6 +230,8 @@ bool DurableCollection::acceptFromDevice(const DeviceReader::Record& record, con
         }
         digest = digestOf(digest, cryptography_);
     }
+    statistics_.addReading({.records = 1, .collected = events.size(), .excluded = maker.excluded()},
+                           static_cast<Statistics::Seconds>(time));
     return true;
 }
 

@@ -39,7 +39,7 @@ class DurableCollection {
 
     // All arguments must outlive the object.
     DurableCollection(DurableSpool& spool, GlobalVariables& configuration, FileSystem& files, Clock& clock,
-                      const Cryptography& cryptography);
+                      const Cryptography& cryptography, Statistics& statistics);
     ~DurableCollection() { close(); }
     DurableCollection(const DurableCollection&) = delete;
     DurableCollection& operator=(const DurableCollection&) = delete;
@@ -87,6 +87,7 @@ class DurableCollection {
     FileSystem& files_;
     Clock& clock_;
     const Cryptography& cryptography_;
+    Statistics& statistics_;
     TrailFolder folder_;
     std::atomic<bool> isClosed_ = false;
     // The records that passes read from the trails, for the device's copies.

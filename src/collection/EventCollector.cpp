@@ -29,8 +29,13 @@ EventCollector::EventCollector(const std::string& path, const std::optional<std:
     : ConcurrentOperationAbstract("EventCollector"),
       path_(path),
       eventsToRead_(eventsToRead),
-      events_([this](std::uint16_t type, std::uint64_t time) { return shouldProcessRecord(type, time); },
-              [](Dictionary event) { EventQueueGCD::enqueue(std::move(event)); }) {
+      events_(
+          [this](std::uint16_t type, std::uint64_t time) {
+              count_.noteTime(time);
+              return shouldProcessRecord(type, time);
+          },
+          [](Dictionary event) { EventQueueGCD::enqueue(std::move(event)); }),
+      count_(Current<Statistics>::get(), path == AuditSource::kPipe ? ReadingCount::kDevice : ReadingCount::kTrail) {
     kLog.debug("EventCollector Init called");
     Current<LastRead>::get().begin();
     auto source = initAuditFile(path);
@@ -132,6 +137,10 @@ void EventCollector::readEvents() {
 
 void EventCollector::readRecords(AuditSource& source) {
     bsm::RecordReader reader(source);
+    const bool isDevice = path_ == AuditSource::kPipe;
+    if (isDevice) {
+        Current<Statistics>::get().setDeviceOpen(true);
+    }
     try {
         while (canStart()) {
             const auto length = reader.au_read_rec();
@@ -145,11 +154,26 @@ void EventCollector::readRecords(AuditSource& source) {
             }
             ++records_;
             events_.read(reader.record());
+            count_.update({.records = records_, .collected = events_.events(), .excluded = events_.excluded()});
+            if (isDevice) {
+                noteDrops(source);
+            }
         }
     } catch (const std::exception& exception) {
         kLog.error("{}", exception.what());
     }
+    count_.publish();
+    if (isDevice) {
+        Current<Statistics>::get().setDeviceOpen(false);
+    }
     logEnd(reader, source);
+}
+
+void EventCollector::noteDrops(AuditSource& source) {
+    if (const auto drops = source.drops()) {
+        // The device's count wraps.
+        Current<Statistics>::get().addDrops(static_cast<std::uint32_t>(*drops - std::exchange(knownDrops_, *drops)));
+    }
 }
 
 void EventCollector::logEnd(const bsm::RecordReader& reader, const AuditSource& source) const {

@@ -9,6 +9,7 @@
 
 #include "collection/AuditSource.h"
 #include "collection/EventSelection.h"
+#include "collection/ReadingCount.h"
 #include "collection/RecordEvents.h"
 #include "collection/bsm/RecordReader.h"
 #include "foundation/run/Mutex.h"
@@ -53,6 +54,7 @@ class EventCollector final : public ConcurrentOperationAbstract {
     std::shared_ptr<AuditSource> auditFile() const EXCLUDES(mutex_);
     void readEvents();
     void readRecords(AuditSource& source);
+    void noteDrops(AuditSource& source);
     void logEnd(const bsm::RecordReader& reader, const AuditSource& source) const;
     void complete() EXCLUDES(mutex_);
 
@@ -61,6 +63,8 @@ class EventCollector final : public ConcurrentOperationAbstract {
     // Used only by the reading thread.
     RecordEvents events_;
     std::uint64_t records_ = 0;
+    ReadingCount count_;
+    std::uint64_t knownDrops_ = 0;
 
     mutable Mutex mutex_;
     std::shared_ptr<AuditSource> auditFile_ GUARDED_BY(mutex_);

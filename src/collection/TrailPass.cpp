@@ -1,5 +1,6 @@
 #include "collection/TrailPass.h"
 
+#include "collection/ReadingCount.h"
 #include "collection/RecordEvents.h"
 #include "core/LogSource.h"
 #include "forwarding/RecordDigest.h"
@@ -258,9 +259,11 @@ bool TrailPass::readRecords(Reading& reading) {
     std::string digest;
     bool isMatched = false;
     std::vector<Dictionary> events;
+    ReadingCount count(with_.statistics, ReadingCount::kTrail);
     RecordEvents maker(
         [&](std::uint16_t type, std::uint64_t seconds) {
             position.time = seconds;
+            count.noteTime(seconds);
             if (seconds < position.since || !selection_.contains(type)) {
                 return false;
             }
@@ -272,6 +275,7 @@ bool TrailPass::readRecords(Reading& reading) {
         },
         [&](Dictionary event) { events.push_back(std::move(event)); });
     while (!isCancelled_()) {
+        count.update({.records = reading.records, .collected = reading.collected, .excluded = maker.excluded()});
         const auto length = reader.au_read_rec();
         if (length < 0) {
             kProgress.info("{} ended: {} records read, {} events collected, {} excluded", reading.trail.path(),
@@ -311,6 +315,7 @@ bool TrailPass::readRecords(Reading& reading) {
 }
 
 bool TrailPass::accept(std::vector<Dictionary> events, Reading& reading) {
+    const auto accepted = events.size();
     std::optional<Dictionary> last;
     if (!events.empty()) {
         last = std::move(events.back());
@@ -327,6 +332,7 @@ bool TrailPass::accept(std::vector<Dictionary> events, Reading& reading) {
     }
     reading.accepted = reading.position;
     reading.unaccepted = 0;
+    reading.collected += accepted;
     return true;
 }
 

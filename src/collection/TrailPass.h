@@ -8,6 +8,7 @@
 #include "collection/TrailFolder.h"
 #include "collection/bsm/RecordReader.h"
 #include "core/GlobalVariables.h"
+#include "core/Statistics.h"
 #include "forwarding/DurableSpool.h"
 #include "forwarding/TrailPosition.h"
 #include "foundation/files/FileSystem.h"
@@ -54,6 +55,7 @@ class TrailPass {
         TrailMemory& memory;
         // Gets the selected records that were not matched with one of the device.
         RecentRecords& recent;
+        Statistics& statistics;
     };
 
     TrailPass(const Surroundings& surroundings, DurableSpool::Cancelled isCancelled);
@@ -74,6 +76,8 @@ class TrailPass {
         TrailPosition position;
         TrailPosition accepted;
         std::uint64_t records = 0;
+        // The events accepted.
+        std::uint64_t collected = 0;
         // The records behind the accepted position.
         std::uint64_t unaccepted = 0;
     };

@@ -2,6 +2,8 @@
 
 #include "control/Command.h"
 #include "control/InstallationFolder.h"
+#include "control/StatusCommand.h"
+#include "control/SyncCommand.h"
 
 #include <unistd.h>
 
@@ -20,8 +22,10 @@ namespace {
 
 constexpr const char* kVersion = "sentrovactl " SENTROVA_VERSION;
 
-std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& /*program*/) {
+std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(std::make_unique<StatusCommand>(program));
+    commands.push_back(std::make_unique<SyncCommand>(program));
     return commands;
 }
 

@@ -467,6 +467,21 @@ void DurableSpool::callWork() {
     callHook(onWork_);
 }
 
+DurableSpool::Overview DurableSpool::overview() {
+    Overview overview;
+    if (const auto file = with_.files.status(path(std::string(Journal::kJournalName)))) {
+        overview.journalBytes = file->size;
+    }
+    const MutexLock lock(mutex_);
+    for (const auto& [name, batch] : batches_) {
+        if (batch.refusals > 0 && batch.phase == Phase::waiting) {
+            ++overview.refused;
+            overview.nextAttempt = std::min(overview.nextAttempt.value_or(batch.notBefore), batch.notBefore);
+        }
+    }
+    return overview;
+}
+
 void DurableSpool::onWork(std::function<void()> function) {
     if (queue_.isCurrent()) {
         onWork_ = std::move(function);

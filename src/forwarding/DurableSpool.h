@@ -147,6 +147,15 @@ class DurableSpool {
     // The batch is too large for the server: two batches take its place. A single event counts as refused.
     void split(const std::string& name, std::int64_t status);
 
+    struct Overview {
+        // Absent if the file's size is unknown.
+        std::optional<std::uint64_t> journalBytes;
+        // The batches that the server has refused and that wait for another attempt, and the time of the next one.
+        std::uint64_t refused = 0;
+        std::optional<Clock::Monotonic> nextAttempt;
+    };
+    Overview overview() EXCLUDES(mutex_);
+
     // Sets the function that is called when `take` may have something. It runs on the journal's queue, without a lock.
     // An empty function ends the calls; a call in progress is waited for, unless it is on the calling thread.
     void onWork(std::function<void()> function);

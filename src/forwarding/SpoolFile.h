@@ -4,9 +4,20 @@
 
 #include "foundation/value/Result.h"
 
+#include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace sentrova::SpoolFile {
+
+// What a batch consists of.
+struct Content {
+    std::uint64_t events = 0;
+    // The time of the last event's record, in seconds since 1970.
+    std::optional<std::int64_t> newest;
+};
+// Fast for a batch that this agent has made; any other is parsed. A text that is no batch has no events.
+Content contentOf(std::string_view batch);
 
 // A cheap check: the server must not receive a text that cannot be a batch of the spool.
 bool looksLikeBatch(std::string_view content);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "core/GlobalVariables.h"
+#include "core/Statistics.h"
 #include "forwarding/AddressChoice.h"
 #include "foundation/net/UrlSession.h"
 #include "foundation/run/Observers.h"
@@ -17,12 +18,13 @@ namespace sentrova {
 // Safe from any thread.
 class Transport {
   public:
-    // Both arguments must outlive the object.
-    Transport(GlobalVariables& configuration, UrlSession& session)
-        : configuration_(configuration), session_(session), choice_(configuration) {}
+    // All arguments must outlive the object.
+    Transport(GlobalVariables& configuration, UrlSession& session, Statistics& statistics)
+        : configuration_(configuration), session_(session), statistics_(statistics), choice_(configuration) {}
 
     GlobalVariables& configuration() { return configuration_; }
     UrlSession& session() { return session_; }
+    Statistics& statistics() { return statistics_; }
     AddressChoice& addresses() { return choice_; }
 
     // Initially true, so that a first delivery is attempted.
@@ -39,6 +41,7 @@ class Transport {
 
     GlobalVariables& configuration_;
     UrlSession& session_;
+    Statistics& statistics_;
     AddressChoice choice_;
     std::atomic<bool> connected_ = true;
     Observers<Success> successes_;

@@ -2,7 +2,10 @@
 
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
+#include "forwarding/SpoolFile.h"
+#include "foundation/run/Clock.h"
 #include "foundation/run/Current.h"
+#include "foundation/run/Unhandled.h"
 #include "foundation/value/Text.h"
 
 #include <algorithm>
@@ -27,6 +30,58 @@ bool isHostName(const std::string& name) {
         return static_cast<unsigned char>(c) > ' ' && c != 0x7F &&
                std::string_view("/\\?#@%\"<>^`{|}").find(c) == std::string_view::npos;
     });
+}
+
+// The kind under which a failed request is counted.
+std::string_view kindOf(const std::optional<Error>& error) {
+    if (!error) {
+        return "http_status";
+    }
+    switch (static_cast<UrlErrorCode>(error->code)) {
+        case UrlErrorCode::timedOut:
+            return "timeout";
+        case UrlErrorCode::cannotFindHost:
+            return "resolve";
+        case UrlErrorCode::cannotConnectToHost:
+            return "connect";
+        case UrlErrorCode::secureConnectionFailed:
+            return "tls";
+        case UrlErrorCode::networkConnectionLost:
+            return "connection_lost";
+        case UrlErrorCode::badUrl:
+        case UrlErrorCode::unsupportedUrl:
+            return "address";
+        case UrlErrorCode::badServerResponse:
+        case UrlErrorCode::dataLengthExceedsMaximum:
+            return "answer";
+        case UrlErrorCode::unknown:
+            break;
+    }
+    return "other";
+}
+
+std::string describe(const std::string& address, const std::optional<UrlResponse>& response,
+                     const std::optional<Error>& error) {
+    return error ? fmt::format("{}: {}", address, error->description)
+                 : fmt::format("{}: answered with HTTP status {}", address, response ? response->statusCode : 0);
+}
+
+// Notes the outcome of a request. `events` is the batch of a delivery, and null for another message.
+void count(Statistics& statistics, const std::string& address, const std::string* events,
+           const std::optional<UrlResponse>& response, const std::optional<Error>& error) {
+    const auto now = Current<Clock>::get().epochSeconds();
+    if (events) {
+        statistics.deliveryEnded();
+    }
+    if (error || !response || response->statusCode != 200) {
+        statistics.requestFailed(kindOf(error), describe(address, response, error), address, !error && response, now);
+        return;
+    }
+    statistics.requestSucceeded(address, now);
+    if (events) {
+        const auto content = SpoolFile::contentOf(*events);
+        statistics.addDelivered(content.events, content.newest);
+    }
 }
 
 }  // namespace
@@ -94,7 +149,25 @@ bool TransportEngine::sendMessageToServer(MessageType type, const std::shared_pt
         if (!idempotencyKey.empty()) {
             request.setHeader("Idempotency-Key", idempotencyKey);
         }
-        transport_.session().uploadShared(request, body, std::move(andCompletionHandler));
+        const auto events = type == MessageType::eventDelivery ? andParameters : nullptr;
+        auto& statistics = transport_.statistics();
+        if (events) {
+            statistics.deliveryBegan();
+        }
+        try {
+            transport_.session().uploadShared(
+                request, body,
+                [&statistics, address = address(), events, completion = std::move(andCompletionHandler)](
+                    const auto& data, const auto& response, const auto& error) {
+                    runGuarded("TransportEngine", [&] { count(statistics, address, events.get(), response, error); });
+                    completion(data, response, error);
+                });
+        } catch (...) {
+            if (events) {
+                statistics.deliveryEnded();
+            }
+            throw;
+        }
         return true;
     } catch (const std::exception& exception) {
         kLog.error("{}", exception.what());
@@ -106,9 +179,11 @@ bool TransportEngine::sendMessageToServer(MessageType type, const std::shared_pt
 
 std::string TransportEngine::describeFailure(const std::optional<UrlResponse>& response,
                                              const std::optional<Error>& error) const {
-    const auto address = std::accumulate(urlComp_.begin(), urlComp_.end(), std::string());
-    return error ? fmt::format("{}: {}", address, error->description)
-                 : fmt::format("{}: answered with HTTP status {}", address, response ? response->statusCode : 0);
+    return describe(address(), response, error);
+}
+
+std::string TransportEngine::address() const {
+    return std::accumulate(urlComp_.begin(), urlComp_.end(), std::string());
 }
 
 }  // namespace sentrova

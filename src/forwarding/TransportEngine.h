@@ -53,6 +53,8 @@ class TransportEngine {
     const std::array<std::string, 6>& urlComp() const { return urlComp_; }
 
   private:
+    // scheme://host:port.
+    std::string address() const;
     void compose(const ServerAddress& address);
 
     Transport& transport_;

@@ -99,6 +99,30 @@ std::shared_ptr<BackgroundActivity> TaskList::activity(std::string_view name) {
     return found == tasks_.end() ? nullptr : found->second.activity;
 }
 
+std::map<std::string, Date, std::less<>> TaskList::nextRuns() {
+    std::map<std::string, std::shared_ptr<Timer>> dailies;
+    {
+        MutexLock lock(mutex_);
+        for (const auto& [name, task] : tasks_) {
+            if (task.daily) {
+                dailies.emplace(name, task.daily);
+            }
+        }
+    }
+    std::map<std::string, Date, std::less<>> dates;
+    for (const auto& [name, timer] : dailies) {
+        if (const auto date = timer->nextDate()) {
+            dates.emplace(name, *date);
+        }
+    }
+    for (const auto& [name, activity] : activities()) {
+        if (const auto date = activity->nextRun()) {
+            dates.emplace(name, *date);
+        }
+    }
+    return dates;
+}
+
 bool TaskList::beginRun(const std::string& name, const std::weak_ptr<Token>& token) {
     MutexLock lock(mutex_);
     while (running_.contains(name)) {

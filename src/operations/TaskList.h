@@ -57,6 +57,9 @@ class TaskList {
     // Null when the task has no background activity.
     std::shared_ptr<BackgroundActivity> activity(std::string_view name) EXCLUDES(mutex_);
 
+    // When each task runs next. Tasks without a further run, and those with a run under way, are left out.
+    std::map<std::string, Date, std::less<>> nextRuns() EXCLUDES(mutex_);
+
     // Held from reading the task list file until the tasks are started. Of two concurrent starts of a task, the one
     // that read the newer entry therefore comes last and wins.
     Mutex starting{LockRank::transaction};

@@ -76,7 +76,7 @@ Agent::Agent(const platform::Host& host, TaskRegistry::Classes tasks)
       report_(host.files, std::string(GlobalConstants::CONF_PATH), EventSelection::knownNames()),
       identities_(host.directory, host.clock),
       configuration_(host.files, *identities_, decrypted),
-      transport_(*configuration_, host.session),
+      transport_(*configuration_, host.session, *statistics_),
       spool_(Spool::Surroundings{.configuration = *configuration_,
                                  .transport = *transport_,
                                  .files = host.files,
@@ -92,6 +92,14 @@ Agent::Agent(const platform::Host& host, TaskRegistry::Classes tasks)
       schedule_(std::make_shared<ScheduleHandler>(tasks_, registry_, *configuration_, host.clock, *dates_)),
       scheduleHandler_(*schedule_),
       mainQueue_(host.clock),
+      syncs_(host.clock),
+      status_({.configuration = *configuration_,
+               .statistics = *statistics_,
+               .tasks = tasks_,
+               .syncs = *syncs_,
+               .files = host.files,
+               .clock = host.clock,
+               .auditCondition = host.auditCondition}),
       self_(*this) {}
 
 Agent::~Agent() {
@@ -132,12 +140,18 @@ bool Agent::initialize() {
     report_->check();
     configuration_->load();
     prepareFolders();
+    status_.begin(configuration_->logsPath());
     // Before the sync, whose answer may start a collection.
     openDurableMode();
     // Before the sync, which may take forever. An administrator who installs the agent reads the log earlier.
     AuditCheck::logState();
     ServerCommunicator().syncAndApply();
+    status_.enter(StatusFile::Phase::running);
     openParts();
+    isSynced_ = true;
+    if (syncs_->isAwaited()) {
+        beginSync();
+    }
     kLog.debug("AgentServiceHandler init Finished");
     return true;
 }
@@ -173,7 +187,8 @@ void Agent::openDurableMode() {
         durableSpool_.reset();
         return;
     }
-    durableCollection_.emplace(**durableSpool_, *configuration_, host_.files, host_.clock, host_.cryptography);
+    durableCollection_.emplace(**durableSpool_, *configuration_, host_.files, host_.clock, host_.cryptography,
+                               *statistics_);
 }
 
 DurableSpool::Hooks Agent::durableHooks() {
@@ -248,6 +263,23 @@ void Agent::stop() {
     mainQueue_->stop();
 }
 
+void Agent::syncNow() {
+    // Until the first sync is over, it serves each request.
+    if (syncs_->ask() && isSynced_) {
+        beginSync();
+    }
+}
+
+void Agent::beginSync() {
+    if (!mainQueue_->stopAsked()) {
+        background_.operations().addOperationWithBlock([] { ServerCommunicator().syncFromServer(); });
+    }
+}
+
+void Agent::writeStatus() {
+    status_.write();
+}
+
 void Agent::end() {
     if (const auto events = spool_->lengthAtEnd(); events > 0) {
         kLog.error("{} events in memory were not delivered; this stop discards them", events);
@@ -262,6 +294,8 @@ void Agent::end() {
     }
     // A recent addition may still wait for its write.
     loginHistory_->flush();
+    status_.enter(StatusFile::Phase::ended);
+    status_.write();
 }
 
 }  // namespace sentrova

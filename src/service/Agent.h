@@ -19,6 +19,7 @@
 #include "core/LogFiles.h"
 #include "core/Logger.h"
 #include "core/PropertyListHandler.h"
+#include "core/Statistics.h"
 #include "forwarding/DurableSpool.h"
 #include "forwarding/Spool.h"
 #include "forwarding/Transport.h"
@@ -34,7 +35,10 @@
 #include "platform/Host.h"
 #include "platform/WakeSource.h"
 #include "service/AgentLock.h"
+#include "service/StatusFile.h"
+#include "sync/SyncRounds.h"
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string_view>
@@ -59,6 +63,8 @@ class Agent {
     bool initialize();
     void run();
     void stop();
+    void syncNow();
+    void writeStatus();
     void end();
 
     // Ends the threads of all parts before any part is destroyed, because a thread may use any part.
@@ -76,6 +82,7 @@ class Agent {
     void addForwarders();
     void openParts();
     void prepareFolders();
+    void beginSync();
 
     // The host.
     const platform::Host host_;
@@ -103,6 +110,7 @@ class Agent {
     Published<GlobalVariables> configuration_;
 
     // Delivery.
+    Published<Statistics> statistics_;
     Published<Transport> transport_;
     Published<Spool> spool_;
 
@@ -126,6 +134,10 @@ class Agent {
     std::shared_ptr<ScheduleHandler> schedule_;
     const Current<ScheduleHandler>::Publication scheduleHandler_;
     Published<MainQueue> mainQueue_;
+    // Configuration syncs, and whether the first one has been applied.
+    Published<SyncRounds> syncs_;
+    std::atomic<bool> isSynced_ = false;
+    StatusFile status_;
     // Notifies the timers and the log when the machine has woken from sleep.
     std::unique_ptr<platform::WakeSource> wakes_;
 

@@ -17,6 +17,14 @@ void AgentServiceHandler::stop() {
     Current<Agent>::get().stop();
 }
 
+void AgentServiceHandler::syncNow() {
+    Current<Agent>::get().syncNow();
+}
+
+void AgentServiceHandler::writeStatus() {
+    Current<Agent>::get().writeStatus();
+}
+
 void AgentServiceHandler::end() {
     Current<Agent>::get().end();
 }

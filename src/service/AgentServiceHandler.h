@@ -27,6 +27,11 @@ class AgentServiceHandler {
     // be called from any thread, also before or during start.
     static void stop();
 
+    // Asks for a synchronisation of the configuration now. Ends the pause of one that is under way. Does not wait.
+    static void syncNow();
+    // Writes the status file. Does nothing before the installation is locked.
+    static void writeStatus();
+
     // The last step before the process ends, after stop or start: logs the number of discarded events, and writes the
     // login history.
     static void end();

@@ -22,6 +22,8 @@ bool isKnown(std::string_view argument) {
 
 }  // namespace
 
+const char* const kAgentVersion = SENTROVA_VERSION;
+
 CommandLineReply replyTo(std::span<const char* const> arguments) {
     const auto wrong = std::ranges::find_if_not(arguments, isKnown);
     if (wrong != arguments.end()) {

@@ -7,6 +7,9 @@
 
 namespace sentrova {
 
+// The agent's version, as --version tells it.
+extern const char* const kAgentVersion;
+
 struct CommandLineReply {
     // The exit status: 0, or 64 (sysexits' "usage error"). With 64 the text belongs on standard error.
     int status = 0;

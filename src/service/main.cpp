@@ -1,4 +1,4 @@
-// The entry point: answers command-line arguments, or sets up the termination by SIGTERM, initialises the service and
+// The entry point: answers command-line arguments, or sets up the handling of signals, initialises the service and
 // runs it.
 
 #include "core/ConfigurationError.h"
@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <exception>
 #include <span>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -99,10 +100,14 @@ int runService() {
 
 // The agent is never destroyed, because the process ends by _exit.
 [[noreturn]] void runAgent() {
-    const auto termination = platform::SignalSource::make(SIGTERM, terminate);
+    platform::SignalSource::Handlers handlers{{SIGTERM, terminate}, {SIGHUP, AgentServiceHandler::syncNow}};
+    for (const int signal : platform::statusSignals()) {
+        handlers.emplace(signal, AgentServiceHandler::writeStatus);
+    }
+    const auto signals = platform::SignalSource::make(std::move(handlers));
     platform::RealHost host;
     Agent agent(host.host());
-    termination->resume();
+    signals->resume();
     // The network thread's signal mask does not help if the kernel sends the signal to the process.
     setSignal(SIGPIPE, SIG_IGN);
     // If the process inherited it as ignored, the exit statuses of child processes would be lost.

@@ -10,10 +10,10 @@
 #include "foundation/formats/Json.h"
 #include "foundation/run/Current.h"
 #include "foundation/run/Mutex.h"
-#include "foundation/run/Sleep.h"
 #include "foundation/run/Unhandled.h"
 #include "operations/ScheduleHandler.h"
 #include "sync/StorableAnswer.h"
+#include "sync/SyncRounds.h"
 
 #include <array>
 #include <memory>
@@ -92,12 +92,12 @@ std::optional<Dictionary> parsedAnswer(const std::optional<Data>& data) {
     return std::move(answer.content);
 }
 
-// Stores the answer and applies its changes. An answer that cannot be stored is not applied: the next answer would be
-// compared with the old file, and all changes applied again.
-void apply(const PropertyListHandler& sent, Dictionary answer) {
+// Stores the answer and applies its changes. Returns false for an answer that cannot be stored and is therefore not
+// applied: the next answer would be compared with the old file, and all changes applied again.
+bool apply(const PropertyListHandler& sent, Dictionary answer) {
     if (!PropertyListHandler::replace(serverInfoFile(), answer)) {
         kLog.error("The server's answer could not be stored and is not applied; the next sync tries again");
-        return;
+        return false;
     }
     auto& configuration = GlobalVariables::getInstance();
     configuration.initialiseServerInfo();
@@ -119,6 +119,7 @@ void apply(const PropertyListHandler& sent, Dictionary answer) {
     }
     configuration.initialiseMyConfigurations();
     Current<ConfigurationReport>::get().check();
+    return true;
 }
 
 // Shared by the waiting call and the completions of its requests.
@@ -152,14 +153,14 @@ struct Exchange {
         return retry;
     }
 
-    // Returns true if the pause is due, and resets the count of failures then.
+    // Whether every address has failed, so that the pause is due.
     bool passIsOver() EXCLUDES(mutex) {
         MutexLock lock(mutex);
-        if (failures != kFailuresBeforePause) {
-            return false;
-        }
+        return failures == kFailuresBeforePause;
+    }
+    void beginPass() EXCLUDES(mutex) {
+        MutexLock lock(mutex);
         failures = 0;
-        return true;
     }
 };
 
@@ -182,12 +183,20 @@ bool isAnswered(Exchange& exchange, const std::optional<Data>& data, const std::
     return true;
 }
 
-void applyAnswer(const PropertyListHandler& sent, const std::optional<Data>& data) {
+SyncRounds::Outcome applyAnswer(const PropertyListHandler& sent, const std::optional<Data>& data) {
     auto answer = parsedAnswer(data);
     kTraffic.info("response={}", answer ? Secrets::masked(*answer) : Value());
-    if (answer && !answer->empty()) {
-        apply(sent, *std::move(answer));
-    }
+    const bool isApplied = answer && (answer->empty() || apply(sent, *std::move(answer)));
+    return isApplied ? SyncRounds::Outcome::applied : SyncRounds::Outcome::rejected;
+}
+
+// The end of the round that succeeded: tells those who asked for it.
+void endRound(const Exchange& exchange, SyncRounds::Outcome outcome) {
+    Current<SyncRounds>::get().end(
+        outcome, fmt::format("{}: {}", exchange.engine.baseURL(),
+                             outcome == SyncRounds::Outcome::applied
+                                 ? "the answer has been applied"
+                                 : "the answer was not applied; the reason is in the log of the category Config"));
 }
 
 // Runs on the session's delegate queue. Every path signals both semaphores, even after an exception. Otherwise the call
@@ -197,8 +206,11 @@ void completeExchange(Exchange& exchange, const std::optional<Data>& data, const
     bool answered = false;
     runGuarded("ServerCommunicator", [&] { answered = isAnswered(exchange, data, response, error); });
     if (answered) {
+        Current<SyncRounds>::get().beginApplying();
         exchange.succeed();
-        runGuarded("ServerCommunicator", [&] { applyAnswer(exchange.request, data); });
+        auto outcome = SyncRounds::Outcome::rejected;
+        runGuarded("ServerCommunicator", [&] { outcome = applyAnswer(exchange.request, data); });
+        runGuarded("ServerCommunicator", [&] { endRound(exchange, outcome); });
     } else {
         exchange.fail();
     }
@@ -208,7 +220,10 @@ void completeExchange(Exchange& exchange, const std::optional<Data>& data, const
 }  // namespace
 
 void ServerCommunicator::syncFromServer() {
-    sync(Until::answered);
+    auto& rounds = Current<SyncRounds>::get();
+    do {
+        sync(Until::answered);
+    } while (rounds.isAwaited());
 }
 
 void ServerCommunicator::syncAndApply() {
@@ -216,12 +231,19 @@ void ServerCommunicator::syncAndApply() {
 }
 
 void ServerCommunicator::sync(Until until) {
+    auto& rounds = Current<SyncRounds>::get();
+    const SyncRounds::Turn turn(rounds);
+    if (!turn.isHeld()) {
+        return;
+    }
     kLog.info("GlobalVariables going to sync data from server");
     const auto exchange = std::make_shared<Exchange>();
     for (;;) {
         if (exchange->passIsOver()) {
+            rounds.end(SyncRounds::Outcome::failed, "no address of the server has answered with success");
             kLog.info("Sleeping for 900 seconds");
-            sleepFor(Current<Clock>::get(), kPause);
+            rounds.pause(kPause);
+            exchange->beginPass();
         }
         setCommunicationType(exchange->request);
         kLog.info("GlobalVariables next url {}", exchange->engine.baseURL());

@@ -14,7 +14,8 @@ class ServerCommunicator {
 
     // Sends the agent's state to the server and returns when the server has answered with 200, however long that takes.
     // Each failure moves to the next address. After twelve failures in a row, the thread sleeps for 900 seconds. The
-    // changes may still be applied, on the session's delegate queue, after this returns.
+    // changes may still be applied, on the session's delegate queue, after this returns. A call while a sync is under
+    // way waits for the end of that sync and sends nothing.
     void syncFromServer();
     // The same for the start of the agent, but returns only when the changes have been applied: collection must begin
     // with the new configuration. Must not be called while there is a main queue, because a handler may wait for an

@@ -73,7 +73,7 @@ class DurableCollectionTest : public ::testing::Test, protected AgentFixture {
                        DurableSpool::Hooks{});
         ASSERT_TRUE(spool_->open(DurableSpool::Mode::on, reportedUpTo));
         collection_.emplace(*spool_, GlobalVariables::getInstance(), host().files, clock(),
-                            Current<Cryptography>::get());
+                            Current<Cryptography>::get(), Current<Statistics>::get());
     }
     void stop() {
         stopLive();

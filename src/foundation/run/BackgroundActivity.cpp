@@ -49,6 +49,11 @@ class BackgroundActivity::State : public std::enable_shared_from_this<State> {
         return false;
     }
 
+    std::optional<Date> nextRun() EXCLUDES(mutex_) {
+        const MutexLock lock(mutex_);
+        return phase_ == Phase::waiting ? std::optional(dueDate_) : std::nullopt;
+    }
+
     void schedule(std::function<void()> handler) EXCLUDES(mutex_) {
         auto observer = queue_.notifications().addObserver(Timer::kClockChangedNotification,
                                                            [weak = weak_from_this()](const auto&) {
@@ -219,6 +224,10 @@ bool BackgroundActivity::repeats() const {
 
 bool BackgroundActivity::hasFurtherRun() const {
     return state_->hasFurtherRun();
+}
+
+std::optional<Date> BackgroundActivity::nextRun() const {
+    return state_->nextRun();
 }
 
 void BackgroundActivity::schedule(std::function<void()> handler) {

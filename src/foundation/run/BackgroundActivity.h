@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace sentrova {
@@ -53,6 +54,8 @@ class BackgroundActivity {
     // Whether another run will begin. False before schedule, after invalidate, and, for an activity that does not
     // repeat, as soon as its run has begun.
     bool hasFurtherRun() const;
+    // When the next run is due. Absent if there is none, and while a run is queued or in progress.
+    std::optional<Date> nextRun() const;
 
     // Call it once. Does nothing after invalidate. The handler runs on a thread of the queue. When this function
     // throws, the activity is not scheduled.

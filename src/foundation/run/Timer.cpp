@@ -21,10 +21,26 @@ void Timer::run() {
     const auto clockChanges =
         notifications_.addObserver(kClockChangedNotification, [alarm = alarm_](const auto&) { alarm->ring(); });
     std::optional<Date> date = fireDate_;
-    while (date && waitUntil(*date)) {
+    for (;;) {
+        setAwaited(date);
+        const bool isDue = date && waitUntil(*date);
+        setAwaited(std::nullopt);
+        if (!isDue) {
+            return;
+        }
         function_();
         date = next_(*date, clock_.wallTime());
     }
+}
+
+std::optional<Date> Timer::nextDate() {
+    const MutexLock lock(mutex_);
+    return awaited_;
+}
+
+void Timer::setAwaited(std::optional<Date> date) {
+    const MutexLock lock(mutex_);
+    awaited_ = date;
 }
 
 bool Timer::waitUntil(Date date) {

@@ -32,6 +32,9 @@ class Timer {
     // Ends the timer. Safe from any thread and from the function itself. Does not wait for a running function.
     void invalidate() EXCLUDES(mutex_);
 
+    // The date that `run` waits for. Absent outside of run and during the function. Safe from any thread.
+    std::optional<Date> nextDate() EXCLUDES(mutex_);
+
   private:
     // Shared with the clock's callbacks, which may run after the timer is destroyed.
     struct Alarm {
@@ -45,6 +48,7 @@ class Timer {
     // Returns false if the timer is invalidated.
     bool waitUntil(Date date) EXCLUDES(mutex_);
     bool invalidated() EXCLUDES(mutex_);
+    void setAwaited(std::optional<Date> date) EXCLUDES(mutex_);
 
     Clock& clock_;
     NotificationCenter& notifications_;
@@ -55,6 +59,7 @@ class Timer {
 
     Mutex mutex_;
     bool invalidated_ GUARDED_BY(mutex_) = false;
+    std::optional<Date> awaited_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sentrova

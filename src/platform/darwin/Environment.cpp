@@ -1,11 +1,12 @@
 #include "platform/Environment.h"
 
 #include <crt_externs.h>
-#include <mach-o/dyld.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <system_error>
+
+#include <mach-o/dyld.h>
 
 namespace sentrova::platform {
 

@@ -27,18 +27,24 @@ bool KernelQueue::watch(std::uintptr_t what, std::int16_t filter, std::uint32_t 
     return change(what, filter, EV_ADD | EV_CLEAR, notes);
 }
 
-bool KernelQueue::wait() {
+std::optional<std::vector<std::uintptr_t>> KernelQueue::waitForEvents() {
     for (;;) {
         // Large enough for all watched events at once, so that an end is always among them.
-        std::array<struct kevent, 4> events{};
+        std::array<struct kevent, 8> events{};
         const int count = ::kevent(queue_.get(), nullptr, 0, events.data(), static_cast<int>(events.size()), nullptr);
         if (count < 0 && errno == EINTR) {
             continue;
         }
         const auto happened = std::span(events).first(static_cast<std::size_t>(std::max(count, 0)));
-        return !happened.empty() && std::ranges::none_of(happened, [](const struct kevent& event) {
+        const bool goesOn = !happened.empty() && std::ranges::none_of(happened, [](const struct kevent& event) {
             return event.filter == EVFILT_USER || (event.flags & EV_ERROR) != 0;
         });
+        if (!goesOn) {
+            return std::nullopt;
+        }
+        std::vector<std::uintptr_t> numbers(happened.size());
+        std::ranges::transform(happened, numbers.begin(), &kevent::ident);
+        return numbers;
     }
 }
 

@@ -5,6 +5,8 @@
 #include "foundation/files/FileDescriptor.h"
 
 #include <cstdint>
+#include <optional>
+#include <vector>
 
 namespace sentrova::platform {
 
@@ -20,7 +22,9 @@ class KernelQueue {
 
     // Blocks until a watched event has happened at least once since the previous call. Returns false once end() was
     // called, whatever else happened.
-    bool wait();
+    bool wait() { return waitForEvents().has_value(); }
+    // The same; returns what happened, by the numbers that `watch` was given. Nothing once end() was called.
+    std::optional<std::vector<std::uintptr_t>> waitForEvents();
 
     // Ends the current wait, or the next one if nobody waits. Safe from any thread.
     void end();

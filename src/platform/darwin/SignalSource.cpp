@@ -18,21 +18,25 @@ namespace {
 // Uses a kqueue, which also reports ignored signals. sigwait would not: the kernel drops ignored signals at once.
 class KernelQueueSource final : public SignalSource {
   public:
-    KernelQueueSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {
-        if (!*queue_ || !queue_->watch(static_cast<std::uintptr_t>(signal), EVFILT_SIGNAL, 0)) {
-            throw std::system_error(errno, std::generic_category(), "cannot listen to signals");
+    explicit KernelQueueSource(Handlers handlers) : handlers_(std::move(handlers)) {
+        for (const auto& [signal, handler] : handlers_) {
+            if (!*queue_ || !queue_->watch(static_cast<std::uintptr_t>(signal), EVFILT_SIGNAL, 0)) {
+                throw std::system_error(errno, std::generic_category(), "cannot listen to signals");
+            }
+            // Ignores the signal only after the kqueue watches it, so that no signal is lost in between.
+            struct sigaction ignore{};
+            ignore.sa_handler = SIG_IGN;
+            sigemptyset(&ignore.sa_mask);
+            ::sigaction(signal, &ignore, nullptr);
         }
-        // Ignores the signal only after the kqueue watches it, so that no signal is lost in between.
-        struct sigaction ignore{};
-        ignore.sa_handler = SIG_IGN;
-        sigemptyset(&ignore.sa_mask);
-        ::sigaction(signal, &ignore, nullptr);
     }
 
     void resume() override {
-        startThread([queue = queue_, handler = handler_] {
-            while (queue->wait()) {
-                runGuarded("SignalSource", handler);
+        startThread([queue = queue_, handlers = handlers_] {
+            while (const auto signals = queue->waitForEvents()) {
+                for (const auto signal : *signals) {
+                    runGuarded("SignalSource", handlers.at(static_cast<int>(signal)));
+                }
             }
         }).detach();
     }
@@ -40,13 +44,17 @@ class KernelQueueSource final : public SignalSource {
   private:
     // Shared with the detached thread.
     const std::shared_ptr<KernelQueue> queue_ = std::make_shared<KernelQueue>();
-    const std::function<void()> handler_;
+    const Handlers handlers_;
 };
 
 }  // namespace
 
-std::unique_ptr<SignalSource> SignalSource::make(int signal, std::function<void()> handler) {
-    return std::make_unique<KernelQueueSource>(signal, std::move(handler));
+std::unique_ptr<SignalSource> SignalSource::make(Handlers handlers) {
+    return std::make_unique<KernelQueueSource>(std::move(handlers));
+}
+
+std::vector<int> statusSignals() {
+    return {SIGUSR1, SIGINFO};
 }
 
 }  // namespace sentrova::platform

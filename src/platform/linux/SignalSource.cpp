@@ -11,36 +11,42 @@ namespace sentrova::platform {
 
 namespace {
 
-// The signal is blocked in all threads, and one thread waits for it. The process must not set the signal to be ignored:
-// the kernel would drop a signal that came before the thread waits.
+// The signals are blocked in all threads, and one thread waits for them. The process must not set a signal to be
+// ignored: the kernel would drop one that came before the thread waits.
 class WaitingSource final : public SignalSource {
   public:
-    WaitingSource(int signal, std::function<void()> handler) : handler_(std::move(handler)) {
+    explicit WaitingSource(Handlers handlers) : handlers_(std::move(handlers)) {
         sigemptyset(&signals_);
-        sigaddset(&signals_, signal);
+        for (const auto& [signal, handler] : handlers_) {
+            sigaddset(&signals_, signal);
+        }
         ::pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
     }
 
     void resume() override {
-        startThread([signals = signals_, handler = handler_] {
+        startThread([signals = signals_, handlers = handlers_] {
             for (;;) {
                 int signal = 0;
                 if (::sigwait(&signals, &signal) == 0) {
-                    runGuarded("SignalSource", handler);
+                    runGuarded("SignalSource", handlers.at(signal));
                 }
             }
         }).detach();
     }
 
   private:
-    const std::function<void()> handler_;
+    const Handlers handlers_;
     sigset_t signals_{};
 };
 
 }  // namespace
 
-std::unique_ptr<SignalSource> SignalSource::make(int signal, std::function<void()> handler) {
-    return std::make_unique<WaitingSource>(signal, std::move(handler));
+std::unique_ptr<SignalSource> SignalSource::make(Handlers handlers) {
+    return std::make_unique<WaitingSource>(std::move(handlers));
+}
+
+std::vector<int> statusSignals() {
+    return {SIGUSR1};
 }
 
 }  // namespace sentrova::platform

@@ -1,9 +1,9 @@
 #include "platform/posix/HostFileSystem.h"
 
 #include "platform/FileFacts.h"
+#include "platform/posix/FileLock.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -535,9 +535,8 @@ Result<FileDescriptor> HostFileSystem::lock(const std::string& path, std::string
     if (!S_ISREG(host.st_mode)) {
         return failure(EINVAL, "cannot lock", path);
     }
-    // Not an fcntl lock: closing any descriptor of the file would release that.
-    if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
-        return failure(errno, "cannot lock", path);
+    if (const int problem = lockFile(file.get()); problem != 0) {
+        return failure(problem, "cannot lock", path);
     }
     if (truncate(file.get(), 0) == 0) {
         writeWhole(file.get(), {reinterpret_cast<const std::uint8_t*>(content.data()), content.size()});

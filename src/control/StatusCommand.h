@@ -1,0 +1,24 @@
+// sentrovactl status: whether the agent is healthy, and what it has done.
+
+#pragma once
+
+#include "control/Command.h"
+
+namespace sentrova::control {
+
+class StatusCommand final : public Command {
+  public:
+    explicit StatusCommand(CLI::App& program);
+
+    bool needsRoot() const override { return true; }
+    int run(Console& console, const InstallationFolder& installation) override;
+
+    // What the command prints without options, for an archive of the installation's state.
+    static std::string textOf(const Console& console, const InstallationFolder& installation);
+
+  private:
+    bool asJson_ = false;
+    bool asMetrics_ = false;
+};
+
+}  // namespace sentrova::control
