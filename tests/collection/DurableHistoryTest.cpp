@@ -126,7 +126,8 @@ class Mac {
                                                   .cryptography = host.cryptography},
                        DurableSpool::Hooks{});
         spool_->open(mode, 0);
-        collection_.emplace(*spool_, GlobalVariables::getInstance(), disk_, host.clock, host.cryptography, Current<Statistics>::get());
+        collection_.emplace(*spool_, GlobalVariables::getInstance(), disk_, host.clock, host.cryptography,
+                            Current<Statistics>::get());
     }
     void end() {
         collection_.reset();
