@@ -8,6 +8,9 @@
 #include "foundation/value/Text.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <new>
 #include <utility>
 
 #include <fmt/format.h>
@@ -283,6 +286,7 @@ bool DurableSpool::accept(std::optional<Dictionary> event, const TrailPosition& 
             kLog.error("Invalid json {}", value);
         }
     }
+    const bool hasEvent = text.has_value();
     MutexLock lock(mutex_);
     const auto matched = std::exchange(matched_, {});
     const bool isBehind = wentBack_.contains(after.trail);
@@ -292,23 +296,49 @@ bool DurableSpool::accept(std::optional<Dictionary> event, const TrailPosition& 
         }
         return false;
     }
+    const auto pendingBefore = pending_.size();
+    const bool isJoining = text && !openTrails_.contains(after.trail);
+    try {
+        acceptLocked(std::move(text), after, matched);
+    } catch (...) {
+        // The record is not accepted, so nothing of it may stay.
+        pending_.erase(pending_.begin() + static_cast<std::ptrdiff_t>(pendingBefore), pending_.end());
+        if (isJoining) {
+            openTrails_.erase(after.trail);
+        }
+        for (const auto& digest : matched) {
+            ++deviceRecords_[digest];
+        }
+        throw;
+    }
+    newest_ = std::max(newest_, after.time);
+    if (hasEvent) {
+        countEventLocked();
+    }
+    requestLocked(kCommitAfter);
+    return true;
+}
+
+void DurableSpool::acceptLocked(std::optional<std::string> text, const TrailPosition& after,
+                                const std::vector<std::string>& matched) {
     for (const auto& digest : matched) {
         pending_.emplace_back(journal::DeviceRecordCounted{digest, -1, after.time});
     }
+    if (text && openTrails_.insert(after.trail).second) {
+        const auto before = positions_.find(after.trail);
+        auto position =
+            before == positions_.end() ? TrailPosition{.trail = after.trail, .name = after.name} : before->second;
+        pending_.emplace_back(journal::TrailJoined{withReadableName(std::move(position))});
+    }
+    auto position = withReadableName(after);
+    auto& present =
+        positions_.try_emplace(after.trail, TrailPosition{.trail = after.trail, .name = position.name}).first->second;
+    moved_.insert(after.trail);
     if (text) {
-        if (openTrails_.insert(after.trail).second) {
-            const auto before = positions_.find(after.trail);
-            auto position =
-                before == positions_.end() ? TrailPosition{.trail = after.trail, .name = after.name} : before->second;
-            pending_.emplace_back(journal::TrailJoined{withReadableName(std::move(position))});
-        }
         addEventLocked(*std::move(text), false);
     }
-    positions_.insert_or_assign(after.trail, withReadableName(after));
-    moved_.insert(after.trail);
-    newest_ = std::max(newest_, after.time);
-    requestLocked(kCommitAfter);
-    return true;
+    // Needs no memory: an event never comes without its position.
+    present = std::move(position);
 }
 
 bool DurableSpool::acceptFromDevice(Dictionary event, const std::string& digest, std::uint64_t time,
@@ -324,6 +354,7 @@ bool DurableSpool::acceptFromDevice(Dictionary event, const std::string& digest,
     }
     if (text) {
         addEventLocked(*std::move(text), true);
+        countEventLocked();
     }
     ++deviceRecords_[digest];
     pending_.emplace_back(journal::DeviceRecordCounted{digest, 1, time});
@@ -367,8 +398,12 @@ bool DurableSpool::commitNow() {
 }
 
 void DurableSpool::addEventLocked(std::string text, bool isFromDevice) {
-    pendingBytes_ += text.size() + kEventOverhead;
+    const auto size = text.size() + kEventOverhead;
     pending_.emplace_back(journal::EventAccepted{std::move(text), isFromDevice});
+    pendingBytes_ += size;
+}
+
+void DurableSpool::countEventLocked() {
     if (openCount_++ == 0) {
         openBegan_ = with_.clock.monotonicTime();
         workLater(kSealAfter);
@@ -383,9 +418,14 @@ void DurableSpool::addEventLocked(std::string text, bool isFromDevice) {
 void DurableSpool::sealLocked(bool isSentNext) {
     const auto name = freeNameLocked();
     auto& batch = batches_[name];
+    try {
+        pending_.emplace_back(journal::BatchSealed{.batch = {.name = name, .events = openCount_}, .body = {}});
+    } catch (...) {
+        batches_.erase(name);
+        throw;
+    }
     batch.events = std::exchange(openCount_, 0);
     openTrails_.clear();
-    pending_.emplace_back(journal::BatchSealed{.batch = {.name = name, .events = batch.events}, .body = {}});
     if (isSentNext) {
         giveKeyLocked(name, batch);
     }
@@ -396,11 +436,12 @@ bool DurableSpool::giveKeyLocked(const std::string& name, Batch& batch) {
     if (mode_ == Mode::ending || !batch.key.empty()) {
         return false;
     }
-    batch.key = newKey();
-    if (batch.key.empty()) {
+    auto key = newKey();
+    if (key.empty()) {
         return false;
     }
-    pending_.emplace_back(journal::KeyGiven{name, batch.key});
+    pending_.emplace_back(journal::KeyGiven{name, key});
+    batch.key = std::move(key);
     return true;
 }
 
@@ -429,10 +470,9 @@ void DurableSpool::requestLocked(Clock::Duration delay) {
         return;
     }
     if (delay == Clock::Duration::zero()) {
-        commitQueued_ = true;
         queue_.async([this] { commit(); });
+        commitQueued_ = true;
     } else if (!timerSet_) {
-        timerSet_ = true;
         queue_.after(delay, [this, timer = ++timer_] {
             MutexLock lock(mutex_);
             const bool isCurrent = timer == timer_;
@@ -441,11 +481,12 @@ void DurableSpool::requestLocked(Clock::Duration delay) {
                 commit();
             }
         });
+        timerSet_ = true;
     }
 }
 
 void DurableSpool::requestWriteLocked() {
-    if (!std::exchange(writeQueued_, true)) {
+    if (!writeQueued_) {
         queue_.async([this] {
             {
                 MutexLock lock(mutex_);
@@ -456,6 +497,7 @@ void DurableSpool::requestWriteLocked() {
                 failed(*error);
             }
         });
+        writeQueued_ = true;
     }
 }
 
@@ -493,6 +535,30 @@ void DurableSpool::onWork(std::function<void()> function) {
 // --- Commits, on the queue.
 
 bool DurableSpool::commit() {
+    std::optional<Error> error;
+    try {
+        error = tryCommit();
+    } catch (const std::bad_alloc&) {
+        error = posixError(ENOMEM);
+    } catch (const std::exception& exception) {
+        error = Error{.domain = kPosixErrorDomain, .code = EIO, .description = exception.what()};
+    }
+    if (error) {
+        failed(*error);
+    } else {
+        succeeded();
+    }
+    if (mode_ == Mode::ending && !error && isDrained()) {
+        const auto removed = writer_.remove();
+        if (!removed) {
+            kLog.error("The journal of the spool is not removed: {}", removed.error().description);
+        }
+    }
+    callWork();
+    return !error;
+}
+
+std::optional<Error> DurableSpool::tryCommit() {
     {
         MutexLock lock(mutex_);
         commitQueued_ = false;
@@ -500,70 +566,62 @@ bool DurableSpool::commit() {
         ++timer_;
     }
     const auto newest = handOver();
-    const auto effects = writer_.commit();
-    apply(effects);
-    if (effects.isComplete && newest > toldNewest_) {
+    writer_.commit(effects_);
+    const bool isComplete = effects_.isComplete;
+    auto error = effects_.error;
+    applyEffects();
+    if (isComplete && newest > toldNewest_) {
         toldNewest_ = newest;
         callHook(hooks_.flushed, newest);
     }
-    if (effects.error) {
-        failed(*effects.error);
-    } else {
-        succeeded();
-    }
-    if (mode_ == Mode::ending && isDrained()) {
-        const auto removed = writer_.remove();
-        if (!removed) {
-            kLog.error("The journal of the spool is not removed: {}", removed.error().description);
-        }
-    }
-    callWork();
-    return !effects.error;
+    return error;
 }
 
-// Hands everything that is pending to the writer. Returns the newest time of the records in it.
+// Hands everything that is pending to the writer. Returns the newest time of the records in it. Positions in memory
+// have moved past these entries, so an exception must not drop any: what it leaves is handed over the next time.
 std::uint64_t DurableSpool::handOver() {
-    std::vector<journal::Entry> entries;
-    std::vector<journal::Entry> ends;
+    writer_.add(handedOver_, handedOverEnds_);
     std::uint64_t newest = 0;
     {
         MutexLock lock(mutex_);
-        entries = std::exchange(pending_, {});
-        ends = std::exchange(pendingEnds_, {});
-        pendingBytes_ = 0;
-        for (const auto& trail : std::exchange(moved_, {})) {
-            entries.emplace_back(journal::PositionMoved{positions_.at(trail)});
+        for (const auto& trail : moved_) {
+            pending_.emplace_back(journal::PositionMoved{positions_.at(trail)});
         }
+        moved_.clear();
+        handedOver_.swap(pending_);
+        handedOverEnds_.swap(pendingEnds_);
+        pendingBytes_ = 0;
         newest = newest_;
         roomChanged_.notifyAll();
     }
-    if (!entries.empty()) {
+    if (!handedOver_.empty()) {
         callHook(hooks_.beforeWrite);
     }
-    writer_.add(std::move(entries), std::move(ends));
+    writer_.add(handedOver_, handedOverEnds_);
     return newest;
 }
 
-void DurableSpool::apply(const JournalWriter::Effects& effects) {
+// Each step may be repeated after an exception.
+void DurableSpool::applyEffects() {
     MutexLock lock(mutex_);
-    for (const auto& sealed : effects.sealed) {
+    for (const auto& sealed : effects_.sealed) {
         if (const auto batch = batches_.find(sealed.name); batch != batches_.end()) {
             batch->second.size = sealed.size;
             batch->second.digest = sealed.digest;
             startLocked(sealed.name, batch->second);
         }
     }
-    for (const auto& name : effects.keyed) {
+    for (const auto& name : effects_.keyed) {
         const auto batch = batches_.find(name);
         // A key of a batch whose file is not written yet comes into force with the file.
         if (batch != batches_.end() && !batch->second.digest.empty()) {
             startLocked(name, batch->second);
         }
     }
-    for (const auto& name : effects.gone) {
+    for (const auto& name : effects_.gone) {
         batches_.erase(name);
     }
-    for (const auto& name : effects.stuck) {
+    for (const auto& name : effects_.stuck) {
         if (const auto batch = batches_.find(name); batch != batches_.end()) {
             // Under the same key, so that the server recognises the repetition.
             pending_.emplace_back(journal::BatchKnown{{.name = name,
@@ -574,15 +632,16 @@ void DurableSpool::apply(const JournalWriter::Effects& effects) {
             requestLocked(kCommitAfter);
         }
     }
-    if (effects.madeRoom && stalled_) {
+    if (effects_.madeRoom && stalled_) {
         requestLocked({});
     }
+    effects_ = {};
 }
 
 void DurableSpool::startLocked(const std::string& name, Batch& batch) {
     if (batch.phase == Phase::preparing) {
-        batch.phase = Phase::waiting;
         ready_.insert(name);
+        batch.phase = Phase::waiting;
     }
 }
 
@@ -593,20 +652,19 @@ bool DurableSpool::isDrained() {
 }
 
 void DurableSpool::failed(const Error& error) {
-    {
-        MutexLock lock(mutex_);
-        if (!std::exchange(stalled_, true)) {
-            lock.unlock();
-            kLog.error("Events cannot be stored in {}; reading waits until the disk takes them: {}", folder_,
-                       error.description);
-        }
-    }
-    if (!std::exchange(retryQueued_, true)) {
+    if (!retryQueued_) {
         retryAfter_ = std::clamp<Clock::Duration>(2 * retryAfter_, kFirstRetry, kLongestRetry);
         queue_.after(retryAfter_, [this] {
             retryQueued_ = false;
             commit();
         });
+        retryQueued_ = true;
+    }
+    MutexLock lock(mutex_);
+    if (!std::exchange(stalled_, true)) {
+        lock.unlock();
+        kLog.error("Events cannot be stored in {}; reading waits until the disk takes them: {}", folder_,
+                   error.description);
     }
 }
 
@@ -657,9 +715,14 @@ std::optional<DurableSpool::Delivery> DurableSpool::take() {
         auto& batch = batches_.at(*name);
         if (batch.digest.empty()) {
             ready_.erase(*name);
-            batch.phase = Phase::preparing;
+            batch.phase = Phase::inFlight;
             lock.unlock();
-            adopt(*name);
+            try {
+                adopt(*name);
+            } catch (...) {
+                giveBack(*name);
+                throw;
+            }
             continue;
         }
         if (batch.key.empty() && mode_ == Mode::on) {
@@ -673,10 +736,14 @@ std::optional<DurableSpool::Delivery> DurableSpool::take() {
         const auto digest = batch.digest;
         lock.unlock();
         kLog.info("Going to read from file {}", path(*name));
-        auto body = bodyOf(*name, digest);
-        if (body) {
-            delivery.body = std::make_shared<const std::string>(*std::move(body));
-            return delivery;
+        try {
+            if (auto body = bodyOf(*name, digest)) {
+                delivery.body = std::make_shared<const std::string>(*std::move(body));
+                return delivery;
+            }
+        } catch (...) {
+            giveBack(*name);
+            throw;
         }
     }
 }
@@ -727,6 +794,7 @@ void DurableSpool::adopt(const std::string& name) {
     batch.size = content->size();
     batch.digest = digestOf(*content, with_.cryptography);
     pending_.emplace_back(journal::BatchKnown{{.name = name, .events = 0, .size = batch.size, .digest = batch.digest}});
+    batch.phase = Phase::preparing;
     if (!giveKeyLocked(name, batch)) {
         startLocked(name, batch);
     }
@@ -793,8 +861,8 @@ void DurableSpool::goBackLocked(const std::vector<TrailPosition>& from) {
 void DurableSpool::endLocked(const std::string& name, std::string keptAs, std::vector<journal::Entry>& with) {
     ready_.erase(name);
     held_.erase(name);
-    batches_.at(name).phase = Phase::ending;
     with.emplace_back(journal::BatchEnded{name, std::move(keptAs)});
+    batches_.at(name).phase = Phase::ending;
     requestLocked(stalled_ ? Clock::Duration::zero() : kCommitAfter);
 }
 
@@ -809,8 +877,8 @@ void DurableSpool::giveBack(const std::string& name) {
     MutexLock lock(mutex_);
     const auto batch = batches_.find(name);
     if (batch != batches_.end() && batch->second.phase == Phase::inFlight) {
-        batch->second.phase = Phase::waiting;
         ready_.insert(name);
+        batch->second.phase = Phase::waiting;
     }
 }
 
@@ -862,15 +930,27 @@ void DurableSpool::split(const std::string& name, std::int64_t status) {
     if (found == batches_.end()) {
         return;
     }
-    for (const auto& part : {all.first(half), all.subspan(half)}) {
-        addPartLocked(name, part);
+    const auto pendingBefore = pending_.size();
+    std::vector<std::string> parts;
+    try {
+        parts.reserve(2);
+        parts.push_back(addPartLocked(name, all.first(half)));
+        parts.push_back(addPartLocked(name, all.subspan(half)));
+        endLocked(name, "", pending_);
+    } catch (...) {
+        pending_.erase(pending_.begin() + static_cast<std::ptrdiff_t>(pendingBefore), pending_.end());
+        for (const auto& part : parts) {
+            batches_.erase(part);
+        }
+        found->second.phase = Phase::waiting;
+        ready_.insert(name);
+        throw;
     }
-    endLocked(name, "", pending_);
     requestLocked({});
 }
 
 // Everything about a split is in one frame: the parts, their events and keys, and the end of the whole.
-void DurableSpool::addPartLocked(const std::string& whole, std::span<const Value> events) {
+std::string DurableSpool::addPartLocked(const std::string& whole, std::span<const Value> events) {
     std::vector<JournalState::OpenEvent> texts;
     for (const auto& event : events) {
         texts.push_back({*Json::write(event), false});
@@ -878,16 +958,16 @@ void DurableSpool::addPartLocked(const std::string& whole, std::span<const Value
         pending_.emplace_back(journal::PartEvent{texts.back().text});
     }
     const auto body = JournalState::bodyOf(texts);
-    const auto name = partNameLocked(whole);
-    auto& batch = batches_[name];
-    batch.events = events.size();
-    batch.key = newKey();
+    auto name = partNameLocked(whole);
+    Batch batch = {.key = newKey(), .events = events.size()};
     pending_.emplace_back(journal::PartSealed{.batch = {.name = name,
                                                         .events = batch.events,
                                                         .size = body.size(),
                                                         .digest = digestOf(body, with_.cryptography),
                                                         .key = batch.key},
                                               .whole = whole});
+    batches_.emplace(name, std::move(batch));
+    return name;
 }
 
 std::string DurableSpool::freeNameLocked() {

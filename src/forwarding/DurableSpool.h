@@ -189,8 +189,9 @@ class DurableSpool {
     void restore(std::optional<std::uint64_t> newBaseline) EXCLUDES(mutex_);
     std::vector<std::string> takeOver(const JournalState& state) EXCLUDES(mutex_);
     bool commit() EXCLUDES(mutex_);
+    std::optional<Error> tryCommit() EXCLUDES(mutex_);
     std::uint64_t handOver() EXCLUDES(mutex_);
-    void apply(const JournalWriter::Effects& effects) EXCLUDES(mutex_);
+    void applyEffects() EXCLUDES(mutex_);
     void failed(const Error& error) EXCLUDES(mutex_);
     void succeeded() EXCLUDES(mutex_);
     bool isDrained() EXCLUDES(mutex_);
@@ -199,7 +200,10 @@ class DurableSpool {
 
     void adoptFiles() EXCLUDES(mutex_);
     bool waitForRoomLocked(MutexLock& lock, const Cancelled& isCancelled) REQUIRES(mutex_);
+    void acceptLocked(std::optional<std::string> text, const TrailPosition& after,
+                      const std::vector<std::string>& matched) REQUIRES(mutex_);
     void addEventLocked(std::string text, bool isFromDevice) REQUIRES(mutex_);
+    void countEventLocked() REQUIRES(mutex_);
     void sealLocked(bool isSentNext) REQUIRES(mutex_);
     void startLocked(const std::string& name, Batch& batch) REQUIRES(mutex_);
     void requestLocked(Clock::Duration delay) REQUIRES(mutex_);
@@ -208,7 +212,7 @@ class DurableSpool {
     void giveKeysLocked() REQUIRES(mutex_);
     std::string freeNameLocked() REQUIRES(mutex_);
     std::string partNameLocked(const std::string& whole) REQUIRES(mutex_);
-    void addPartLocked(const std::string& whole, std::span<const Value> events) REQUIRES(mutex_);
+    std::string addPartLocked(const std::string& whole, std::span<const Value> events) REQUIRES(mutex_);
     bool giveKeyLocked(const std::string& name, Batch& batch) REQUIRES(mutex_);
     std::optional<std::string> bodyOf(const std::string& name, const std::string& digest) EXCLUDES(mutex_);
     void adopt(const std::string& name) EXCLUDES(mutex_);
@@ -265,6 +269,10 @@ class DurableSpool {
 
     // Used only on the queue.
     JournalWriter writer_;
+    // What the writer is still to be given, and effects still to be applied. Only an exception leaves something here.
+    std::vector<journal::Entry> handedOver_;
+    std::vector<journal::Entry> handedOverEnds_;
+    JournalWriter::Effects effects_;
     Clock::Duration retryAfter_{};
     bool retryQueued_ = false;
     std::uint64_t toldNewest_ = 0;

@@ -66,6 +66,7 @@ Result<Done> Journal::resume(std::uint64_t generation, const JournalRecovery::Co
     }
     allocated_ = end_;
     dirtyTo_ = end_;
+    isNameUnflushed_ = true;
     return Done();
 }
 
@@ -80,6 +81,7 @@ Result<Done> Journal::checkpoint(std::uint64_t generation, std::string_view cont
     }
     // The name now stands for the new file.
     file_.reset();
+    isNameUnflushed_ = false;
     generation_ = generation;
     nextFrame_ = 1;
     end_ = start.size();
@@ -117,7 +119,12 @@ Result<Done> Journal::append(std::string_view content, bool mayUseReserve) {
 }
 
 Result<Done> Journal::flush() {
-    return file_ ? file_->flush() : posixError(EBADF);
+    if (!file_) {
+        return posixError(EBADF);
+    }
+    auto flushed = isNameUnflushed_ ? files_.flushFile(path(kJournalName)) : file_->flush();
+    isNameUnflushed_ = isNameUnflushed_ && !flushed;
+    return flushed;
 }
 
 Result<Done> Journal::remove() {

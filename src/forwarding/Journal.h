@@ -66,6 +66,8 @@ class Journal {
     std::uint64_t allocated_ = 0;
     // Bytes from end_ to here may be those of a frame whose writing failed.
     std::uint64_t dirtyTo_ = 0;
+    // A kill may have come between the renaming of the journal and the flush of its folder.
+    bool isNameUnflushed_ = false;
 };
 
 }  // namespace sentrova

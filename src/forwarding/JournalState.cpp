@@ -3,16 +3,19 @@
 #include <algorithm>
 #include <limits>
 #include <numeric>
+#include <tuple>
 #include <utility>
 
 namespace sentrova {
 
-void JournalState::apply(journal::Entry entry) {
+void JournalState::apply(journal::Entry&& entry) {
     std::visit([this](auto& one) { applyOne(one); }, entry);
 }
 
 void JournalState::applyOne(journal::EventAccepted& entry) {
-    openEvents_.push_back({std::move(entry.text), entry.isFromDevice});
+    auto& event = openEvents_.emplace_back();
+    event.text = std::move(entry.text);
+    event.isFromDevice = entry.isFromDevice;
 }
 
 void JournalState::applyOne(const journal::PositionMoved& entry) {
@@ -37,18 +40,20 @@ void JournalState::applyOne(const journal::DeviceRecordCounted& entry) {
         deviceRecords_.erase(entry.digest);
     } else if (deviceRecords_.size() > kMostDeviceRecords) {
         deviceRecords_.erase(std::ranges::min_element(
-            deviceRecords_, {}, [](const auto& one) { return std::pair(one.second.time, one.first); }));
+            deviceRecords_, {}, [](const auto& one) { return std::tie(one.second.time, one.first); }));
     }
 }
 
 void JournalState::applyOne(journal::BatchSealed& entry) {
-    auto body = entry.body.empty() ? bodyOf(openEvents_) : std::move(entry.body);
-    openEvents_.clear();
+    auto content = entry.body.empty() ? bodyOf(openEvents_) : std::string();
+    auto& body = bodies_[entry.batch.name];
     auto& batch = batches_[entry.batch.name];
     batch = entry.batch;
+    // Nothing below needs memory.
+    body = std::move(entry.body.empty() ? content : entry.body);
     batch.from = std::exchange(openFrom_, {});
+    openEvents_.clear();
     ended_.erase(batch.name);
-    bodies_.insert_or_assign(batch.name, std::move(body));
 }
 
 void JournalState::applyOne(const journal::BatchKnown& entry) {
@@ -81,9 +86,9 @@ void JournalState::applyOne(const journal::PartEvent& entry) {
 }
 
 void JournalState::applyOne(const journal::PartSealed& entry) {
+    batches_.insert_or_assign(entry.batch.name, entry.batch);
     bodies_.insert_or_assign(entry.batch.name, bodyOf(partEvents_));
     partEvents_.clear();
-    batches_.insert_or_assign(entry.batch.name, entry.batch);
     ended_.erase(entry.batch.name);
 }
 

@@ -28,7 +28,9 @@ class JournalState {
     // The most device records that are remembered; the oldest ones are dropped.
     static constexpr std::size_t kMostDeviceRecords = 4096;
 
-    void apply(journal::Entry entry);
+    // If memory runs out, the entry is as before, and the same call can be made again.
+    void apply(journal::Entry&& entry);
+    void apply(const journal::Entry& entry) { apply(journal::Entry(entry)); }
 
     // The entries that make this state from an empty one.
     std::vector<journal::Entry> entries() const;

@@ -56,20 +56,31 @@ Result<JournalRecovery> JournalWriter::open(const std::string& folder) {
     return recovery;
 }
 
-void JournalWriter::add(std::vector<journal::Entry> entries, std::vector<journal::Entry> ends) {
-    for (auto& entry : entries) {
-        encode(entry, unwritten_);
-    }
-    for (auto& entry : ends) {
-        encode(entry, unwrittenEnds_);
-    }
+void JournalWriter::add(std::vector<journal::Entry>& entries, std::vector<journal::Entry>& ends) {
+    add(entries, unwritten_);
+    add(ends, unwrittenEnds_);
 }
 
+void JournalWriter::add(std::vector<journal::Entry>& entries, std::string& text) {
+    auto next = entries.begin();
+    try {
+        for (; next != entries.end(); ++next) {
+            encode(*next, text);
+        }
+    } catch (...) {
+        entries.erase(entries.begin(), next);
+        throw;
+    }
+    entries.clear();
+}
+
+// Memory may run out at any step. An entry is then tried again: its line is in the text exactly if the state has it.
 void JournalWriter::encode(journal::Entry& entry, std::string& text) {
     if (auto* const sealed = std::get_if<journal::BatchSealed>(&entry)) {
         sealed->body = JournalState::bodyOf(state_.openEvents());
         sealed->batch.size = sealed->body.size();
         sealed->batch.digest = digestOf(sealed->body, cryptography_);
+        unflushedFiles_.insert(sealed->batch.name);
     } else if (const auto* const key = std::get_if<journal::KeyGiven>(&entry)) {
         keyed_.push_back(key->name);
     } else if (const auto* const ended = std::get_if<journal::BatchEnded>(&entry)) {
@@ -78,27 +89,53 @@ void JournalWriter::encode(journal::Entry& entry, std::string& text) {
         if (const auto whole = state_.batches().find(part->whole); whole != state_.batches().end()) {
             part->batch.from = whole->second.from;
         }
+        unflushedFiles_.insert(part->batch.name);
     }
-    journal::encode(entry, text);
-    state_.apply(std::move(entry));
-    for (auto& [name, body] : state_.takeBodies()) {
-        unflushedFiles_.insert(name);
-        bodies_.insert_or_assign(name, std::move(body));
+    const auto size = text.size();
+    try {
+        journal::encode(entry, text);
+        state_.apply(std::move(entry));
+    } catch (...) {
+        text.resize(size);
+        throw;
     }
+    // Moves the nodes, which needs no memory.
+    bodies_.merge(state_.takeBodies());
 }
 
 std::optional<Error> JournalWriter::write() {
-    return writeText();
+    try {
+        return writeText();
+    } catch (...) {
+        distrustFile();
+        throw;
+    }
 }
 
-JournalWriter::Effects JournalWriter::commit() {
-    Effects effects;
+void JournalWriter::commit(Effects& effects) {
+    try {
+        writeAndFlush(effects);
+    } catch (...) {
+        distrustFile();
+        throw;
+    }
+}
+
+// After an exception it is not known what is in the file. A checkpoint writes everything that was added.
+void JournalWriter::distrustFile() {
+    mustCheckpoint_ = true;
+    generation_ = std::max(generation_, journal_.generation());
+}
+
+void JournalWriter::writeAndFlush(Effects& effects) {
+    effects.error.reset();
     const auto note = [&effects](const Effect& problem) { effects.error = effects.error ? effects.error : problem; };
     note(writeText());
     note(flush());
     if (!isUnflushed_ && unwritten_.empty()) {
         note(writeBodies(effects));
-        effects.keyed = std::exchange(keyed_, {});
+        effects.keyed.insert(effects.keyed.end(), keyed_.begin(), keyed_.end());
+        keyed_.clear();
         ended_.merge(endedWithEntries_);
     }
     if (!isUnflushed_ && unwrittenEnds_.empty()) {
@@ -106,7 +143,6 @@ JournalWriter::Effects JournalWriter::commit() {
     }
     note(checkpointIfDue());
     effects.isComplete = !isUnflushed_ && unwritten_.empty();
-    return effects;
 }
 
 // On a full disk the ends of batches may use the journal's reserve: they make room.
@@ -163,7 +199,8 @@ std::optional<Error> JournalWriter::writeBodies(Effects& effects) {
 }
 
 void JournalWriter::endBatches(Effects& effects) {
-    for (const auto& [name, keptAs] : std::exchange(ended_, {})) {
+    while (!ended_.empty()) {
+        const auto& [name, keptAs] = *ended_.begin();
         const auto left = keptAs.empty() ? files_.remove(path(name)) : files_.move(path(name), path(keptAs));
         if (left || left.error().code == ENOENT) {
             left_.insert(name);
@@ -174,6 +211,7 @@ void JournalWriter::endBatches(Effects& effects) {
                        left.error().description);
             effects.stuck.push_back(name);
         }
+        ended_.erase(ended_.begin());
     }
 }
 

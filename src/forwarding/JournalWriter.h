@@ -54,13 +54,15 @@ class JournalWriter {
     // Whether the batch's events are in the journal, and its file is not written yet.
     bool isUnwritten(const std::string& name) const { return bodies_.contains(name); }
 
-    // Adds entries to be written, in their order. The ends of batches come apart, because they may use the journal's
-    // reserve while the disk is full.
-    void add(std::vector<journal::Entry> entries, std::vector<journal::Entry> ends);
+    // Adds entries to be written, in their order, and empties both vectors. The ends of batches come apart, because
+    // they may use the journal's reserve while the disk is full. After an exception, the vectors have the entries that
+    // were not added.
+    void add(std::vector<journal::Entry>& entries, std::vector<journal::Entry>& ends);
     // Writes what was added, without a flush.
     std::optional<Error> write();
-    // Writes and flushes what was added, and lets it take effect.
-    Effects commit();
+    // Writes and flushes what was added, lets it take effect, and adds to the effects. After an exception, which loses
+    // nothing that was added, the effects have what took place until then; the next commit adds the rest.
+    void commit(Effects& effects);
 
     // The content of the batch, from the events in the journal; nothing if they are not there. Writes the file anew.
     std::optional<std::string> rebuild(const std::string& name, const std::string& digest);
@@ -70,7 +72,10 @@ class JournalWriter {
   private:
     using Effect = std::optional<Error>;
 
+    void add(std::vector<journal::Entry>& entries, std::string& text);
     void encode(journal::Entry& entry, std::string& text);
+    void distrustFile();
+    void writeAndFlush(Effects& effects);
     Effect writeText();
     Effect flush();
     Effect writeBodies(Effects& effects);

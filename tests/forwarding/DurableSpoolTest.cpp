@@ -44,9 +44,43 @@ enum Kind : unsigned {
     kCrashSoon,
     kFillDisk,
     kEmptyDisk,
+    kShortMemory,
 };
 // Most steps are the ordinary ones.
-const Shares kShares = {3, 3, 3, 3, 3, 3, 1, 1, 1, 1, 1, 1};
+const Shares kShares = {3, 3, 3, 3, 3, 3, 1, 1, 1, 1, 1, 1, 1};
+
+// Memory runs out at one call.
+class ScarceCryptography final : public Cryptography {
+  public:
+    explicit ScarceCryptography(const Cryptography& other) : other_(other) {}
+
+    // The call with that number from now on fails; none if it is 0.
+    void failAt(std::size_t number) { left_ = number; }
+    bool hasFailed() const { return left_ == 0; }
+
+    CipherResult aes256(std::span<const std::uint8_t> bytes, std::span<const std::uint8_t> key,
+                        Direction direction) const override {
+        return other_.aes256(bytes, key, direction);
+    }
+    std::array<std::uint8_t, kDigestBytes> sha256(std::span<const std::uint8_t> bytes) const override {
+        count();
+        return other_.sha256(bytes);
+    }
+    std::optional<Data> randomBytes(std::size_t length) const override {
+        count();
+        return other_.randomBytes(length);
+    }
+
+  private:
+    void count() const {
+        if (left_ > 0 && --left_ == 0) {
+            throw std::bad_alloc();
+        }
+    }
+
+    const Cryptography& other_;
+    mutable std::size_t left_ = 0;
+};
 
 class World {
   public:
@@ -57,6 +91,16 @@ class World {
     }
 
     void run(const Step& step) {
+        try {
+            tryToRun(step);
+        } catch (const std::bad_alloc&) {
+            // A reader or the forwarder ends its round, and comes again.
+            ASSERT_TRUE(memory_.hasFailed());
+        }
+    }
+
+  private:
+    void tryToRun(const Step& step) {
         std::mt19937 random(step.random);
         switch (step.kind) {
             case kWrite:
@@ -97,6 +141,9 @@ class World {
             case kFillDisk:
                 disk_.setCapacity(random() % 120'000);
                 break;
+            case kShortMemory:
+                memory_.failAt(random() % 10 + 1);
+                break;
             default:
                 disk_.setCapacity(1 << 30);
         }
@@ -105,12 +152,14 @@ class World {
         }
     }
 
+  public:
     // The first crash comes at the operation of the disk with that number from now on.
     void crashAt(std::size_t number, Crash kind) {
         disk_.stopAfter(disk_.operations() + number);
         nextCrash_ = kind;
     }
     bool hasCrashed() const { return hasCrashed_; }
+    ScarceCryptography& memory() { return memory_; }
 
     // How the last start finds the spool: as the history left it, after the mode was switched off, or damaged.
     enum Ending { kAsEver, kSwitchedOff, kDamaged, kEndings };
@@ -126,6 +175,11 @@ class World {
             mayBeLost_ = fromDevice_;
         }
         start(ending == kSwitchedOff ? DurableSpool::Mode::ending : DurableSpool::Mode::on);
+        return deliverAll(ending);
+    }
+
+    // What the running spool has arrives, without a start that would read it again.
+    std::string deliverAll(Ending ending = kAsEver) {
         fixture_.clock().advance(60s);
         settle();
         for (int round = 0; round < 20; ++round) {
@@ -193,12 +247,13 @@ class World {
 
     void start(DurableSpool::Mode mode = DurableSpool::Mode::on) {
         auto host = fixture_.host().host();
+        memory_.failAt(0);
         spool_.reset();
         spool_.emplace(DurableSpool::Surroundings{.configuration = GlobalVariables::getInstance(),
                                                   .files = disk_,
                                                   .clock = host.clock,
                                                   .dates = *Current<DateFormat>::orNull(),
-                                                  .cryptography = host.cryptography},
+                                                  .cryptography = memory_},
                        DurableSpool::Hooks{});
         EXPECT_TRUE(spool_->open(mode, 0) || disk_.isStopped());
     }
@@ -261,6 +316,7 @@ class World {
     }
 
     AgentFixture& fixture_;
+    ScarceCryptography memory_{fixture_.host().host().cryptography};
     const std::filesystem::path folder_;
     ForgetfulFileSystem disk_;
     std::vector<Trail> trails_;
@@ -286,17 +342,27 @@ TEST(DurableSpoolTest, EachEventOfARandomHistoryArrivesOnce) {
     runHistories(300, kShares, outcomeOf);
 }
 
+constexpr std::array<Step, 12> kRun = {{{kWrite, 7},
+                                        {kDevice, 2},
+                                        {kRead, 1'000},
+                                        {kWait, 900},
+                                        {kDeliver, 5},
+                                        {kNewTrail, 0},
+                                        {kWrite, 3},
+                                        {kRead, 1'000},
+                                        {kWait, 14'000},
+                                        {kDeliver, 9},
+                                        {kDeliver, 11},
+                                        {kWait, 2'000}}};
+
 // A crash at every single write, flush, rename and deletion of a run, and a start from what is on the disk then.
 TEST(DurableSpoolTest, EachEventArrivesOnceWhateverStepACrashCuts) {
-    const std::vector<Step> run = {{kWrite, 7},     {kDevice, 2},   {kRead, 1'000}, {kWait, 900},
-                                   {kDeliver, 5},   {kNewTrail, 0}, {kWrite, 3},    {kRead, 1'000},
-                                   {kWait, 14'000}, {kDeliver, 9},  {kDeliver, 11}, {kWait, 2'000}};
     for (std::size_t number = 1;; ++number) {
         for (const auto kind : {Crash::kill, Crash::powerLoss}) {
             AgentFixture fixture;
             World world(fixture);
             world.crashAt(number, kind);
-            for (const auto& step : run) {
+            for (const auto& step : kRun) {
                 world.run(step);
             }
             const bool isOver = !world.hasCrashed();
@@ -306,6 +372,25 @@ TEST(DurableSpoolTest, EachEventArrivesOnceWhateverStepACrashCuts) {
                 ASSERT_GT(number, 25U);
                 return;
             }
+        }
+    }
+}
+
+// Digests and keys are made in the middle of the hand-over to the journal, of its writing and of a delivery.
+TEST(DurableSpoolTest, EachEventArrivesOnceWhereverMemoryRunsOut) {
+    for (std::size_t number = 1;; ++number) {
+        AgentFixture fixture;
+        World world(fixture);
+        world.memory().failAt(number);
+        for (const auto& step : kRun) {
+            world.run(step);
+        }
+        const bool isOver = !world.memory().hasFailed();
+        world.memory().failAt(0);
+        ASSERT_EQ(world.deliverAll(), "") << "call " << number;
+        if (isOver) {
+            ASSERT_GT(number, 20U);
+            return;
         }
     }
 }
