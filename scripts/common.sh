@@ -1,5 +1,6 @@
 # shellcheck shell=bash
-# What the scripts share: their arguments, and the namespace in which an ordinary user runs the agent. To be sourced.
+# What the scripts share: their arguments, root's rights, and the namespace in which an ordinary user runs the agent.
+# To be sourced.
 
 # Prints the usage and ends the script when one of the arguments after it is --help.
 answer_help() {
@@ -41,6 +42,18 @@ require_number() {
 require_program() {
     require_value "$@"
     [[ -f $2 && -x $2 ]] || refuse_usage "$1 takes a program, which \"$2\" is not"
+}
+
+# Runs the command as root, through sudo for another user.
+as_root() {
+    if ((EUID == 0)); then
+        env DEBIAN_FRONTEND=noninteractive "$@"
+    elif command -v sudo >/dev/null; then
+        sudo env DEBIAN_FRONTEND=noninteractive "$@"
+    else
+        echo "This needs root, and there is no sudo: $*" >&2
+        return 1
+    fi
 }
 
 setting_is() {

@@ -11,6 +11,8 @@ PATH=${SENTROVA_INSTALL_PATH:-/usr/bin:/bin:/usr/sbin:/sbin}
 export PATH
 
 label=com.kelvark.vantorix.sentrova.agent
+# Signed into sentrovactl.
+control_label=com.kelvark.vantorix.sentrova.control
 receipt=com.kelvark.vantorix.sentrova.pkg
 # The job's property list has it as well.
 installation='/Library/Application Support/Sentrova'
@@ -41,12 +43,30 @@ locate_on() {
     logs=$home/logs
     archive=$home/logs/archive
     spool=$home/eventData
-    # The last program and job, to go back to when an upgrade fails.
+    # The manual page and the completions.
+    share=$home/share
+    # The last programs and job, to go back to when an upgrade fails.
     previous=$home/previous
     program=$bin/sentrova-agent
+    control=$bin/sentrovactl
     job=$volume/Library/LaunchDaemons/$label.plist
     # What the agent could not write to its log; launchd makes the file, the job names it as well.
     errors=$volume/var/log/$label.log
+}
+
+# Where shells and manual readers look, and what lies there: a link to this file of the installation. Links, since users
+# may own folders below /usr/local: root must not write to a file that such a user may have replaced.
+each_link() {
+    "$1" "$volume/usr/local/bin/sentrovactl" bin/sentrovactl
+    "$1" "$volume/usr/local/share/man/man8/sentrovactl.8" share/sentrovactl.8
+    "$1" "$volume/usr/local/share/zsh/site-functions/_sentrovactl" share/_sentrovactl
+    "$1" "$volume/usr/local/etc/bash_completion.d/sentrovactl" share/sentrovactl.bash
+}
+
+# Whether the link $1 leads to the file $2 of the installation. The volume's mount point is not part of the link: it
+# differs when the volume is the running system's.
+is_our_link() {
+    [ -L "$1" ] && [ "$(readlink "$1")" = "$installation/$2" ]
 }
 
 require_root() {
@@ -56,10 +76,11 @@ require_root() {
 # A user who could replace one of these paths by a link or another folder could make root write to or delete any file.
 refuse_what_is_not_ours() {
     for path in "$volume/Library" "$volume/Library/Application Support" "$volume/Library/LaunchDaemons" \
-        "$home" "$bin" "$conf" "$logs" "$archive" "$spool" "$previous" "$job" "$bin"/* "$conf"/* "$previous"/*; do
+        "$home" "$bin" "$conf" "$logs" "$archive" "$spool" "$share" "$previous" "$job" "$bin"/* "$conf"/* "$share"/* \
+        "$previous"/*; do
         [ ! -L "$path" ] || fail "$path is a symbolic link; nothing is done while it is there"
     done
-    for path in "$home" "$bin" "$conf" "$logs" "$archive" "$spool" "$previous"; do
+    for path in "$home" "$bin" "$conf" "$logs" "$archive" "$spool" "$share" "$previous"; do
         [ -e "$path" ] || continue
         [ -d "$path" ] || fail "$path is no folder; nothing is done while it is there"
         [ "$(stat -f %u "$path")" -eq 0 ] || fail "$path does not belong to root; nothing is done while it is there"
