@@ -1,5 +1,6 @@
 #include "control/Program.h"
 
+#include "control/CheckCommand.h"
 #include "control/Command.h"
 #include "control/InstallationFolder.h"
 
@@ -20,8 +21,9 @@ namespace {
 
 constexpr const char* kVersion = "sentrovactl " SENTROVA_VERSION;
 
-std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& /*program*/) {
+std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(std::make_unique<CheckCommand>(program));
     return commands;
 }
 
