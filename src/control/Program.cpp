@@ -3,6 +3,7 @@
 #include "control/CheckCommand.h"
 #include "control/Command.h"
 #include "control/InstallationFolder.h"
+#include "control/ProbeCommand.h"
 
 #include <unistd.h>
 
@@ -24,6 +25,7 @@ constexpr const char* kVersion = "sentrovactl " SENTROVA_VERSION;
 std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<CheckCommand>(program));
+    commands.push_back(std::make_unique<ProbeCommand>(program));
     return commands;
 }
 
