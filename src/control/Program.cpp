@@ -1,7 +1,9 @@
 #include "control/Program.h"
 
+#include "control/CheckCommand.h"
 #include "control/Command.h"
 #include "control/InstallationFolder.h"
+#include "control/ProbeCommand.h"
 #include "control/StatusCommand.h"
 #include "control/SyncCommand.h"
 
@@ -25,6 +27,8 @@ constexpr const char* kVersion = "sentrovactl " SENTROVA_VERSION;
 std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<StatusCommand>(program));
+    commands.push_back(std::make_unique<CheckCommand>(program));
+    commands.push_back(std::make_unique<ProbeCommand>(program));
     commands.push_back(std::make_unique<SyncCommand>(program));
     return commands;
 }

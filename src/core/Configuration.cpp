@@ -3,6 +3,7 @@
 #include "core/ConfigurationError.h"
 #include "core/GlobalConstants.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <string_view>
 
@@ -13,9 +14,6 @@ namespace sentrova {
 namespace {
 
 using Text = std::optional<std::string>;
-
-// The stored identity begins after this many UTF-16 units.
-constexpr std::size_t kIdentityPrefix = 32;
 
 Text textIn(const Dictionary& dictionary, std::string_view key) {
     const auto& value = dictionary[key];
@@ -46,6 +44,13 @@ Relay relayOf(const std::optional<std::string>& serverName) {
         return Relay::unspecified;
     }
     return serverName->empty() || *serverName == GlobalConstants::NO_NAT_SERVER ? Relay::none : Relay::named;
+}
+
+bool isHostName(std::string_view name) {
+    return !name.empty() && std::ranges::all_of(name, [](char c) {
+        return static_cast<unsigned char>(c) > ' ' && c != 0x7F &&
+               std::string_view("/\\?#@%\"<>^`{|}").find(c) == std::string_view::npos;
+    });
 }
 
 ServerSettings ServerSettings::from(const Dictionary& serverInfo) {
@@ -93,6 +98,23 @@ Text AgentSettings::identityIn(const Dictionary& mine, const Text& agentUID, con
                         GlobalConstants::AGENT_AUTHENTICATION_ID, file, kIdentityPrefix));
     }
     return decrypt(*cipher, agentUID.value_or(std::string(GlobalConstants::FALLBACK_PASS_PHRASE)));
+}
+
+Configuration Configuration::from(const Dictionary& serverInfo, const Dictionary& mine) {
+    Configuration configuration;
+    static_cast<ServerSettings&>(configuration) = ServerSettings::from(serverInfo);
+    configuration.take(AgentSettings::from(mine), mine);
+    if (configuration.timeStampOfLastEvent.isNull()) {
+        configuration.timeStampOfLastEvent = serverInfo[GlobalConstants::RECENT_EVENT_TIME_MILLIS];
+    }
+    return configuration;
+}
+
+void Configuration::take(const AgentSettings& settings, const Dictionary& mine) {
+    static_cast<AgentSettings&>(*this) = settings;
+    timeStampOfLastEvent = mine[GlobalConstants::TIMESTAMP_LE];
+    const auto stored = mine[GlobalConstants::COMMUNICATION_TYPE].integerValue();
+    type = relay() == Relay::none ? static_cast<ConnectionType>(stored) : ConnectionType::relay;
 }
 
 Folders Folders::around(const std::string& installation) {

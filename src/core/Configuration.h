@@ -12,6 +12,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace sentrova {
 
@@ -27,6 +28,10 @@ enum class Relay : std::uint8_t {
     unspecified,
 };
 Relay relayOf(const std::optional<std::string>& serverName);
+
+// Whether the text can stand for the host in a URL, between "//" and the port. The configuration comes from outside,
+// and a character like "/" or "@" would change the meaning of the URL.
+bool isHostName(std::string_view name);
 
 // Decrypts a text. Absent if the text was not encrypted with the pass phrase.
 using Decryption =
@@ -77,6 +82,7 @@ struct AgentSettings {
     // Decrypts the stored identity with the agent's id as the pass phrase. Absent if no identity is stored or the
     // decryption fails. Throws ConfigurationError with the name of the file if the stored text is shorter than the
     // prefix before the identity.
+    static constexpr std::size_t kIdentityPrefix = 32;
     static Text identityIn(const Dictionary& mine, const Text& agentUID, const std::string& file,
                            const Decryption& decrypt);
 };
@@ -105,6 +111,12 @@ struct Configuration : ServerSettings, AgentSettings, Folders {
     bool isNATConfigured = false;
 
     Relay relay() const { return relayOf(NATServerName); }
+
+    // The settings in the content of the two files, with the stored time and the connection of a new process. Without
+    // the identity, the folders and the facts of run time.
+    static Configuration from(const Dictionary& serverInfo, const Dictionary& mine);
+    // Takes the settings of `myconfigurations.plist`. The relay decides about the stored connection.
+    void take(const AgentSettings& settings, const Dictionary& mine);
 };
 
 }  // namespace sentrova

@@ -2,11 +2,14 @@
 
 #pragma once
 
+#include "core/Configuration.h"
 #include "foundation/files/FileSystem.h"
 #include "foundation/run/Mutex.h"
 #include "foundation/value/Result.h"
 #include "foundation/value/Value.h"
 
+#include <functional>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -24,7 +27,7 @@ struct ConfigurationFinding {
     // What the agent uses or does because of the problem.
     std::string instead;
 
-    // "FILE: KEY: problem; instead".
+    // "FILE: KEY: problem; instead", on one line.
     std::string text() const;
 
     friend bool operator==(const ConfigurationFinding&, const ConfigurationFinding&) = default;
@@ -51,25 +54,39 @@ struct ConfigurationFiles {
     static ConfigurationFiles in(FileSystem& files, const std::string& folder);
 };
 
-// The findings in the three files, in the order of the files and of docs/configuration.md. `knownEvents` are the names
-// that "EventsToRead" may hold. The result depends on the arguments alone.
-std::vector<ConfigurationFinding> checkConfiguration(const ConfigurationFiles& files,
-                                                     std::span<const std::string_view> knownEvents);
+// What the check asks of the layers above.
+struct ConfigurationRules {
+    // The names that "EventsToRead" may hold. They must outlive the rules.
+    std::span<const std::string_view> events;
+    // The methods that a task may call, by the name of their class.
+    std::map<std::string, std::vector<std::string>, std::less<>> tasks;
+    // Whether a text is a time of day for "RunAt".
+    std::function<bool(std::string_view)> isTimeOfDay;
+    Decryption decrypt;
+};
+
+// The findings in the three files, in the order of the files and of docs/configuration.md. The result depends on the
+// arguments alone.
+std::vector<ConfigurationFinding> checkConfiguration(const ConfigurationFiles& files, const ConfigurationRules& rules);
+
+// The keys that are unknown, but similar to a known key of their file. Not part of checkConfiguration: a server may
+// send keys of its own, and its agents must not complain about them at each start.
+std::vector<ConfigurationFinding> findMisspelledKeys(const ConfigurationFiles& files);
 
 // Checks the files and logs each finding at level 0, unless the previous check found it too. Safe from any thread.
 class ConfigurationReport {
   public:
-    // `folder` holds the files. The file system and the known names must outlive the object.
-    ConfigurationReport(FileSystem& files, std::string folder, std::span<const std::string_view> knownEvents)
-        : files_(files), folder_(std::move(folder)), knownEvents_(knownEvents) {}
+    // `folder` holds the files. The file system must outlive the object.
+    ConfigurationReport(FileSystem& files, std::string folder, ConfigurationRules rules)
+        : files_(files), folder_(std::move(folder)), rules_(std::move(rules)) {}
 
-    void check() EXCLUDES(mutex_) { report(checkConfiguration(ConfigurationFiles::in(files_, folder_), knownEvents_)); }
+    void check() EXCLUDES(mutex_) { report(checkConfiguration(ConfigurationFiles::in(files_, folder_), rules_)); }
     void report(std::vector<ConfigurationFinding> findings) EXCLUDES(mutex_);
 
   private:
     FileSystem& files_;
     const std::string folder_;
-    const std::span<const std::string_view> knownEvents_;
+    const ConfigurationRules rules_;
     Mutex mutex_{LockRank::owner};
     std::vector<ConfigurationFinding> known_ GUARDED_BY(mutex_);
 };

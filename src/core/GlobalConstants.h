@@ -45,9 +45,18 @@ class GlobalConstants {
     static constexpr std::string_view PATCH_VERSION = "patchVersion";
     static constexpr std::string_view COMMUNICATION_TYPE = "CommunicationType";
 
-    // The task list's key, and the key of an entry's name.
+    // The task list's key, and the keys of its entries. ScheduleHandler.h describes them.
     static constexpr std::string_view SCHEDULE_TASKS = "ScheduleTasks";
     static constexpr std::string_view TASK_NAME = "TaskName";
+    static constexpr std::string_view RUN_AT = "RunAt";
+    static constexpr std::string_view INTERVAL_SECONDS = "IntervalSeconds";
+    static constexpr std::string_view REPEAT = "Repeat";
+    static constexpr std::string_view TASK_STATUS = "TaskStatus";
+    static constexpr std::string_view TASK_ENABLED = "Enable";
+    static constexpr std::string_view CLASS_NAME = "className";
+    static constexpr std::string_view SELECTOR = "selector";
+    static constexpr std::string_view LAST_SCHEDULE_TIME = "LastScheduleTime";
+    static constexpr std::string_view LAST_SCHEDULE_TIME_IN_MILLIS = "LastScheduleTimeInMillis";
 
     // Relative to the working directory, which is the program folder.
     static constexpr std::string_view BIN_PATH = "../bin";

@@ -31,27 +31,15 @@ Folders presentFolders() {
     return Folders::around(std::filesystem::current_path(error).string());
 }
 
-void take(const AgentSettings& settings, const Dictionary& mine, Configuration& next) {
-    static_cast<AgentSettings&>(next) = settings;
-    next.timeStampOfLastEvent = mine[GlobalConstants::TIMESTAMP_LE];
-    const auto type = mine[GlobalConstants::COMMUNICATION_TYPE].integerValue();
-    next.type = next.relay() == Relay::none ? static_cast<ConnectionType>(type) : ConnectionType::relay;
-}
-
 // The content of the files, without the names of the machine and the identity: those need a program or a decryption.
 Configuration firstConfiguration(FileSystem& files) {
-    Configuration first;
-    static_cast<Folders&>(first) = presentFolders();
+    const auto folders = presentFolders();
     const auto contentOfFile = [&](std::string_view name) {
-        return ConfigurationFile::at(files, inFolder(first.confPath, name)).content;
+        return ConfigurationFile::at(files, inFolder(folders.confPath, name)).content;
     };
-    const auto server = contentOfFile(GlobalConstants::SERVER_INFO_FILE);
-    static_cast<ServerSettings&>(first) = ServerSettings::from(server);
-    const auto mine = contentOfFile(GlobalConstants::MY_CONFIGURATIONS_FILE);
-    take(AgentSettings::from(mine), mine, first);
-    if (first.timeStampOfLastEvent.isNull()) {
-        first.timeStampOfLastEvent = server[GlobalConstants::RECENT_EVENT_TIME_MILLIS];
-    }
+    auto first = Configuration::from(contentOfFile(GlobalConstants::SERVER_INFO_FILE),
+                                     contentOfFile(GlobalConstants::MY_CONFIGURATIONS_FILE));
+    static_cast<Folders&>(first) = folders;
     return first;
 }
 
@@ -168,7 +156,7 @@ void GlobalVariables::loadMyConfigurations() {
             kLog.error("{}; the identity in memory is kept", error.what());
         }
     }
-    replace([&](Configuration& next) { take(settings, mine, next); });
+    replace([&](Configuration& next) { next.take(settings, mine); });
 }
 
 void GlobalVariables::setType(std::uint64_t value) {

@@ -2,6 +2,8 @@
 
 #include "core/LogSource.h"
 
+#include <algorithm>
+
 namespace sentrova {
 
 namespace {
@@ -74,6 +76,23 @@ ServerAddress addressAt(const Configuration& configuration, AddressPosition posi
             .host = getConnectionName(configuration, position.currentHostname),
             .port = getConnectionPort(configuration, type),
             .type = type};
+}
+
+std::vector<ServerAddress> addressesInTurn(const Configuration& configuration) {
+    std::vector<ServerAddress> addresses;
+    auto position = AddressPosition::first(configuration.type);
+    // The first position comes again at the end of the rotation, where its scheme may be another one.
+    for (int i = 0; i <= AddressPosition::kConnections * AddressPosition::kHostForms; ++i) {
+        auto address = addressAt(configuration, position);
+        const auto isSame = [&](const ServerAddress& other) {
+            return address.scheme == other.scheme && address.host == other.host && address.port == other.port;
+        };
+        if (std::ranges::none_of(addresses, isSame)) {
+            addresses.push_back(std::move(address));
+        }
+        position = position.next();
+    }
+    return addresses;
 }
 
 AddressChoice::AddressChoice(GlobalVariables& configuration)

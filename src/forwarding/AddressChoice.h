@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace sentrova {
 
@@ -51,6 +52,9 @@ struct AddressPosition {
 
 // The address at the position. A pure function of its arguments.
 ServerAddress addressAt(const Configuration& configuration, AddressPosition position);
+
+// The different addresses in the order in which a new process tries them.
+std::vector<ServerAddress> addressesInTurn(const Configuration& configuration);
 
 // The position in use, shared by all requests of the process. Safe from any thread.
 class AddressChoice {

@@ -1,5 +1,6 @@
 #include "forwarding/TransportEngine.h"
 
+#include "core/Configuration.h"
 #include "core/GlobalConstants.h"
 #include "core/LogSource.h"
 #include "forwarding/SpoolFile.h"
@@ -8,7 +9,6 @@
 #include "foundation/run/Unhandled.h"
 #include "foundation/value/Text.h"
 
-#include <algorithm>
 #include <numeric>
 #include <stdexcept>
 
@@ -22,15 +22,6 @@ constexpr LogSource kLog("TransportEngine");
 constexpr LogSource kTraffic = kLog.in(LogCategory::Communication);
 
 constexpr std::chrono::seconds kRequestTimeout{30};
-
-// The text between "//" and the port must be a plain host name: the configuration comes from outside, and a character
-// like "/" or "@" would change the meaning of the URL.
-bool isHostName(const std::string& name) {
-    return !name.empty() && std::ranges::all_of(name, [](char c) {
-        return static_cast<unsigned char>(c) > ' ' && c != 0x7F &&
-               std::string_view("/\\?#@%\"<>^`{|}").find(c) == std::string_view::npos;
-    });
-}
 
 // The kind under which a failed request is counted.
 std::string_view kindOf(const std::optional<Error>& error) {

@@ -44,18 +44,18 @@ class ScheduleHandler final : public ConcurrentOperationAbstract, public std::en
     static constexpr std::string_view kScheduleTasks = GlobalConstants::SCHEDULE_TASKS;
     static constexpr std::string_view kTaskName = GlobalConstants::TASK_NAME;
     // A time of day, "HH:mm:ss", in the device's zone.
-    static constexpr std::string_view kRunAt = "RunAt";
+    static constexpr std::string_view kRunAt = GlobalConstants::RUN_AT;
     // A real number of seconds, rounded to microseconds.
-    static constexpr std::string_view kIntervalSeconds = "IntervalSeconds";
-    static constexpr std::string_view kRepeat = "Repeat";
+    static constexpr std::string_view kIntervalSeconds = GlobalConstants::INTERVAL_SECONDS;
+    static constexpr std::string_view kRepeat = GlobalConstants::REPEAT;
     // A background activity runs its task only if the value is kEnabled.
-    static constexpr std::string_view kTaskStatus = "TaskStatus";
-    static constexpr std::string_view kEnabled = "Enable";
-    static constexpr std::string_view kClassName = "className";
-    static constexpr std::string_view kSelector = "selector";
-    static constexpr std::string_view kLastScheduleTime = "LastScheduleTime";
+    static constexpr std::string_view kTaskStatus = GlobalConstants::TASK_STATUS;
+    static constexpr std::string_view kEnabled = GlobalConstants::TASK_ENABLED;
+    static constexpr std::string_view kClassName = GlobalConstants::CLASS_NAME;
+    static constexpr std::string_view kSelector = GlobalConstants::SELECTOR;
+    static constexpr std::string_view kLastScheduleTime = GlobalConstants::LAST_SCHEDULE_TIME;
     // Despite its name: whole seconds since 1970 of the last run.
-    static constexpr std::string_view kLastScheduleTimeInMillis = "LastScheduleTimeInMillis";
+    static constexpr std::string_view kLastScheduleTimeInMillis = GlobalConstants::LAST_SCHEDULE_TIME_IN_MILLIS;
 
     // Used if the interval is missing or not above zero. Such an interval would run the task without pause.
     static constexpr std::chrono::seconds kDefaultInterval{60};

@@ -3,7 +3,6 @@
 #include "collection/AuditCheck.h"
 #include "collection/EventCollectionSchedule.h"
 #include "collection/EventCollectorRealtime.h"
-#include "collection/EventSelection.h"
 #include "collection/currentLoginUtility.h"
 #include "core/FileUtils.h"
 #include "core/GlobalConstants.h"
@@ -13,6 +12,7 @@
 #include "forwarding/EventForwarder.h"
 #include "forwarding/EventQueueGCD.h"
 #include "forwarding/SecurityUtil.h"
+#include "service/ConfigurationFindings.h"
 #include "service/Installation.h"
 #include "sync/ServerCommunicator.h"
 
@@ -33,11 +33,6 @@ constexpr std::chrono::minutes kTimeStoredEach{5};
 constexpr std::string_view kBanner =
     "**************************************************************************************";
 static_assert(kBanner.size() == 86);
-
-std::optional<std::string> decrypted(const std::string& cipherText, const std::string& passPhrase) {
-    const auto plain = SecurityUtil::decrypt(cipherText, passPhrase, "");
-    return plain ? *plain : std::nullopt;
-}
 
 template <class Made>
 std::shared_ptr<Made> named(std::shared_ptr<Made> operation, const char* name) {
@@ -73,9 +68,9 @@ Agent::Agent(const platform::Host& host, TaskRegistry::Classes tasks)
       logFiles_(host.files, host.clock, *dates_),
       logger_(logFiles_),
       unhandled_(loggedExceptions_),
-      report_(host.files, std::string(GlobalConstants::CONF_PATH), EventSelection::knownNames()),
+      report_(host.files, std::string(GlobalConstants::CONF_PATH), configurationRules(tasks)),
       identities_(host.directory, host.clock),
-      configuration_(host.files, *identities_, decrypted),
+      configuration_(host.files, *identities_, decryptedIdentity),
       transport_(*configuration_, host.session, *statistics_),
       spool_(Spool::Surroundings{.configuration = *configuration_,
                                  .transport = *transport_,

@@ -179,19 +179,11 @@ CurlTransfer::HeaderList CurlTransfer::headerList() const {
     return list;
 }
 
-// "host:port:address,address". The library then connects to these addresses and does not look up the host itself.
 CurlTransfer::HeaderList CurlTransfer::resolveList(const AddressList& addresses) const {
     if (addresses.empty()) {
         return nullptr;
     }
-    std::string entry = address_.host + ":" + address_.port;
-    char separator = ':';
-    for (const auto& address : addresses) {
-        const bool isSix = address.find(':') != std::string::npos;
-        entry += separator + (isSix ? "[" + address + "]" : address);
-        separator = ',';
-    }
-    HeaderList list(curl_slist_append(nullptr, entry.c_str()));
+    HeaderList list(curl_slist_append(nullptr, resolveEntry(address_.host, address_.port, addresses).c_str()));
     if (!list) {
         throw std::bad_alloc();
     }

@@ -54,6 +54,17 @@ bool isNumericHost(const std::string& host) {
     return host.starts_with('[') || ::inet_pton(AF_INET, host.c_str(), &four) == 1;
 }
 
+std::string resolveEntry(const std::string& host, const std::string& port, const AddressList& addresses) {
+    std::string entry = host + ":" + port;
+    char separator = ':';
+    for (const auto& address : addresses) {
+        const bool isSix = address.find(':') != std::string::npos;
+        entry += separator + (isSix ? "[" + address + "]" : address);
+        separator = ',';
+    }
+    return entry;
+}
+
 const AddressList* HostAddresses::find(const std::string& host, Clock::Monotonic now) const {
     const auto known = hosts_.find(host);
     return known == hosts_.end() || known->second.expires <= now ? nullptr : &known->second.addresses;

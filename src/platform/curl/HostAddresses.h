@@ -26,6 +26,10 @@ AddressList resolveHost(const std::string& host);
 // Whether the host part of a URL is a numeric address ("10.0.0.1", "[::1]").
 bool isNumericHost(const std::string& host);
 
+// "host:port:address,address", as CURLOPT_RESOLVE takes it. The library then connects to these addresses, in their
+// order, and does not look up the host itself.
+std::string resolveEntry(const std::string& host, const std::string& port, const AddressList& addresses);
+
 // For one thread.
 class HostAddresses {
   public:
