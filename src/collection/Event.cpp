@@ -1,14 +1,11 @@
 #include "collection/Event.h"
 
 #include "collection/DomainUtil.h"
-#include "collection/currentLoginUtility.h"
 #include "core/GlobalConstants.h"
-#include "core/GlobalVariables.h"
 #include "core/LogSource.h"
-#include "foundation/run/Current.h"
-#include "foundation/run/Sleep.h"
 
-#include <algorithm>
+#include <array>
+#include <utility>
 
 namespace sentrova {
 
@@ -19,12 +16,16 @@ constexpr LogSource kLog("Event");
 constexpr std::int64_t kMachineType = 4096;
 constexpr std::uint32_t kNoSession = 100000;
 constexpr std::string_view kTouchId = "Touch ID authentication";
-constexpr std::chrono::seconds kTouchIdWait{3};
 
 constexpr std::string_view kText = "text_text";
 constexpr std::string_view kUserName = "UserName";
 constexpr std::string_view kAuditUser = "subject_audit-uid";
 constexpr std::string_view kRecordTime = "record_time";
+
+constexpr std::string_view kFeedsHistory = "feeds the login history only";
+constexpr std::string_view kClosedSsh = "a closed ssh session (com.apple.sshd)";
+constexpr std::string_view kGranted = "an authorization that was granted";
+constexpr std::string_view kLocalUser = "a local user of this Mac";
 
 // Reports the number as signed.
 std::int64_t asInt(std::uint32_t value) {
@@ -32,6 +33,17 @@ std::int64_t asInt(std::uint32_t value) {
 }
 
 }  // namespace
+
+std::span<const std::string_view> Event::keys() {
+    static constexpr std::array<std::string_view, 26> kKeys = {
+        "record_version", "record_event",        "record_modifier", kRecordTime,    kAuditUser,
+        "subject_uid",    "subject_gid",         "subject_ruid",    "subject_rgid", "subject_pid",
+        "subject_sid",    "subject_port",        "subject_host-ip", kText,          "return_retval",
+        "return_errval",  "identity_signing-id", "EventCode",       "MachineType",  "EventSource",
+        "IsParsedEvent",  "DomainName",          "Logon Type",      kUserName,      "Source Workstation",
+        "UserSid"};
+    return kKeys;
+}
 
 std::optional<Dictionary> Event::parsedEvent() {
     GeneralEventParsing();
@@ -54,6 +66,13 @@ Value Event::get(std::string_view key) const {
     return eventDict_ ? (*eventDict_)[key] : Value();
 }
 
+void Event::exclude(std::string_view reason) {
+    if (eventDict_) {
+        exclusion_ = {reason, *std::move(eventDict_)};
+        eventDict_.reset();
+    }
+}
+
 void Event::GeneralEventParsing() {
     constexpr std::size_t kMostKeys = 28;
     if (eventDict_) {
@@ -63,11 +82,11 @@ void Event::GeneralEventParsing() {
     set("record_event", eventType);
     set("record_modifier", eventModifier);
     set(kRecordTime, timeStampInMs);
-    set(kAuditUser, DomainUtil::getUserNameFromID(auditId));
-    set("subject_uid", DomainUtil::getUserNameFromID(effectiveUserID));
-    set("subject_gid", DomainUtil::getGroupNameFromID(effectiveGroupID));
-    set("subject_ruid", DomainUtil::getUserNameFromID(realUserID));
-    set("subject_rgid", DomainUtil::getGroupNameFromID(realGroupID));
+    set(kAuditUser, context_->userName(auditId));
+    set("subject_uid", context_->userName(effectiveUserID));
+    set("subject_gid", context_->groupName(effectiveGroupID));
+    set("subject_ruid", context_->userName(realUserID));
+    set("subject_rgid", context_->groupName(realGroupID));
     set("subject_pid", asInt(processID));
     set("subject_sid", asInt(SessionID));
     set("subject_port", port);
@@ -83,7 +102,7 @@ void Event::AdditionalEventChecks() {
     set("MachineType", kMachineType);
     set("EventSource", "OpenBSM");
     set("IsParsedEvent", "true");
-    const auto domain = DomainUtil::getDomainName();
+    const auto domain = context_->domainName();
     set(GlobalConstants::DOMAIN_NAME, domain ? Value(*domain) : Value());
     set("Logon Type", "2");
 
@@ -100,12 +119,12 @@ void Event::AdditionalEventChecks() {
     if (eventType == AuditEventNumber::lw_login) {
         kLog.debug("Adding from 45021");
         addToLoginHistory(get(kUserName));
-        exclude();
+        exclude(kFeedsHistory);
     }
     if (eventType == AuditEventNumber::logout && signing_id == "com.apple.sshd") {
-        exclude();
+        exclude(kClosedSsh);
     }
-    const auto host = GlobalVariables::getInstance().hostName();
+    const auto host = context_->hostName();
     set("Source Workstation", host ? Value(*host) : Value());
     checkDirectory();
 }
@@ -118,19 +137,15 @@ void Event::checkSecurityAgent() {
     if (signing_id == "com.apple.authorizationhost") {
         kLog.debug("Adding from 45026");
         addToLoginHistory(get(kText));
+        exclude(kFeedsHistory);
     }
-    exclude();
+    exclude(kGranted);
 }
 
 void Event::checkAuthentication() {
     if (text == kTouchId) {
-        if (GlobalVariables::getInstance().isRealTime()) {
-            // The record that names the user follows within moments.
-            kLog.debug("Waiting for 3 sec");
-            sleepFor(Current<Clock>::get(), kTouchIdWait);
-            kLog.debug("completed Waiting for 3 sec");
-        }
-        const auto entry = currentLoginUtility::getLogonUserAtTime(get(kRecordTime).integerValue());
+        context_->awaitLogonUser();
+        const auto entry = context_->logonUserAt(get(kRecordTime).integerValue());
         if (entry) {
             set(kUserName, Value((*entry)["uid"]));
         }
@@ -156,12 +171,12 @@ void Event::parseUserName(std::string_view separators) {
 }
 
 void Event::addToLoginHistory(const Value& user) const {
-    currentLoginUtility::addToLoginHistory({{"uid", user.description()}}, static_cast<double>(timeStampInMs));
+    context_->addToLoginHistory({{"uid", user.description()}}, static_cast<double>(timeStampInMs));
 }
 
 void Event::checkDirectory() {
     // Also runs for an excluded event. Its name is absent, so the look-up finds no user.
-    const auto details = DomainUtil::getUserDetails(get(kUserName).description());
+    const auto details = context_->userDetails(get(kUserName).description());
     if (!details) {
         return;
     }
@@ -170,7 +185,7 @@ void Event::checkDirectory() {
             kLog.in(LogCategory::Event)
                 .info("Excluding event because of {}", eventDict_ ? Value(*eventDict_) : Value());
         }
-        exclude();
+        exclude(kLocalUser);
         return;
     }
     const auto* const sids = (*details)[DomainUtil::kODAttributeTypeSMBSID].array();

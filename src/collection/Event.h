@@ -5,11 +5,14 @@
 
 #pragma once
 
+#include "collection/EventContext.h"
 #include "foundation/value/Value.h"
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace sentrova {
@@ -24,6 +27,12 @@ struct AuditEventNumber {
 
 class Event {
   public:
+    // The context must outlive the event.
+    explicit Event(EventContext& context = EventContext::ofAgent()) : context_(&context) {}
+
+    // All keys that an event may have, in their order in the dictionary.
+    static std::span<const std::string_view> keys();
+
     // Fields of the identity token that the agent does not use.
     struct Signature {
         std::uint32_t signer_type = 0;
@@ -61,9 +70,17 @@ class Event {
     std::optional<std::string> signing_id;
     Signature signature;
 
-    // Returns the event, or nothing if it must not be reported. Blocks for three seconds for a Touch ID record in
-    // realtime mode.
+    // Returns the event, or nothing if it must not be reported. In the agent's context, blocks for three seconds for a
+    // Touch ID record in realtime mode.
     std::optional<Dictionary> parsedEvent();
+
+    // Why parsedEvent returned nothing, in words for people, and the keys that were set before that was known.
+    struct Exclusion {
+        std::string_view reason;
+        Dictionary keys;
+    };
+    // For one call, after parsedEvent returned nothing.
+    Exclusion takeExclusion() { return std::move(exclusion_); }
 
     // The record's fields, for the log.
     std::string description() const;
@@ -80,9 +97,12 @@ class Event {
     // Does nothing if the event is excluded. An empty value removes the key.
     void set(std::string_view key, Value&& value);
     Value get(std::string_view key) const;
-    void exclude() { eventDict_.reset(); }
+    // The first reason stays.
+    void exclude(std::string_view reason);
 
+    EventContext* context_;
     std::optional<Dictionary> eventDict_ = Dictionary();
+    Exclusion exclusion_;
 };
 
 }  // namespace sentrova

@@ -50,6 +50,11 @@ std::span<const std::string_view> EventSelection::knownNames() {
     return kNames;
 }
 
+std::string_view EventSelection::nameOf(std::uint16_t eventType) {
+    const auto found = std::ranges::find(kKnownEvents, eventType, &NamedEvent::number);
+    return found == kKnownEvents.end() ? std::string_view() : found->name;
+}
+
 std::optional<std::vector<std::string>> EventSelection::split(const std::optional<std::string>& eventsToRead) {
     if (!eventsToRead) {
         return std::nullopt;

@@ -20,6 +20,9 @@ class EventSelection {
     // All known names.
     static std::span<const std::string_view> knownNames();
 
+    // The name of an event type. Empty for a type without one.
+    static std::string_view nameOf(std::uint16_t eventType);
+
     // Splits the configured list at its commas. Names are not trimmed. Returns nothing for an absent list.
     static std::optional<std::vector<std::string>> split(const std::optional<std::string>& eventsToRead);
 

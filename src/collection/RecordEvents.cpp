@@ -22,8 +22,8 @@ std::optional<std::string> stored(std::string_view text) {
     return isValidUtf8(text) ? std::optional(std::string(text)) : std::nullopt;
 }
 
-Event eventOf(const bsm::HeaderToken& header) {
-    Event event;
+Event eventOf(const bsm::HeaderToken& header, EventContext& context) {
+    Event event(context);
     event.version = header.version;
     event.eventType = header.eventType;
     event.eventModifier = header.eventModifier;
@@ -58,7 +58,8 @@ void setField(const bsm::Token& token, Event& event) {
 
 }  // namespace
 
-RecordEvents::RecordEvents(Wanted wanted, Deliver deliver) : wanted_(std::move(wanted)), deliver_(std::move(deliver)) {}
+RecordEvents::RecordEvents(Wanted wanted, Deliver deliver, EventContext& context, LeaveOut leaveOut)
+    : wanted_(std::move(wanted)), deliver_(std::move(deliver)), context_(context), leaveOut_(std::move(leaveOut)) {}
 
 void RecordEvents::read(std::span<const std::uint8_t> record) {
     bsm::TokenReader tokens(record);
@@ -66,17 +67,19 @@ void RecordEvents::read(std::span<const std::uint8_t> record) {
     // stays wanted even if another reader changes what is wanted meanwhile.
     std::optional<bsm::HeaderToken> header;
     std::optional<Event> event;
+    bool isRead = false;
     while (tokens.left() > 0 && tokens.au_fetch_tok() == 0) {
         if (header && !event && !wanted_(header->eventType, header->seconds)) {
             return;
         }
+        isRead = true;
         const auto& token = tokens.token();
         if (const auto* begun = std::get_if<bsm::HeaderToken>(&token.content)) {
             header = *begun;
             event.reset();
         } else if (header) {
             if (!event) {
-                event = eventOf(*header);
+                event = eventOf(*header, context_);
             }
             if (std::holds_alternative<bsm::TrailerToken>(token.content)) {
                 finish(*event);
@@ -85,6 +88,10 @@ void RecordEvents::read(std::span<const std::uint8_t> record) {
                 setField(token, *event);
             }
         }
+    }
+    // A record without its trailer, or without anything that can be read.
+    if (leaveOut_ && (header || !isRead)) {
+        leaveOut_({header ? std::optional(header->eventType) : std::nullopt, header ? header->seconds : 0, {}});
     }
 }
 
@@ -97,6 +104,9 @@ void RecordEvents::finish(Event& event) {
             kLog.info("Error/Exclusion in {}", event.description());
         }
         ++excluded_;
+        if (leaveOut_) {
+            leaveOut_({event.eventType, event.timeStampInMs, event.takeExclusion()});
+        }
     }
 }
 
