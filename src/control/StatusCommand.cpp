@@ -1,11 +1,9 @@
 #include "control/StatusCommand.h"
 
+#include "control/ControlHost.h"
+#include "control/JsonOutput.h"
 #include "control/StatusFormats.h"
 #include "control/StatusReport.h"
-#include "foundation/formats/Json.h"
-#include "foundation/run/Current.h"
-#include "platform/icu/IcuEncodings.h"
-#include "platform/posix/HostFileSystem.h"
 
 #include <ctime>
 
@@ -14,11 +12,8 @@ namespace sentrova::control {
 namespace {
 
 StatusReport reportOf(const InstallationFolder& installation) {
-    platform::HostFileSystem files;
-    // Property lists of the configuration may be in any encoding.
-    const auto encodings = platform::makeIcuEncodings();
-    const Current<Encodings>::Publication publication(*encodings);
-    return StatusReport::of(installation, files, std::time(nullptr));
+    ControlHost host;
+    return StatusReport::of(installation, host.files(), std::time(nullptr));
 }
 
 int statusOf(const StatusReport& report) {
@@ -44,8 +39,7 @@ StatusCommand::StatusCommand(CLI::App& program)
 int StatusCommand::run(Console& console, const InstallationFolder& installation) {
     const auto report = reportOf(installation);
     if (asJson_) {
-        const auto text = Json::write(report.json());
-        console.print(text ? *text + "\n" : "");
+        printJson(console, report.json());
     } else if (asMetrics_) {
         console.print(statusMetrics(report.json()));
     } else {

@@ -1,6 +1,5 @@
 #include "control/StatusReport.h"
 
-#include "collection/EventSelection.h"
 #include "control/AgentProcess.h"
 #include "control/AgentQuestion.h"
 #include "control/StatusFormats.h"
@@ -9,6 +8,7 @@
 #include "core/ConfigurationCheck.h"
 #include "forwarding/DurableSpool.h"
 #include "operations/ScheduleHandler.h"
+#include "service/ConfigurationFindings.h"
 
 #include <algorithm>
 #include <limits>
@@ -87,8 +87,7 @@ StatusReport StatusReport::of(const InstallationFolder& installation, FileSystem
     report.readFolders(installation, files);
     const bool hasAnswered = answer.has_value();
     report.judge(hasAnswered);
-    for (const auto& finding :
-         checkConfiguration(ConfigurationFiles::in(files, installation.conf()), EventSelection::knownNames())) {
+    for (const auto& finding : startFindingsIn(files, installation.conf())) {
         report.add(finding.text(),
                    "correct the file, or the server's settings; \"sentrovactl check\" tells all findings");
     }

@@ -26,7 +26,7 @@ class StatusReport {
     };
 
     // Asks a running agent, for up to AgentQuestion::kPatience, and looks at the folders. Changes nothing. `now` is in
-    // seconds since 1970.
+    // seconds since 1970. Needs what startFindingsIn needs.
     static StatusReport of(const InstallationFolder& installation, FileSystem& files, std::int64_t now);
 
     State state() const { return state_; }
