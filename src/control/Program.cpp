@@ -1,7 +1,9 @@
 #include "control/Program.h"
 
 #include "control/Command.h"
+#include "control/EventsCommand.h"
 #include "control/InstallationFolder.h"
+#include "control/WatchCommand.h"
 
 #include <unistd.h>
 
@@ -20,8 +22,10 @@ namespace {
 
 constexpr const char* kVersion = "sentrovactl " SENTROVA_VERSION;
 
-std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& /*program*/) {
+std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(std::make_unique<EventsCommand>(program));
+    commands.push_back(std::make_unique<WatchCommand>(program));
     return commands;
 }
 
