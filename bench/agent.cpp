@@ -1,6 +1,6 @@
-// The cost of the whole agent: its own program, started as the service manager does, with generated trails and spools
-// and the stand-in audit server. Writes its results in the format of Google Benchmark, so that one program reads both.
-// Times are in seconds, from the start of the process.
+// The cost of the whole agent and of sentrovactl's events: the agent's own program, started as the service manager
+// does, with generated trails and spools and the stand-in audit server. Writes its results in the format of Google
+// Benchmark, so that one program reads both. Times are in seconds, from the start of the process.
 
 #include "BenchVolume.h"
 #include "BuildPaths.h"
@@ -158,6 +158,48 @@ void runDurable(Results& results, const LoopbackServer& server, std::size_t reco
                 throw std::runtime_error("the agent ran in the wrong mode");
             }
             results.add(fmt::format("{}/{}", durable ? "durable" : "not durable", records), run);
+        }
+    }
+}
+
+// Makes the events of a trail with sentrovactl, as lines of JSON. `cores` are those that it may use, as taskset names
+// them.
+Json reportEvents(const BenchVolume& volume, const fs::path& trail, std::string_view cores, std::int64_t expected) {
+    const auto output = volume.files().root() / "events";
+    std::string names;
+    for (const auto& name : eventsToRead()) {
+        names += (names.empty() ? "" : ",") + name;
+    }
+    const auto command =
+        fmt::format("taskset -c {} '{}' events --volume '{}' --select {} '{}' >'{}'", cores, testing::build::kControl,
+                    volume.files().volume().string(), names, trail.string(), output.string());
+    const auto processorBefore = processorSecondsOfChildren();
+    const auto begin = std::chrono::steady_clock::now();
+    if (std::system(command.c_str()) != 0) {  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+        throw std::runtime_error(command);
+    }
+    const auto wall = secondsSince(begin);
+    const auto processor = processorSecondsOfChildren() - processorBefore;
+    std::ifstream lines(output, std::ios::binary);
+    if (std::count(std::istreambuf_iterator<char>(lines), {}, '\n') != expected) {
+        throw std::runtime_error("not every event was written: " + command);
+    }
+    return {{"real_time", wall}, {"cpu_time", processor}};
+}
+
+void runEvents(Results& results, std::size_t records, int repetitions) {
+    const auto* const folder = std::getenv("SENTROVA_BENCH_SPOOL");
+    BenchVolume volume({.folder = folder ? fs::path(folder) : fs::temp_directory_path()});
+    const auto some = volume.addTrail("1", records, BenchVolume::Selected::fiveInHundred);
+    const auto all = volume.addTrail("2", records, BenchVolume::Selected::all);
+    const auto count = static_cast<std::int64_t>(records);
+    for (int i = 0; i < repetitions; ++i) {
+        results.add(fmt::format("events, 5 in 100 selected/{}", records), reportEvents(volume, some, "0", count / 20));
+        results.add(fmt::format("events, everything selected, one core/{}", records),
+                    reportEvents(volume, all, "0", count));
+        if (std::thread::hardware_concurrency() > 1) {
+            results.add(fmt::format("events, everything selected, two cores/{}", records),
+                        reportEvents(volume, all, "0,1", count));
         }
     }
 }
@@ -429,6 +471,8 @@ void run(const Sizes& sizes, const std::string& file, const std::vector<std::str
             runRecords(results, server, sizes.records, sizes.repetitions);
         } else if (part == "durable") {
             runDurable(results, server, std::min<std::size_t>(sizes.records, 1'000'000), sizes.repetitions);
+        } else if (part == "events") {
+            runEvents(results, std::min<std::size_t>(sizes.records, 1'000'000), sizes.repetitions);
         } else if (part == "spool") {
             runSpool(results, server, sizes.spoolFiles);
         } else if (part == "outage") {
@@ -455,7 +499,8 @@ int main(int argc, char** argv) {
     using namespace sentrova::bench;
     const std::vector<std::string> arguments(argv, argv + argc);
     if (arguments.size() < 4 || !kSizes.contains(arguments[1])) {
-        fmt::print(stderr, "usage: {} full|quick|smoke RESULT-FILE records|durable|spool|outage|log|flushes|idle...\n",
+        fmt::print(stderr,
+                   "usage: {} full|quick|smoke RESULT-FILE records|durable|events|spool|outage|log|flushes|idle...\n",
                    arguments[0]);
         return 64;
     }

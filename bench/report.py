@@ -248,6 +248,29 @@ def durable_memory_row(results: Results) -> Row | None:
                "at most 32 MiB", f"{peak:.1f} MiB", peak <= 32)
 
 
+def some_events_row(results: Results) -> Row | None:
+    return events_row_of(results, "events, 5 in 100 selected", "5 in 100 selected, one core", 3e6, "records")
+
+
+def all_events_row(results: Results) -> Row | None:
+    return events_row_of(results, "events, everything selected, one core", "everything selected, one core", 3e5,
+                         "events")
+
+
+def all_events_on_two_cores_row(results: Results) -> Row | None:
+    return events_row_of(results, "events, everything selected, two cores", "everything selected, two cores", 5e5,
+                         "events")
+
+
+def events_row_of(results: Results, name: str, what: str, target: float, unit: str) -> Row | None:
+    ours = results.largest(name)
+    if not ours:
+        return None
+    return Row(f"`sentrovactl events`, {count(ours.size)} records to JSON lines, {what}", "none",
+               f"at least {rate(target)} {unit} per second",
+               f"{times(ours)}: {rate(ours.per_second)} {unit} per second", ours.per_second >= target)
+
+
 def flush_row(results: Results) -> Row | None:
     stream = results.largest("flushes")
     if not stream:
@@ -314,7 +337,8 @@ def log_row(results: Results) -> Row | None:
 
 
 ROWS = (decode_row, spool_row, delivery_row, whole_agent_row, unknown_ids_row, memory_row, durable_row,
-        durable_memory_row, flush_row, outage_row, idle_row, durable_idle_row, log_row)
+        durable_memory_row, some_events_row, all_events_row,
+        all_events_on_two_cores_row, flush_row, outage_row, idle_row, durable_idle_row, log_row)
 
 
 def target_table(results: Results) -> str:

@@ -2,10 +2,12 @@
 
 #include "control/CheckCommand.h"
 #include "control/Command.h"
+#include "control/EventsCommand.h"
 #include "control/InstallationFolder.h"
 #include "control/ProbeCommand.h"
 #include "control/StatusCommand.h"
 #include "control/SyncCommand.h"
+#include "control/WatchCommand.h"
 
 #include <unistd.h>
 
@@ -28,6 +30,8 @@ std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<StatusCommand>(program));
     commands.push_back(std::make_unique<CheckCommand>(program));
+    commands.push_back(std::make_unique<EventsCommand>(program));
+    commands.push_back(std::make_unique<WatchCommand>(program));
     commands.push_back(std::make_unique<ProbeCommand>(program));
     commands.push_back(std::make_unique<SyncCommand>(program));
     return commands;
