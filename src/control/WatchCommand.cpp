@@ -38,15 +38,13 @@ bool isFifo(const std::string& path) {
 class Ending {
   public:
     Ending()
-        : signals_{platform::SignalSource::make(SIGINT, [state = state_] { state->end(); }),
-                   platform::SignalSource::make(SIGTERM, [state = state_] { state->end(); })} {}
+        : signals_(platform::SignalSource::make(
+              {{SIGINT, [state = state_] { state->end(); }}, {SIGTERM, [state = state_] { state->end(); }}})) {}
 
     // From now on, a signal interrupts the source.
     void interrupts(std::shared_ptr<AuditSource> source) {
         state_->source = std::move(source);
-        for (const auto& signal : signals_) {
-            signal->resume();
-        }
+        signals_->resume();
     }
 
     bool hasCome() const { return state_->hasCome; }
@@ -67,7 +65,7 @@ class Ending {
     };
 
     const std::shared_ptr<State> state_ = std::make_shared<State>();
-    const std::array<std::unique_ptr<platform::SignalSource>, 2> signals_;
+    const std::unique_ptr<platform::SignalSource> signals_;
 };
 
 // Why the reading ended although nobody asked for it.
