@@ -6,6 +6,7 @@
 #include "control/TimeArgument.h"
 #include "core/Configuration.h"
 #include "core/ConfigurationCheck.h"
+#include "core/FileUtils.h"
 #include "forwarding/DurableSpool.h"
 #include "operations/ScheduleHandler.h"
 #include "service/ConfigurationFindings.h"
@@ -106,6 +107,7 @@ void StatusReport::readFolders(const InstallationFolder& installation, FileSyste
     if (__builtin_mul_overflow(server.eventDataSize, kBytesPerGigabyte, &spool_.limit)) {
         spool_.limit = std::numeric_limits<std::int64_t>::max();
     }
+    spool_.occupied = FileUtils::getFoldersize(installation.spool());
     for (const auto& name : files.names(installation.spool()).optional().value_or(std::vector<std::string>())) {
         const auto status = files.linkStatus(installation.spool() + "/" + name);
         if (name.starts_with('.') || !status || !status->isRegular) {
@@ -157,7 +159,8 @@ void StatusReport::judgeAgent() {
     if (const auto* const problem = known("audit_problem").string()) {
         add(*problem, "switch auditing on; without it the system records no logon");
     }
-    if (const auto* const reason = known("collection_refused").string(); reason && !isStarting) {
+    if (const auto* const reason = known("collection_refused").string();
+        reason && !isStarting && !known("spool_limit_reached").boolValue()) {
         add(fmt::format("No event is collected: {}", *reason),
             "settings come from the server: change them there, then run \"sentrovactl sync\"");
     }
@@ -192,9 +195,9 @@ void StatusReport::judgeServer() {
 }
 
 void StatusReport::judgeSpool() {
-    if (spool_.limit > 0 &&
-        (spool_.bytes >= spool_.limit || (isRunning() && known("spool_limit_reached").boolValue()))) {
-        add(fmt::format("The spool is full: {} of at most {}; collection has stopped", bytesText(spool_.bytes),
+    if ((spool_.limit > 0 && spool_.occupied >= spool_.limit) ||
+        (isRunning() && known("spool_limit_reached").boolValue())) {
+        add(fmt::format("The spool is full: {} of at most {}; collection has stopped", bytesText(spool_.occupied),
                         bytesText(spool_.limit)),
             "bring the server back so that the spool empties, or raise MaxEventDataSize");
     }

@@ -38,6 +38,8 @@ class StatusReport {
     struct Spool {
         std::int64_t files = 0;
         std::int64_t bytes = 0;
+        // What all files of the folder occupy on the disk, as the agent compares it with the limit.
+        std::int64_t occupied = 0;
         // The files that the agent keeps for the administrator, and does not send.
         std::int64_t kept = 0;
         // Seconds since 1970.

@@ -48,10 +48,17 @@ class Folder {
 }  // namespace
 
 ControlOutcome runControl(const std::vector<std::string>& arguments, const std::string& input,
-                          const std::vector<std::string>& variables) {
+                          const std::vector<std::string>& variables, ControlUser user) {
     const Folder folder;
     std::ofstream(folder.path / "in", std::ios::binary) << input;
-    std::string command = "exec env";
+    std::string command = "exec ";
+    if (user == ControlUser::ordinary) {
+        // Without a mapping of the users, the program sees the user id of nobody.
+        command += "unshare -U ";
+    } else if (user == ControlUser::root && ::geteuid() != 0) {
+        command += "unshare -r ";
+    }
+    command += "env";
     for (const auto& variable : variables) {
         command += " " + quoted(variable);
     }
