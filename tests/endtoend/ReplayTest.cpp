@@ -1,0 +1,190 @@
+// The command `replay` of sentrovactl, between runs of the agent's own program.
+
+#include "endtoend/EndToEnd.h"
+#include "foundation/files/FileDescriptor.h"
+#include "support/ControlProgram.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <map>
+
+#include <fmt/format.h>
+
+namespace sentrova::testing {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr auto kBegin = 1'700'000'000s;
+
+class ReplayTest : public EndToEnd {
+  protected:
+    ReplayTest() {
+        serverInfo.set("NumberofEventsPerRequest", 1);
+        mine.set("LogLevel", 0);
+    }
+
+    // Records a second apart, whose process ids are their seconds since kBegin: trails of which one begins in the
+    // second after the other's end, and one in which nothing is new although it was changed late.
+    void addDay() {
+        addTrail(volume, sudoTrail(kBegin, 0, 10));
+        addTrail(volume, sudoTrail(kBegin + 10s, 10, 10));
+        volume.addTrail("touched", TrailWriter().add(TrailRecord(6152).at(kBegin + 15s)).bytes(), kBegin + 21s);
+        volume.addTrail("open.not_terminated", sudoTrail(kBegin + 22s, 22, 6).bytes(), kBegin + 27s);
+        volume.linkCurrentTrail("open.not_terminated");
+    }
+
+    Processes arrived() const { return processesIn(server.events()); }
+    void runUntilArrived(std::size_t events) {
+        RunningAgent agent(build::kAgent, volume);
+        EXPECT_TRUE(waitUntil([&] { return arrived().size() >= events; })) << arrived().size() << log();
+        EXPECT_EQ(agent.stop(), 0);
+    }
+
+    ControlOutcome replay(std::chrono::seconds since, const std::vector<std::string>& more = {"--yes"}) {
+        std::vector<std::string> arguments = {"--root", volume.agent().string(), "replay", "--since",
+                                              std::to_string(since.count())};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return runControl(arguments, {}, {"SENTROVA_SYSTEM_VOLUME=" + volume.volume().string(), "TZ=UTC"});
+    }
+    // Replays, runs the agent, and compares what arrives with what had arrived before.
+    void expectAgain(std::chrono::seconds since, const std::string& counts, const std::function<void()>& look = [] {}) {
+        const auto outcome = replay(since);
+        EXPECT_EQ(outcome.status, 0) << outcome.problems;
+        EXPECT_TRUE(outcome.output.starts_with(counts)) << outcome.output;
+        look();
+        auto expected = arrived();
+        expected.merge(eachOnce((since - kBegin).count(), 20 - (since - kBegin).count()));
+        expected.merge(eachOnce(22, 6));
+        runUntilArrived(expected.size());
+        EXPECT_EQ(arrived(), expected);
+    }
+
+    std::string spooled() const {
+        std::string text;
+        for (const auto& entry : fs::directory_iterator(volume.eventData())) {
+            text += entry.path().filename().string().starts_with("event_") ? textOf(entry.path()) : "";
+        }
+        return text;
+    }
+    static std::map<std::string, std::string> files(const fs::path& folder) {
+        std::map<std::string, std::string> content;
+        for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+            const auto time = entry.last_write_time().time_since_epoch().count();
+            content[entry.path()] = fmt::format("{} {}", time, entry.is_regular_file() ? textOf(entry.path()) : "");
+        }
+        return content;
+    }
+};
+
+TEST_F(ReplayTest, EventsFromTheTimeOnComeAgainWithoutTheDurableMode) {
+    configure();
+    addDay();
+    runUntilArrived(26);
+    const auto before = volume.readConfiguration("myconfigurations.plist");
+    const auto spool = files(volume.eventData());
+    // The touched trail takes a second, too.
+    expectAgain(kBegin + 22s, "1 trails with 6 records at or after 2023-11-14 22:13:42 UTC\n", [&] {
+        auto changed = volume.readConfiguration("myconfigurations.plist");
+        EXPECT_EQ(changed["TimestampOfLastEvent"], Value("1700000020"));
+        changed.set("TimestampOfLastEvent", before["TimestampOfLastEvent"]);
+        EXPECT_EQ(changed, before);
+        EXPECT_EQ(files(volume.eventData()), spool);
+    });
+    // No stored time does: the trail before ends in the second before.
+    expectAgain(kBegin + 10s, "3 trails with 17 records at or after 2023-11-14 22:13:30 UTC\n");
+    EXPECT_TRUE(fs::is_empty(volume.eventData()));
+}
+
+TEST_F(ReplayTest, EventsFromTheTimeOnComeAgainInTheDurableMode) {
+    mine.set("DurableDelivery", true);
+    serverInfo.set("IsRealTime", true);
+    configure();
+    addDay();
+    runUntilArrived(26);
+    expectAgain(kBegin + 14s, "3 trails with 13 records at or after ");
+    // A record that comes from the device first and is in a trail later, an unread one that is older than the time, and
+    // batches that wait meanwhile.
+    const auto trail = volume.auditFolder() / "closed";
+    fs::remove(volume.auditFolder() / "current");
+    fs::rename(volume.auditFolder() / "open.not_terminated", trail);
+    const auto fromDevice = sudoRecord(kBegin + 40s, 40).bytes();
+    FileDescriptor pipe(::open(volume.auditPipe().c_str(), O_RDWR | O_CLOEXEC));
+    ASSERT_GT(::write(pipe.get(), fromDevice.data(), fromDevice.size()), 0);
+    server.fail({.path = AuditServer::kEventsPath, .status = 500, .count = -1});
+    {
+        RunningAgent agent(build::kAgent, volume);
+        EXPECT_TRUE(waitUntil([this] { return processesIn(spooled()).contains(40); })) << log();
+        EXPECT_EQ(agent.stop(), 0);
+    }
+    server.clearFailures();
+    for (const auto& bytes : {fromDevice, sudoRecord(kBegin + 1s, 90).bytes()}) {
+        std::ofstream(trail, std::ios::binary | std::ios::app)
+            .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+    EXPECT_EQ(replay(kBegin + 24s).status, 0);
+    EXPECT_EQ(processesIn(spooled()), Processes{40});
+    auto expected = arrived();
+    expected.merge(Processes{24, 25, 26, 27, 40, 40, 90});
+    runUntilArrived(expected.size());
+    EXPECT_EQ(arrived(), expected);
+    EXPECT_TRUE(server.keyFaults().empty());
+}
+
+TEST_F(ReplayTest, RefusalsChangeNothing) {
+    addDay();
+    mine.set("TimestampOfLastEvent", "1700000027");
+    configure();
+    const auto expectRefusal = [this](std::chrono::seconds since, const std::vector<std::string>& more,
+                                      const std::string& reason) {
+        const auto before = files(volume.agent());
+        const auto outcome = replay(since, more);
+        EXPECT_EQ(outcome.status, 1) << reason;
+        EXPECT_NE(outcome.problems.find(reason), std::string::npos) << outcome.problems;
+        EXPECT_EQ(files(volume.agent()), before) << reason;
+    };
+    expectRefusal(kBegin, {}, "--yes");
+    expectRefusal(kBegin + 28s, {"--yes"}, "2023-11-14 22:13:48 UTC is later than the stored position");
+    const auto trails = volume.auditFolder();
+    fs::rename(trails, volume.root() / "away");
+    expectRefusal(kBegin, {"--yes"}, "/var/audit cannot be listed");
+    fs::rename(volume.root() / "away", trails);
+    serverInfo.set("RecentEventTimeMillis", 1'700'000'020);
+    configure();
+    expectRefusal(kBegin, {"--yes"}, "RecentEventTimeMillis");
+    serverInfo.remove("RecentEventTimeMillis");
+    mine.set("TimestampOfLastEvent", "0");
+    configure();
+    expectRefusal(kBegin, {"--yes"}, "no position is stored");
+    std::ofstream(volume.conf() / "myconfigurations.plist") << "<plist>";
+    expectRefusal(kBegin, {"--yes"}, "myconfigurations.plist: ");
+    for (const std::vector<std::string>& arguments :
+         {std::vector<std::string>{"replay"}, {"replay", "--since", "soon"}}) {
+        EXPECT_EQ(runControl(arguments).status, 64);
+    }
+}
+
+TEST_F(ReplayTest, RunningAgentIsStoppedOnlyForAReplayThatIsDone) {
+    configure();
+    addDay();
+    RunningAgent agent(build::kAgent, volume);
+    EXPECT_TRUE(waitUntil([this] {
+        return volume.readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"] == Value("1700000027");
+    }));
+    const auto beside = replay(kBegin);
+    EXPECT_EQ(beside.status, 1);
+    EXPECT_NE(beside.problems.find("--restart"), std::string::npos) << beside.problems;
+    EXPECT_EQ(replay(kBegin, {"--restart"}).status, 1);
+    EXPECT_EQ(replay(kBegin + 999s, {"--restart", "--yes"}).status, 1);
+    EXPECT_FALSE(agent.wait(0ms)) << "a refusal has stopped the agent";
+    const auto outcome = replay(kBegin + 5s, {"--restart", "--yes"});
+    EXPECT_EQ(outcome.status, 0) << outcome.problems;
+    EXPECT_NE(outcome.output.find("Start it through its service manager"), std::string::npos) << outcome.output;
+    EXPECT_EQ(agent.wait(), 0);
+    EXPECT_EQ(volume.readConfiguration("myconfigurations.plist")["TimestampOfLastEvent"], Value("1700000004"));
+}
+
+}  // namespace
+}  // namespace sentrova::testing
