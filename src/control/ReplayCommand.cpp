@@ -1,6 +1,7 @@
 #include "control/ReplayCommand.h"
 
 #include "control/ControlHost.h"
+#include "control/ReplayHistory.h"
 #include "control/ReplayPosition.h"
 #include "control/ReplayTrails.h"
 #include "control/TimeArgument.h"
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <memory>
 #include <optional>
+#include <span>
 #include <thread>
 #include <utility>
 
@@ -102,11 +104,13 @@ std::optional<std::string> setBack(const InstallationFolder& installation, Contr
     if (const auto refusal = refusalOf(position, since)) {
         return fmt::format("{}; {}", *refusal, kNothingChanged);
     }
-    const auto trails = ReplayTrails::read(host.files(), host.cryptography(), since);
+    ReplayHistory history(installation, host.files(), position->eventsToRead(), since);
+    const auto trails = ReplayTrails::read(host.files(), host.cryptography(), since,
+                                           [&history](std::span<const std::uint8_t> record) { history.take(record); });
     if (!trails) {
         return fmt::format("{}; {}", trails.error().description, kNothingChanged);
     }
-    return position->setBack(*trails);
+    return position->setBack(*trails, history);
 }
 
 }  // namespace

@@ -74,6 +74,7 @@ Result<ReplayPosition> ReplayPosition::read(const InstallationFolder& installati
         !recent.isNull()) {
         found.recentTime_ = recent.integerValue();
     }
+    found.eventsToRead_ = ServerSettings::from(configuration.serverInfo.content).eventsToRead;
     Journal journal(files, cryptography);
     journal.setFolder(installation.spool());
     auto recovery = journal.read();
@@ -124,10 +125,11 @@ std::optional<std::string> ReplayPosition::refusal(std::uint64_t since) const {
     return std::nullopt;
 }
 
-std::optional<std::string> ReplayPosition::setBack(const ReplayTrails& trails) const {
+std::optional<std::string> ReplayPosition::setBack(const ReplayTrails& trails, const ReplayHistory& history) const {
     const auto since = trails.since();
+    const auto before = since > 0 ? since - 1 : 0;
     // A reader that is opened begins one second after the stored time.
-    auto time = since > 0 ? since - 1 : 0;
+    auto time = before;
     std::vector<journal::Entry> entries;
     if (isInJournal()) {
         entries = journalChanges(trails);
@@ -139,6 +141,10 @@ std::optional<std::string> ReplayPosition::setBack(const ReplayTrails& trails) c
     } else {
         // As after the durable mode was switched off: the next start reads on once from here, exactly.
         entries.emplace_back(journal::BaselineSet{since});
+    }
+    // Not earlier than the stored time: the agent drops such an entry.
+    if (const auto problem = history.store(std::max(before, time))) {
+        return fmt::format("the login history cannot be completed: {}; nothing was changed", *problem);
     }
     const bool changesJournal = !entries.empty();
     if (changesJournal) {

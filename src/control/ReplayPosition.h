@@ -3,6 +3,7 @@
 #pragma once
 
 #include "control/InstallationFolder.h"
+#include "control/ReplayHistory.h"
 #include "control/ReplayTrails.h"
 #include "forwarding/JournalRecovery.h"
 #include "foundation/files/FileSystem.h"
@@ -29,9 +30,13 @@ class ReplayPosition {
     // Why the position cannot be set back to that time (seconds since 1970); nothing if it can be.
     std::optional<std::string> refusal(std::uint64_t since) const;
 
-    // Sets the position back to the time of the trails. No agent may run meanwhile. The journal is changed in one
-    // piece, then the time is stored. Returns what failed and what that leaves, in words; nothing after a success.
-    std::optional<std::string> setBack(const ReplayTrails& trails) const;
+    // "EventsToRead" as it is configured.
+    const std::optional<std::string>& eventsToRead() const { return eventsToRead_; }
+
+    // Sets the position back to the time of the trails. No agent may run meanwhile. The login history is completed
+    // first, then the journal is changed in one piece, then the time is stored. Returns what failed and what that
+    // leaves, in words; nothing after a success.
+    std::optional<std::string> setBack(const ReplayTrails& trails, const ReplayHistory& history) const;
 
   private:
     ReplayPosition(const InstallationFolder& installation, FileSystem& files, const Cryptography& cryptography)
@@ -52,6 +57,7 @@ class ReplayPosition {
     std::uint64_t storedTime_ = 0;
     // "RecentEventTimeMillis", in seconds since 1970.
     std::optional<std::int64_t> recentTime_;
+    std::optional<std::string> eventsToRead_;
     bool isDurable_ = false;
     JournalRecovery journal_;
 };

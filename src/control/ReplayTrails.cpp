@@ -31,7 +31,7 @@ std::optional<std::uint64_t> timeOf(std::span<const std::uint8_t> record) {
 }
 
 Result<ReplayTrail> readTrail(FileSystem& files, const Cryptography& cryptography, const Trail& trail,
-                              std::uint64_t since) {
+                              std::uint64_t since, const ReplayTrails::Take& take) {
     const auto file = TrailFile::open(files, trail.path());
     if (!file) {
         return file.error();
@@ -50,6 +50,7 @@ Result<ReplayTrail> readTrail(FileSystem& files, const Cryptography& cryptograph
         if (begin == 0) {
             found.firstRecord = digestOf(reader.record(), cryptography);
         }
+        take(reader.record());
         const auto time = timeOf(reader.record());
         if (!time) {
             continue;
@@ -71,7 +72,8 @@ Result<ReplayTrail> readTrail(FileSystem& files, const Cryptography& cryptograph
 
 }  // namespace
 
-Result<ReplayTrails> ReplayTrails::read(FileSystem& files, const Cryptography& cryptography, std::uint64_t since) {
+Result<ReplayTrails> ReplayTrails::read(FileSystem& files, const Cryptography& cryptography, std::uint64_t since,
+                                        const Take& take) {
     for (int attempt = 1;; ++attempt) {
         const auto listed = TrailFolder(files).trails();
         if (!listed) {
@@ -83,7 +85,7 @@ Result<ReplayTrails> ReplayTrails::read(FileSystem& files, const Cryptography& c
         trails.since_ = since;
         std::optional<Error> problem;
         for (auto trail = listed->begin(); trail != listed->end() && !problem; ++trail) {
-            auto found = readTrail(files, cryptography, *trail, since);
+            auto found = readTrail(files, cryptography, *trail, since, take);
             if (found) {
                 trails.trails_.push_back(*std::move(found));
             } else {

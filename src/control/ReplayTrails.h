@@ -8,8 +8,10 @@
 #include "foundation/value/Result.h"
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -31,8 +33,12 @@ struct ReplayTrail {
 class ReplayTrails {
   public:
     // Reads all trails of the volume, without the link `current`. `since` is in seconds since 1970. Fails if the folder
-    // or a trail cannot be read. What follows garbage or a cut record does not count, because no agent reads it.
-    static Result<ReplayTrails> read(FileSystem& files, const Cryptography& cryptography, std::uint64_t since);
+    // or a trail cannot be read. What follows garbage or a cut record does not count, because no agent reads it. `take`
+    // gets each record in the agent's order, and may get records twice if a trail is renamed meanwhile.
+    using Take = std::function<void(std::span<const std::uint8_t> record)>;
+    static Result<ReplayTrails> read(
+        FileSystem& files, const Cryptography& cryptography, std::uint64_t since,
+        const Take& take = [](std::span<const std::uint8_t>) {});
 
     std::uint64_t since() const { return since_; }
     // In the order in which the agent reads them.

@@ -133,6 +133,27 @@ TEST_F(ReplayTest, EventsFromTheTimeOnComeAgainInTheDurableMode) {
     EXPECT_TRUE(server.keyFaults().empty());
 }
 
+TEST_F(ReplayTest, TouchIdRecordHasTheUserWhoLoggedOnBeforeTheTime) {
+    serverInfo.set("EventsToRead", "AUE_auth_user,AUE_lw_login");
+    mine.set("DurableDelivery", true);
+    configure();
+    volume.addDomainUser("anna", 501, "S-1-5-21-7", "CORP");
+    const auto logon = [](std::uint16_t type, std::chrono::seconds time) {
+        return TrailRecord(type).at(time).subject({.auditId = 501, .sessionId = 100007}).returns(0);
+    };
+    TrailWriter trail;
+    trail.add(logon(45021, kBegin)).add(logon(45023, kBegin + 9s).text("Touch ID authentication"));
+    addTrail(volume, trail);
+    for (std::size_t events = 1; events <= 2; ++events) {
+        RunningAgent agent(build::kAgent, volume);
+        ASSERT_TRUE(server.waitForEvents(events)) << log();
+        EXPECT_EQ(agent.stop(), 0);
+        EXPECT_NE(server.events().back().find(R"("UserName":"anna")"), std::string::npos) << server.events().back();
+        EXPECT_EQ(server.events().back(), server.events().front());
+        EXPECT_EQ(replay(kBegin + 9s).status, 0);
+    }
+}
+
 TEST_F(ReplayTest, RefusalsChangeNothing) {
     addDay();
     mine.set("TimestampOfLastEvent", "1700000027");
