@@ -26,6 +26,7 @@ namespace sentrova::control {
 
 namespace {
 
+constexpr std::chrono::seconds kEndAwaited{60};
 constexpr const char* kNothingChanged = "nothing was changed";
 constexpr const char* kStopFirst = "stop it first through its service manager, or let --restart stop and start it";
 
@@ -82,7 +83,6 @@ class StoppedAgent {
 // An agent that was told to end holds the lock for a moment longer. Trying all the time also keeps a service manager
 // from starting the next agent in between.
 Result<FileDescriptor> lockOut(const InstallationFolder& installation, bool isEnding) {
-    constexpr std::chrono::seconds kEndAwaited{60};
     constexpr std::chrono::milliseconds kBetween{5};
     const auto deadline = std::chrono::steady_clock::now() + kEndAwaited;
     for (;;) {
@@ -111,6 +111,22 @@ std::optional<std::string> setBack(const InstallationFolder& installation, Contr
         return fmt::format("{}; {}", trails.error().description, kNothingChanged);
     }
     return position->setBack(*trails, history);
+}
+
+// Returns what failed, in words. The lock ends with the function: the agent may start then.
+std::optional<std::string> setBackLocked(const InstallationFolder& installation, ControlHost& host, std::uint64_t since,
+                                         bool isEnding) {
+    const auto lock = lockOut(installation, isEnding);
+    if (lock) {
+        return setBack(installation, host, since);
+    }
+    if (lock.error().code != EWOULDBLOCK) {
+        return fmt::format("{} cannot be locked: {}; {}", installation.lockFile(), lock.error().description,
+                           kNothingChanged);
+    }
+    return isEnding ? fmt::format("the agent was told to end and still runs after {} s; {}", kEndAwaited.count(),
+                                  kNothingChanged)
+                    : fmt::format("an agent was started meanwhile; {}; {}", kStopFirst, kNothingChanged);
 }
 
 }  // namespace
@@ -180,18 +196,8 @@ int ReplayCommand::run(Console& console, const InstallationFolder& installation)
             return refuse(fmt::format("the agent was not stopped: {}; {}", *problem, kNothingChanged));
         }
     }
-    {
-        const auto lock = lockOut(installation, process.isRunning());
-        if (!lock && lock.error().code == EWOULDBLOCK) {
-            return refuse(fmt::format("an agent is running; {}; {}", kStopFirst, kNothingChanged));
-        }
-        if (!lock) {
-            return refuse(fmt::format("{} cannot be locked: {}; {}", installation.lockFile(), lock.error().description,
-                                      kNothingChanged));
-        }
-        if (const auto problem = setBack(installation, host, since_)) {
-            return refuse(*problem);
-        }
+    if (const auto problem = setBackLocked(installation, host, since_, process.isRunning())) {
+        return refuse(*problem);
     }
     console.print(process.isRunning() ? "The position was set back.\n"
                                       : "The position was set back. The agent reads the trails again at its next "

@@ -26,6 +26,12 @@ class ReplayTest : public EndToEnd {
         mine.set("LogLevel", 0);
     }
 
+    void SetUp() override {
+        if (::geteuid() != 0) {
+            GTEST_SKIP() << "only root may replay";
+        }
+    }
+
     // Records a second apart, whose process ids are their seconds since kBegin: trails of which one begins in the
     // second after the other's end, and one in which nothing is new although it was changed late.
     void addDay() {
