@@ -18,6 +18,7 @@ namespace sentrova::control {
 class ControlHost {
   public:
     FileSystem& files() { return files_; }
+    const Cryptography& cryptography() const { return *cryptography_; }
 
   private:
     platform::HostFileSystem files_;

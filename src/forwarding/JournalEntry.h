@@ -96,8 +96,8 @@ struct PartSealed {
     // The batch that is split; not written.
     std::string whole;
 };
-// The mode was switched on: until the present trails have positions, this is the time up to which records were
-// reported. Absent: they have.
+// The mode was switched on, or a replay without the mode reads once more from a journal: until the present trails have
+// positions, records before this time count as reported. Absent: the trails have their positions.
 struct BaselineSet {
     std::optional<std::uint64_t> time;
 };

@@ -33,11 +33,11 @@ struct TrailPosition {
     std::string lastRecord = {};
     // The time of that record, in seconds since 1970.
     std::uint64_t time = 0;
-    // Older records (seconds since 1970) were reported before the mode was switched on, and are skipped up to `size`.
-    // 0: none.
+    // Older records (seconds since 1970) are skipped up to `size`, because they were reported before the mode was
+    // switched on, or before a replay. 0: none.
     std::uint64_t since = 0;
-    // The file's size when it was last seen (while `since` holds, at the switching-on), and whether the system was
-    // still writing it: the gap that remains if the file is removed.
+    // The file's size when it was last seen (while `since` holds: at the switching-on, or the offset before the
+    // replay), and whether the system was still writing it: the gap that remains if the file is removed.
     std::uint64_t size = 0;
     bool isOpen = false;
 

@@ -1,14 +1,14 @@
 #include "platform/posix/FileLock.h"
 
-#include "foundation/files/FileDescriptor.h"
-
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 namespace sentrova::platform {
 
@@ -29,11 +29,8 @@ std::optional<pid_t> holderOf(int file) {
     return lock.l_pid;
 }
 
-}  // namespace
-
-// Two locks of different kinds. The one of flock excludes other agents: it stays until all descriptors of this open
-// file are closed. The one of fcntl tells who holds it: the kernel answers with the process.
-int lockFile(int file) {
+// Returns 0 or an error number.
+int exclude(int file) {
     // Whoever asks for the state holds the first lock for an instant, but never the second.
     constexpr int kAttempts = 50;
     constexpr std::chrono::milliseconds kBetween{10};
@@ -44,9 +41,27 @@ int lockFile(int file) {
         }
         std::this_thread::sleep_for(kBetween);
     }
+    return 0;
+}
+
+}  // namespace
+
+// Two locks of different kinds. The one of flock excludes other agents: it stays until all descriptors of this open
+// file are closed. The one of fcntl tells who holds it: the kernel answers with the process.
+int lockFile(int file) {
+    if (const int problem = exclude(file); problem != 0) {
+        return problem;
+    }
     auto lock = wholeFile(F_WRLCK);
     static_cast<void>(::fcntl(file, F_SETLK, &lock));
     return 0;
+}
+
+Result<FileDescriptor> lockOut(const std::string& path) {
+    FileDescriptor file(
+        ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const int problem = file ? exclude(file.get()) : errno;
+    return problem == 0 ? Result<FileDescriptor>(std::move(file)) : posixError(problem);
 }
 
 LockState lockState(const std::string& path) {
