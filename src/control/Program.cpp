@@ -2,6 +2,7 @@
 
 #include "control/CheckCommand.h"
 #include "control/Command.h"
+#include "control/DiagnoseCommand.h"
 #include "control/EventsCommand.h"
 #include "control/InstallationFolder.h"
 #include "control/ProbeCommand.h"
@@ -34,13 +35,18 @@ std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     commands.push_back(std::make_unique<WatchCommand>(program));
     commands.push_back(std::make_unique<ProbeCommand>(program));
     commands.push_back(std::make_unique<SyncCommand>(program));
+    commands.push_back(std::make_unique<DiagnoseCommand>(program));
     return commands;
 }
 
-// --help and --version at every level.
+// --help and --version at every level. A flag takes no value.
 void addVersion(CLI::App& app) {
     app.set_version_flag("--version", kVersion, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
+    for (auto* const option :
+         app.get_options([](const CLI::Option* each) { return each->get_items_expected_max() == 0; })) {
+        option->disable_flag_override();
+    }
     for (auto* const command : app.get_subcommands({})) {
         addVersion(*command);
     }
@@ -84,10 +90,12 @@ int runProgram(std::span<const char* const> arguments, const std::string& progra
         return runCommand(**chosen, console, InstallationFolder(rootOf(root, programFolder)));
     } catch (const CLI::CallForHelp&) {
         const CLI::App* asked = &app;
+        std::string before;
         while (!asked->get_subcommands().empty()) {
+            before += (before.empty() ? "" : " ") + asked->get_name();
             asked = asked->get_subcommands().front();
         }
-        console.print(asked->help());
+        console.print(asked->help(before));
         return console.flush() ? ExitStatus::kDone : ExitStatus::kFailed;
     } catch (const CLI::CallForVersion&) {
         console.print(fmt::format("{}\n", kVersion));
