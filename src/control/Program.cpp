@@ -55,7 +55,8 @@ void addVersion(CLI::App& app) {
 // The folder above the program's own, or the one that the arguments name.
 std::string rootOf(const std::string& named, const std::string& programFolder) {
     const std::filesystem::path folder = named.empty() ? programFolder + "/.." : named;
-    return std::filesystem::absolute(folder).lexically_normal().string();
+    const auto root = std::filesystem::absolute(folder).lexically_normal();
+    return (root.has_filename() ? root : root.parent_path()).string();
 }
 
 int runCommand(Command& command, Console& console, const InstallationFolder& installation) {
@@ -100,6 +101,12 @@ int runProgram(std::span<const char* const> arguments, const std::string& progra
     } catch (const CLI::CallForVersion&) {
         console.print(fmt::format("{}\n", kVersion));
         return console.flush() ? ExitStatus::kDone : ExitStatus::kFailed;
+    } catch (const CLI::RequiredError& error) {
+        // An unknown command counts as a missing one.
+        const auto surplus = app.remaining();
+        const auto reason = surplus.empty() ? error.what() : fmt::format("there is no command \"{}\"", surplus.front());
+        console.problem(fmt::format("{}\nRun with --help for the usage.", reason));
+        return ExitStatus::kUsage;
     } catch (const CLI::ParseError& error) {
         console.problem(fmt::format("{}\nRun with --help for the usage.", error.what()));
         return ExitStatus::kUsage;
