@@ -46,7 +46,7 @@ _sentrovactl_options() {
         status) echo --json --prometheus ;;
         check | probe | 'spool list' | 'spool show') echo --json ;;
         events) echo --volume --select --since --until --user --domain --host --excluded --format ;;
-        watch) echo --volume --select --user --domain --host --excluded --format ;;
+        watch) echo --select --user --domain --host --excluded --format ;;
         'spool retry') echo --all ;;
         replay) echo --since --yes --restart ;;
         diagnose) echo -o --no-events ;;

@@ -22,6 +22,8 @@ struct AddressReport {
     bool works() const { return probe.status > 0; }
     // "works: HTTP 404; ..." or "fails: ...", on one line.
     std::string text() const;
+    // The address and the text.
+    std::string line() const { return address + " " + text(); }
     Dictionary json() const;
 };
 

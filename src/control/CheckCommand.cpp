@@ -35,7 +35,7 @@ CheckCommand::CheckCommand(CLI::App& program)
 
 int CheckCommand::run(Console& console, const InstallationFolder& installation) {
     ControlHost host;
-    const auto folder = folder_.empty() ? installation.conf() : folder_;
+    const auto folder = folder_.value_or(installation.conf());
     // A link that the arguments name is followed; links to the files are judged as the agent judges them.
     std::error_code error;
     const auto found = std::filesystem::canonical(folder, error);

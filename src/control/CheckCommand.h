@@ -4,6 +4,7 @@
 
 #include "control/Command.h"
 
+#include <optional>
 #include <string>
 
 namespace sentrova::control {
@@ -15,7 +16,7 @@ class CheckCommand final : public Command {
     int run(Console& console, const InstallationFolder& installation) override;
 
   private:
-    std::string folder_;
+    std::optional<std::string> folder_;
     bool json_ = false;
 };
 

@@ -67,7 +67,9 @@ bool Console::flush() {
 }
 
 void Console::problem(std::string_view text) {
-    fmt::print(stderr, "sentrovactl: {}\n", text);
+    // A standard error that cannot be written is nobody's concern: the exit status tells of the failure too.
+    const auto line = fmt::format("sentrovactl: {}\n", text);
+    std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
 std::string Console::coloured(Colour colour, std::string_view text) const {

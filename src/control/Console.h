@@ -11,6 +11,9 @@ namespace sentrova::control {
 class Console {
   public:
     Console();
+    // Has no colours, wherever its text goes.
+    struct Plain {};
+    explicit Console(Plain /*unused*/) : isTerminal_(false), isErrorTerminal_(false) {}
     // Writes what is still buffered.
     ~Console();
     Console(const Console&) = delete;

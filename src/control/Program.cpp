@@ -2,6 +2,7 @@
 
 #include "control/CheckCommand.h"
 #include "control/Command.h"
+#include "control/DiagnoseCommand.h"
 #include "control/EventsCommand.h"
 #include "control/InstallationFolder.h"
 #include "control/ProbeCommand.h"
@@ -36,13 +37,18 @@ std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     commands.push_back(std::make_unique<ProbeCommand>(program));
     commands.push_back(std::make_unique<SyncCommand>(program));
     commands.push_back(std::make_unique<ReplayCommand>(program));
+    commands.push_back(std::make_unique<DiagnoseCommand>(program));
     return commands;
 }
 
-// --help and --version at every level.
+// --help and --version at every level. A flag takes no value.
 void addVersion(CLI::App& app) {
     app.set_version_flag("--version", kVersion, "Print the version and exit");
     app.set_help_flag("-h,--help", "Print this help and exit");
+    for (auto* const option :
+         app.get_options([](const CLI::Option* each) { return each->get_items_expected_max() == 0; })) {
+        option->disable_flag_override();
+    }
     for (auto* const command : app.get_subcommands({})) {
         addVersion(*command);
     }
@@ -51,7 +57,8 @@ void addVersion(CLI::App& app) {
 // The folder above the program's own, or the one that the arguments name.
 std::string rootOf(const std::string& named, const std::string& programFolder) {
     const std::filesystem::path folder = named.empty() ? programFolder + "/.." : named;
-    return std::filesystem::absolute(folder).lexically_normal().string();
+    const auto root = std::filesystem::absolute(folder).lexically_normal();
+    return (root.has_filename() ? root : root.parent_path()).string();
 }
 
 int runCommand(Command& command, Console& console, const InstallationFolder& installation) {
@@ -86,14 +93,22 @@ int runProgram(std::span<const char* const> arguments, const std::string& progra
         return runCommand(**chosen, console, InstallationFolder(rootOf(root, programFolder)));
     } catch (const CLI::CallForHelp&) {
         const CLI::App* asked = &app;
+        std::string before;
         while (!asked->get_subcommands().empty()) {
+            before += (before.empty() ? "" : " ") + asked->get_name();
             asked = asked->get_subcommands().front();
         }
-        console.print(asked->help());
+        console.print(asked->help(before));
         return console.flush() ? ExitStatus::kDone : ExitStatus::kFailed;
     } catch (const CLI::CallForVersion&) {
         console.print(fmt::format("{}\n", kVersion));
         return console.flush() ? ExitStatus::kDone : ExitStatus::kFailed;
+    } catch (const CLI::RequiredError& error) {
+        // An unknown command counts as a missing one.
+        const auto surplus = app.remaining();
+        const auto reason = surplus.empty() ? error.what() : fmt::format("there is no command \"{}\"", surplus.front());
+        console.problem(fmt::format("{}\nRun with --help for the usage.", reason));
+        return ExitStatus::kUsage;
     } catch (const CLI::ParseError& error) {
         console.problem(fmt::format("{}\nRun with --help for the usage.", error.what()));
         return ExitStatus::kUsage;

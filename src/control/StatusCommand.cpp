@@ -48,8 +48,4 @@ int StatusCommand::run(Console& console, const InstallationFolder& installation)
     return statusOf(report);
 }
 
-std::string StatusCommand::textOf(const Console& console, const InstallationFolder& installation) {
-    return statusText(reportOf(installation).json(), std::time(nullptr), console);
-}
-
 }  // namespace sentrova::control

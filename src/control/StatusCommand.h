@@ -13,9 +13,6 @@ class StatusCommand final : public Command {
     bool needsRoot() const override { return true; }
     int run(Console& console, const InstallationFolder& installation) override;
 
-    // What the command prints without options, for an archive of the installation's state.
-    static std::string textOf(const Console& console, const InstallationFolder& installation);
-
   private:
     bool asJson_ = false;
     bool asMetrics_ = false;

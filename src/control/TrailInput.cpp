@@ -42,7 +42,7 @@ std::ptrdiff_t TrailInput::read(std::span<std::uint8_t> into) {
 std::optional<std::uint64_t> TrailInput::size() const {
     struct stat host{};
     return file_ && ::fstat(number_, &host) == 0 && S_ISREG(host.st_mode) ? std::optional<std::uint64_t>(host.st_size)
-                                                                 : std::nullopt;
+                                                                          : std::nullopt;
 }
 
 }  // namespace sentrova::control

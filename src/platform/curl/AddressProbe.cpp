@@ -48,10 +48,19 @@ std::string versionIn(std::string_view message) {
     return {};
 }
 
-int takeMessage(CURL* /*handle*/, curl_infotype type, char* text, std::size_t size, void* version) {
+// What the library says while it works.
+struct Heard {
+    std::string version;
+    // The library tells the time of the connection only after the handshake. What TLS sends shows that there is one.
+    bool hasTlsBegun = false;
+};
+
+int takeMessage(CURL* /*handle*/, curl_infotype type, char* text, std::size_t size, void* into) {
+    auto& heard = *static_cast<Heard*>(into);
+    heard.hasTlsBegun = heard.hasTlsBegun || type == CURLINFO_SSL_DATA_OUT;
     if (type == CURLINFO_TEXT) {
         if (auto found = versionIn({text, size}); !found.empty()) {
-            *static_cast<std::string*>(version) = std::move(found);
+            heard.version = std::move(found);
         }
     }
     return 0;
@@ -100,7 +109,7 @@ class Connection {
         set(CURLOPT_ERRORBUFFER, message_.data());
         set(CURLOPT_VERBOSE, 1L);
         set(CURLOPT_DEBUGFUNCTION, &takeMessage);
-        set(CURLOPT_DEBUGDATA, &version_);
+        set(CURLOPT_DEBUGDATA, &heard_);
         set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     }
     Connection(const Connection&) = delete;
@@ -137,7 +146,8 @@ class Connection {
         curl_easy_getinfo(handle_.get(), CURLINFO_PRIMARY_IP, &address);
         return address ? address : "";
     }
-    const std::string& tlsVersion() const { return version_; }
+    const std::string& tlsVersion() const { return heard_.version; }
+    bool hasTlsBegun() const { return heard_.hasTlsBegun; }
     std::string message(CURLcode code) const {
         return message_.front() != '\0' ? message_.data() : curl_easy_strerror(code);
     }
@@ -182,7 +192,7 @@ class Connection {
         void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
     };
 
-    std::string version_;
+    Heard heard_;
     std::array<char, CURL_ERROR_SIZE> message_{};
     const List resolved_;
     std::unique_ptr<CURL, HandleDeleter> handle_;
@@ -230,24 +240,26 @@ void findTrust(Connection& connection, AddressProbe::Tls& tls) {
 }
 
 std::string failureOf(const Connection& connection, CURLcode code, const AddressProbe& probe, bool isTls) {
-    const bool connected = probe.connection.has_value();
+    const bool connected = probe.connection || connection.hasTlsBegun();
     const auto* const step = !connected                  ? "the connection"
                              : isTls && !probe.handshake ? "the TLS handshake"
                                                          : "the answer";
+    // Some of the library's texts end with a blank.
+    const auto text = std::string(trimmed(connection.message(code)));
     switch (code) {
         case CURLE_OPERATION_TIMEDOUT:
             return std::string(step) + " timed out";
         case CURLE_COULDNT_CONNECT: {
             const auto number = static_cast<int>(connection.numberOf(CURLINFO_OS_ERRNO));
-            const auto reason = number != 0 ? std::generic_category().message(number) : connection.message(code);
+            const auto reason = number != 0 ? std::generic_category().message(number) : text;
             return number == ECONNREFUSED ? "the connection was refused" : "no connection: " + reason;
         }
         case CURLE_GOT_NOTHING:
         case CURLE_RECV_ERROR:
         case CURLE_SEND_ERROR:
-            return "the server closed the connection without an answer (" + connection.message(code) + ")";
+            return "the server closed the connection without an answer (" + text + ")";
         default:
-            return std::string(step) + " failed: " + connection.message(code);
+            return std::string(step) + " failed: " + text;
     }
 }
 

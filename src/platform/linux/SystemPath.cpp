@@ -20,8 +20,9 @@ std::string systemVolume() {
 
 std::string systemPath(std::string_view path) {
     // The parts of the Mac's system that the agent reads. All other paths belong to the installation.
-    static constexpr std::array<std::string_view, 5> kOfTheSystem = {
-        "/System/Library/CoreServices", "/var/audit", "/dev", "/usr/sbin/dsconfigad", "/var/db/dslocal",
+    static constexpr std::array<std::string_view, 6> kOfTheSystem = {
+        "/System/Library/CoreServices", "/var/audit",      "/dev",
+        "/usr/sbin/dsconfigad",         "/var/db/dslocal", "/etc/security",
     };
     const bool ofTheSystem = std::ranges::any_of(kOfTheSystem, [path](std::string_view known) {
         return path == known || (path.starts_with(known) && path[known.size()] == '/');
