@@ -5,6 +5,7 @@
 #include "control/EventsCommand.h"
 #include "control/InstallationFolder.h"
 #include "control/ProbeCommand.h"
+#include "control/SpoolCommand.h"
 #include "control/StatusCommand.h"
 #include "control/SyncCommand.h"
 #include "control/WatchCommand.h"
@@ -32,6 +33,7 @@ std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     commands.push_back(std::make_unique<CheckCommand>(program));
     commands.push_back(std::make_unique<EventsCommand>(program));
     commands.push_back(std::make_unique<WatchCommand>(program));
+    commands.push_back(std::make_unique<SpoolCommand>(program));
     commands.push_back(std::make_unique<ProbeCommand>(program));
     commands.push_back(std::make_unique<SyncCommand>(program));
     return commands;
