@@ -36,7 +36,7 @@ std::string whyKept(std::string_view name) {
     if (name.starts_with(DurableSpool::kAlteredPrefix)) {
         return "its content is not what the agent wrote; its events may have been read again from the trails";
     }
-    return "it was not delivered, and is no JSON array";
+    return "it was not delivered, since the agent found that it is no JSON array";
 }
 
 }  // namespace
@@ -44,11 +44,12 @@ std::string whyKept(std::string_view name) {
 Result<Array> SpoolContent::eventsOf(std::string_view text) {
     auto parsed = Json::parse(text, {text.size(), 512});
     if (!parsed) {
-        return noBatch("it is no JSON: " + parsed.error().description);
+        // Without the parser's own words.
+        return noBatch(parsed.error().description.substr(0, parsed.error().description.find(": ")));
     }
     auto* const events = parsed->array();
     if (!events || !std::ranges::all_of(*events, [](const auto& event) { return event.dictionary() != nullptr; })) {
-        return noBatch("it is no array of events");
+        return noBatch("Not an array of events");
     }
     return std::move(*events);
 }
@@ -141,6 +142,10 @@ std::vector<SpooledFile> SpoolContent::described(const Dictionary* agent) const 
     files.reserve(files_.size());
     for (const auto& file : files_) {
         files.push_back(describe(file, agent));
+        // A running agent may have sent it meanwhile.
+        if (file.since && !fileSystem_->linkStatus(path(file.name))) {
+            files.pop_back();
+        }
     }
     return files;
 }
@@ -180,12 +185,12 @@ SpooledFile SpoolContent::describe(SpooledFile file, const Dictionary* agent) co
                                   text.error().description);
     } else if (!file.maySend || (openEvents_ && !file.name.starts_with(SpoolFileNames::kPrefix))) {
         file.state = SpooledFile::State::kept;
-        file.reason = file.maySend ? "its name is not that of a batch" : "it is no batch, and is not sent";
+        file.reason = file.maySend ? "its name is not that of a batch" : "it is no batch, so the agent does not send it";
     } else {
         file.reason = whyWaiting(agent);
     }
     if (!events && !file.events) {
-        file.reason += "; " + events.error().description;
+        file.reason += fmt::format(" ({})", events.error().description);
     }
     return file;
 }

@@ -69,7 +69,8 @@ void SpoolRetry::chooseAll() {
             (file.state == SpooledFile::State::refused || SpoolFile::isKept(file.name))) {
             choose(file);
         } else {
-            console_.print(fmt::format("{} is left out: {}\n", EventTable::visible(file.name), file.reason));
+            console_.print(fmt::format("{} is left out: {}{}\n", EventTable::visible(file.name), file.reason,
+                                       isAltered ? "; name it to have it sent all the same" : ""));
         }
     }
     if (chosen_.empty()) {
