@@ -3,6 +3,7 @@
 #include "control/TimeArgument.h"
 #include "forwarding/DurableSpool.h"
 #include "forwarding/Journal.h"
+#include "forwarding/RecordDigest.h"
 #include "forwarding/SpoolFile.h"
 #include "foundation/formats/Json.h"
 #include "foundation/run/Current.h"
@@ -37,6 +38,12 @@ std::string whyKept(std::string_view name) {
         return "its content is not what the agent wrote; its events may have been read again from the trails";
     }
     return "it was not delivered, since the agent found that it is no JSON array";
+}
+
+// What becomes of a batch whose file is missing or altered.
+std::string whatFollows(const SpooledBatch& batch) {
+    return batch.from.empty() ? "its events are lost, unless the journal or the file has them"
+                              : "its events are taken from the journal, or read again from the trails";
 }
 
 }  // namespace
@@ -109,10 +116,17 @@ void SpoolContent::readJournal() {
     openEvents_ = recovery->state.openEvents().size();
     batches_ = recovery->state.batches();
     bodies_ = recovery->state.takeBodies();
+    ended_ = recovery->state.ended();
+    std::erase_if(ended_, [this](const auto& ended) { return batches_.contains(ended.first); });
 }
 
-// The journal has a batch before its file, and the file may have been written since the folder was read.
+// The journal has a batch before its file, and the file may have been written since the folder was read. The file of a
+// batch that was delivered is still there if the agent was killed just then; the next start deletes it.
 void SpoolContent::addMissing() {
+    std::erase_if(files_, [this](const auto& file) {
+        const auto ended = ended_.find(file.name);
+        return ended != ended_.end() && ended->second.empty();
+    });
     std::ranges::sort(files_, {}, &SpooledFile::name);
     const auto listed = files_.size();
     for (const auto& [name, batch] : batches_) {
@@ -179,13 +193,20 @@ SpooledFile SpoolContent::describe(SpooledFile file, const Dictionary* agent) co
         file.status = batch->second.status;
         file.since = batch->second.firstRefused;
         describeRefusal(file, agent);
+    } else if (const auto ended = ended_.find(file.name); ended != ended_.end()) {
+        file.state = SpooledFile::State::kept;
+        file.reason = fmt::format("{}; the next start renames it to {}", whyKept(ended->second), ended->second);
     } else if (!text && batch != batches_.end()) {
         file.events = batch->second.events;
-        file.reason = fmt::format("its file cannot be read ({}); its records are read again from the trails",
-                                  text.error().description);
+        file.reason =
+            fmt::format("its file cannot be read; {} ({})", whatFollows(batch->second), text.error().description);
+    } else if (text && batch != batches_.end() &&
+               digestOf(*text, Current<Cryptography>::get()) != batch->second.digest) {
+        file.reason = "its content is not what the agent wrote; " + whatFollows(batch->second);
     } else if (!file.maySend || (openEvents_ && !file.name.starts_with(SpoolFileNames::kPrefix))) {
         file.state = SpooledFile::State::kept;
-        file.reason = file.maySend ? "its name is not that of a batch" : "it is no batch, so the agent does not send it";
+        file.reason =
+            file.maySend ? "its name is not that of a batch" : "it is no batch, so the agent does not send it";
     } else {
         file.reason = whyWaiting(agent);
     }

@@ -85,6 +85,8 @@ class SpoolContent {
     // Of the durable mode: its batches, and the texts of those that are in the journal.
     std::map<std::string, SpooledBatch> batches_;
     std::map<std::string, std::string> bodies_;
+    // Batches that have ended, by name: the name under which the file is to be kept, or empty if it is to be deleted.
+    std::map<std::string, std::string> ended_;
     std::optional<std::uint64_t> openEvents_;
     std::vector<std::string> problems_;
 };
