@@ -44,7 +44,7 @@ _sentrovactl_options() {
     case $1 in
         '') echo --root ;;
         status) echo --json --prometheus ;;
-        check | probe | 'spool list' | 'spool show') echo --json ;;
+        check | probe | spool | 'spool list' | 'spool show') echo --json ;;
         events) echo --volume --select --since --until --user --domain --host --excluded --format ;;
         watch) echo --select --user --domain --host --excluded --format ;;
         'spool retry') echo --all ;;
@@ -60,8 +60,7 @@ _sentrovactl_add_operands() {
         check) _sentrovactl_add_paths -d ;;
         events) _sentrovactl_add_paths -f ;;
         spool) _sentrovactl_add -W 'list show retry' ;;
-        'spool show') _sentrovactl_add_spooled event_ refused_ ;;
-        'spool retry') _sentrovactl_add_spooled refused_ ;;
+        'spool show' | 'spool retry') _sentrovactl_add_spooled event_ refused_ undelivered_ altered_ ;;
         *) _sentrovactl_add -W "$(_sentrovactl_options "$1")" ;;
     esac
 }

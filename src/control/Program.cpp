@@ -7,6 +7,7 @@
 #include "control/InstallationFolder.h"
 #include "control/ProbeCommand.h"
 #include "control/ReplayCommand.h"
+#include "control/SpoolCommand.h"
 #include "control/StatusCommand.h"
 #include "control/SyncCommand.h"
 #include "control/WatchCommand.h"
@@ -34,6 +35,7 @@ std::vector<std::unique_ptr<Command>> commandsFor(CLI::App& program) {
     commands.push_back(std::make_unique<CheckCommand>(program));
     commands.push_back(std::make_unique<EventsCommand>(program));
     commands.push_back(std::make_unique<WatchCommand>(program));
+    commands.push_back(std::make_unique<SpoolCommand>(program));
     commands.push_back(std::make_unique<ProbeCommand>(program));
     commands.push_back(std::make_unique<SyncCommand>(program));
     commands.push_back(std::make_unique<ReplayCommand>(program));

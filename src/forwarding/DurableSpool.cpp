@@ -949,6 +949,52 @@ void DurableSpool::split(const std::string& name, std::int64_t status) {
     requestLocked({});
 }
 
+DurableSpool::Retry DurableSpool::retry(const std::string& name) {
+    MutexLock lock(mutex_);
+    const auto found = batches_.find(name);
+    if (found == batches_.end() || found->second.phase == Phase::ending) {
+        return Retry::unknown;
+    }
+    if (!held_.contains(name)) {
+        return Retry::waiting;
+    }
+    ready_.insert(name);
+    held_.erase(name);
+    found->second.notBefore = with_.clock.monotonicTime();
+    queue_.async([this] { callWork(); });
+    return Retry::due;
+}
+
+// If the agent is killed on the way, the file has one of the two names, and the next start adopts the new one.
+Result<std::string> DurableSpool::sendAgain(const std::string& keptName) {
+    std::string name;
+    queue_.sync([&] {
+        MutexLock lock(mutex_);
+        // The file of a name that has ended would be deleted at the next start.
+        do {
+            name = freeNameLocked();
+        } while (writer_.state().ended().contains(name));
+        // Reserves the name; nobody else touches a batch in flight.
+        batches_[name] = {.phase = Phase::inFlight};
+    });
+    const auto moved = with_.files.move(path(keptName), path(name));
+    if (moved) {
+        // The journal must not name a file that a loss of power takes back to its former name.
+        if (const auto flushed = with_.files.flushFile(path(name)); !flushed) {
+            kLog.error("{}", flushed.error().description);
+        }
+    }
+    MutexLock lock(mutex_);
+    if (!moved) {
+        batches_.erase(name);
+        return moved.error();
+    }
+    ready_.insert(name);
+    batches_.at(name).phase = Phase::waiting;
+    queue_.async([this] { callWork(); });
+    return name;
+}
+
 // Everything about a split is in one frame: the parts, their events and keys, and the end of the whole.
 std::string DurableSpool::addPartLocked(const std::string& whole, std::span<const Value> events) {
     std::vector<JournalState::OpenEvent> texts;

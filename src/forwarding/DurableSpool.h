@@ -19,6 +19,7 @@
 #include "foundation/run/Mutex.h"
 #include "foundation/time/DateFormat.h"
 #include "foundation/value/Cryptography.h"
+#include "foundation/value/Result.h"
 #include "foundation/value/Value.h"
 
 #include <cstddef>
@@ -146,6 +147,20 @@ class DurableSpool {
     void refuse(const std::string& name, std::int64_t status);
     // The batch is too large for the server: two batches take its place. A single event counts as refused.
     void split(const std::string& name, std::int64_t status);
+
+    enum class Retry : std::uint8_t {
+        // The spool has no such batch.
+        unknown,
+        // The batch was not held back. Nothing has changed.
+        waiting,
+        // The batch was held back and is due now, under its key.
+        due,
+    };
+    // An administrator asks for the next attempt at once.
+    Retry retry(const std::string& name) EXCLUDES(mutex_);
+    // Makes a file that is kept for the administrator a new batch, with a new name and a new key. Returns the name.
+    // Only in the mode `on`.
+    Result<std::string> sendAgain(const std::string& keptName) EXCLUDES(mutex_);
 
     struct Overview {
         // Absent if the file's size is unknown.

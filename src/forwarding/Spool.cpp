@@ -22,13 +22,6 @@ constexpr std::chrono::seconds kFirstTimeUpdate{30};
 constexpr std::chrono::seconds kAnnouncedAfter{10};
 constexpr std::chrono::seconds kFileAnnouncedAgain{10};
 constexpr std::chrono::seconds kEventsAnnouncedAgain{30};
-constexpr std::string_view kUndeliveredPrefix = "undelivered_";
-
-// Files that stay in the folder for the administrator.
-bool isKept(std::string_view name) {
-    return name.starts_with(kUndeliveredPrefix) || name.starts_with(DurableSpool::kAlteredPrefix) ||
-           name.starts_with(DurableSpool::kRefusedPrefix);
-}
 
 std::span<const std::uint8_t> bytesOf(const std::string& text) {
     return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
@@ -71,8 +64,9 @@ void Spool::announceFiles() {
         auto names = FileUtils::listOfFileNamesInPath(with_.configuration.eventDataPath());
         if (names) {
             auto* const durable = Current<DurableSpool>::orNull();
-            std::erase_if(*names,
-                          [durable](const auto& name) { return isKept(name) || (durable && durable->owns(name)); });
+            std::erase_if(*names, [durable](const auto& name) {
+                return SpoolFile::isKept(name) || (durable && durable->owns(name));
+            });
             announced_.clear();
             waiting_.assign(*std::move(names));
             announceNext();
@@ -85,6 +79,23 @@ void Spool::announceAgain(const FileUrl& file) {
         announced_.erase(name);
         keepForNextRound(name);
     });
+}
+
+Result<std::string> Spool::sendAgain(const std::string& keptName) {
+    Result<std::string> sent = std::string();
+    dispatchQueue_.sync([&] {
+        const auto folder = with_.configuration.eventDataPath();
+        auto name = fileNames_.next(folder);
+        const auto moved = with_.files.move(folder + "/" + keptName, folder + "/" + name);
+        if (!moved) {
+            sent = moved.error();
+            return;
+        }
+        sent = name;
+        waiting_.add(std::move(name));
+        announceNext();
+    });
+    return sent;
 }
 
 std::size_t Spool::length() {
@@ -256,8 +267,8 @@ void Spool::postDuePairs() {
 }
 
 void Spool::keepUndelivered(const std::string& data) {
-    const auto first =
-        fmt::format("{}/{}{}", with_.configuration.eventDataPath(), kUndeliveredPrefix, with_.clock.epochSeconds());
+    const auto first = fmt::format("{}/{}{}", with_.configuration.eventDataPath(), SpoolFile::kUndeliveredPrefix,
+                                   with_.clock.epochSeconds());
     const MutexLock lock(undeliveredMutex_);
     auto path = first;
     for (int number = 2; FileUtils::doesFileExist(path); ++number) {

@@ -15,6 +15,7 @@
 #include "foundation/run/Mutex.h"
 #include "foundation/run/NotificationCenter.h"
 #include "foundation/time/DateFormat.h"
+#include "foundation/value/Result.h"
 #include "foundation/value/Value.h"
 
 #include <atomic>
@@ -52,6 +53,8 @@ class Spool {
     std::optional<std::string> dequeue(const std::optional<FileUrl>& file);
     void announceFiles();
     void announceAgain(const FileUrl& file);
+    // Renames a file that is kept for the administrator to a new spool file, and announces it. Returns the new name.
+    Result<std::string> sendAgain(const std::string& keptName);
 
     // Stops the posting thread before the objects it uses are destroyed.
     void close() { dispatchQueue_.close(); }

@@ -1,5 +1,6 @@
 #include "forwarding/SpoolFile.h"
 
+#include "forwarding/DurableSpool.h"
 #include "foundation/formats/Json.h"
 #include "foundation/value/Text.h"
 
@@ -53,6 +54,11 @@ SpoolFile::Content SpoolFile::contentOf(std::string_view batch) {
 
 bool SpoolFile::looksLikeBatch(std::string_view content) {
     return content.starts_with('[') && content.ends_with(']') && isValidUtf8(content);
+}
+
+bool SpoolFile::isKept(std::string_view name) {
+    return name.starts_with(kUndeliveredPrefix) || name.starts_with(DurableSpool::kAlteredPrefix) ||
+           name.starts_with(DurableSpool::kRefusedPrefix);
 }
 
 bool SpoolFile::isShortage(const Error& error) {

@@ -22,6 +22,12 @@ Content contentOf(std::string_view batch);
 // A cheap check: the server must not receive a text that cannot be a batch of the spool.
 bool looksLikeBatch(std::string_view content);
 
+// The prefix of an undelivered text that was found to be no JSON array.
+inline constexpr std::string_view kUndeliveredPrefix = "undelivered_";
+
+// Whether a file of that name stays in the spool's folder for the administrator, and is not sent.
+bool isKept(std::string_view name);
+
 // Whether a file could not be read because of a temporary shortage, unlike a damaged or forbidden file.
 bool isShortage(const Error& error);
 

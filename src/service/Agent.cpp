@@ -78,6 +78,7 @@ Agent::Agent(const platform::Host& host, TaskRegistry::Classes tasks)
                                  .clock = host.clock,
                                  .dates = *dates_,
                                  .notifications = *notifications_}),
+      retries_(*configuration_, host.files, *spool_),
       loginHistory_(*configuration_, host.files, host.clock),
       lastRead_(*configuration_, host.files, *notifications_),
       timeStored_(host.clock.monotonicTime()),
@@ -144,6 +145,8 @@ bool Agent::initialize() {
     status_.enter(StatusFile::Phase::running);
     openParts();
     isSynced_ = true;
+    // After the flag is set, so that a request is served here or by its signal.
+    serveRetries();
     if (syncs_->isAwaited()) {
         beginSync();
     }
@@ -259,9 +262,19 @@ void Agent::stop() {
 }
 
 void Agent::syncNow() {
+    // The spools are open once the first sync is over; until then, requests wait in their files.
+    if (isSynced_) {
+        background_.operations().addOperationWithBlock([this] { serveRetries(); });
+    }
     // Until the first sync is over, it serves each request.
     if (syncs_->ask() && isSynced_) {
         beginSync();
+    }
+}
+
+void Agent::serveRetries() {
+    if (!mainQueue_->stopAsked()) {
+        retries_.serve(durableSpool_ ? &**durableSpool_ : nullptr);
     }
 }
 

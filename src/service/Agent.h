@@ -21,6 +21,7 @@
 #include "core/PropertyListHandler.h"
 #include "core/Statistics.h"
 #include "forwarding/DurableSpool.h"
+#include "forwarding/RetryRequests.h"
 #include "forwarding/Spool.h"
 #include "forwarding/Transport.h"
 #include "foundation/run/BackgroundActivity.h"
@@ -82,6 +83,7 @@ class Agent {
     void addForwarders();
     void openParts();
     void prepareFolders();
+    void serveRetries();
     void beginSync();
 
     // The host.
@@ -113,6 +115,7 @@ class Agent {
     Published<Statistics> statistics_;
     Published<Transport> transport_;
     Published<Spool> spool_;
+    RetryRequests retries_;
 
     // Collection.
     Published<LoginHistory> loginHistory_;
