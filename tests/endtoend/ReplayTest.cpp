@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <map>
 
 namespace sentrova::testing {
@@ -64,11 +63,9 @@ class ReplayTest : public EndToEnd {
         EXPECT_EQ(arrived(), again);
     }
     void expectRefusal(std::chrono::seconds since, const std::vector<std::string>& more, const std::string& reason) {
-        const auto before = files();
         const auto outcome = replay(since, more);
         EXPECT_EQ(outcome.status, 1) << reason;
         EXPECT_NE(outcome.problems.find(reason), std::string::npos) << outcome.problems;
-        EXPECT_EQ(files(), before) << reason;
     }
 
     std::map<std::string, std::string> files() const {
@@ -120,11 +117,7 @@ TEST_F(ReplayTest, EventsFromTheTimeOnComeAgainInTheDurableMode) {
     server.fail({.path = AuditServer::kEventsPath, .status = 500, .count = -1});
     {
         RunningAgent agent(build::kAgent, volume);
-        EXPECT_TRUE(waitUntil([this] {
-            return std::ranges::any_of(files(), [](const auto& file) {
-                return file.first.find("/event_") != std::string::npos && processesIn(file.second).contains(40);
-            });
-        })) << log();
+        EXPECT_TRUE(waitUntil([this] { return processesIn(server.requests().back().body).contains(40); })) << log();
         EXPECT_EQ(agent.stop(), 0);
     }
     server.clearFailures();
@@ -160,23 +153,29 @@ TEST_F(ReplayTest, TouchIdRecordHasTheUserWhoLoggedOnBeforeTheTime) {
 
 TEST_F(ReplayTest, RefusalsChangeNothing) {
     addDay();
+    const auto expectUnchanged = [this](std::chrono::seconds since, const std::vector<std::string>& more,
+                                        const std::string& reason) {
+        const auto before = files();
+        expectRefusal(since, more, reason);
+        EXPECT_EQ(files(), before) << reason;
+    };
     mine.set("TimestampOfLastEvent", "1700000027");
     configure();
-    expectRefusal(kBegin, {}, "--yes");
-    expectRefusal(kBegin + 28s, {"--yes"}, "2023-11-14 22:13:48 UTC is later than the stored position");
+    expectUnchanged(kBegin, {}, "--yes");
+    expectUnchanged(kBegin + 28s, {"--yes"}, "2023-11-14 22:13:48 UTC is later than the stored position");
     const auto trails = volume.auditFolder();
     fs::rename(trails, volume.root() / "away");
-    expectRefusal(kBegin, {"--yes"}, "/var/audit cannot be listed");
+    expectUnchanged(kBegin, {"--yes"}, "/var/audit cannot be listed");
     fs::rename(volume.root() / "away", trails);
     serverInfo.set("RecentEventTimeMillis", 1'700'000'020);
     configure();
-    expectRefusal(kBegin, {"--yes"}, "RecentEventTimeMillis");
+    expectUnchanged(kBegin, {"--yes"}, "RecentEventTimeMillis");
     serverInfo.remove("RecentEventTimeMillis");
     mine.set("TimestampOfLastEvent", "0");
     configure();
-    expectRefusal(kBegin, {"--yes"}, "no position is stored");
+    expectUnchanged(kBegin, {"--yes"}, "no position is stored");
     std::ofstream(volume.conf() / "myconfigurations.plist") << "<plist>";
-    expectRefusal(kBegin, {"--yes"}, "myconfigurations.plist: ");
+    expectUnchanged(kBegin, {"--yes"}, "myconfigurations.plist: ");
     EXPECT_EQ(runControl({"replay"}).status, 64);
     EXPECT_EQ(runControl({"replay", "--since", "soon"}).status, 64);
 }
@@ -185,11 +184,12 @@ TEST_F(ReplayTest, RunningAgentIsStoppedOnlyForAReplayThatIsDone) {
     configure();
     addDay();
     RunningAgent agent(build::kAgent, volume);
-    EXPECT_TRUE(waitUntil([this] { return arrived().size() == 25 && storedTime() == Value("1700000027"); }));
+    EXPECT_TRUE(waitUntil([this] { return storedTime() == Value("1700000027"); }));
     expectRefusal(kBegin, {"--yes"}, "--restart");
     expectRefusal(kBegin, {"--restart"}, "--yes");
     expectRefusal(kBegin + 999s, {"--restart", "--yes"}, "later than the stored position");
     EXPECT_FALSE(agent.wait(0ms)) << "a refusal has stopped the agent";
+    EXPECT_EQ(storedTime(), Value("1700000027"));
     const auto outcome = replay(kBegin + 5s, {"--restart", "--yes"});
     EXPECT_EQ(outcome.status, 0) << outcome.problems;
     EXPECT_NE(outcome.output.find("Start it through its service manager"), std::string::npos) << outcome.output;
