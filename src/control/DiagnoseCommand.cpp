@@ -57,8 +57,10 @@ int DiagnoseCommand::run(Console& console, const InstallationFolder& installatio
     const auto folder = "sentrova-diagnose-" + timeInName();
     const auto file = app().count("-o") > 0 ? file_ : folder + ".tar";
     ControlHost host;
-    // Fails now rather than after the questions, which may take a minute.
-    DiagnoseFile{file};
+    {
+        // Fails now rather than after the questions, which may take a minute.
+        const DiagnoseFile writable(file);
+    }
     const auto events = withoutEvents_ ? DiagnoseMask::Events::masked : DiagnoseMask::Events::kept;
     const auto members = DiagnoseArchive(host, installation, events).write(file, folder);
     console.print(fmt::format("{} holds, in the folder {}:\n{}", file, folder, summaryOf(members)));

@@ -1,5 +1,6 @@
 #include "control/DiagnoseMask.h"
 
+#include "core/ConfigurationError.h"
 #include "core/GlobalConstants.h"
 #include "core/Secrets.h"
 #include "foundation/formats/Base64.h"
@@ -385,6 +386,17 @@ std::string withoutBytes(std::string_view text) {
     return result.append(text);
 }
 
+// The stored identity, decrypted. Absent if that fails: it is then masked as it is stored.
+std::optional<std::string> identityIn(const ConfigurationFiles& configuration) {
+    try {
+        return AgentSettings::identityIn(configuration.myConfigurations.content,
+                                         ServerSettings::from(configuration.serverInfo.content).agentUID,
+                                         std::string(GlobalConstants::MY_CONFIGURATIONS_FILE), decryptedIdentity);
+    } catch (const ConfigurationError&) {
+        return std::nullopt;
+    }
+}
+
 }  // namespace
 
 DiagnoseMask::DiagnoseMask(const ConfigurationFiles& configuration, const Encodings& encodings)
@@ -398,19 +410,11 @@ DiagnoseMask::DiagnoseMask(const ConfigurationFiles& configuration, const Encodi
         }
     }
     std::ranges::transform(keyNames_, std::back_inserter(keys_), charactersOf);
-    const auto& server = configuration.serverInfo.content;
-    const auto& mine = configuration.myConfigurations.content;
-    for (const auto* const content : {&server, &mine, &configuration.schedules.content}) {
-        learn(*content);
+    for (const auto* const file :
+         {&configuration.serverInfo, &configuration.myConfigurations, &configuration.schedules}) {
+        learn(file->content);
     }
-    try {
-        const auto identity =
-            AgentSettings::identityIn(mine, ServerSettings::from(server).agentUID,
-                                      std::string(GlobalConstants::MY_CONFIGURATIONS_FILE), decryptedIdentity);
-        learnText(identity.value_or(std::string()));
-    } catch (const std::exception&) {
-        // What cannot be decrypted is masked as it is stored.
-    }
+    learnText(identityIn(configuration).value_or(std::string()));
     learnBeginnings();
 }
 

@@ -139,7 +139,7 @@ void StatusReport::judge(bool hasAnswered) {
     if (!isRunning()) {
         add("The agent is not running", "start it through the service manager, and read the newest Config log");
     } else if (!hasAnswered) {
-        add(fmt::format("The agent (process {}) does not answer", *process_),
+        add(fmt::format("The agent{} does not answer", *process_ > 0 ? fmt::format(" (process {})", *process_) : ""),
             "restart it through the service manager; the logs tell what it did last");
     } else {
         judgeAgent();

@@ -37,7 +37,7 @@ class CheckAndProbeTest : public ::testing::Test {
         EXPECT_EQ(outcome.status, status);
         EXPECT_EQ(outcome.problems, "");
         std::istringstream output(outcome.output);
-        for (std::string text : texts) {
+        for (const auto& text : texts) {
             std::string line;
             std::getline(output, line);
             const auto gap = text.find("...");

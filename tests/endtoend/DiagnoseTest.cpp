@@ -15,6 +15,10 @@ namespace fs = std::filesystem;
 
 constexpr const char* kHeader = "[2026-11-23 10:00:00 +0000][Any][7:8][DEBUG]";
 
+void shell(const std::string& command) {
+    ASSERT_EQ(std::system(command.c_str()), 0);  // NOLINT(concurrency-mt-unsafe)
+}
+
 class DiagnoseTest : public EndToEnd {
   protected:
     void SetUp() override {
@@ -30,7 +34,7 @@ class DiagnoseTest : public EndToEnd {
     std::string unpacked() const {
         const auto command = "cd '" + volume.root().string() + "' && tar -xf a.tar --one-top-level=out && " +
                              "cd out/* && grep -r '' . >../../text; cd ../.. && rm -r out";
-        EXPECT_EQ(std::system(command.c_str()), 0);
+        shell(command);
         return textOf(volume.root() / "text");
     }
     std::map<std::string, std::string> content() const {
@@ -61,7 +65,7 @@ TEST_F(DiagnoseTest, ArchiveHasThePartsAndNoFormOfASecret) {
         // In base64 behind 0, 1 and 2 bytes, and in hexadecimal.
         "ayZ5ICI3w6lccSc8eg==", "YWsmeSAiN8OpXHEnPHph", "YWFrJnkgIjfDqVxxJzx6", "6b2679202237c3a95c71273c7a",
         // Former and short values, behind their names.
-        "OrgAccessKey = \"former\\\"one\"; ", "{\"AgentUID\":42,\"AgentAuthID\": \"former\"}", "OrgAccessKey: former",
+        R"(OrgAccessKey = "former\"one"; )", R"({"AgentUID":42,"AgentAuthID": "former"})", "OrgAccessKey: former",
         "<key>AgentUID</key>\n<string>former</string>", "DATA= {length = 9, bytes = 0x6964656e74 ... 6974792d39}"};
     std::string text;
     for (const auto& form : forms) {
@@ -69,8 +73,7 @@ TEST_F(DiagnoseTest, ArchiveHasThePartsAndNoFormOfASecret) {
     }
     std::ofstream(volume.logs() / "Config2026-11-23.log") << text << kHeader << "Serverinfo.plist: AgentUID: kept\r\n";
     std::ofstream(volume.logs() / "Old[1].log") << text;
-    const auto zip = "cd '" + volume.logs().string() + "' && zip -qm archive/Old*.zip Old*.log";
-    ASSERT_EQ(std::system(zip.c_str()), 0);
+    shell("cd '" + volume.logs().string() + "' && zip -qm archive/Old*.zip Old*.log");
     std::ofstream(volume.logs() / "archive/Damaged.zip") << "no zip";
     fs::create_symlink("/etc/hostname", volume.conf() / "schedules.plist");
     fs::create_directories(volume.volume() / "etc/security");
