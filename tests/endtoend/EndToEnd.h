@@ -62,6 +62,12 @@ inline Processes eachOnce(std::int64_t first, std::int64_t count) {
     return processes;
 }
 
+// A repeated task of `schedules.plist`, every `interval` seconds.
+inline Dictionary taskEntry(const char* name, const char* className, const char* selector, int interval) {
+    return {{"TaskName", name},       {"IntervalSeconds", interval}, {"Repeat", true},
+            {"TaskStatus", "Enable"}, {"className", className},      {"selector", selector}};
+}
+
 // The agent's own program between a system volume and a server on loopback.
 class EndToEnd : public ::testing::Test {
   protected:

@@ -33,14 +33,10 @@ class LivingAgentTest : public EndToEnd {
         }
         mine.set("LogLevel", 1);
         configure();
-        const auto task = [](const char* name, const char* className, const char* selector, int interval) {
-            return Dictionary{{"TaskName", name},       {"IntervalSeconds", interval}, {"Repeat", true},
-                              {"TaskStatus", "Enable"}, {"className", className},      {"selector", selector}};
-        };
         volume.writeConfiguration(
             "schedules.plist",
-            {{"ScheduleTasks", Array{task("EventCollection", "EventCollectionSchedule", "start", 3600),
-                                     task("SyncConfiguration", "ServerCommunicator", "syncFromServer", 5)}}});
+            {{"ScheduleTasks", Array{taskEntry("EventCollection", "EventCollectionSchedule", "start", 3600),
+                                     taskEntry("SyncConfiguration", "ServerCommunicator", "syncFromServer", 5)}}});
         answer();
     }
 

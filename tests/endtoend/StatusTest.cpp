@@ -33,14 +33,10 @@ class StatusTest : public EndToEnd {
             serverInfo.set(key, value);
         }
         server.setAnswer(*Json::write(serverInfo));
-        const auto task = [](const char* name, const char* className, const char* selector, int interval) {
-            return Dictionary{{"TaskName", name},       {"IntervalSeconds", interval}, {"Repeat", true},
-                              {"TaskStatus", "Enable"}, {"className", className},      {"selector", selector}};
-        };
         volume.writeConfiguration(
             "schedules.plist",
-            {{"ScheduleTasks", Array{task("EventCollection", "EventCollectionSchedule", "start", 3600),
-                                     task("SpoolSize", "ScheduleHandler", "CheckEventDatasize", 1)}}});
+            {{"ScheduleTasks", Array{taskEntry("EventCollection", "EventCollectionSchedule", "start", 3600),
+                                     taskEntry("SpoolSize", "ScheduleHandler", "CheckEventDatasize", 1)}}});
     }
 
     ControlOutcome control(const std::vector<std::string>& words, ControlUser user = ControlUser::root) {

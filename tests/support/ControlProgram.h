@@ -13,8 +13,8 @@ struct ControlOutcome {
     std::string problems;
 };
 
-// root: where the test's user is another one, the root of a new user namespace. ordinary: a user without rights, who may
-// use the test's files all the same.
+// root: where the test's user is another one, the root of a new user namespace. ordinary: a user without rights, who
+// may use the test's files all the same.
 enum class ControlUser { own, root, ordinary };
 
 // Runs the program with the arguments and waits for its end. `input` is its standard input. `variables` are added to
