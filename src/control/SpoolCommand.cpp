@@ -8,6 +8,7 @@
 #include "control/JsonOutput.h"
 #include "control/SpoolList.h"
 #include "control/SpoolRetry.h"
+#include "forwarding/SpoolFile.h"
 
 #include <ctime>
 #include <optional>
@@ -94,7 +95,7 @@ int SpoolCommand::show(Console& console, const SpoolContent& content) const {
         return ExitStatus::kFailed;
     }
     const auto text = content.textOf(name_);
-    const auto events = text ? SpoolContent::eventsOf(*text) : Result<Array>(text.error());
+    const auto events = text ? SpoolFile::eventsOf(*text) : Result<Array>(text.error());
     if (!events) {
         console.problem(fmt::format("{}: is no batch of events: {}", shown, events.error().description));
         return ExitStatus::kFailed;

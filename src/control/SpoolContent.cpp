@@ -5,7 +5,6 @@
 #include "forwarding/Journal.h"
 #include "forwarding/RecordDigest.h"
 #include "forwarding/SpoolFile.h"
-#include "foundation/formats/Json.h"
 #include "foundation/run/Current.h"
 
 #include <algorithm>
@@ -18,10 +17,6 @@
 namespace sentrova::control {
 
 namespace {
-
-Error noBatch(std::string reason) {
-    return {.domain = kCocoaErrorDomain, .code = 0, .description = std::move(reason)};
-}
 
 const Value& inner(const Dictionary& status, std::string_view key, std::string_view innerKey) {
     static const Value kNothing;
@@ -47,19 +42,6 @@ std::string whatFollows(const SpooledBatch& batch) {
 }
 
 }  // namespace
-
-Result<Array> SpoolContent::eventsOf(std::string_view text) {
-    auto parsed = Json::parse(text, {text.size(), 512});
-    if (!parsed) {
-        // Without the parser's own words.
-        return noBatch(parsed.error().description.substr(0, parsed.error().description.find(": ")));
-    }
-    auto* const events = parsed->array();
-    if (!events || !std::ranges::all_of(*events, [](const auto& event) { return event.dictionary() != nullptr; })) {
-        return noBatch("Not an array of events");
-    }
-    return std::move(*events);
-}
 
 Result<SpoolContent> SpoolContent::of(const InstallationFolder& installation, FileSystem& files) {
     SpoolContent content(installation.spool(), files);
@@ -178,11 +160,11 @@ Result<std::string> SpoolContent::textOf(const std::string& name) const {
 
 SpooledFile SpoolContent::describe(SpooledFile file, const Dictionary* agent) const {
     const auto text = textOf(file.name);
-    const auto events = text ? eventsOf(*text) : Result<Array>(text.error());
+    const auto events = text ? SpoolFile::eventsOf(*text) : Result<Array>(text.error());
     if (events) {
         file.events = events->size();
     }
-    file.maySend = text && SpoolFile::looksLikeBatch(*text);
+    const bool isSendable = text && SpoolFile::looksLikeBatch(*text);
     const auto batch = batches_.find(file.name);
     if (SpoolFile::isKept(file.name)) {
         file.state = SpooledFile::State::kept;
@@ -203,10 +185,9 @@ SpooledFile SpoolContent::describe(SpooledFile file, const Dictionary* agent) co
     } else if (text && batch != batches_.end() &&
                digestOf(*text, Current<Cryptography>::get()) != batch->second.digest) {
         file.reason = "its content is not what the agent wrote; " + whatFollows(batch->second);
-    } else if (!file.maySend || (openEvents_ && !file.name.starts_with(SpoolFileNames::kPrefix))) {
+    } else if (!isSendable || (openEvents_ && !file.name.starts_with(SpoolFileNames::kPrefix))) {
         file.state = SpooledFile::State::kept;
-        file.reason =
-            file.maySend ? "its name is not that of a batch" : "it is no batch, so the agent does not send it";
+        file.reason = isSendable ? "its name is not that of a batch" : "it is no batch, so the agent does not send it";
     } else {
         file.reason = whyWaiting(agent);
     }

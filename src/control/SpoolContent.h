@@ -39,8 +39,6 @@ struct SpooledFile {
     std::uint64_t refusals = 0;
     // The HTTP status of the last refusal. Absent if there was none.
     std::optional<std::int64_t> status;
-    // Whether its first and last characters are those of a batch, so that the agent is willing to send it.
-    bool maySend = false;
 };
 
 // What was in the spool when the object was made. A running agent changes it at any time.
@@ -49,9 +47,6 @@ class SpoolContent {
     // Lists the folder, reads the journal, and changes nothing. Fails if the folder cannot be listed; a missing one is
     // empty. The parts of ControlHost must be published, and the file system must outlive the object.
     static Result<SpoolContent> of(const InstallationFolder& installation, FileSystem& files);
-
-    // The events of a batch's text. Fails with the reason if the text is no batch.
-    static Result<Array> eventsOf(std::string_view text);
 
     // Reads the file of that name, and says what it is and why it is still there. `agent` is what the running agent
     // tells, and null if none runs; docs/formats.md describes it. Absent if there is no such file.

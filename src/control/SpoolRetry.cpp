@@ -23,6 +23,12 @@ namespace {
 
 constexpr std::chrono::milliseconds kLookedEach{20};
 
+// The agent checks it too. A name that is not UTF-8 cannot stand in a request.
+bool mayBeSent(const SpooledFile& file) {
+    const bool isBatch = SpoolFile::isKept(file.name) && file.events;
+    return (file.state == SpooledFile::State::refused || isBatch) && isValidUtf8(file.name);
+}
+
 }  // namespace
 
 void SpoolRetry::fail(const std::string& problem) {
@@ -38,10 +44,6 @@ void SpoolRetry::choose(const std::vector<std::string>& names) {
             fail(fmt::format("{}: a name of the spool has no folder", shown));
         } else if (!file) {
             fail(fmt::format("{}: is not in the spool; \"sentrovactl spool list\" has the names", shown));
-        } else if (!file->maySend) {
-            fail(fmt::format("{}: cannot be sent: {}", shown, file->reason));
-        } else if (!isValidUtf8(name)) {
-            fail(fmt::format("{}: cannot be sent: its name is not UTF-8", shown));
         } else {
             choose(*file);
         }
@@ -50,8 +52,9 @@ void SpoolRetry::choose(const std::vector<std::string>& names) {
 
 void SpoolRetry::choose(const SpooledFile& file) {
     if (file.state == SpooledFile::State::waiting) {
-        console_.print(fmt::format("{} waits to be sent already; nothing is changed\n", file.name));
-    } else if (file.state == SpooledFile::State::kept && !SpoolFile::isKept(file.name)) {
+        console_.print(
+            fmt::format("{} waits to be sent already; nothing is changed\n", EventTable::visible(file.name)));
+    } else if (!mayBeSent(file)) {
         fail(fmt::format("{}: cannot be sent: {}", EventTable::visible(file.name), file.reason));
     } else if (std::ranges::find(chosen_, file.name) == chosen_.end()) {
         chosen_.push_back(file.name);
@@ -65,8 +68,7 @@ void SpoolRetry::chooseAll() {
         if (file.state == SpooledFile::State::waiting) {
             continue;
         }
-        if (!isAltered && file.maySend && isValidUtf8(file.name) &&
-            (file.state == SpooledFile::State::refused || SpoolFile::isKept(file.name))) {
+        if (!isAltered && mayBeSent(file)) {
             choose(file);
         } else {
             console_.print(fmt::format("{} is left out: {}{}\n", EventTable::visible(file.name), file.reason,

@@ -113,8 +113,10 @@ void RetryRequests::sendAgain(const std::string& keptName, DurableSpool* durable
         kLog.error("The file {} is not sent again: {}", path(keptName), content.error().description);
         return;
     }
-    if (!SpoolFile::looksLikeBatch(*content)) {
-        kLog.error("The file {} is not a batch of events; it stays in the spool and is not sent", path(keptName));
+    // The server would refuse it again, and without the durable mode that stops all deliveries for a while.
+    if (const auto events = SpoolFile::eventsOf(*content); !events) {
+        kLog.error("The file {} is not a batch of events ({}); it stays in the spool and is not sent", path(keptName),
+                   events.error().description);
         return;
     }
     const bool isDurable = durable && durable->mode() == DurableSpool::Mode::on;

@@ -4,6 +4,7 @@
 #include "foundation/formats/Json.h"
 #include "foundation/value/Text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <system_error>
@@ -50,6 +51,20 @@ SpoolFile::Content SpoolFile::contentOf(std::string_view batch) {
         }
     }
     return content;
+}
+
+Result<Array> SpoolFile::eventsOf(std::string_view batch) {
+    auto parsed = Json::parse(batch, {batch.size(), 512});
+    if (!parsed) {
+        // Without the parser's own words.
+        const auto& description = parsed.error().description;
+        return Error{.domain = kCocoaErrorDomain, .description = description.substr(0, description.find(": "))};
+    }
+    auto* const events = parsed->array();
+    if (!events || !std::ranges::all_of(*events, [](const auto& event) { return event.dictionary() != nullptr; })) {
+        return Error{.domain = kCocoaErrorDomain, .description = "Not an array of events"};
+    }
+    return std::move(*events);
 }
 
 bool SpoolFile::looksLikeBatch(std::string_view content) {

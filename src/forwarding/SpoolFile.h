@@ -3,6 +3,7 @@
 #pragma once
 
 #include "foundation/value/Result.h"
+#include "foundation/value/Value.h"
 
 #include <cstdint>
 #include <optional>
@@ -18,6 +19,9 @@ struct Content {
 };
 // Fast for a batch that this agent has made; any other is parsed. A text that is no batch has no events.
 Content contentOf(std::string_view batch);
+
+// All events of a batch. Fails with the reason if the text is no batch.
+Result<Array> eventsOf(std::string_view batch);
 
 // A cheap check: the server must not receive a text that cannot be a batch of the spool.
 bool looksLikeBatch(std::string_view content);

@@ -129,6 +129,8 @@ TEST_F(SpoolCommandTest, StoppedInstallationIsReadOnlyAndARequestWaitsForTheNext
     const auto asked = spool({"retry", "undelivered_5", "event_1"});
     EXPECT_EQ(asked.status, 1) << "event_1 is unknown";
     EXPECT_NE(asked.output.find("The agent is not running"), std::string::npos) << asked.output;
+    // The agent would send it, and its refusal would end all deliveries until the next sync.
+    fs::remove(volume.eventData() / "event_20261122102051004");
     RunningAgent agent(build::kAgent, volume);
     EXPECT_TRUE(server.waitForEvents(2)) << log();
     put("undelivered_9", batchOf(9));

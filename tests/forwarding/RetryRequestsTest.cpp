@@ -25,7 +25,7 @@ class RetryRequestsTest : public ::testing::Test, protected AgentFixture {
 
 TEST_F(RetryRequestsTest, RequestsAreServedOnceWhateverTheySay) {
     put("undelivered_1", R"([{"n":1}])");
-    put("undelivered_2", "no batch");
+    put("undelivered_2", R"([{"n":2},{])");
     put("event_3", R"([{"n":3}])");
     put(".retry-1-1", R"({"names":["undelivered_1","undelivered_2","event_3","gone","../conf",".journal",7]})");
     put(".retry-1-2", R"({"names":["undelivered_1")");
