@@ -71,14 +71,25 @@ class CharacterForms {
         appendUtf8(character, bytes_);
     }
 
-    // Calls the function with the end of each form that stands at the place, until the function returns an end.
+    // Calls the function with the end of each form that stands at the place, until the function returns an end. Plain
+    // characters come last, since each may be the first one of an escape.
     template <class Function>
     std::size_t firstOf(const Function& after) const {
-        for (const auto form : {&CharacterForms::plain, &CharacterForms::inUrl, &CharacterForms::inUrlTwice,
-                                &CharacterForms::inXml, &CharacterForms::inXmlTwice, &CharacterForms::escaped}) {
+        for (const auto form : {&CharacterForms::inUrlTwice, &CharacterForms::inUrl, &CharacterForms::inXmlTwice,
+                                &CharacterForms::inXml, &CharacterForms::escaped, &CharacterForms::plain}) {
             const auto end = (this->*form)();
-            const auto result = end == kNowhere ? kNowhere : after(end);
+            auto result = end == kNowhere ? kNowhere : after(end);
+            if (result == kNowhere && end != kNowhere && character_ == U'\\') {
+                // One backslash stands for a run of them.
+                result = CharacterForms(text_, end, character_).firstOf(after);
+            }
             if (result != kNowhere) {
+                return result;
+            }
+        }
+        // The last backslashes of a run may belong to the escape of the next character.
+        for (auto end = character_ == U'\\' ? pastBackslashes(place_) : place_; end > place_; --end) {
+            if (const auto result = after(end); result != kNowhere) {
                 return result;
             }
         }
@@ -90,16 +101,15 @@ class CharacterForms {
     bool isAt(std::size_t place, std::string_view part) const {
         return place <= text_.size() && text_.substr(place).starts_with(part);
     }
+    // Looks at so many backslashes only that a long run of them costs no time.
     std::size_t pastBackslashes(std::size_t place) const {
-        return std::min(text_.find_first_not_of('\\', place), text_.size());
+        constexpr std::size_t kMost = 1000;
+        const auto run = text_.substr(std::min(place, text_.size()), kMost);
+        return std::min(place, text_.size()) + std::min(run.find_first_not_of('\\'), run.size());
     }
 
     std::size_t plain() const {
-        if (character_ == U'\\') {
-            const auto end = pastBackslashes(place_);
-            return end > place_ ? end : kNowhere;
-        }
-        return isAt(place_, bytes_) ? place_ + bytes_.size() : kNowhere;
+        return character_ != U'\\' && isAt(place_, bytes_) ? place_ + bytes_.size() : kNowhere;
     }
 
     // %C3%A9; twice %25C3%25A9.
