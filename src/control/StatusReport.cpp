@@ -7,7 +7,7 @@
 #include "core/Configuration.h"
 #include "core/ConfigurationCheck.h"
 #include "core/FileUtils.h"
-#include "forwarding/DurableSpool.h"
+#include "forwarding/SpoolFile.h"
 #include "operations/ScheduleHandler.h"
 #include "service/ConfigurationFindings.h"
 
@@ -53,11 +53,6 @@ const char* nameOf(StatusReport::State state) {
 
 std::string timeOrNever(const Value& time) {
     return time.isNumber() ? timeText(time.integerValue()) : "never";
-}
-
-bool isKept(const std::string& name) {
-    return name.starts_with("undelivered_") || name.starts_with(DurableSpool::kAlteredPrefix) ||
-           name.starts_with(DurableSpool::kRefusedPrefix);
 }
 
 std::string plural(std::int64_t count, std::string_view one, std::string_view many) {
@@ -113,7 +108,7 @@ void StatusReport::readFolders(const InstallationFolder& installation, FileSyste
         if (name.starts_with('.') || !status || !status->isRegular) {
             continue;
         }
-        if (isKept(name)) {
+        if (SpoolFile::isKept(name)) {
             ++spool_.kept;
             continue;
         }

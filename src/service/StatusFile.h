@@ -63,7 +63,7 @@ class StatusFile {
     const std::int64_t since_;
 
     // Held while the file is written, so that an older content never replaces a newer one.
-    Mutex mutex_{LockRank::owner};
+    Mutex mutex_{LockRank::transaction};
     std::optional<std::string> path_ GUARDED_BY(mutex_);
     Phase phase_ GUARDED_BY(mutex_) = Phase::starting;
 };
