@@ -27,7 +27,7 @@ int ProbeCommand::run(Console& console, const InstallationFolder& installation) 
     const int working = probeAddresses(*configuration, [&](const AddressReport& report) {
         isAny = true;
         if (json_) {
-            addresses.push_back(report.json());
+            addresses.emplace_back(report.json());
             return;
         }
         const auto colour = report.works() ? Console::Colour::green : Console::Colour::red;
