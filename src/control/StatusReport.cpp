@@ -199,7 +199,7 @@ void StatusReport::judgeSpool() {
     if (const auto refused = known("durable", "refused").integerValue(); isRunning() && refused > 0) {
         add(fmt::format("The server refuses {}; the next attempt is at {}", plural(refused, "batch", "batches"),
                         timeOrNever(known("durable", "next_attempt"))),
-            "see \"sentrovactl spool list\"; after a correction at the server, \"sentrovactl spool retry --all\"");
+            R"(see "sentrovactl spool list"; after a correction at the server, "sentrovactl spool retry --all")");
     } else if (spool_.oldest && *spool_.oldest < now_ - kLongestWait && isRunning() &&
                known("server", "succeeded").boolValue()) {
         add(fmt::format("A batch waits since {}", timeText(*spool_.oldest)),
@@ -207,18 +207,18 @@ void StatusReport::judgeSpool() {
     }
     if (spool_.kept > 0) {
         add(fmt::format("The spool keeps {} that the agent does not send", plural(spool_.kept, "file", "files")),
-            "see \"sentrovactl spool list\" for the reason; \"sentrovactl spool retry\" sends them again");
+            R"(see "sentrovactl spool list" for the reason; "sentrovactl spool retry" sends them again)");
     }
 }
 
 Dictionary StatusReport::json() const {
     Array problems;
     for (const auto& [problem, remedy] : problems_) {
-        problems.push_back(Dictionary{{"problem", problem}, {"remedy", remedy}});
+        problems.emplace_back(Dictionary{{"problem", problem}, {"remedy", remedy}});
     }
     Array tasks;
     for (const auto& task : tasks_) {
-        tasks.push_back(
+        tasks.emplace_back(
             Dictionary{{"name", task.name}, {"last_run", valueOf(task.lastRun)}, {"next_run", valueOf(task.nextRun)}});
     }
     const bool runs = isRunning();
