@@ -41,7 +41,7 @@ class Statistics {
 
     // A request succeeded at the address (scheme, host and port).
     void requestSucceeded(const std::string& address, Seconds now) EXCLUDES(mutex_);
-    // A request failed. `kind` is the failure's kind, as docs/formats.md lists them; `text` says what happened.
+    // A request failed. `kind` is the failure's kind, as docs/sentrovactl.md lists them; `text` says what happened.
     // `isAnswered` tells whether the server gave an answer.
     void requestFailed(std::string_view kind, std::string text, const std::string& address, bool isAnswered,
                        Seconds now) EXCLUDES(mutex_);
