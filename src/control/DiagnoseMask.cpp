@@ -87,10 +87,13 @@ class CharacterForms {
                 return result;
             }
         }
-        // The last backslashes of a run may belong to the escape of the next character.
-        for (auto end = character_ == U'\\' ? pastBackslashes(place_) : place_; end > place_; --end) {
-            if (const auto result = after(end); result != kNowhere) {
-                return result;
+        if (character_ == U'\\') {
+            // A run of them, of which the last one may belong to the escape of the next character.
+            const auto run = pastBackslashes(place_);
+            for (auto end = run; end > place_ && end + 1 >= run; --end) {
+                if (const auto result = after(end); result != kNowhere) {
+                    return result;
+                }
             }
         }
         return kNowhere;
@@ -101,11 +104,8 @@ class CharacterForms {
     bool isAt(std::size_t place, std::string_view part) const {
         return place <= text_.size() && text_.substr(place).starts_with(part);
     }
-    // Looks at so many backslashes only that a long run of them costs no time.
     std::size_t pastBackslashes(std::size_t place) const {
-        constexpr std::size_t kMost = 1000;
-        const auto run = text_.substr(std::min(place, text_.size()), kMost);
-        return std::min(place, text_.size()) + std::min(run.find_first_not_of('\\'), run.size());
+        return std::min(text_.find_first_not_of('\\', place), text_.size());
     }
 
     std::size_t plain() const {
@@ -121,13 +121,17 @@ class CharacterForms {
     std::size_t inXml() const { return entity("&"); }
     std::size_t inXmlTwice() const { return entity("&amp;"); }
     std::size_t entity(std::string_view sign) const {
-        const auto end = text_.find(';', std::min(place_ + sign.size(), text_.size()));
-        constexpr std::size_t kLongest = 12;
-        if (!isAt(place_, sign) || end == kNowhere || end - place_ > sign.size() + kLongest) {
+        if (!isAt(place_, sign)) {
             return kNowhere;
         }
-        const auto name = text_.substr(place_ + sign.size(), end - place_ - sign.size());
-        return characterOf(name) == character_ ? end + 1 : kNowhere;
+        constexpr std::size_t kLongest = 12;
+        const auto begin = place_ + sign.size();
+        const auto length = text_.substr(begin, kLongest + 1).find(';');
+        if (length == kNowhere) {
+            return kNowhere;
+        }
+        const auto name = text_.substr(begin, length);
+        return characterOf(name) == character_ ? begin + length + 1 : kNowhere;
     }
     static std::optional<char32_t> characterOf(std::string_view entity) {
         static constexpr std::array<std::pair<std::string_view, char32_t>, 5> kNames = {
@@ -539,7 +543,9 @@ std::string DiagnoseMask::masked(std::string_view text, const ValueAfter& valueA
         done = end;
     };
     for (std::size_t place = 0; place < text.size(); place = std::max(place + 1, done)) {
-        if (!begins_.at(static_cast<unsigned char>(text[place]))) {
+        // What begins inside a run of backslashes begins with the run too. A long run is looked at once.
+        const bool isInRun = place > done && text[place] == '\\' && text[place - 1] == '\\';
+        if (isInRun || !begins_.at(static_cast<unsigned char>(text[place]))) {
             continue;
         }
         if (const auto end = secretAt(text, place); end != kNowhere) {
