@@ -2,6 +2,7 @@
 
 #include "control/ControlHost.h"
 #include "control/DiagnoseArchive.h"
+#include "control/TimeArgument.h"
 
 #include <array>
 #include <ctime>
@@ -17,9 +18,7 @@ namespace {
 
 // "20240305-091244", in the local zone.
 std::string timeInName() {
-    const std::time_t now = std::time(nullptr);
-    struct tm fields{};
-    ::localtime_r(&now, &fields);
+    const auto fields = localFields(std::time(nullptr));
     std::array<char, 32> text{};
     return {text.data(), std::strftime(text.data(), text.size(), "%Y%m%d-%H%M%S", &fields)};
 }

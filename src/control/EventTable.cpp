@@ -72,13 +72,6 @@ std::string_view cut(std::string_view line, std::size_t width) {
     return line;
 }
 
-std::tm localFields(std::int64_t seconds) {
-    const auto time = static_cast<std::time_t>(seconds);
-    std::tm fields{};
-    ::localtime_r(&time, &fields);
-    return fields;
-}
-
 std::string zoneOf(std::int64_t seconds) {
     const auto fields = localFields(seconds);
     std::array<char, 64> text{};

@@ -21,10 +21,6 @@ const Value& inner(const Dictionary& status, std::string_view key, std::string_v
     return dictionary ? (*dictionary)[innerKey] : kNothing;
 }
 
-std::string timeOrNever(const Value& time) {
-    return time.isNumber() ? timeText(time.integerValue()) : "never";
-}
-
 std::string yesOrNo(const Value& value, const char* yes, const char* no) {
     return value.isNull() ? "unknown" : value.boolValue() ? yes : no;
 }
@@ -233,6 +229,10 @@ std::string statusMetrics(const Dictionary& status) {
         metrics.counter("events_delivered_total", "Events confirmed by the server since the agent's start.", 0);
     }
     return std::move(metrics).text();
+}
+
+std::string timeOrNever(const Value& time) {
+    return time.isNumber() ? timeText(time.integerValue()) : "never";
 }
 
 std::string bytesText(std::int64_t bytes) {

@@ -16,6 +16,9 @@ std::string statusText(const Dictionary& status, std::int64_t now, const Console
 // Prometheus' text format, for the textfile collector.
 std::string statusMetrics(const Dictionary& status);
 
+// The text of a time in seconds since 1970, in the local zone; "never" for a null.
+std::string timeOrNever(const Value& time);
+
 // "999 bytes", "1.2 kB", "35 MB".
 std::string bytesText(std::int64_t bytes);
 

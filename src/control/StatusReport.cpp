@@ -51,10 +51,6 @@ const char* nameOf(StatusReport::State state) {
     return "not running";
 }
 
-std::string timeOrNever(const Value& time) {
-    return time.isNumber() ? timeText(time.integerValue()) : "never";
-}
-
 std::string plural(std::int64_t count, std::string_view one, std::string_view many) {
     return fmt::format("{} {}", count, count == 1 ? one : many);
 }

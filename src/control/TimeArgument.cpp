@@ -9,6 +9,13 @@
 
 namespace sentrova::control {
 
+std::tm localFields(std::int64_t seconds) {
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm fields{};
+    ::localtime_r(&time, &fields);
+    return fields;
+}
+
 namespace {
 
 constexpr std::int64_t kMinute = 60;
@@ -166,13 +173,6 @@ std::optional<std::int64_t> iso8601(std::string_view text) {
     }
     const auto offset = zoneOffset(scanner);
     return offset && scanner.isAtEnd() ? universalTime(fields, *offset) : std::nullopt;
-}
-
-std::tm localFields(std::int64_t seconds) {
-    const auto time = static_cast<std::time_t>(seconds);
-    std::tm fields{};
-    ::localtime_r(&time, &fields);
-    return fields;
 }
 
 std::optional<std::int64_t> yesterday(std::string_view text, std::int64_t now) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +18,9 @@ std::optional<std::int64_t> timeArgument(std::string_view text, std::int64_t now
 // The forms that timeArgument takes, for help and messages.
 inline constexpr const char* kTimeForms =
     "seconds since 1970, ISO 8601 (local without an offset), 90s, 15m, 2h or 3d ago, or \"yesterday HH:MM\"";
+
+// The fields of the time in the local zone; the argument is in seconds since 1970.
+std::tm localFields(std::int64_t seconds);
 
 // "2024-03-05 09:12:44 CET", in the local zone; the argument is in seconds since 1970.
 std::string timeText(std::int64_t seconds);
